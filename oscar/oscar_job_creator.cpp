@@ -1,0 +1,1 @@
+#include "oscar/oscar_job_creator.h"
