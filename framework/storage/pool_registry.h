@@ -1,0 +1,41 @@
+#pragma once
+
+#include "storage/pool.h"
+
+#include <string>
+#include <vector>
+
+namespace kestrel
+{
+/// The storage pools of this host, kept in a small JSON file.
+///
+/// Threads:   any thread, and any number of processes: every change holds a lock on a file beside the list.
+/// Errors:    false with `error` telling what failed and what to do; out-parameters untouched.
+/// Crash:     the file is replaced in one step, so it holds the list from before or after a change.
+class Pool_Registry
+{
+public:
+  /// Uses the host's own list, pools.json in its state directory.
+  Pool_Registry();
+  /// Uses another file.
+  explicit Pool_Registry(const std::string& file);
+
+  /// Adds a pool. `name` is unique and made of letters, digits, '.', '_' and '-' (at most 64, the first a
+  /// letter or digit). `path` names an existing directory and is made absolute; no two pools share one. The
+  /// first pool becomes the default.
+  [[nodiscard]] bool add(const std::string& name, const std::string& path, Pool_Info& added,
+                         std::string& error);
+  /// Forgets a pool, by id or name; its files are left alone.
+  [[nodiscard]] bool remove(const std::string& id_or_name, std::string& error);
+  /// All pools, in the order in which they were added.
+  [[nodiscard]] bool list(std::vector<Pool_Info>& pools, std::string& error) const;
+  /// The pool with this id or, failing that, this name.
+  [[nodiscard]] bool find(const std::string& id_or_name, Pool_Info& info, std::string& error) const;
+  /// The pool that jobs use when none is named; false when there is no pool.
+  [[nodiscard]] bool default_pool(Pool_Info& info, std::string& error) const;
+  [[nodiscard]] bool set_default_pool(const std::string& id_or_name, std::string& error);
+
+private:
+  std::string file_;
+};
+} // namespace kestrel
