@@ -1,0 +1,43 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+class Job;
+class Text_Process_Handler;
+
+namespace kestrel
+{
+/// Frees a cancelled job from a tool that has fallen silent.
+///
+/// An executor notices a cancel only while its tool moves data. When the job is canceling, canceled or
+/// aborting and the tool has neither moved a byte (touch()) nor printed a line for the grace time, the tool's
+/// process group is terminated; the executor then sees the end of the stream. A job that nobody cancels is
+/// never disturbed.
+///
+/// Threads:   makes one thread, ended and joined by the destructor; touch() from any thread.
+/// Ownership: job and handler are not owned and must outlive the watch.
+/// Units:     milliseconds of kestrel::clock()'s monotonic time.
+class Tool_Watch
+{
+public:
+  static const int64_t GRACE_MSEC = 60 * 1000;
+
+  /// tool is the name used in the log.
+  Tool_Watch(Job& job, Text_Process_Handler& handler, std::string tool = "tool",
+             int64_t grace_msec = GRACE_MSEC);
+  ~Tool_Watch();
+  Tool_Watch(const Tool_Watch&) = delete;
+  Tool_Watch& operator=(const Tool_Watch&) = delete;
+
+  /// Bytes have moved. Cheap enough for every block.
+  void touch();
+  /// True once the watch has terminated the tool.
+  bool fired() const;
+
+private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+} // namespace kestrel
