@@ -192,7 +192,5 @@ public:
   int handle_progress(int percent, unsigned long long total, unsigned long long done);
 
 private:
-  void finish(Job_State result, int code, std::string text);
-
   Job& job_;
 };

@@ -1,20 +1,43 @@
 #include "storage/pool.h"
 
+#include "storage/pool_registry.h"
+
+#include <ace/Log_Msg.h>
+
+#include <exception>
 #include <mutex>
 
+namespace kestrel
+{
 namespace
 {
 std::mutex finder_lock;
 
-kestrel::Pool_Finder& current_finder()
+Pool_Finder& current_finder()
 {
-  static kestrel::Pool_Finder* finder = new kestrel::Pool_Finder;
+  static auto* finder = new Pool_Finder;
   return *finder;
+}
+
+bool find_pool(const std::string& pool_id, Pool_Info& info, std::string& error)
+{
+  Pool_Finder finder;
+  {
+    std::lock_guard<std::mutex> guard(finder_lock);
+    finder = current_finder();
+  }
+  try {
+    if (pool_id.empty())
+      error = "no pool is named";
+    else
+      return finder ? finder(pool_id, info, error) : Pool_Registry().find(pool_id, info, error);
+  } catch (const std::exception& failure) {
+    error = failure.what();
+  }
+  return false;
 }
 } // namespace
 
-namespace kestrel
-{
 void set_pool_finder(Pool_Finder finder)
 {
   std::lock_guard<std::mutex> guard(finder_lock);
@@ -25,15 +48,12 @@ void set_pool_finder(Pool_Finder finder)
 bool get_pool_info(const std::string& pool_id, const std::string& device_id, Pool_Info& info, bool, int,
                    void*, bool, void*, void*, bool)
 {
-  kestrel::Pool_Finder finder;
-  {
-    std::lock_guard<std::mutex> guard(finder_lock);
-    finder = current_finder();
-  }
   Pool_Info found;
   std::string error;
-  if (!finder || !finder(pool_id, found, error))
+  if (!kestrel::find_pool(pool_id, found, error)) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) get_pool_info: %C\n", error.c_str()));
     return false;
+  }
   found.device_id = device_id;
   info = found;
   return true;

@@ -2,6 +2,7 @@
 
 #include "storage/pool.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,21 +22,34 @@ public:
   explicit Pool_Registry(const std::string& file);
 
   /// Adds a pool. `name` is unique and made of letters, digits, '.', '_' and '-' (at most 64, the first a
-  /// letter or digit). `path` names an existing directory and is made absolute; no two pools share one. The
-  /// first pool becomes the default.
+  /// letter or digit, not the form of an id). `path` names an existing directory other than the root and is
+  /// made absolute without following links; no two pools share a directory. The first pool becomes the
+  /// default.
   [[nodiscard]] bool add(const std::string& name, const std::string& path, Pool_Info& added,
                          std::string& error);
-  /// Forgets a pool, by id or name; its files are left alone.
+  /// Forgets a pool, by id or name; its files are left alone. Another pool becomes the default only when it
+  /// is the last one left.
   [[nodiscard]] bool remove(const std::string& id_or_name, std::string& error);
-  /// All pools, in the order in which they were added.
+  /// All pools, in the order in which they were added. A list that does not exist yet is empty.
   [[nodiscard]] bool list(std::vector<Pool_Info>& pools, std::string& error) const;
   /// The pool with this id or, failing that, this name.
   [[nodiscard]] bool find(const std::string& id_or_name, Pool_Info& info, std::string& error) const;
-  /// The pool that jobs use when none is named; false when there is no pool.
+  /// The pool that jobs use when none is named; false when there is none.
   [[nodiscard]] bool default_pool(Pool_Info& info, std::string& error) const;
   [[nodiscard]] bool set_default_pool(const std::string& id_or_name, std::string& error);
 
 private:
+  struct Content {
+    std::vector<Pool_Info> pools;
+    std::string default_id;
+  };
+
+  bool load(Content& content, std::string& error) const;
+  bool save(const Content& content, std::string& error) const;
+  /// Loads, lets `change` work on the content and saves, all under the lock.
+  bool update(const std::function<bool(Content&, std::string&)>& change, std::string& error) const;
+  static std::vector<Pool_Info>::iterator position(Content& content, const std::string& id_or_name);
+
   std::string file_;
 };
 } // namespace kestrel

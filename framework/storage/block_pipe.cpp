@@ -1,0 +1,119 @@
+#include "storage/block_pipe.h"
+
+#include <cstdlib>
+
+namespace kestrel
+{
+namespace
+{
+const unsigned PAGE_BYTES = 4096;
+
+unsigned whole_pages(unsigned bytes)
+{
+  return (bytes + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
+}
+} // namespace
+
+Block_Pipe::Block_Pipe(unsigned block_count, unsigned block_bytes)
+    : block_count_(block_count), block_bytes_(block_bytes)
+{
+  blocks_.reserve(block_count);
+  free_.reserve(block_count);
+}
+
+Block_Pipe::~Block_Pipe()
+{
+  for (const auto& block : blocks_)
+    std::free(block->data);
+}
+
+Block* Block_Pipe::make_block()
+{
+  void* data = std::aligned_alloc(PAGE_BYTES, whole_pages(block_bytes_));
+  if (data == nullptr) {
+    stopped_ = true;
+    failure_ = "not enough memory for the buffers of a stored file";
+    filled_.notify_all();
+    return nullptr;
+  }
+  blocks_.push_back(std::make_unique<Block>(Block{static_cast<char*>(data), block_bytes_, 0}));
+  return blocks_.back().get();
+}
+
+Block* Block_Pipe::take_free()
+{
+  std::unique_lock<std::mutex> guard(lock_);
+  freed_.wait(guard, [this] { return stopped_ || !free_.empty() || blocks_.size() < block_count_; });
+  if (stopped_)
+    return nullptr;
+  if (free_.empty())
+    return make_block();
+  // The block used last is the one most likely still in the processor's cache.
+  Block* block = free_.back();
+  free_.pop_back();
+  block->size = 0;
+  return block;
+}
+
+void Block_Pipe::put(Block* block)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  full_.push_back(block);
+  filled_.notify_one();
+}
+
+void Block_Pipe::finish()
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  finished_ = true;
+  filled_.notify_all();
+}
+
+Block* Block_Pipe::take_full()
+{
+  std::unique_lock<std::mutex> guard(lock_);
+  filled_.wait(guard, [this] { return stopped_ || finished_ || !full_.empty(); });
+  if (stopped_ || full_.empty())
+    return nullptr;
+  Block* block = full_.front();
+  full_.pop_front();
+  return block;
+}
+
+void Block_Pipe::give_back(Block* block)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  free_.push_back(block);
+  freed_.notify_one();
+}
+
+void Block_Pipe::stop()
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  stopped_ = true;
+  freed_.notify_all();
+  filled_.notify_all();
+}
+
+void Block_Pipe::fail(const std::string& reason)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  if (failure_.empty())
+    failure_ = reason;
+  stopped_ = true;
+  freed_.notify_all();
+  filled_.notify_all();
+}
+
+bool Block_Pipe::ended() const
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  return finished_ && full_.empty() && !stopped_;
+}
+
+std::string Block_Pipe::failure() const
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  return failure_;
+}
+} // namespace kestrel
