@@ -80,7 +80,7 @@ public:
   ssize_t log(ACE_Log_Record& record) override
   {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (record.priority() < static_cast<u_long>(options_.minimum))
+    if (record.type() < static_cast<u_long>(options_.minimum))
       return 0;
     const std::string line = format_log_line(record);
     if (!options_.file.empty()) {
@@ -130,7 +130,7 @@ std::string format_log_line(const ACE_Log_Record& record)
   const int length = ::snprintf(head, sizeof head, "%04d-%02d-%02d %02d:%02d:%02d.%03d [%ld.%ld] %s ",
                                 local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
                                 local.tm_sec, static_cast<int>(stamp.usec() / 1000), static_cast<long>(::getpid()),
-                                static_cast<long>(::syscall(SYS_gettid)), priority_word(record.priority()));
+                                static_cast<long>(::syscall(SYS_gettid)), priority_word(record.type()));
   std::string line(head, length > 0 ? static_cast<size_t>(length) : 0);
   const char* const text = record.msg_data();
   line += text ? text : "";

@@ -121,8 +121,10 @@ public:
   /// The alerts of the present or last run.
   std::vector<kestrel::Job_Alert> alerts() const;
   void add_alert(kestrel::Job_Alert alert);
-  /// Reports the result of the run: sets the state and the end time. First report wins; false for a later
-  /// one.
+  /// For the event handler: the run begins its work. RUNNING, unless a control request came first.
+  void begin_work();
+  /// For the event handler. Reports the result of the run: sets the state and the end time. First report
+  /// wins; false for a later one.
   bool settle(Job_State result);
 
   /// A reference that also counts as a run for wait_all_runs(): for threads that work for the job outside a

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "jobs/job_definition.h"
+#include "json/value.h"
 
 #include <map>
 #include <string>
@@ -42,7 +43,8 @@ public:
                           std::size_t limit_bytes = NETWORK_LIMIT_BYTES) const;
   [[nodiscard]] bool load_file(const std::string& path, Job_Definition_Ptr& out, std::string& error) const;
 
-  /// The definition as JSON text that load() accepts; members that have their default value are left out.
+  /// The definition as JSON text that load() accepts; members that have their default value are left out,
+  /// and a protection password is replaced by "***": only whether there is one matters to a job.
   [[nodiscard]] static bool generate(const Job_Definition& definition, std::string& text, std::string& error);
 
 private:
@@ -51,7 +53,8 @@ private:
     Parser_Creator* options = nullptr;
   };
 
-  const Parsers* find_parsers(Job_Definition_Type type, Job_Definition_Subtype subtype) const;
+  Parsers find_parsers(Job_Definition_Type type, Job_Definition_Subtype subtype) const;
+  void load_documents(const json_spirit::Object& object, Job_Definition_Fields& fields) const;
 
   std::map<int, Parsers> by_type_;
   std::map<std::pair<int, int>, Parsers> by_subtype_;

@@ -192,5 +192,7 @@ public:
   int handle_progress(int percent, unsigned long long total, unsigned long long done);
 
 private:
+  void finish(Job_State result, int code, std::string text);
+
   Job& job_;
 };

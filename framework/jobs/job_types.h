@@ -60,4 +60,6 @@ namespace kestrel
 const char* job_state_to_string(Job_State state);
 /// "none", "backup", "restore", "standby", "storage"; "unknown" for every other value.
 const char* job_def_type_to_string(Job_Definition_Type type);
+/// True for a state that only a run under way has.
+bool job_run_in_progress(Job_State state);
 } // namespace kestrel

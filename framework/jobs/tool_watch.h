@@ -31,6 +31,8 @@ public:
   Tool_Watch(const Tool_Watch&) = delete;
   Tool_Watch& operator=(const Tool_Watch&) = delete;
 
+  /// Looks once and acts; what the thread does several times a second.
+  void check();
   /// Bytes have moved. Cheap enough for every block.
   void touch();
   /// True once the watch has terminated the tool.

@@ -194,7 +194,10 @@ template <class T> T extract(const Value& value, const std::string& key)
 }
 } // namespace
 
-Json_Limits json_network_limits() { return Json_Limits(); }
+Json_Limits json_network_limits()
+{
+  return Json_Limits();
+}
 
 Json_Limits json_file_limits()
 {
@@ -217,9 +220,15 @@ bool read_json(const std::string& text, const Json_Limits& limits, Value& value,
   return true;
 }
 
-std::string write_json(const Value& value) { return write(value, Json_Form::compact); }
+std::string write_json(const Value& value)
+{
+  return write(value, Json_Form::compact);
+}
 
-std::string write_json_pretty(const Value& value) { return write(value, Json_Form::pretty); }
+std::string write_json_pretty(const Value& value)
+{
+  return write(value, Json_Form::pretty);
+}
 
 template <class T> T required(const Object& obj, const std::string& key)
 {
@@ -249,8 +258,8 @@ void set_value(Object& obj, const std::string& name, Value value)
   obj.emplace_back(name, std::move(value));
 }
 
-#define KESTREL_JSON_EXTRACTORS(T)                                                                               \
-  template T required<T>(const Object&, const std::string&);                                                     \
+#define KESTREL_JSON_EXTRACTORS(T)                                                                           \
+  template T required<T>(const Object&, const std::string&);                                                 \
   template bool optional<T>(const Object&, const std::string&, T&);
 
 KESTREL_JSON_EXTRACTORS(std::string)

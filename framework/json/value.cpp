@@ -32,7 +32,8 @@ const char* type_name(Value_type type)
 // Names the types only: the value itself may be a secret.
 [[noreturn]] void refuse(Value_type expected, Value_type found)
 {
-  throw std::runtime_error(std::string("JSON value is ") + type_name(found) + ", expected " + type_name(expected));
+  throw std::runtime_error(std::string("JSON value is ") + type_name(found) + ", expected " +
+                           type_name(expected));
 }
 
 template <class T, class Variant> T& get(Variant& value, Value_type expected, Value_type found)
@@ -83,21 +84,45 @@ Value_type Value::type() const
   return types[value_.index()];
 }
 
-bool Value::is_null() const { return std::holds_alternative<std::monostate>(value_); }
+bool Value::is_null() const
+{
+  return std::holds_alternative<std::monostate>(value_);
+}
 
-bool Value::is_uint64() const { return std::holds_alternative<uint64_t>(value_); }
+bool Value::is_uint64() const
+{
+  return std::holds_alternative<uint64_t>(value_);
+}
 
-const Object& Value::get_obj() const { return get<const Object>(value_, obj_type, type()); }
+const Object& Value::get_obj() const
+{
+  return get<const Object>(value_, obj_type, type());
+}
 
-Object& Value::get_obj() { return get<Object>(value_, obj_type, type()); }
+Object& Value::get_obj()
+{
+  return get<Object>(value_, obj_type, type());
+}
 
-const Array& Value::get_array() const { return get<const Array>(value_, array_type, type()); }
+const Array& Value::get_array() const
+{
+  return get<const Array>(value_, array_type, type());
+}
 
-Array& Value::get_array() { return get<Array>(value_, array_type, type()); }
+Array& Value::get_array()
+{
+  return get<Array>(value_, array_type, type());
+}
 
-const std::string& Value::get_str() const { return get<const std::string>(value_, str_type, type()); }
+const std::string& Value::get_str() const
+{
+  return get<const std::string>(value_, str_type, type());
+}
 
-bool Value::get_bool() const { return get<const bool>(value_, bool_type, type()); }
+bool Value::get_bool() const
+{
+  return get<const bool>(value_, bool_type, type());
+}
 
 int Value::get_int() const
 {
@@ -114,7 +139,10 @@ int64_t Value::get_int64() const
   return get<const int64_t>(value_, int_type, type());
 }
 
-uint64_t Value::get_uint64() const { return static_cast<uint64_t>(get_int64()); }
+uint64_t Value::get_uint64() const
+{
+  return static_cast<uint64_t>(get_int64());
+}
 
 double Value::get_real() const
 {
@@ -125,7 +153,10 @@ double Value::get_real() const
   return get<const double>(value_, real_type, type());
 }
 
-bool Value::operator==(const Value& other) const { return value_ == other.value_; }
+bool Value::operator==(const Value& other) const
+{
+  return value_ == other.value_;
+}
 
 const Value& find_value(const Object& obj, const std::string& name)
 {

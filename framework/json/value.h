@@ -11,7 +11,8 @@ namespace json_spirit
 {
 class Value;
 struct Pair;
-typedef std::vector<Pair> Object; ///< keeps insertion order; a name may occur twice, find_value takes the first
+typedef std::vector<Pair>
+    Object; ///< keeps insertion order; a name may occur twice, find_value takes the first
 typedef std::vector<Value> Array;
 
 /// The numbers differ between releases of libraries with this interface: compare by name only.
@@ -23,7 +24,8 @@ enum Value_type { obj_type = 0, array_type, str_type, bool_type, int_type, real_
 /// Ownership: owns everything below it; moving is cheap and leaves a valid value of the same type.
 /// Units:     integers -2^63 to 2^64-1, kept exactly. get_int64 and get_uint64 convert into each other by bit
 ///            pattern, so a number of 64 bits survives whichever of the two stored it.
-/// Errors:    get_* throw std::runtime_error when the value has another type (and get_int when the number does not
+/// Errors:    get_* throw std::runtime_error when the value has another type (and get_int when the number
+/// does not
 ///            fit an int); the value is unchanged. Catch at the caller's own edge.
 class Value
 {
@@ -88,8 +90,8 @@ struct Pair {
   Value value_;
 };
 
-/// The value of the first member called `name`; a null value when there is none. The reference lives as long as
-/// `obj` is unchanged.
+/// The value of the first member called `name`; a null value when there is none. The reference lives as long
+/// as `obj` is unchanged.
 const Value& find_value(const Object& obj, const std::string& name);
 
 inline Value::Value() noexcept = default;

@@ -11,7 +11,10 @@ namespace
 {
 const unsigned max_value_depth = 64;
 
-const unsigned char* bytes(const std::string& text) { return reinterpret_cast<const unsigned char*>(text.data()); }
+const unsigned char* bytes(const std::string& text)
+{
+  return reinterpret_cast<const unsigned char*>(text.data());
+}
 
 void write_value(YAJL_Gen& gen, const json_spirit::Value& value, unsigned depth, int& status);
 
@@ -33,7 +36,8 @@ void write_array(YAJL_Gen& gen, const json_spirit::Array& array, unsigned depth,
   gen.array_close();
 }
 
-// The recursion is bounded here, not by the generator: a document that the reader would refuse is not written.
+// The recursion is bounded here, not by the generator: a document that the reader would refuse is not
+// written.
 void write_value(YAJL_Gen& gen, const json_spirit::Value& value, unsigned depth, int& status)
 {
   switch (value.type()) {
@@ -77,13 +81,25 @@ YAJL_Gen& YAJL_Gen::keep(int status)
   return *this;
 }
 
-YAJL_Gen& YAJL_Gen::map_open() { return ok() ? keep(yajl_gen_map_open(gen_)) : *this; }
+YAJL_Gen& YAJL_Gen::map_open()
+{
+  return ok() ? keep(yajl_gen_map_open(gen_)) : *this;
+}
 
-YAJL_Gen& YAJL_Gen::map_close() { return ok() ? keep(yajl_gen_map_close(gen_)) : *this; }
+YAJL_Gen& YAJL_Gen::map_close()
+{
+  return ok() ? keep(yajl_gen_map_close(gen_)) : *this;
+}
 
-YAJL_Gen& YAJL_Gen::array_open() { return ok() ? keep(yajl_gen_array_open(gen_)) : *this; }
+YAJL_Gen& YAJL_Gen::array_open()
+{
+  return ok() ? keep(yajl_gen_array_open(gen_)) : *this;
+}
 
-YAJL_Gen& YAJL_Gen::array_close() { return ok() ? keep(yajl_gen_array_close(gen_)) : *this; }
+YAJL_Gen& YAJL_Gen::array_close()
+{
+  return ok() ? keep(yajl_gen_array_close(gen_)) : *this;
+}
 
 YAJL_Gen& YAJL_Gen::string(const std::string& text)
 {
@@ -93,7 +109,10 @@ YAJL_Gen& YAJL_Gen::string(const std::string& text)
   return keep(yajl_gen_string(gen_, bytes(clean), clean.size()));
 }
 
-YAJL_Gen& YAJL_Gen::integer(int64_t value) { return ok() ? keep(yajl_gen_integer(gen_, value)) : *this; }
+YAJL_Gen& YAJL_Gen::integer(int64_t value)
+{
+  return ok() ? keep(yajl_gen_integer(gen_, value)) : *this;
+}
 
 YAJL_Gen& YAJL_Gen::number(uint64_t value)
 {
@@ -118,9 +137,15 @@ YAJL_Gen& YAJL_Gen::real(double value)
   return keep(yajl_gen_number(gen_, text.data(), text.size()));
 }
 
-YAJL_Gen& YAJL_Gen::boolean(bool value) { return ok() ? keep(yajl_gen_bool(gen_, value)) : *this; }
+YAJL_Gen& YAJL_Gen::boolean(bool value)
+{
+  return ok() ? keep(yajl_gen_bool(gen_, value)) : *this;
+}
 
-YAJL_Gen& YAJL_Gen::null() { return ok() ? keep(yajl_gen_null(gen_)) : *this; }
+YAJL_Gen& YAJL_Gen::null()
+{
+  return ok() ? keep(yajl_gen_null(gen_)) : *this;
+}
 
 YAJL_Gen& YAJL_Gen::value(const json_spirit::Value& value)
 {
@@ -141,7 +166,10 @@ Json_Generator::Json_Generator(Json_Form form) : gen_(yajl_gen_alloc(nullptr))
   }
 }
 
-Json_Generator::~Json_Generator() { yajl_gen_free(gen_); }
+Json_Generator::~Json_Generator()
+{
+  yajl_gen_free(gen_);
+}
 
 std::string Json_Generator::text() const
 {

@@ -5,15 +5,42 @@
 #include <yajl/yajl_parse.h>
 
 YAJL_Handler::~YAJL_Handler() = default;
-bool YAJL_Handler::handle_null_i() { return true; }
-bool YAJL_Handler::handle_boolean_i(bool) { return true; }
-bool YAJL_Handler::handle_integer_i(long long) { return true; }
-bool YAJL_Handler::handle_double_i(double) { return true; }
-bool YAJL_Handler::handle_number_i(char const*, unsigned) { return true; }
-bool YAJL_Handler::handle_string_i(char const*, unsigned) { return true; }
-bool YAJL_Handler::handle_start_map_i() { return true; }
-bool YAJL_Handler::handle_map_key_i(char const*, unsigned) { return true; }
-bool YAJL_Handler::handle_end_map_i() { return true; }
+bool YAJL_Handler::handle_null_i()
+{
+  return true;
+}
+bool YAJL_Handler::handle_boolean_i(bool)
+{
+  return true;
+}
+bool YAJL_Handler::handle_integer_i(long long)
+{
+  return true;
+}
+bool YAJL_Handler::handle_double_i(double)
+{
+  return true;
+}
+bool YAJL_Handler::handle_number_i(char const*, unsigned)
+{
+  return true;
+}
+bool YAJL_Handler::handle_string_i(char const*, unsigned)
+{
+  return true;
+}
+bool YAJL_Handler::handle_start_map_i()
+{
+  return true;
+}
+bool YAJL_Handler::handle_map_key_i(char const*, unsigned)
+{
+  return true;
+}
+bool YAJL_Handler::handle_end_map_i()
+{
+  return true;
+}
 
 bool YAJL_Handler::handle_start_array_i()
 {
@@ -21,7 +48,10 @@ bool YAJL_Handler::handle_start_array_i()
   return true;
 }
 
-bool YAJL_Handler::handle_end_array_i() { return true; }
+bool YAJL_Handler::handle_end_array_i()
+{
+  return true;
+}
 
 bool YAJL_Handler::take_skip_array()
 {
@@ -34,8 +64,8 @@ namespace kestrel
 {
 namespace
 {
-/// Stands between the C parser and the handler: counts against the limits, leaves out skipped arrays and keeps every
-/// exception away from the parser's frames.
+/// Stands between the C parser and the handler: counts against the limits, leaves out skipped arrays and
+/// keeps every exception away from the parser's frames.
 class Dispatcher
 {
 public:
@@ -46,10 +76,7 @@ public:
 
   const std::string& reason() const { return reason_; }
 
-  template <class Call> int value(Call call)
-  {
-    return begin_value(false) && (skipping() || ask(call));
-  }
+  template <class Call> int value(Call call) { return begin_value(false) && (skipping() || ask(call)); }
 
   template <class Call> int text(size_t length, Call call)
   {
@@ -65,7 +92,8 @@ public:
     if (length > std::numeric_limits<unsigned>::max())
       return fail("a name is too long");
     return skipping() || ask([&](YAJL_Handler& handler) {
-             return handler.handle_map_key_i(reinterpret_cast<const char*>(text), static_cast<unsigned>(length));
+             return handler.handle_map_key_i(reinterpret_cast<const char*>(text),
+                                             static_cast<unsigned>(length));
            });
   }
 
@@ -147,7 +175,10 @@ private:
   std::string reason_;
 };
 
-Dispatcher& to(void* context) { return *static_cast<Dispatcher*>(context); }
+Dispatcher& to(void* context)
+{
+  return *static_cast<Dispatcher*>(context);
+}
 
 int on_null(void* context)
 {
@@ -161,7 +192,8 @@ int on_boolean(void* context, int value)
 
 int on_number(void* context, const char* text, size_t length)
 {
-  return to(context).text(length, [&](YAJL_Handler& handler, unsigned n) { return handler.handle_number_i(text, n); });
+  return to(context).text(
+      length, [&](YAJL_Handler& handler, unsigned n) { return handler.handle_number_i(text, n); });
 }
 
 int on_string(void* context, const unsigned char* text, size_t length)
@@ -171,19 +203,35 @@ int on_string(void* context, const unsigned char* text, size_t length)
   });
 }
 
-int on_start_map(void* context) { return to(context).start_map(); }
+int on_start_map(void* context)
+{
+  return to(context).start_map();
+}
 
-int on_map_key(void* context, const unsigned char* text, size_t length) { return to(context).map_key(text, length); }
+int on_map_key(void* context, const unsigned char* text, size_t length)
+{
+  return to(context).map_key(text, length);
+}
 
-int on_end_map(void* context) { return to(context).end_map(); }
+int on_end_map(void* context)
+{
+  return to(context).end_map();
+}
 
-int on_start_array(void* context) { return to(context).start_array(); }
+int on_start_array(void* context)
+{
+  return to(context).start_array();
+}
 
-int on_end_array(void* context) { return to(context).end_array(); }
+int on_end_array(void* context)
+{
+  return to(context).end_array();
+}
 
 // No integer and no double callback: the parser then gives every number as text, exact at any size.
-const yajl_callbacks callbacks = {on_null,      on_boolean, nullptr,    nullptr,        on_number,   on_string,
-                                  on_start_map, on_map_key, on_end_map, on_start_array, on_end_array};
+const yajl_callbacks callbacks = {on_null,    on_boolean,     nullptr,      nullptr,
+                                  on_number,  on_string,      on_start_map, on_map_key,
+                                  on_end_map, on_start_array, on_end_array};
 
 // Asks for the short form: the long one quotes the document, which may hold passwords.
 std::string parser_error(yajl_handle parser)

@@ -17,9 +17,9 @@ class YAJL_Handler
 {
 public:
   virtual ~YAJL_Handler();
-  /// The defaults ignore the value. The default of handle_start_array_i makes the dispatcher leave out the whole
-  /// array with everything in it, handle_end_array_i included: its members would otherwise arrive as if they
-  /// belonged to the key in force.
+  /// The defaults ignore the value. The default of handle_start_array_i makes the dispatcher leave out the
+  /// whole array with everything in it, handle_end_array_i included: its members would otherwise arrive as if
+  /// they belonged to the key in force.
   virtual bool handle_null_i();
   virtual bool handle_boolean_i(bool value);
   /// Never called by the dispatcher, which passes every number as text through handle_number_i.
@@ -60,8 +60,9 @@ namespace kestrel
 enum class Json_Top { any, object };
 
 /// Parses `text` and passes its events to `handler`.
-/// Errors: false with an error text that never quotes the document: bad JSON, a limit, a top-level value of another
-/// kind than `top`, or a handler that returned false or threw (the text then says so; the handler knows why).
+/// Errors: false with an error text that never quotes the document: bad JSON, a limit, a top-level value of
+/// another kind than `top`, or a handler that returned false or threw (the text then says so; the handler
+/// knows why).
 [[nodiscard]] bool dispatch_json(const std::string& text, const Json_Limits& limits, Json_Top top,
                                  YAJL_Handler& handler, std::string& error);
 /// Passes a value already read to `handler`, through its text.

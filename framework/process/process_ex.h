@@ -8,6 +8,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 /// Which of a child's standard streams are pipes to this process.
 enum Process_Flag { PROCESS_STDIN_PIPE = 1, PROCESS_STDOUT_PIPE = 2, PROCESS_STDERR_PIPE = 4 };
@@ -26,7 +27,8 @@ public:
   ACE_Process_Ex(unsigned int flags, const char* name, std::shared_ptr<ACE_Log_Msg_Callback> cb);
   ~ACE_Process_Ex() override;
 
-  /// Starts the child. Streams without a pipe are the options' handles, else /dev/null.
+  /// Starts the child: the options' argument list, environment, working directory, process group and handle inheritance
+  /// count. The program is argument 0, searched in the child's PATH when it has no slash. Streams without a pipe are the options' handles, else /dev/null.
   /// The child has default SIGPIPE and SIGCHLD, an empty signal mask, and dies with this process (see die_with_parent).
   /// Returns its pid, or -1 with errno: also ENOENT, EACCES, ENOEXEC and the like of a program that cannot be executed, and
   /// ENOENT for an empty command line.
@@ -35,6 +37,9 @@ public:
   /// Whether the child is killed when this process ends in whatever way. On, unless switched off before spawn; daemons
   /// must be started with it off.
   void die_with_parent(bool yes) { die_with_parent_ = yes; }
+
+  /// Arguments to use in place of the options' command line, which splits at blanks and ends at 1023 characters.
+  void arguments(const std::vector<std::string>& argv) { arguments_ = argv; }
 
   unsigned int flags() const { return flags_; }
   /// The name given, else the base name of the program last spawned.
@@ -52,6 +57,7 @@ private:
   const bool name_given_;
   std::shared_ptr<ACE_Log_Msg_Callback> callback_;
   bool die_with_parent_ = true;
+  std::vector<std::string> arguments_;
   kestrel::Auto_Fd stdin_;
   kestrel::Auto_Fd stdout_;
   kestrel::Auto_Fd stderr_;

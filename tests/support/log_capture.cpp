@@ -61,7 +61,7 @@ public:
     Log_Capture::State& state = *captures_.back()->state_;
     std::lock_guard<std::mutex> state_guard(state.mutex);
     Log_Line line;
-    line.priority = static_cast<ACE_Log_Priority>(record.priority());
+    line.priority = static_cast<ACE_Log_Priority>(record.type());
     line.text = record.msg_data() ? record.msg_data() : "";
     state.lines.push_back(line);
     return 0;

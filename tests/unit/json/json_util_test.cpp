@@ -30,7 +30,10 @@ std::string refusal(const std::string& text, const Json_Limits& limits = Json_Li
   return error;
 }
 
-std::string nested(unsigned depth) { return std::string(depth, '[') + std::string(depth, ']'); }
+std::string nested(unsigned depth)
+{
+  return std::string(depth, '[') + std::string(depth, ']');
+}
 
 template <class T> std::string thrown(const Object& obj, const std::string& key)
 {
@@ -91,7 +94,8 @@ TEST(Json_Reader, decodes_escapes_and_keeps_raw_utf8)
 
 TEST(Json_Reader, refuses_what_is_not_one_document)
 {
-  for (const char* text : {"", " ", "{", "[1,]", "{\"a\"}", "{} {}", "[] x", "nul", "'a'", "\"a", "[1 2]", "\xEF\xBB\xBF{}"})
+  for (const char* text :
+       {"", " ", "{", "[1,]", "{\"a\"}", "{} {}", "[] x", "nul", "'a'", "\"a", "[1 2]", "\xEF\xBB\xBF{}"})
     EXPECT_NE(refusal(text).find("JSON document refused near byte "), std::string::npos) << text;
   EXPECT_NE(refusal("\"\xFF\"").find("invalid bytes in UTF8 string"), std::string::npos);
 }
@@ -143,7 +147,10 @@ TEST(Json_Writer, writes_numbers_exactly)
 TEST(Json_Writer, writes_raw_utf8_and_replaces_invalid_bytes)
 {
   EXPECT_EQ(kestrel::write_json("\xE8\xA1\xA8"), "\"\xE8\xA1\xA8\"");
-  EXPECT_EQ(kestrel::write_json("a\xFF" "b"), "\"a\xEF\xBF\xBD" "b\"");
+  EXPECT_EQ(kestrel::write_json("a\xFF"
+                                "b"),
+            "\"a\xEF\xBF\xBD"
+            "b\"");
 }
 
 TEST(Json_Writer, pretty_form_is_indented_and_ends_with_a_line_end)
@@ -160,7 +167,10 @@ TEST(Json_Writer, refuses_what_the_reader_would_refuse)
 
 TEST(Json_Writer, result_reads_back_equal)
 {
-  const Object obj = {{"", "\x01\x7F"}, {"max", std::numeric_limits<uint64_t>::max()}, {"neg", -1}, {"real", 1e300},
+  const Object obj = {{"", "\x01\x7F"},
+                      {"max", std::numeric_limits<uint64_t>::max()},
+                      {"neg", -1},
+                      {"real", 1e300},
                       {"deep", Object{{"a", Array{Object{{"b", Value()}}}}}}};
   EXPECT_EQ(read(kestrel::write_json(obj)), Value(obj));
   EXPECT_EQ(read(kestrel::write_json_pretty(obj)), Value(obj));
@@ -173,7 +183,8 @@ TEST(Utf8_Without_Invalid, replaces_each_invalid_sequence_by_one_mark)
   EXPECT_EQ(kestrel::utf8_without_invalid("\x80"), mark);
   EXPECT_EQ(kestrel::utf8_without_invalid("\xC0\xAF"), mark + mark) << "overlong slash";
   EXPECT_EQ(kestrel::utf8_without_invalid("\xED\xA0\x80"), mark + mark + mark) << "surrogate";
-  EXPECT_EQ(kestrel::utf8_without_invalid("\xF4\x90\x80\x80"), mark + mark + mark + mark) << "above the last code point";
+  EXPECT_EQ(kestrel::utf8_without_invalid("\xF4\x90\x80\x80"), mark + mark + mark + mark)
+      << "above the last code point";
   EXPECT_EQ(kestrel::utf8_without_invalid("\xE8\xA1"), mark) << "cut at the end";
   EXPECT_EQ(kestrel::utf8_without_invalid("\xE8\xA1z"), mark + "z") << "cut by another character";
   EXPECT_EQ(kestrel::utf8_without_invalid(""), "");

@@ -1,0 +1,228 @@
+#include "catalog/catalog_database.h"
+
+#include "base/file_lock.h"
+#include "base/file_system.h"
+#include "base/ignore_result.h"
+#include "base/scope_guard.h"
+
+#include <ace/Log_Msg.h>
+#include <soci/sqlite3/soci-sqlite3.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace kestrel
+{
+namespace
+{
+// libkestrel is linked against one SQLite; its result codes come through SOCI as plain numbers, extended ones
+// too.
+const char* cure_of(int code)
+{
+  switch (code & 0xff) {
+  case SQLITE_CORRUPT:
+  case SQLITE_NOTADB:
+    return "The file is damaged: move it away with its -wal and -shm files and put back a copy of it; "
+           "without a copy a "
+           "new catalog is made, which does not know the earlier backups";
+  case SQLITE_FULL:
+    return "The disk is full: free some space and repeat";
+  case SQLITE_READONLY:
+    return "The file or its file system is read-only: make it writable for this user";
+  case SQLITE_CANTOPEN:
+  case SQLITE_PERM:
+  case SQLITE_AUTH:
+    return "Check that its directory exists and that this user may read and write it";
+  case SQLITE_IOERR:
+    return "Check the disk and the system log";
+  case SQLITE_BUSY:
+  case SQLITE_LOCKED:
+  case SQLITE_PROTOCOL:
+    return "Another process is writing to it: repeat later";
+  case SQLITE_NOMEM:
+    return "There is not enough memory";
+  default:
+    return "This is an error of the program";
+  }
+}
+
+bool is_busy(int code)
+{
+  const int primary = code & 0xff;
+  return primary == SQLITE_BUSY || primary == SQLITE_LOCKED || primary == SQLITE_PROTOCOL;
+}
+
+Catalog_Error file_error(const std::string& what, const std::string& path)
+{
+  return Catalog_Error(Catalog_Status::failed, what + " " + path + ": " + ::strerror(errno));
+}
+
+/// 0 when the table is missing, so that a database of another origin shows as such.
+int schema_version(soci::session& session)
+{
+  int tables = 0;
+  session << "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = 'schema_version'",
+      soci::into(tables);
+  if (tables == 0)
+    return 0;
+  int version = 0;
+  soci::indicator indicator = soci::i_ok;
+  session << "SELECT max(version) FROM schema_version", soci::into(version, indicator);
+  return indicator == soci::i_ok ? version : 0;
+}
+
+std::string statement_text(const std::string& text)
+{
+  const std::string placeholder = "{id}";
+  const size_t at = text.find(placeholder);
+  if (at == std::string::npos)
+    return text;
+  return std::string(text).replace(at, placeholder.size(), "INTEGER PRIMARY KEY AUTOINCREMENT");
+}
+
+void run_migrations(soci::session& session, const Catalog_Migrations& migrations, int from_version)
+{
+  for (size_t version = static_cast<size_t>(from_version); version < migrations.size(); ++version)
+    for (const std::string& statement : migrations[version])
+      session << statement_text(statement);
+  session << "UPDATE schema_version SET version = " << migrations.size();
+}
+} // namespace
+
+Catalog_Error Catalog_Database::translate(const std::string& path, const std::exception& error)
+{
+  if (const auto* known = dynamic_cast<const Catalog_Error*>(&error))
+    return *known;
+  const std::string start = "Catalog " + path + ": ";
+  if (const auto* sqlite = dynamic_cast<const soci::sqlite3_soci_error*>(&error)) {
+    const Catalog_Status status = is_busy(sqlite->result()) ? Catalog_Status::busy : Catalog_Status::failed;
+    return Catalog_Error(status, start + sqlite->get_error_message() + ". " + cure_of(sqlite->result()));
+  }
+  if (const auto* other = dynamic_cast<const soci::soci_error*>(&error))
+    return Catalog_Error(Catalog_Status::failed, start + other->get_error_message());
+  return Catalog_Error(Catalog_Status::failed, start + error.what());
+}
+
+Catalog_Database::Catalog_Database(const Catalog_Place& place)
+{
+  try {
+    struct stat status;
+    if (file_system().stat(place.path.c_str(), &status) != 0) {
+      if (errno != ENOENT)
+        throw file_error("Cannot look at the catalog", place.path);
+      create(place);
+    } else if (status.st_size == 0)
+      throw Catalog_Error(Catalog_Status::failed,
+                          "Catalog " + place.path + " is empty (0 bytes). " + cure_of(SQLITE_CORRUPT));
+    connect(place.path, place.busy_timeout_msec);
+    migrate(place);
+  } catch (const std::exception& error) {
+    throw translate(place.path, error);
+  }
+}
+
+void Catalog_Database::connect(const std::string& path, int busy_timeout_msec)
+{
+  if (path.find('"') != std::string::npos)
+    throw Catalog_Error(Catalog_Status::failed, "The path of the catalog holds a quotation mark: " + path);
+  session_.open(soci::sqlite3, "db=\"" + path + "\"");
+  session_ << "PRAGMA busy_timeout = " << busy_timeout_msec;
+  session_ << "PRAGMA foreign_keys = ON";
+  // A commit must survive a power failure: in WAL mode only FULL syncs each one.
+  session_ << "PRAGMA synchronous = FULL";
+}
+
+void Catalog_Database::create(const Catalog_Place& place)
+{
+  File_Lock lock;
+  if (!lock.lock(place.path + ".lock"))
+    throw file_error("Cannot lock the catalog with", place.path + ".lock");
+  File_System& files = file_system();
+  struct stat status;
+  if (files.stat(place.path.c_str(), &status) == 0)
+    return; // another process was first
+  const std::string fresh = place.path + ".new";
+  for (const char* suffix : {"", "-wal", "-shm", "-journal"})
+    if (files.unlink((fresh + suffix).c_str()) != 0 && errno != ENOENT)
+      throw file_error("Cannot remove the leftover", fresh + suffix);
+  const int fd = files.open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL, 0640);
+  if (fd < 0)
+    throw file_error("Cannot make the catalog", fresh);
+  Scope_Guard remove_fresh([&] {
+    ignore_result(files.unlink(fresh.c_str()), "the next creation removes a leftover before it begins");
+  });
+  ignore_result(files.close(fd), "nothing was written through it");
+
+  connect(fresh, place.busy_timeout_msec);
+  session_ << "PRAGMA application_id = " << catalog_application_id;
+  session_ << "PRAGMA journal_mode = WAL";
+  {
+    Catalog_Transaction transaction(session_, Catalog_Transaction::Kind::write);
+    session_ << "CREATE TABLE schema_version (version INTEGER NOT NULL)";
+    session_ << "INSERT INTO schema_version (version) VALUES (0)";
+    run_migrations(session_, *place.migrations, 0);
+    transaction.commit();
+  }
+  session_.close(); // the last connection moves the log into the file and syncs it
+  if (files.stat((fresh + "-wal").c_str(), &status) == 0)
+    throw Catalog_Error(Catalog_Status::failed,
+                        "The new catalog " + fresh + " could not be written completely");
+  if (files.rename(fresh.c_str(), place.path.c_str()) != 0)
+    throw file_error("Cannot give the new catalog its name", place.path);
+  remove_fresh.cancel();
+  const size_t slash = place.path.rfind('/');
+  const std::string directory = slash == std::string::npos ? "." : place.path.substr(0, slash + 1);
+  if (files.fsync_directory(directory.c_str()) != 0)
+    throw file_error("Cannot make durable the directory", directory);
+  created_ = true;
+}
+
+void Catalog_Database::migrate(const Catalog_Place& place)
+{
+  const int newest = static_cast<int>(place.migrations->size());
+  int version = schema_version(session_);
+  int application_id = 0;
+  session_ << "PRAGMA application_id", soci::into(application_id);
+  if (version <= 0 || application_id != catalog_application_id)
+    throw Catalog_Error(Catalog_Status::failed,
+                        "Catalog " + place.path +
+                            " is a database, but not a catalog of this program. Move it away "
+                            "and put back the catalog");
+  if (version > newest)
+    throw Catalog_Error(Catalog_Status::failed, "Catalog " + place.path +
+                                                    " was written by a newer release (schema " +
+                                                    std::to_string(version) + ", this program knows up to " +
+                                                    std::to_string(newest) + "). Update this program");
+  if (version == newest)
+    return;
+  Catalog_Transaction transaction(session_, Catalog_Transaction::Kind::write);
+  version = schema_version(session_); // another process may have been first
+  if (version < newest)
+    run_migrations(session_, *place.migrations, version);
+  transaction.commit();
+  ACE_DEBUG((LM_NOTICE, "(%P|%t) Catalog %C was brought from schema %d to %d\n", place.path.c_str(), version,
+             newest));
+}
+
+Catalog_Transaction::Catalog_Transaction(soci::session& session, Kind kind) : session_(session)
+{
+  session_ << (kind == Kind::write ? "BEGIN IMMEDIATE" : "BEGIN");
+}
+
+Catalog_Transaction::~Catalog_Transaction()
+{
+  if (!open_)
+    return;
+  try {
+    session_ << "ROLLBACK";
+  } catch (const std::exception&) {
+    // The database rolls back by itself when the connection ends.
+  }
+}
+
+void Catalog_Transaction::commit()
+{
+  session_ << "COMMIT";
+  open_ = false;
+}
+} // namespace kestrel

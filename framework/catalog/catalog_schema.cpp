@@ -1,0 +1,60 @@
+#include "catalog/catalog_schema.h"
+
+namespace kestrel
+{
+namespace
+{
+// Commit order is the order of id. The first storage and the first piece are repeated in pool_uuid,
+// backup_set_storage_size and backup_file, so that a page of rows is read from one table in index order.
+// predecessor_id is the backup_id of the set that must be restored before this one, null for a full backup.
+const std::vector<std::string> version_1 = {
+    "CREATE TABLE backup_set ("
+    " id {id},"
+    " catalog TEXT NOT NULL,"
+    " uuid TEXT NOT NULL,"
+    " catalog_type TEXT, type TEXT, seq BIGINT, uid TEXT, definition_uuid TEXT, name TEXT, agent TEXT,"
+    " host_uuid TEXT, resource_uuid TEXT, minor_resource_id TEXT, uri TEXT, backup_file TEXT, pool_uuid TEXT,"
+    " backup_set_size BIGINT, backup_set_storage_size BIGINT, total_size BIGINT,"
+    " start_time BIGINT, end_time BIGINT,"
+    " backup_id TEXT, backup_lsn BIGINT, backup_scn BIGINT,"
+    " last_backup_id TEXT, last_backup_lsn BIGINT, last_backup_scn BIGINT,"
+    " last_full_backup_id TEXT, last_full_backup_lsn BIGINT, last_full_backup_scn BIGINT,"
+    " full_backup_id TEXT, predecessor_id TEXT, predecessor_missing BIGINT NOT NULL DEFAULT 0,"
+    " compression TEXT, pump_size BIGINT, pump_checksum TEXT, original_checksum TEXT, storage_checksum TEXT,"
+    " dbinstance TEXT, tablespaces TEXT,"
+    " state TEXT NOT NULL DEFAULT 'available', state_reason TEXT NOT NULL DEFAULT '')",
+
+    "CREATE TABLE backup_set_storage ("
+    " set_id BIGINT NOT NULL REFERENCES backup_set (id) ON DELETE CASCADE,"
+    " position BIGINT NOT NULL, pool_uuid TEXT NOT NULL, size BIGINT NOT NULL, PRIMARY KEY (set_id, "
+    "position))",
+
+    "CREATE TABLE backup_set_piece ("
+    " set_id BIGINT NOT NULL REFERENCES backup_set (id) ON DELETE CASCADE,"
+    " position BIGINT NOT NULL, name TEXT NOT NULL, size BIGINT NOT NULL, PRIMARY KEY (set_id, position))",
+
+    "CREATE TABLE backup_set_file ("
+    " set_id BIGINT NOT NULL REFERENCES backup_set (id) ON DELETE CASCADE,"
+    " position BIGINT NOT NULL, database_name TEXT NOT NULL, schema_name TEXT NOT NULL, table_name TEXT NOT "
+    "NULL,"
+    " file_name TEXT NOT NULL, grade TEXT NOT NULL, PRIMARY KEY (set_id, position))",
+
+    "CREATE UNIQUE INDEX backup_set_by_uuid ON backup_set (uuid)",
+    "CREATE INDEX backup_set_by_time ON backup_set (catalog, start_time, id)",
+    "CREATE INDEX backup_set_by_resource ON backup_set (catalog, resource_uuid, start_time, id)",
+    "CREATE INDEX backup_set_by_definition ON backup_set (catalog, definition_uuid, start_time, id)",
+    "CREATE INDEX backup_set_by_pool ON backup_set (catalog, pool_uuid, start_time, id)",
+    "CREATE INDEX backup_set_by_backup_id ON backup_set (catalog, backup_id, resource_uuid, start_time, id)",
+    "CREATE INDEX backup_set_by_predecessor ON backup_set (catalog, predecessor_id, resource_uuid)",
+    "CREATE INDEX backup_set_by_seq ON backup_set (catalog, definition_uuid, (seq < 0), seq, id)",
+    "CREATE INDEX backup_set_storage_by_pool ON backup_set_storage (pool_uuid, set_id)",
+    "CREATE INDEX backup_set_file_by_name ON backup_set_file (set_id, database_name, grade)",
+};
+} // namespace
+
+const Catalog_Migrations& catalog_migrations()
+{
+  static const Catalog_Migrations migrations = {version_1};
+  return migrations;
+}
+} // namespace kestrel

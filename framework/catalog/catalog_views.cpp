@@ -1,0 +1,144 @@
+#include "catalog/catalog_views.h"
+
+#include "catalog/catalog_rows.h"
+
+#include <algorithm>
+#include <memory>
+#include <set>
+#include <stdexcept>
+
+namespace kestrel
+{
+namespace
+{
+/// The "backup_files" of one set after the other, with one prepared statement.
+class File_Reader
+{
+public:
+  explicit File_Reader(soci::session& session) : statement_(session)
+  {
+    statement_.alloc();
+    statement_.prepare("SELECT database_name, schema_name, table_name, file_name, grade FROM backup_set_file"
+                       " WHERE set_id = :v0 ORDER BY position");
+    for (std::string& column : columns_)
+      statement_.exchange(soci::into(column));
+    statement_.exchange(soci::use(set_id_, "v0"));
+    statement_.define_and_bind();
+  }
+
+  json_spirit::Array read(long long set_id)
+  {
+    static const char* const names[] = {"database", "schema", "table", "file", "grade"};
+    set_id_ = set_id;
+    json_spirit::Array files;
+    statement_.execute(false);
+    while (statement_.fetch()) {
+      json_spirit::Object file;
+      for (size_t i = 0; i < std::size(names); ++i)
+        file.emplace_back(names[i], columns_[i]);
+      files.push_back(std::move(file));
+    }
+    return files;
+  }
+
+private:
+  std::string columns_[5];
+  long long set_id_ = 0;
+  soci::statement statement_;
+};
+
+std::string query_text(const std::map<std::string, json_spirit::Value>& query, const char* key)
+{
+  const auto found = query.find(key);
+  if (found == query.end())
+    return std::string();
+  if (found->second.type() != json_spirit::str_type)
+    throw std::invalid_argument(std::string("The catalog query's key '") + key + "' must be a text");
+  return found->second.get_str();
+}
+
+/// Follows the chain from its end to the full backup. Returns why it cannot be restored; empty when it can.
+std::string walk_chain(soci::session& session, const std::string& catalog, const std::string& backup_id,
+                       const std::string& resource_uuid, json_spirit::Array& newest_first)
+{
+  const unsigned bit = catalog_bit(catalog);
+  const std::string sql =
+      "SELECT " + catalog_row_columns(bit) + " FROM backup_set s WHERE s.catalog = :v0 AND s.backup_id = :v1";
+  const std::string newest = " ORDER BY s.id DESC LIMIT 1";
+  std::vector<Sql_Value> values = {{true, catalog, 0}, {true, backup_id, 0}};
+  if (!resource_uuid.empty())
+    values.push_back({true, resource_uuid, 0});
+  auto reader = std::make_unique<Catalog_Row_Reader>(
+      session, bit, sql + (resource_uuid.empty() ? "" : " AND s.resource_uuid = :v2") + newest, values);
+  std::unique_ptr<Catalog_Row_Reader> links;
+  std::set<long long> seen;
+  std::string wanted = backup_id;
+  Catalog_Row_Reader* current = reader.get();
+  for (;;) {
+    if (!current->fetch())
+      return "Backup " + wanted + (newest_first.empty() ? "" : ", on which a later one builds,") +
+             " is not in the catalog";
+    if (!seen.insert(current->set_id()).second)
+      return "The chain of backup " + backup_id + " runs in a circle at " + wanted;
+    if (current->text("state") != "available")
+      return "Backup " + wanted + " is not available: " + current->text("state_reason");
+    newest_first.push_back(current->row());
+    const std::string predecessor = current->text("predecessor_id");
+    if (predecessor.empty())
+      return std::string();
+    wanted = predecessor;
+    values = {{true, catalog, 0}, {true, wanted, 0}, {true, current->text("resource_uuid"), 0}};
+    if (links)
+      links->execute(values);
+    else
+      links = std::make_unique<Catalog_Row_Reader>(session, bit, sql + " AND s.resource_uuid = :v2" + newest,
+                                                   values);
+    current = links.get();
+  }
+}
+} // namespace
+
+json_spirit::Object catalogs_view(soci::session& session, const std::string& catalog,
+                                  const std::map<std::string, json_spirit::Value>& query)
+{
+  const Catalog_Query compiled = make_catalog_query(catalog, query);
+  Catalog_Row_Reader reader(session, compiled.catalog, compiled.sql, compiled.values);
+  std::unique_ptr<File_Reader> files;
+  if (compiled.with_files && compiled.catalog == logical_catalog)
+    files = std::make_unique<File_Reader>(session);
+  json_spirit::Array rows;
+  while (reader.fetch()) {
+    json_spirit::Object row = reader.row();
+    if (files)
+      row.emplace_back("backup_files", files->read(reader.set_id()));
+    rows.push_back(std::move(row));
+  }
+  json_spirit::Object result;
+  result.emplace_back("rows", std::move(rows));
+  return result;
+}
+
+json_spirit::Object sequences_view(soci::session& session, const std::string& catalog,
+                                   const std::map<std::string, json_spirit::Value>& query)
+{
+  if (catalog_bit(catalog) != brcmd_catalog)
+    throw std::invalid_argument("The catalog '" + catalog + "' has no view 'catalog_sequences'");
+  for (const auto& [key, value] : query)
+    if (key != "backup_id" && key != "resource_uuid" && key != "sort" && key != "order")
+      throw std::invalid_argument("The view 'catalog_sequences' does not know the key '" + key + "'");
+  const std::string backup_id = query_text(query, "backup_id");
+  if (backup_id.empty())
+    throw std::invalid_argument("The view 'catalog_sequences' needs a 'backup_id'");
+  json_spirit::Array rows;
+  const std::string problem =
+      walk_chain(session, catalog, backup_id, query_text(query, "resource_uuid"), rows);
+  if (!problem.empty())
+    rows.clear();
+  std::reverse(rows.begin(), rows.end());
+  json_spirit::Object result;
+  result.emplace_back("rows", std::move(rows));
+  if (!problem.empty())
+    result.emplace_back("problem", problem);
+  return result;
+}
+} // namespace kestrel

@@ -1,0 +1,170 @@
+#include "catalog/sql_back_end.h"
+
+#include "base/path_conf.h"
+#include "catalog/catalog_commit.h"
+#include "catalog/catalog_views.h"
+
+#include <ace/Log_Msg.h>
+
+#include <set>
+#include <stdexcept>
+
+namespace kestrel
+{
+namespace
+{
+/// The set's id; false when there is none of that uuid.
+bool find_set(soci::session& session, const std::string& uuid, long long& id)
+{
+  session << "SELECT id FROM backup_set WHERE uuid = :u", soci::use(uuid, "u"), soci::into(id);
+  return session.got_data();
+}
+
+Catalog_Error unknown_set(const std::string& uuid)
+{
+  return Catalog_Error(Catalog_Status::failed, "There is no backup set '" + uuid + "' in the catalog");
+}
+} // namespace
+
+Catalog_Place default_catalog_place()
+{
+  Catalog_Place place;
+  place.path = state_path("catalog.db");
+  return place;
+}
+
+Sql_Back_End::Sql_Back_End(const Catalog_Place& place) : place_(place) {}
+
+/// Runs work(session) on an open catalog; every exception ends here.
+template <class Work> Catalog_Status Sql_Back_End::run(std::string& error, Work work)
+{
+  try {
+    Catalog_Database database(place_);
+    if (database.created())
+      ACE_DEBUG(
+          (LM_NOTICE, "(%P|%t) There was no catalog: the empty catalog %s was made\n", place_.path.c_str()));
+    work(database.session());
+    return Catalog_Status::done;
+  } catch (const std::invalid_argument& refused) {
+    error = refused.what();
+    return Catalog_Status::failed;
+  } catch (const std::exception& failure) {
+    const Catalog_Error translated = Catalog_Database::translate(place_.path, failure);
+    error = translated.what();
+    return translated.status();
+  }
+}
+
+Catalog_Status Sql_Back_End::get_view(const std::string& catalog, const std::string& view,
+                                      const std::map<std::string, json_spirit::Value>& query,
+                                      json_spirit::Value& result, std::string& error)
+{
+  return run(error, [&](soci::session& session) {
+    Catalog_Transaction transaction(session, Catalog_Transaction::Kind::read);
+    json_spirit::Object answer;
+    if (view == "catalogs")
+      answer = catalogs_view(session, catalog, query);
+    else if (view == "catalog_sequences")
+      answer = sequences_view(session, catalog, query);
+    else
+      throw std::invalid_argument("The catalog has no view '" + view + "'");
+    transaction.commit();
+    result = std::move(answer);
+  });
+}
+
+Catalog_Status Sql_Back_End::commit(const Backup_Record& record, bool must_be_new, std::string& warning,
+                                    std::string& error)
+{
+  return run(error, [&](soci::session& session) {
+    const Commit_Row row(record);
+    Catalog_Transaction transaction(session, Catalog_Transaction::Kind::write);
+    long long id = 0;
+    if (find_set(session, row.uuid(), id)) {
+      if (must_be_new)
+        throw Catalog_Error(
+            Catalog_Status::failed,
+            "The catalog " + place_.path + " already has a backup set '" + row.uuid() +
+                "': a backup is recorded once. If the tool gave two backups the same id, the second "
+                "one cannot be told from the first; run a full backup");
+      return;
+    }
+    const bool missing = row.insert(session);
+    transaction.commit();
+    if (missing)
+      warning = "Backup set '" + row.uuid() + "' builds on backup '" + row.predecessor_id() +
+                "', which is not in the catalog: it cannot be restored. Run a full backup";
+  });
+}
+
+Catalog_Status Sql_Back_End::set_state(const std::string& uuid, Set_State state, const std::string& reason,
+                                       std::string& error)
+{
+  return run(error, [&](soci::session& session) {
+    Catalog_Transaction transaction(session, Catalog_Transaction::Kind::write);
+    long long id = 0;
+    if (!find_set(session, uuid, id))
+      throw unknown_set(uuid);
+    const std::string text = state == Set_State::available ? "available" : "unavailable";
+    session << "UPDATE backup_set SET state = :s, state_reason = :r WHERE id = :i", soci::use(text, "s"),
+        soci::use(reason, "r"), soci::use(id, "i");
+    transaction.commit();
+  });
+}
+
+Catalog_Status Sql_Back_End::remove(const std::string& uuid, std::string& error)
+{
+  return run(error, [&](soci::session& session) {
+    Catalog_Transaction transaction(session, Catalog_Transaction::Kind::write);
+    long long id = 0;
+    if (!find_set(session, uuid, id))
+      throw unknown_set(uuid);
+    session << "DELETE FROM backup_set WHERE id = :i", soci::use(id, "i");
+    transaction.commit();
+  });
+}
+
+Catalog_Status Sql_Back_End::dependents(const std::string& uuid, std::vector<std::string>& uuids,
+                                        std::string& error)
+{
+  return run(error, [&](soci::session& session) {
+    Catalog_Transaction transaction(session, Catalog_Transaction::Kind::read);
+    std::string catalog, resource, backup_id;
+    soci::indicator has_resource = soci::i_null, has_backup_id = soci::i_null;
+    session << "SELECT catalog, resource_uuid, backup_id FROM backup_set WHERE uuid = :u",
+        soci::use(uuid, "u"), soci::into(catalog), soci::into(resource, has_resource),
+        soci::into(backup_id, has_backup_id);
+    if (!session.got_data())
+      throw unknown_set(uuid);
+    std::vector<std::string> found, queue = {backup_id};
+    std::set<std::string> seen = {uuid};
+    for (size_t i = 0; has_backup_id == soci::i_ok && i < queue.size(); ++i) {
+      std::string child_uuid, child_id;
+      const std::string parent = queue[i];
+      soci::statement children =
+          (session.prepare
+               << "SELECT uuid, backup_id FROM backup_set WHERE catalog = :c AND predecessor_id = :p AND "
+                  "resource_uuid = :r ORDER BY id",
+           soci::use(catalog, "c"), soci::use(parent, "p"), soci::use(resource, "r"), soci::into(child_uuid),
+           soci::into(child_id));
+      for (children.execute(); children.fetch();)
+        if (seen.insert(child_uuid).second) {
+          found.push_back(child_uuid);
+          queue.push_back(child_id);
+        }
+    }
+    transaction.commit();
+    uuids.swap(found);
+  });
+}
+
+Catalog_Status Sql_Back_End::count_by_pool(const std::string& pool_uuid, uint64_t& count, std::string& error)
+{
+  return run(error, [&](soci::session& session) {
+    long long sets = 0;
+    session << "SELECT count(DISTINCT set_id) FROM backup_set_storage WHERE pool_uuid = :p",
+        soci::use(pool_uuid, "p"), soci::into(sets);
+    count = static_cast<uint64_t>(sets);
+  });
+}
+} // namespace kestrel

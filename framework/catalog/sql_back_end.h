@@ -1,0 +1,36 @@
+#pragma once
+
+#include "catalog/catalog_back_end.h"
+#include "catalog/catalog_database.h"
+
+namespace kestrel
+{
+/// The catalog in a SQL database on this host. Opens a connection for each operation: an operation takes a
+/// millisecond more, and in exchange no connection is ever shared between threads, inherited by a child, or
+/// left on a file that an operator has moved away.
+class Sql_Back_End : public Catalog_Back_End
+{
+public:
+  explicit Sql_Back_End(const Catalog_Place& place);
+
+  Catalog_Status get_view(const std::string& catalog, const std::string& view,
+                          const std::map<std::string, json_spirit::Value>& query, json_spirit::Value& result,
+                          std::string& error) override;
+  Catalog_Status commit(const Backup_Record& record, bool must_be_new, std::string& warning,
+                        std::string& error) override;
+  Catalog_Status set_state(const std::string& uuid, Set_State state, const std::string& reason,
+                           std::string& error) override;
+  Catalog_Status remove(const std::string& uuid, std::string& error) override;
+  Catalog_Status dependents(const std::string& uuid, std::vector<std::string>& uuids,
+                            std::string& error) override;
+  Catalog_Status count_by_pool(const std::string& pool_uuid, uint64_t& count, std::string& error) override;
+
+private:
+  template <class Work> Catalog_Status run(std::string& error, Work work);
+
+  Catalog_Place place_;
+};
+
+/// state_path("catalog.db") of this component.
+Catalog_Place default_catalog_place();
+} // namespace kestrel

@@ -1,0 +1,147 @@
+#include "jobs/tool_watch.h"
+
+#include "base/clock.h"
+#include "jobs/job.h"
+#include "process/text_process_handler.h"
+
+#include <ace/Log_Msg.h>
+#include <ace/Time_Value.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace kestrel
+{
+namespace
+{
+/// Real time between two looks, whatever clock measures the silence: the thread must neither spin nor end
+/// late.
+const std::chrono::milliseconds LOOK_INTERVAL(200);
+/// From SIGTERM to SIGKILL.
+const unsigned TERMINATE_SECONDS = 10;
+
+bool cancelled(Job_State state)
+{
+  return state == JOB_STATE_CANCELING || state == JOB_STATE_CANCELED || state == JOB_STATE_ABORTING;
+}
+} // namespace
+
+struct Tool_Watch::State {
+  State(Job& job, Text_Process_Handler& handler, std::string tool, int64_t grace_msec)
+      : job(job), handler(handler), tool(std::move(tool)), grace_msec(grace_msec),
+        touched_msec(clock().monotonic_msec())
+  {
+  }
+
+  void run(Tool_Watch& watch);
+  bool tool_runs();
+  void terminate(int64_t silence_msec);
+
+  Job& job;
+  Text_Process_Handler& handler;
+  const std::string tool;
+  const int64_t grace_msec;
+  std::atomic<int64_t> touched_msec;
+  std::atomic<bool> fired{false};
+  std::mutex check_mutex;   // one look at a time
+  int64_t cancel_msec = -1; // when the cancel was first seen
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool stopping = false;
+  std::thread thread;
+};
+
+Tool_Watch::Tool_Watch(Job& job, Text_Process_Handler& handler, std::string tool, int64_t grace_msec)
+    : state_(new State(job, handler, std::move(tool), grace_msec))
+{
+  try {
+    state_->thread = std::thread([this] { state_->run(*this); });
+  } catch (const std::system_error& e) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) Tool_Watch: no thread, %C will not be ended if it falls silent: %C\n",
+               state_->tool.c_str(), e.what()));
+  }
+}
+
+Tool_Watch::~Tool_Watch()
+{
+  {
+    const std::lock_guard<std::mutex> guard(state_->mutex);
+    state_->stopping = true;
+    state_->changed.notify_all();
+  }
+  if (state_->thread.joinable()) {
+    state_->thread.join();
+  }
+}
+
+void Tool_Watch::touch()
+{
+  state_->touched_msec.store(clock().monotonic_msec(), std::memory_order_relaxed);
+}
+
+bool Tool_Watch::fired() const
+{
+  return state_->fired;
+}
+
+void Tool_Watch::check()
+{
+  State& state = *state_;
+  const std::lock_guard<std::mutex> guard(state.check_mutex);
+  if (state.fired || !cancelled(state.job.state())) {
+    return;
+  }
+  const int64_t now = clock().monotonic_msec();
+  if (state.cancel_msec < 0) {
+    state.cancel_msec = now;
+  }
+  const int64_t output_msec = state.handler.last_activity_msec();
+  const int64_t last = std::max(state.touched_msec.load(std::memory_order_relaxed), output_msec);
+  const int64_t silence_msec = now - last;
+  if (silence_msec < state.grace_msec || now - state.cancel_msec < state.grace_msec || !state.tool_runs()) {
+    return;
+  }
+  state.terminate(silence_msec);
+}
+
+void Tool_Watch::State::run(Tool_Watch& watch)
+{
+  job.set_job_thread();
+  std::unique_lock<std::mutex> guard(mutex);
+  while (!changed.wait_for(guard, LOOK_INTERVAL, [this] { return stopping; })) {
+    guard.unlock();
+    watch.check();
+    guard.lock();
+  }
+}
+
+/// Not yet spawned, or ended, is not silent.
+bool Tool_Watch::State::tool_runs()
+{
+  const ACE_Time_Value at_once(0);
+  return handler.wait(&at_once) == -1 && errno == ETIME;
+}
+
+void Tool_Watch::State::terminate(int64_t silence_msec)
+{
+  ACE_ERROR((LM_WARNING,
+             "(%P|%t) Tool_Watch: job %C is %C, but %C has been silent for %q seconds: terminating its "
+             "process group\n",
+             job.definition().id().c_str(), job_state_to_string(job.state()), tool.c_str(),
+             silence_msec / 1000));
+  if (handler.terminate(TERMINATE_SECONDS) == 0) {
+    fired = true;
+    ACE_ERROR((LM_WARNING, "(%P|%t) Tool_Watch: %C has been terminated\n", tool.c_str()));
+  } else {
+    ACE_ERROR((LM_ERROR, "(%P|%t) Tool_Watch: %C could not be terminated: %m\n", tool.c_str()));
+    cancel_msec = clock().monotonic_msec(); // another grace before the next attempt
+  }
+}
+} // namespace kestrel

@@ -1,0 +1,141 @@
+#include "lab/oscar/supervisor.h"
+
+#include "lab/common/child.h"
+#include "lab/common/swap_journal.h"
+#include "lab/common/text.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace oscar_lab {
+
+namespace {
+
+// After a kill the processes of the old server need a moment to notice.
+constexpr int lock_timeout_msec = 15 * 1000;
+
+std::vector<std::string> server_command(const Instance_Files& files, const Instance_Conf& conf)
+{
+  // Paths relative to the data directory, where the server works: no length limit, nothing to quote.
+  return {std::string(LAB_POSTGRES_BIN) + "/postgres",
+          "-D", files.data(),
+          "-c", "port=" + std::to_string(conf.port),
+          "-c", "oscar.instance=" + files.name,
+          "-c", "recovery_init_sync_method=syncfs",
+          "-c", "unix_socket_directories=../run",
+          "-c", std::string("archive_mode=") + (conf.archive_log ? "on" : "off"),
+          "-c", "archive_command=cp %p ../archive/%f.part && mv ../archive/%f.part ../archive/%f"};
+}
+
+[[noreturn]] void run_server(const Instance_Files& files, const Instance_Conf& conf, const Owner& owner, int lock_fd,
+                             pid_t supervisor)
+{
+  const std::vector<std::string> command = server_command(files, conf);
+  const int null = ::open("/dev/null", O_RDONLY);
+  const int log = ::open(files.log().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0640);
+  // The lock goes along: it is free again only when the last process of the server is gone.
+  set_standard_descriptors(null, log, log, {lock_fd});
+  ::fcntl(lock_fd, F_SETFD, 0);
+  ::umask(0077);
+  become(owner);
+  // After the change of the account, which clears it. SIGQUIT makes the server stop at once.
+  ::prctl(PR_SET_PDEATHSIG, SIGQUIT);
+  if (::getppid() != supervisor)
+    ::_exit(1);
+  for (const char* const name : {"LD_LIBRARY_PATH", "LC_ALL", "LANG", "PGDATA", "PGOPTIONS"})
+    ::unsetenv(name);
+  std::vector<char*> argv;
+  for (const std::string& word : command)
+    argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  ::execv(argv[0], argv.data());
+  std::perror("postgres");
+  ::_exit(127);
+}
+
+/// The server writes its state into the eighth line of its own pid file.
+bool accepts_logins(const Instance_Files& files, pid_t server)
+{
+  try {
+    const auto lines = split_lines(read_file(files.data() + "/postmaster.pid"));
+    return lines.size() >= 8 && trim(lines[0]) == std::to_string(server) && trim(lines[7]) == "ready";
+  } catch (const Failure&) {
+    return false;
+  }
+}
+
+void check_data_directory(const Instance_Files& files)
+{
+  files.require_existing();
+  if (is_regular_file(files.incomplete_mark()))
+    throw Failure("the data of " + files.name + " are not usable: " + trim(read_file(files.incomplete_mark())));
+  if (!is_regular_file(files.data() + "/PG_VERSION") || !is_regular_file(files.data() + "/global/pg_control"))
+    throw Failure("the data directory " + files.data() + " is incomplete");
+}
+
+/// Waits for the end of the server, passing stop requests on. The signals are blocked in this process.
+int wait_for_server(const Instance_Files& files, pid_t server, const sigset_t& signals, int ready_fd)
+{
+  bool ready = false;
+  for (;;) {
+    const timespec poll{0, 20 * 1000 * 1000};
+    siginfo_t info;
+    const int signal_number =
+        ready ? ::sigwaitinfo(&signals, &info) : ::sigtimedwait(&signals, &info, &poll);
+    if (signal_number == SIGTERM || signal_number == SIGINT)
+      ::kill(server, SIGINT);
+    int status = 0;
+    if (::waitpid(server, &status, WNOHANG) == server)
+      return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+    if (!ready && accepts_logins(files, server)) {
+      ready = true;
+      if (ready_fd >= 0 && ::write(ready_fd, "ready\n", 6) == 6)
+        ::close(ready_fd);
+    }
+  }
+}
+
+} // namespace
+
+int supervise(const Instance_Files& files, int ready_fd)
+{
+  const File_Lock lock(files.lock(), lock_timeout_msec);
+  if (!lock.held())
+    throw Failure("instance " + files.name + " is in use by a server, a backup or a restore");
+  recover_swap(files);
+  check_data_directory(files);
+  const Instance_Conf conf = read_conf(files);
+  const Owner owner = owner_of(files.data());
+  if (owner.uid == 0)
+    throw Failure("the server cannot run as root; give " + files.data() + " to another account");
+
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  for (const int signal_number : {SIGTERM, SIGINT, SIGCHLD})
+    ::sigaddset(&signals, signal_number);
+  ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+
+  const pid_t self = ::getpid();
+  const pid_t server = ::fork();
+  if (server < 0)
+    fail_errno("cannot fork");
+  if (server == 0)
+    run_server(files, conf, owner, lock.fd(), self);
+  replace_file(files.pid_file(), std::to_string(self) + "\n", 0644);
+  const int status = wait_for_server(files, server, signals, ready_fd);
+  ::unlink(files.pid_file().c_str());
+  if (status != 0)
+    throw Failure("the server of " + files.name + " ended with status " + std::to_string(status) + "; see " +
+                  files.log());
+  return 0;
+}
+
+} // namespace oscar_lab

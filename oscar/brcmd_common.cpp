@@ -1,0 +1,140 @@
+#include "oscar/brcmd_common.h"
+
+#include <memory>
+
+#include <ace/Log_Msg.h>
+
+#include "base/ignore_result.h"
+#include "base/path_conf.h"
+#include "instances/instance_manager.h"
+#include "jobs/job.h"
+#include "jobs/job_alert.h"
+#include "jobs/job_event.h"
+#include "oscar/brcmd_tool_run.h"
+#include "oscar/utils.h"
+
+namespace oscar
+{
+namespace
+{
+constexpr int ALERT_CATEGORY = 7;
+
+struct tm local_time(time_t time)
+{
+  struct tm parts = {};
+  ::localtime_r(&time, &parts);
+  return parts;
+}
+} // namespace
+
+std::string name_time_text(time_t time)
+{
+  const struct tm parts = local_time(time);
+  char text[32];
+  return std::string(text, std::strftime(text, sizeof text, "%Y%m%d_%H%M%S", &parts));
+}
+
+std::string catalog_time_text(time_t time)
+{
+  const struct tm parts = local_time(time);
+  char text[32];
+  return std::string(text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts));
+}
+
+void raise_physical_alert(Job& job, int code)
+{
+  const int error = errno;
+  kestrel::ignore_result(write_job_alert(job, ALERT_CATEGORY, code, 0, json_spirit::Value(), 1),
+                         "the job fails anyway, and the log says why");
+  errno = error;
+}
+
+bool job_is_canceled(const Job_Activity& activity)
+{
+  const Job_State state = activity.state;
+  return state == JOB_STATE_CANCELING || state == JOB_STATE_CANCELED || state == JOB_STATE_ABORTING;
+}
+
+std::string fifo_path(time_t start_time)
+{
+  const std::string name = name_time_text(start_time) + "_fifo";
+  return Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT/oscar").path(name.c_str());
+}
+
+std::string brcmd_log_path(const std::string& name)
+{
+  return Path_Conf("/var/log/kestrel3", "brcmd").path(name.c_str());
+}
+
+bool create_fifo(Job& job, Stream_Fifo& fifo)
+{
+  if (fifo.create(0640))
+    return true;
+  raise_physical_alert(job, 15);
+  ACE_ERROR((LM_ERROR, "Failed to create fifo %s, errno=%d, %m\n", fifo.path().c_str(), errno));
+  return false;
+}
+
+bool refuse_cluster_job(Job& job)
+{
+  if (job.definition().rsrc_form().empty())
+    return false;
+  ACE_ERROR(
+      (LM_ERROR,
+       "(%P|%t) refuse_cluster_job: job %s addresses a cluster resource (rsrc_form \"%s\"); this release "
+       "backs up and restores single instances only, so name the instance and leave rsrc_form out\n",
+       job.definition().id().c_str(), job.definition().rsrc_form().c_str()));
+  return true;
+}
+
+bool find_instance_access(Job& job, const std::string& instance, Unknown_Instance unknown,
+                          Instance_Access& access)
+{
+  Instance_Manager* const manager = Instance_Manager::instance();
+  if (!manager) {
+    ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, manager is NULL:\n%?\n"));
+    return false;
+  }
+  if (manager->get_account("oscar", instance, job.definition().uid(), access.username, access.password,
+                           nullptr) < 0) {
+    raise_physical_alert(job, 3);
+    ACE_ERROR((LM_ERROR, "Failed to get account.\n"));
+    return false;
+  }
+  const std::shared_ptr<Instance> found = manager->find("oscar", instance);
+  if (!found) {
+    if (unknown == Unknown_Instance::ALERT) {
+      raise_physical_alert(job, 20);
+      ACE_ERROR((LM_ERROR, "Failed to invoke execute_i, can't find instance.\n"));
+    }
+    return false;
+  }
+  if (!get_from_instance_options(found, "oscar_home", access.oscar_home)) {
+    raise_physical_alert(job, 6);
+    ACE_ERROR((LM_ERROR, "Failed to get oscar home.\n"));
+    return false;
+  }
+  return true;
+}
+
+bool Job_Pump_Host::canceled() const
+{
+  return job_is_canceled(activity_);
+}
+
+void Job_Pump_Host::bytes_moved()
+{
+  tool_.touch();
+}
+
+void Job_Pump_Host::progress(int percent, uint64_t total, uint64_t done)
+{
+  kestrel::ignore_result(events_.handle_progress(percent, total, done),
+                         "a lost progress event harms nothing");
+}
+
+std::string Job_Pump_Host::definition_id() const
+{
+  return job_.definition().id();
+}
+} // namespace oscar

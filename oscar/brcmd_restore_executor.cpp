@@ -1,0 +1,299 @@
+#include "oscar/brcmd_restore_executor.h"
+
+#include "base/clock.h"
+#include "base/descriptor.h"
+#include "base/ignore_result.h"
+#include "base/scope_guard.h"
+#include "base/snprintf_t.h"
+#include "base/string_sprintf.h"
+#include "catalog/catalog_operator.h"
+#include "jobs/job_mutex.h"
+#include "oscar/brcmd_common.h"
+#include "oscar/brcmd_tool_run.h"
+#include "oscar/storage_options.h"
+#include "oscar/stream_storage.h"
+#include "oscar/utils.h"
+#include "storage/pool.h"
+
+#include <ace/ACE.h>
+#include <ace/Guard_T.h>
+#include <ace/Log_Msg.h>
+
+#include <csignal>
+
+namespace oscar
+{
+namespace
+{
+constexpr unsigned short DEFAULT_PORT = 2003;
+constexpr int STOP_POLLS = 10;
+constexpr int64_t STOP_POLL_MSEC = 1000;
+} // namespace
+
+Oscar_Brcmd_Restore_Executor::Oscar_Brcmd_Restore_Executor(Job& job)
+    : Job_Executor_T(job), _port(DEFAULT_PORT), _total_bytes(0)
+{
+}
+
+Oscar_Brcmd_Restore_Executor::~Oscar_Brcmd_Restore_Executor()
+{
+  kestrel::wipe(_password);
+}
+
+bool Oscar_Brcmd_Restore_Executor::is_canceled() const
+{
+  return job_is_canceled(*act_);
+}
+
+bool Oscar_Brcmd_Restore_Executor::is_active(const Values*)
+{
+  // A cluster job counts as active so that its run fails in sight of the user instead of being skipped.
+  return true;
+}
+
+bool Oscar_Brcmd_Restore_Executor::execute_i(const Values*)
+{
+  if (refuse_cluster_job(job_))
+    return false;
+  const std::shared_ptr<ACE_Thread_Mutex> mutex = Job_Mutex::get(src_->id());
+  if (!mutex)
+    return false;
+  ACE_Guard<ACE_Thread_Mutex> one_job_a_source(*mutex);
+  if (!one_job_a_source.locked())
+    return false;
+
+  if (!choose_backup() || !find_instance())
+    return false;
+  Stream_Fifo fifo(fifo_path(act_->start_time));
+  if (!create_fifo(job_, fifo))
+    return false;
+  const Client_IO_Base::Options options = storage_options();
+  if (!read_sequence() || !stop_instance())
+    return false;
+  const kestrel::Scope_Guard restart([this] {
+    kestrel::ignore_result(start_instance(_oscar_home.c_str(), _instance.c_str()),
+                           "it has logged why it failed");
+  });
+  return restore_sets(options, fifo);
+}
+
+bool Oscar_Brcmd_Restore_Executor::choose_backup()
+{
+  if (!def_.periodic() || get_latest_info_from_catalog())
+    return true;
+  raise_physical_alert(job_, 2);
+  ACE_ERROR((LM_ERROR, "Failed to get latest info from catalog\n"));
+  return false;
+}
+
+bool Oscar_Brcmd_Restore_Executor::get_latest_info_from_catalog()
+{
+  using namespace json_spirit;
+  Values query;
+  query["resource_uuid"] = src_->id();
+  query["sort"] = "backup_start_time";
+  query["order"] = "desc";
+  Value result;
+  if (!Catalog_Operator(-1, static_cast<int>(def_.max_seconds_retry()))
+           .get_view("oscar_brcmd", "catalogs", query, result) ||
+      result.type() != obj_type)
+    return false;
+  const Value& rows = find_value(result.get_obj(), "rows");
+  if (rows.type() != array_type || rows.get_array().empty() || rows.get_array().front().type() != obj_type)
+    return false;
+  try {
+    _latest_backup_id = find_value(rows.get_array().front().get_obj(), "backup_id").get_str();
+    return true;
+  } catch (const std::exception& error) {
+    ACE_ERROR((LM_ERROR, "Invalid catalog data: %s\n", error.what()));
+    return false;
+  }
+}
+
+const std::string& Oscar_Brcmd_Restore_Executor::backup_id() const
+{
+  return def_.periodic() ? _latest_backup_id : src_->catalog_id();
+}
+
+std::string Oscar_Brcmd_Restore_Executor::target_instance() const
+{
+  if (!src_->restore_as().database.empty())
+    return src_->restore_as().database;
+  return src_->name().empty() ? src_->original().database : src_->name();
+}
+
+bool Oscar_Brcmd_Restore_Executor::find_instance()
+{
+  _instance = target_instance();
+  if (_instance.empty()) {
+    raise_physical_alert(job_, 20);
+    ACE_ERROR((LM_ERROR, "Failed to invoke execute_i, can't find instance.\n"));
+    return false;
+  }
+  Instance_Access access;
+  if (!find_instance_access(job_, _instance, Unknown_Instance::ALERT, access))
+    return false;
+  _oscar_home = access.oscar_home;
+  _username = access.username;
+  _password = access.password;
+  return true;
+}
+
+Client_IO_Base::Options Oscar_Brcmd_Restore_Executor::storage_options() const
+{
+  Client_IO_Base::Options options;
+  options.overwrite = true;
+  // Stored files say themselves how they are compressed; a reader does not go by this.
+  options.compression_method = COMPRESSION_ZLIB;
+  options.dedup_chunk_size = 1;
+  set_options_by_job_def(options, def_, 1);
+  set_options_by_host(options);
+  return options;
+}
+
+bool Oscar_Brcmd_Restore_Executor::read_sequence()
+{
+  Values query;
+  query["backup_id"] = backup_id();
+  query["order"] = "desc";
+  json_spirit::Value result;
+  if (!Catalog_Operator(-1, static_cast<int>(def_.max_seconds_retry()))
+           .get_view("oscar_brcmd", "catalog_sequences", query, result))
+    return false;
+  try {
+    _sets = read_restore_sequence(result, src_->pool_uuid(), _total_bytes);
+  } catch (const std::exception& error) {
+    ACE_ERROR((LM_ERROR, "Invalid catalog data, exception: %s\n", error.what()));
+    return false;
+  }
+  if (_total_bytes == 0) {
+    raise_physical_alert(job_, 18);
+    ACE_ERROR((LM_ERROR, "Invalid backup set size\n"));
+    return false;
+  }
+  return true;
+}
+
+bool Oscar_Brcmd_Restore_Executor::stop_instance()
+{
+  int pid = 0;
+  if (!instance_running(_oscar_home.c_str(), _instance.c_str(), pid))
+    return true;
+  if (::kill(pid, SIGTERM) != 0 && errno != ESRCH) {
+    raise_physical_alert(job_, 19);
+    ACE_ERROR((LM_ERROR, "Failed to kill pid %d with SIGTERM, errno=%d, %m\n", pid, errno));
+    return false;
+  }
+  if (wait_gone(pid))
+    return true;
+  if (ACE::terminate_process(pid) != 0 && errno != ESRCH) {
+    raise_physical_alert(job_, 19);
+    ACE_ERROR((LM_ERROR, "Failed to kill pid %d with SIGKILL, errno=%d, %m\n", pid, errno));
+    return false;
+  }
+  return wait_gone(pid);
+}
+
+bool Oscar_Brcmd_Restore_Executor::wait_gone(int pid) const
+{
+  for (int poll = 0; poll < STOP_POLLS; ++poll) {
+    kestrel::clock().sleep_msec(STOP_POLL_MSEC);
+    if (ACE::process_active(pid) == 0)
+      return true;
+  }
+  return false;
+}
+
+bool Oscar_Brcmd_Restore_Executor::restore_sets(const Client_IO_Base::Options& options, Stream_Fifo& fifo)
+{
+  // In the order of the catalog: the full backup first.
+  Stream_Progress progress(_total_bytes);
+  for (const Restore_Set& set : _sets)
+    if (!restore_set(set, options, fifo, progress))
+      return false;
+  return true;
+}
+
+bool Oscar_Brcmd_Restore_Executor::restore_set(const Restore_Set& set, const Client_IO_Base::Options& options,
+                                               Stream_Fifo& fifo, Stream_Progress& progress)
+{
+  Client_IO_Ex storage;
+  if (!open_stored_file(set, options, storage))
+    return false;
+  const std::string command = brcmd_command(fifo);
+  Brcmd_Tool_Run tool(job_, fifo, Stream_Fifo::Side::WRITER, false,
+                      [this, &command](Execute_Cmd_Line_Handler& handler) {
+                        return execute_oscar_cmd(_oscar_home.c_str(), command.c_str(), Oscar_Cmd_Login(),
+                                                 true, job_.log_msg_callback(), handler);
+                      });
+  if (!tool.start() || !feed_tool(set, storage, fifo, tool, progress))
+    return false;
+  if (tool.join())
+    return true;
+  ACE_ERROR((LM_ERROR,
+             "(%P|%t) Oscar_Brcmd_Restore_Executor::restore_set: brcmd read all of file %s but reported a "
+             "failure; the instance is not restored\n",
+             set.backup_file.c_str()));
+  return false;
+}
+
+bool Oscar_Brcmd_Restore_Executor::open_stored_file(const Restore_Set& set, Client_IO_Base::Options options,
+                                                    Client_IO_Ex& storage)
+{
+  Pool_Info pool;
+  if (!get_pool_info(set.pool_uuid, tgt_.device_id(), pool, false, 0, nullptr, true, nullptr, nullptr,
+                     false)) {
+    raise_physical_alert(job_, 11);
+    ACE_ERROR((LM_ERROR, "Failed to get pool info.\n"));
+    return false;
+  }
+  if (!set_options_by_pool(options, pool)) {
+    raise_physical_alert(job_, 12);
+    ACE_ERROR((LM_ERROR, "Failed to set client options.\n"));
+    return false;
+  }
+  if (!storage.connect(pool.storage_path + "/" + set.uri, options)) {
+    raise_physical_alert(job_, 13);
+    ACE_ERROR((LM_ERROR, "Failed to connect to storage: %s.\n", storage.error()));
+    return false;
+  }
+  if (!storage.open(set.backup_file, Client_IO_Ex::MODE_READ, 0, 0)) {
+    raise_physical_alert(job_, 14);
+    ACE_ERROR((LM_ERROR, "Failed to open file %s: %s\n", set.backup_file.c_str(), storage.error()));
+    return false;
+  }
+  return true;
+}
+
+std::string Oscar_Brcmd_Restore_Executor::brcmd_command(const Stream_Fifo& fifo) const
+{
+  const std::string time = name_time_text(kestrel::clock().now());
+  std::string log_name;
+  string_sprintf(log_name, "restore_%s.log", time.c_str());
+  const std::string brcmd = _oscar_home + "/bin/brcmd";
+  return snprintf_t<4096>("%s -O restore -d %s -t backup_point_last -k pipe -f %s -e %s", brcmd.c_str(),
+                          _instance.c_str(), fifo.path().c_str(), brcmd_log_path(log_name).c_str())
+      .c_str();
+}
+
+bool Oscar_Brcmd_Restore_Executor::feed_tool(const Restore_Set& set, Client_IO_Ex& storage, Stream_Fifo& fifo,
+                                             Brcmd_Tool_Run& tool, Stream_Progress& progress)
+{
+  const kestrel::Auto_Fd writer(fifo.open_writer());
+  if (writer.get() < 0) {
+    raise_physical_alert(job_, 15);
+    ACE_ERROR((LM_ERROR, "Failed to open fifo %s, errno=%d, %m\n", fifo.path().c_str(), errno));
+    return false;
+  }
+  Job_Pump_Host host(job_, *act_, evt_handler_, tool);
+  Stored_File_Source source(storage, set.backup_file);
+  Stream_Restore_Pump::Expected expected;
+  expected.bytes = set.backup_set_size;
+  expected.checksum = set.checksum;
+  if (Stream_Restore_Pump(host, source, progress).pump(writer.get(), expected))
+    return true;
+  // Before the FIFO is closed: brcmd would take the end of the stream for the end of the backup.
+  tool.stop();
+  return false;
+}
+} // namespace oscar

@@ -1,0 +1,73 @@
+#include "oscar/brcmd_tool_run.h"
+
+#include <exception>
+
+#include <ace/Log_Msg.h>
+
+#include "base/clock.h"
+#include "base/ignore_result.h"
+
+namespace oscar
+{
+namespace
+{
+// Given to a tool that was told to end, before it is killed.
+constexpr unsigned END_GRACE_SECONDS = 600;
+constexpr int64_t STOP_RETRY_MSEC = 50;
+} // namespace
+
+Brcmd_Tool_Run::Brcmd_Tool_Run(Job& job, Stream_Fifo& fifo, Stream_Fifo::Side opener_side, bool logging,
+                               Command command)
+    : fifo_(fifo), opener_side_(opener_side), command_(std::move(command)), handler_(nullptr, logging),
+      watch_(job, handler_, "brcmd"), thread_(job)
+{
+}
+
+Brcmd_Tool_Run::~Brcmd_Tool_Run()
+{
+  if (!started_)
+    return;
+  if (!ended_)
+    stop();
+  kestrel::ignore_result(join(), "the tool was stopped: its result does not matter any more");
+}
+
+bool Brcmd_Tool_Run::start()
+{
+  fifo_.begin_open();
+  started_ = thread_.spawn(&Brcmd_Tool_Run::run, this) >= 0;
+  if (!started_)
+    ACE_ERROR((LM_ERROR,
+               "(%P|%t) Brcmd_Tool_Run::start: no thread for brcmd: %m; the job fails, try it again when the "
+               "host has resources\n"));
+  return started_;
+}
+
+void Brcmd_Tool_Run::run()
+{
+  bool success = false;
+  try {
+    success = command_(handler_) == 0;
+  } catch (const std::exception& error) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) Brcmd_Tool_Run::run: %C\n", error.what()));
+  }
+  success_ = success;
+  ended_ = true;
+  fifo_.release_open(opener_side_);
+}
+
+void Brcmd_Tool_Run::stop()
+{
+  // Asked again until it has ended: a tool that is just being started is not there to be terminated yet.
+  while (handler_.terminate(END_GRACE_SECONDS), started_ && !ended_)
+    kestrel::clock().sleep_msec(STOP_RETRY_MSEC);
+}
+
+bool Brcmd_Tool_Run::join()
+{
+  fifo_.give_up_open();
+  kestrel::ignore_result(thread_.join(), "fails only for a thread that was joined before");
+  kestrel::ignore_result(handler_.wait(nullptr), "the result of the run was kept by its thread");
+  return success_;
+}
+} // namespace oscar

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "catalog/catalog_operator.h"
+#include "support/log_capture.h"
+#include "support/scoped_env.h"
+#include "support/temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+
+typedef std::map<std::string, json_spirit::Value> Query;
+
+/// A catalog of its own for each test, below a temporary KESTREL_ROOT.
+class Catalog_Fixture : public ::testing::Test
+{
+protected:
+  kestrel_test::Temp_Dir root_;
+  kestrel_test::Scoped_Env environment_{"KESTREL_ROOT", root_.path()};
+  kestrel_test::Log_Capture log_;
+
+  std::string catalog_path() const { return root_ / "var/opt/tarnvik/kestrel3/agent/catalog.db"; }
+
+  static Oscar_Brcmd_Backup_Set make_set(const std::string& id, const std::string& type = "full",
+                                         const std::string& last = "", const std::string& full = "",
+                                         time_t start_time = 1000);
+  static Oscar_Backup_Set make_logical_set(const std::string& uuid, uint64_t seq, time_t start_time = 1000);
+  static bool commit(const Backup_Set& set) { return Catalog_Operator(-1, 0).commit(set, true); }
+  static bool view(const Query& query, json_spirit::Value& result, const char* catalog = "oscar_brcmd",
+                   const char* view = "catalogs")
+  {
+    return Catalog_Operator(-1, 0).get_view(catalog, view, query, result);
+  }
+  /// The rows of a view that must succeed.
+  static json_spirit::Array rows(const Query& query, const char* catalog = "oscar_brcmd",
+                                 const char* view = "catalogs");
+  /// One field of all rows, joined by blanks.
+  static std::string texts(const json_spirit::Array& rows, const char* field);
+  static std::string ids(const Query& query) { return texts(rows(query), "backup_id"); }
+  static std::string chain(const std::string& backup_id)
+  {
+    return texts(rows({{"backup_id", backup_id}, {"order", "desc"}}, "oscar_brcmd", "catalog_sequences"),
+                 "backup_id");
+  }
+};

@@ -1,0 +1,152 @@
+#include "catalog_fixture.h"
+
+#include "catalog/catalog_admin.h"
+
+using json_spirit::find_value;
+
+class Catalog_Sequence : public Catalog_Fixture
+{
+protected:
+  /// full F, incrementals I1 and I2 on it, differential D, and an incremental DI on the differential.
+  void commit_tree()
+  {
+    ASSERT_TRUE(commit(make_set("F", "full", "", "", 100)));
+    ASSERT_TRUE(commit(make_set("I1", "incr", "F", "F", 200)));
+    ASSERT_TRUE(commit(make_set("I2", "incr", "I1", "F", 300)));
+    ASSERT_TRUE(commit(make_set("D", "diff", "I2", "F", 400)));
+    ASSERT_TRUE(commit(make_set("DI", "incr", "D", "F", 500)));
+  }
+  std::string problem(const std::string& backup_id)
+  {
+    json_spirit::Value result;
+    EXPECT_TRUE(view({{"backup_id", backup_id}}, result, "oscar_brcmd", "catalog_sequences"));
+    EXPECT_TRUE(find_value(result.get_obj(), "rows").get_array().empty());
+    return find_value(result.get_obj(), "problem").get_str();
+  }
+};
+
+TEST_F(Catalog_Sequence, begins_with_the_full_backup_for_every_order)
+{
+  commit_tree();
+  for (const char* order : {"desc", "asc", "sideways"})
+    EXPECT_EQ("F I1 I2",
+              texts(rows({{"backup_id", "I2"}, {"order", order}}, "oscar_brcmd", "catalog_sequences"),
+                    "backup_id"));
+  EXPECT_EQ("F", chain("F"));
+  EXPECT_EQ("F I1", chain("I1"));
+}
+
+TEST_F(Catalog_Sequence, a_differential_needs_only_its_full_backup)
+{
+  commit_tree();
+  EXPECT_EQ("F D", chain("D"));
+  EXPECT_EQ("F D DI", chain("DI"));
+}
+
+TEST_F(Catalog_Sequence, rows_have_what_the_restore_reads)
+{
+  commit_tree();
+  const json_spirit::Array found = rows({{"backup_id", "I1"}}, "oscar_brcmd", "catalog_sequences");
+  ASSERT_EQ(2u, found.size());
+  for (const json_spirit::Value& row : found) {
+    EXPECT_EQ(4096u, find_value(row.get_obj(), "backup_set_size").get_uint64());
+    EXPECT_EQ("pool-1", find_value(row.get_obj(), "pool_uuid").get_str());
+    EXPECT_EQ("resource-1", find_value(row.get_obj(), "uri").get_str());
+    EXPECT_EQ(find_value(row.get_obj(), "backup_id").get_str() + ".bak",
+              find_value(row.get_obj(), "backup_file").get_str());
+  }
+}
+
+TEST_F(Catalog_Sequence, returns_no_rows_when_a_link_is_missing)
+{
+  commit_tree();
+  std::string error;
+  ASSERT_TRUE(kestrel::Catalog_Admin(0).remove("I1", error));
+  EXPECT_EQ("Backup I1, on which a later one builds, is not in the catalog", problem("I2"));
+  EXPECT_EQ("F D", chain("D"));
+}
+
+TEST_F(Catalog_Sequence, returns_no_rows_for_an_unknown_backup)
+{
+  commit_tree();
+  EXPECT_EQ("Backup nowhere is not in the catalog", problem("nowhere"));
+  log_.expect(LM_NOTICE, "Backup nowhere is not in the catalog");
+}
+
+TEST_F(Catalog_Sequence, returns_no_rows_when_a_member_is_not_available)
+{
+  commit_tree();
+  std::string error;
+  ASSERT_TRUE(
+      kestrel::Catalog_Admin(0).set_state("F", kestrel::Set_State::unavailable, "file is gone", error));
+  for (const char* id : {"F", "I1", "I2", "D", "DI"})
+    EXPECT_EQ("Backup F is not available: file is gone", problem(id));
+}
+
+TEST_F(Catalog_Sequence, returns_no_rows_for_a_circle)
+{
+  ASSERT_TRUE(commit(make_set("A", "incr", "B", "B")));
+  log_.expect(LM_WARNING, "'A' builds on backup 'B', which is not in the catalog");
+  ASSERT_TRUE(commit(make_set("B", "incr", "A", "A")));
+  EXPECT_EQ("The chain of backup A runs in a circle at A", problem("A"));
+
+  ASSERT_TRUE(commit(make_set("SELF", "incr", "SELF", "SELF")));
+  log_.expect(LM_WARNING, "'SELF' builds on backup 'SELF'");
+  EXPECT_EQ("The chain of backup SELF runs in a circle at SELF", problem("SELF"));
+}
+
+TEST_F(Catalog_Sequence, stays_within_the_resource)
+{
+  Oscar_Brcmd_Backup_Set full = make_set("F");
+  full.set_resource_uuid("resource-2");
+  ASSERT_TRUE(commit(full));
+  ASSERT_TRUE(commit(make_set("I1", "incr", "F", "F")));
+  log_.expect(LM_WARNING, "'I1' builds on backup 'F'");
+  EXPECT_NE("", problem("I1"));
+  EXPECT_TRUE(rows({{"backup_id", "F"}, {"resource_uuid", "resource-1"}}, "oscar_brcmd", "catalog_sequences")
+                  .empty());
+  EXPECT_EQ(
+      1u,
+      rows({{"backup_id", "F"}, {"resource_uuid", "resource-2"}}, "oscar_brcmd", "catalog_sequences").size());
+}
+
+TEST_F(Catalog_Sequence, follows_a_long_chain)
+{
+  ASSERT_TRUE(commit(make_set("0")));
+  std::string expected = "0";
+  for (int i = 1; i < 120; ++i) {
+    ASSERT_TRUE(commit(make_set(std::to_string(i), "incr", std::to_string(i - 1), "0")));
+    expected += " " + std::to_string(i);
+  }
+  EXPECT_EQ(expected, chain("119"));
+}
+
+TEST_F(Catalog_Sequence, refuses_queries_without_a_backup_id)
+{
+  json_spirit::Value result;
+  for (const Query& query : {Query{}, Query{{"backup_id", ""}}, Query{{"backup_id", 5}}}) {
+    EXPECT_FALSE(view(query, result, "oscar_brcmd", "catalog_sequences"));
+    log_.expect(LM_ERROR, "'backup_id'");
+  }
+  EXPECT_FALSE(view({{"backup_id", "F"}, {"limit", 1}}, result, "oscar_brcmd", "catalog_sequences"));
+  log_.expect(LM_ERROR, "does not know the key 'limit'");
+}
+
+TEST_F(Catalog_Sequence, exists_for_physical_sets_only)
+{
+  json_spirit::Value result;
+  EXPECT_FALSE(view({{"backup_id", "F"}}, result, "oscar", "catalog_sequences"));
+  log_.expect(LM_ERROR, "'oscar' has no view 'catalog_sequences'");
+}
+
+TEST_F(Catalog_Sequence, dependents_are_all_sets_that_build_on_one)
+{
+  commit_tree();
+  std::vector<std::string> uuids;
+  std::string error;
+  ASSERT_TRUE(kestrel::Catalog_Admin(0).dependents("F", uuids, error));
+  EXPECT_EQ((std::vector<std::string>{"I1", "D", "I2", "DI"}), uuids);
+  ASSERT_TRUE(kestrel::Catalog_Admin(0).dependents("DI", uuids, error));
+  EXPECT_TRUE(uuids.empty());
+  EXPECT_FALSE(kestrel::Catalog_Admin(0).dependents("X", uuids, error));
+}
