@@ -22,11 +22,6 @@ namespace
 /// A run that raises more alerts than this repeats itself.
 const std::size_t MAX_ALERTS = 1000;
 
-int put_event(std::unique_ptr<Job_Event> event)
-{
-  return Job_Event_Manager::instance()->putq(std::move(event), nullptr) < 0 ? -1 : 0;
-}
-
 /// The final state of a run that ended in this state without reporting a result.
 Job_State end_state(Job_State state)
 {
@@ -87,29 +82,40 @@ Job_State Job::state() const
 
 int Job::state(Job_State state)
 {
+  const std::lock_guard<std::mutex> guard(mutex_);
   activity()->state = state;
-  return sync(nullptr);
+  return publish();
 }
 
 int Job::state_i(Job_State state)
 {
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    if (settled_) {
-      errno = ESRCH;
-      return -1;
-    }
-    activity()->state = state;
+  const std::lock_guard<std::mutex> guard(mutex_);
+  if (settled_) {
+    errno = ESRCH;
+    return -1;
   }
-  return sync(nullptr);
+  activity()->state = state;
+  return publish();
 }
 
 int Job::sync(const Opts*)
 {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return publish();
+}
+
+/// Called with the lock, so that the events tell the states in the order in which they came.
+int Job::publish()
+{
+  const int synced = activity_.file().sync();
+  return post<kestrel::Job_State_Event>(state()) == 0 ? synced : -1;
+}
+
+template <class Event, class... Args> int Job::post(Args&&... args)
+{
   try {
-    const int synced = activity_.file().sync();
-    std::unique_ptr<Job_Event> event(new kestrel::Job_State_Event(definition(), state()));
-    return put_event(std::move(event)) == 0 ? synced : -1;
+    std::unique_ptr<Job_Event> event(new Event(definition(), std::forward<Args>(args)...));
+    return Job_Event_Manager::instance()->post(std::move(event));
   } catch (const std::exception&) {
     return -1;
   }
@@ -117,7 +123,7 @@ int Job::sync(const Opts*)
 
 /// RUNNING replaces the states before a run's work only. A request that came while the run waited to begin
 /// stays, and the executor finds it.
-void Job::begin_work()
+void Job::begin_work(time_t start_time)
 {
   const std::lock_guard<std::mutex> guard(mutex_);
   Job_State now = state();
@@ -129,9 +135,12 @@ void Job::begin_work()
   if (!running_) {
     settled_ = false;
   }
+  activity()->start_time = start_time;
+  activity()->last_run_time = start_time;
+  kestrel::ignore_result(post<kestrel::Job_Start_Event>(start_time), "the run goes on unheard");
 }
 
-bool Job::settle(Job_State result)
+bool Job::settle(Job_State result, int code, const std::string& text)
 {
   const std::lock_guard<std::mutex> guard(mutex_);
   if (running_ && settled_) {
@@ -141,41 +150,30 @@ bool Job::settle(Job_State result)
   result_ = result;
   activity()->state = result;
   activity()->end_time = kestrel::clock().now();
+  kestrel::ignore_result(post<kestrel::Job_Outcome_Event>(result, code, text), "the record has the result");
   return true;
 }
 
 int Job::complete()
 {
-  kestrel::Job_Hold hold;
-  Job_State final_state;
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    if (!running_ || !run_hold_) {
-      errno = ESRCH;
-      return -1;
-    }
-    hold = std::move(run_hold_);
-    run_hold_.reset();
-    final_state = end_state(state());
-    if (settled_ && job_run_in_progress(state())) {
-      final_state = result_;
-    }
-    settled_ = true;
-    activity()->state = final_state;
-    activity()->pid = 0;
-  }
-  kestrel::keep_until_thread_end(std::move(hold));
-  int result = activity_.file().sync();
-  try {
-    std::unique_ptr<Job_Event> event(new kestrel::Job_End_Event(definition(), final_state));
-    result = put_event(std::move(event)) == 0 ? result : -1;
-  } catch (const std::exception&) {
-    result = -1;
-  }
   const std::lock_guard<std::mutex> guard(mutex_);
+  if (!running_ || !run_hold_) {
+    errno = ESRCH;
+    return -1;
+  }
+  const Job_State left = state();
+  const Job_State final_state = settled_ && job_run_in_progress(left) ? result_ : end_state(left);
+  settled_ = true;
+  activity()->state = final_state;
+  activity()->pid = 0;
+  const int synced = activity_.file().sync();
+  const int posted = post<kestrel::Job_End_Event>(final_state);
+  // The job must live on for this lock, and its code until the thread has left it.
+  kestrel::keep_until_thread_end(std::move(run_hold_));
+  run_hold_.reset();
   running_ = false;
   ended_.notify_all();
-  return result;
+  return posted == 0 ? synced : -1;
 }
 
 bool Job::running() const
@@ -242,10 +240,15 @@ unsigned Job::active_runs()
 
 void Job::intrusive_add_ref(Job* job)
 {
-  job->add_reference();
+  if (job) {
+    job->add_reference();
+  }
 }
 
 void Job::intrusive_remove_ref(Job* job)
 {
-  job->remove_reference();
+  // Assigning to an empty ACE_Intrusive_Auto_Ptr lets go of null.
+  if (job) {
+    job->remove_reference();
+  }
 }

@@ -121,11 +121,12 @@ public:
   /// The alerts of the present or last run.
   std::vector<kestrel::Job_Alert> alerts() const;
   void add_alert(kestrel::Job_Alert alert);
-  /// For the event handler: the run begins its work. RUNNING, unless a control request came first.
-  void begin_work();
-  /// For the event handler. Reports the result of the run: sets the state and the end time. First report
-  /// wins; false for a later one.
-  bool settle(Job_State result);
+  /// For the event handler: the run begins its work. RUNNING, unless a control request came first; the times;
+  /// the start event.
+  void begin_work(time_t start_time);
+  /// For the event handler. Reports the result of the run: sets the state and the end time, sends the outcome
+  /// event. The first report wins; false for a later one.
+  bool settle(Job_State result, int code, const std::string& text);
 
   /// A reference that also counts as a run for wait_all_runs(): for threads that work for the job outside a
   /// run.
@@ -143,6 +144,8 @@ public:
 
 private:
   template <class Slot> int control(Slot slot);
+  template <class Event, class... Args> int post(Args&&... args);
+  int publish();
   void begin_run();
   int fail_start();
 
@@ -150,7 +153,7 @@ private:
   Mem_Map_Handle<Job_Activity, Job_Activity_Path_Conf, 4096u> activity_;
   std::shared_ptr<kestrel::Job_Log> log_;
   mutable std::recursive_mutex control_mutex_; // held while a control slot runs
-  mutable std::mutex mutex_;                   // guards what follows
+  mutable std::mutex mutex_;                   // guards what follows; held while a state is set and told
   mutable std::condition_variable ended_;
   bool running_ = false;
   bool settled_ = false;

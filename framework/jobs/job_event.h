@@ -158,6 +158,10 @@ public:
   /// until the given absolute time), ENOMEM. A null timeout waits for room. The event is gone in every case.
   int putq(std::unique_ptr<Job_Event> event, ACE_Time_Value* timeout);
 
+  /// Queues an event whether there is room or not, and never waits: for the few events that tell a job's
+  /// state, which must come in order and must not hold up a control request. 0, or -1 and errno as above.
+  int post(std::unique_ptr<Job_Event> event);
+
   /// Listeners are not owned. remove_listener() returns when no call into the listener runs any more (except
   /// when it is called from the listener itself).
   void add_listener(kestrel::Job_Event_Listener* listener);
@@ -168,6 +172,8 @@ public:
 
 private:
   struct Queue;
+  int enqueue(std::unique_ptr<Job_Event> event);
+
   std::unique_ptr<Queue> queue_;
 };
 
@@ -192,7 +198,7 @@ public:
   int handle_progress(int percent, unsigned long long total, unsigned long long done);
 
 private:
-  void finish(Job_State result, int code, std::string text);
+  void finish(Job_State result, int code, const std::string& text);
 
   Job& job_;
 };

@@ -19,16 +19,6 @@ namespace
 /// While a run waits for its start time it is asked this often whether it is still wanted.
 const int64_t WAIT_STEP_MSEC = 50;
 
-template <class Event, class... Args> int put_event(const Job_Definition& def, Args&&... args)
-{
-  try {
-    std::unique_ptr<Job_Event> event(new Event(def, std::forward<Args>(args)...));
-    return Job_Event_Manager::instance()->putq(std::move(event), nullptr) < 0 ? -1 : 0;
-  } catch (const std::exception&) {
-    return -1;
-  }
-}
-
 void wait_until(time_t start_time, const Job& job)
 {
   int64_t steps = (static_cast<int64_t>(start_time) - kestrel::clock().now() + 1) * 1000 / WAIT_STEP_MSEC;
@@ -58,14 +48,9 @@ void Job_Event_Handler::handle_start_job()
 {
   const time_t start_time = kestrel::reserve_start_time();
   wait_until(start_time, job_);
-  Job_Activity& act = *job_.activity();
-  job_.begin_work();
-  act.start_time = start_time;
-  act.last_run_time = start_time;
-  kestrel::ignore_result(uuid_string_to_binary(kestrel::make_uuid().c_str(), act.uuid),
+  kestrel::ignore_result(uuid_string_to_binary(kestrel::make_uuid().c_str(), job_.activity()->uuid),
                          "a new uuid is well formed");
-  kestrel::ignore_result(put_event<kestrel::Job_Start_Event>(job_.definition(), start_time),
-                         "the run goes on unheard");
+  job_.begin_work(start_time);
 }
 
 void Job_Event_Handler::handle_success()
@@ -94,16 +79,12 @@ void Job_Event_Handler::handle_failure(int code, const char* format, ...)
     ACE_ERROR((LM_ERROR, "(%P|%t) Job %C failed with code %d: %C\n", job_.definition().id().c_str(), code,
                text.c_str()));
   }
-  finish(JOB_STATE_ERROR, code, std::move(text));
+  finish(JOB_STATE_ERROR, code, text);
 }
 
-void Job_Event_Handler::finish(Job_State result, int code, std::string text)
+void Job_Event_Handler::finish(Job_State result, int code, const std::string& text)
 {
-  if (job_.settle(result)) {
-    kestrel::ignore_result(
-        put_event<kestrel::Job_Outcome_Event>(job_.definition(), result, code, std::move(text)),
-        "the record has the result");
-  }
+  kestrel::ignore_result(job_.settle(result, code, text), "the first result of a run counts");
 }
 
 int Job_Event_Handler::handle_progress(int percent, unsigned long long total, unsigned long long done)
@@ -112,5 +93,10 @@ int Job_Event_Handler::handle_progress(int percent, unsigned long long total, un
   act.progress = percent;
   act.progress_total = total;
   act.progress_done = done;
-  return put_event<Job_Progress_Event>(job_.definition(), percent, total, done, 0ull);
+  try {
+    std::unique_ptr<Job_Event> event(new Job_Progress_Event(job_.definition(), percent, total, done, 0));
+    return Job_Event_Manager::instance()->putq(std::move(event), nullptr) < 0 ? -1 : 0;
+  } catch (const std::exception&) {
+    return -1;
+  }
 }

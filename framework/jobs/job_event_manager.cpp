@@ -134,21 +134,42 @@ int Job_Event_Manager::putq(std::unique_ptr<Job_Event> event, ACE_Time_Value* ti
       errno = EWOULDBLOCK;
       return -1;
     }
-    if (queue_->closed) {
-      errno = ESHUTDOWN;
-      return -1;
-    }
-    if (!queue_->consumer.joinable()) {
-      queue_->consumer = std::thread([this] { queue_->consume(); });
-    }
-    queue_->events.push_back(std::move(event));
-    ++queue_->put;
-    queue_->changed.notify_all();
-    return static_cast<int>(queue_->events.size());
+    return enqueue(std::move(event));
   } catch (const std::exception&) {
     errno = ENOMEM; // or no thread for the consumer
     return -1;
   }
+}
+
+int Job_Event_Manager::post(std::unique_ptr<Job_Event> event)
+{
+  if (!event) {
+    errno = EINVAL;
+    return -1;
+  }
+  try {
+    const std::lock_guard<std::mutex> guard(queue_->mutex);
+    return enqueue(std::move(event)) < 0 ? -1 : 0;
+  } catch (const std::exception&) {
+    errno = ENOMEM;
+    return -1;
+  }
+}
+
+/// Called with the lock; may throw.
+int Job_Event_Manager::enqueue(std::unique_ptr<Job_Event> event)
+{
+  if (queue_->closed) {
+    errno = ESHUTDOWN;
+    return -1;
+  }
+  if (!queue_->consumer.joinable()) {
+    queue_->consumer = std::thread([this] { queue_->consume(); });
+  }
+  queue_->events.push_back(std::move(event));
+  ++queue_->put;
+  queue_->changed.notify_all();
+  return static_cast<int>(queue_->events.size());
 }
 
 void Job_Event_Manager::add_listener(kestrel::Job_Event_Listener* listener)

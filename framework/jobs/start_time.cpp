@@ -43,9 +43,8 @@ bool write_stamp(int handle, long long stamp)
   return file_system().pwrite(handle, text, STAMP_BYTES, 0) == static_cast<ssize_t>(STAMP_BYTES);
 }
 
-long long next_stamp(long long last)
+long long next_stamp(long long last, long long now)
 {
-  const long long now = clock().now();
   if (last > now + MAX_AHEAD_SECONDS) {
     ACE_ERROR((LM_WARNING,
                "(%P|%t) reserve_start_time: the last start time is %q seconds ahead; the clock was set back, "
@@ -69,8 +68,13 @@ bool reserve_among_processes(long long& stamp)
   if (file.get() < 0) {
     return false;
   }
-  const long long last = read_stamp(file.get());
-  const long long next = next_stamp(last < last_of_process ? last_of_process : last);
+  const long long now = clock().now();
+  long long last = read_stamp(file.get());
+  // Times that this process gave out while it had no file count too.
+  if (last < last_of_process && last_of_process <= now + MAX_AHEAD_SECONDS) {
+    last = last_of_process;
+  }
+  const long long next = next_stamp(last, now);
   if (!write_stamp(file.get(), next)) {
     return false;
   }
@@ -87,7 +91,7 @@ time_t reserve_start_time()
     ACE_ERROR(
         (LM_WARNING,
          "(%P|%t) reserve_start_time: the last start time cannot be shared with other processes: %m\n"));
-    stamp = next_stamp(last_of_process);
+    stamp = next_stamp(last_of_process, clock().now());
   }
   last_of_process = stamp;
   return static_cast<time_t>(stamp);
