@@ -1,0 +1,160 @@
+#include "agent/backup_catalog.h"
+
+#include "base/clock.h"
+#include "catalog/catalog_back_end.h"
+#include "json/json_util.h"
+
+#include <set>
+
+namespace kestrel
+{
+namespace
+{
+constexpr int64_t busy_limit_msec = 10000;
+constexpr int64_t retry_msec = 100;
+typedef std::map<std::string, json_spirit::Value> Query;
+
+bool query_rows(const char* view, const Query& query, json_spirit::Array& rows, std::string& error)
+{
+  const int64_t give_up_msec = clock().monotonic_msec() + busy_limit_msec;
+  json_spirit::Value result;
+  for (;;) {
+    const Catalog_Status status = catalog_back_end()->get_view("oscar_brcmd", view, query, result, error);
+    if (status == Catalog_Status::done)
+      break;
+    if (status == Catalog_Status::failed || clock().monotonic_msec() >= give_up_msec)
+      return false;
+    clock().sleep_msec(retry_msec);
+  }
+  rows = required<json_spirit::Array>(result.get_obj(), "rows");
+  return true;
+}
+
+template <class T> T value_or_default(const json_spirit::Object& row, const char* key)
+{
+  T value{};
+  optional(row, key, value);
+  return value;
+}
+
+uint64_t pattern_of(const json_spirit::Object& row, const char* key)
+{
+  const json_spirit::Value& value = json_spirit::find_value(row, key);
+  return value.type() == json_spirit::int_type ? value.get_uint64() : 0;
+}
+
+Backup_Entry entry_of(const json_spirit::Object& row)
+{
+  Backup_Entry entry;
+  entry.id = required<std::string>(row, "uuid");
+  entry.level = required<std::string>(row, "type");
+  entry.name = value_or_default<std::string>(row, "name");
+  entry.resource_uuid = required<std::string>(row, "resource_uuid");
+  entry.uri = required<std::string>(row, "uri");
+  entry.pool_uuid = required<std::string>(row, "pool_uuid");
+  entry.file = required<std::string>(row, "backup_file");
+  entry.compression = value_or_default<std::string>(row, "compression");
+  entry.size = pattern_of(row, "backup_set_size");
+  entry.stored_size = pattern_of(row, "backup_set_storage_size");
+  entry.pump_size = pattern_of(row, "pump_size");
+  entry.pump_checksum = value_or_default<std::string>(row, "pump_checksum");
+  entry.original_checksum = value_or_default<std::string>(row, "original_checksum");
+  entry.storage_checksum = value_or_default<std::string>(row, "storage_checksum");
+  entry.start_time = static_cast<time_t>(value_or_default<int64_t>(row, "start_time"));
+  entry.end_time = static_cast<time_t>(value_or_default<int64_t>(row, "end_time"));
+  entry.available = !value_or_default<json_spirit::Array>(row, "state").empty();
+  entry.state_reason = value_or_default<std::string>(row, "state_reason");
+  entry.predecessor_missing = value_or_default<bool>(row, "predecessor_missing");
+  entry.predecessor_id = value_or_default<std::string>(row, "predecessor_id");
+  entry.full_backup_id = value_or_default<std::string>(row, "full_backup_id");
+  entry.lsn = pattern_of(row, "backup_lsn");
+  entry.scn = pattern_of(row, "backup_scn");
+  return entry;
+}
+
+bool query_entries(const char* view, const Query& query, std::vector<Backup_Entry>& backups, std::string& error)
+{
+  try {
+    json_spirit::Array rows;
+    if (!query_rows(view, query, rows, error))
+      return false;
+    std::vector<Backup_Entry> found;
+    found.reserve(rows.size());
+    for (const json_spirit::Value& row : rows)
+      found.push_back(entry_of(row.get_obj()));
+    backups.swap(found);
+    return true;
+  } catch (const std::exception& exception) {
+    error = std::string("the catalog holds a record of the wrong shape: ") + exception.what();
+    return false;
+  }
+}
+
+bool resolve_latest(const std::string& resource_uuid, Backup_Entry& backup, std::string& error)
+{
+  Query fields;
+  if (!resource_uuid.empty())
+    fields["resource_uuid"] = resource_uuid;
+  std::vector<Backup_Entry> found;
+  if (!list_backups(fields, resource_uuid.empty() ? 0 : 1, found, error))
+    return false;
+  std::set<std::string> resources;
+  for (const Backup_Entry& entry : found)
+    resources.insert(entry.resource_uuid);
+  if (found.empty()) {
+    error = resource_uuid.empty() ? "there is no backup yet" : "there is no backup of this instance";
+    return false;
+  }
+  if (resources.size() > 1) {
+    error = "several instances have backups; say which one with --instance NAME";
+    return false;
+  }
+  backup = found.front();
+  return true;
+}
+} // namespace
+
+bool list_backups(const std::map<std::string, json_spirit::Value>& fields, uint64_t limit,
+                  std::vector<Backup_Entry>& backups, std::string& error)
+{
+  Query query = fields;
+  query["sort"] = "start_time";
+  query["order"] = "desc";
+  if (limit)
+    query["limit"] = limit;
+  return query_entries("catalogs", query, backups, error);
+}
+
+bool backup_sequence(const std::string& id, std::vector<Backup_Entry>& backups, std::string& error)
+{
+  return query_entries("catalog_sequences", {{"backup_id", id}, {"order", "desc"}}, backups, error);
+}
+
+bool resolve_backup(const std::string& reference, const std::string& resource_uuid, Backup_Entry& backup,
+                    std::string& error)
+{
+  if (reference == "latest")
+    return resolve_latest(resource_uuid, backup, error);
+  std::vector<Backup_Entry> found;
+  if (!list_backups({{"uuid", reference}}, 0, found, error))
+    return false;
+  if (found.empty() && !reference.empty()) {
+    std::vector<Backup_Entry> all;
+    if (!list_backups({}, 0, all, error))
+      return false;
+    for (const Backup_Entry& entry : all)
+      if (entry.id.compare(0, reference.size(), reference) == 0)
+        found.push_back(entry);
+  }
+  if (found.empty()) {
+    error = "there is no backup " + reference + "; kestrel backups lists them";
+    return false;
+  }
+  if (found.size() > 1) {
+    error = std::to_string(found.size()) + " backups begin with " + reference + "; give more of the id";
+    return false;
+  }
+  backup = found.front();
+  return true;
+}
+} // namespace kestrel

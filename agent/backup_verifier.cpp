@@ -1,0 +1,112 @@
+#include "agent/backup_verifier.h"
+
+#include "storage/client_io.h"
+#include "storage/pool.h"
+
+#include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace kestrel
+{
+namespace
+{
+constexpr unsigned block_bytes = 1u << 20;
+/// The head of a stream, and the longest info block that a restore accepts.
+constexpr uint32_t head_bytes = 512;
+constexpr uint32_t longest_info_bytes = 8192;
+
+Verification judged(Verification::Outcome outcome, const std::string& problem, uint64_t bytes)
+{
+  Verification verification;
+  verification.outcome = outcome;
+  verification.problem = problem;
+  verification.bytes = bytes;
+  return verification;
+}
+
+/// The stream begins with its own length of the info block, big-endian. Empty text when a restore would accept it.
+std::string info_block_problem(const std::vector<unsigned char>& first_block, size_t count)
+{
+  if (count < head_bytes)
+    return "the stream is shorter than its info head";
+  uint32_t info_bytes = 0;
+  for (size_t position = 0; position < 4; ++position)
+    info_bytes = info_bytes << 8 | first_block[position];
+  if (info_bytes < head_bytes || info_bytes > longest_info_bytes)
+    return "the info head announces an info block of " + std::to_string(info_bytes) + " bytes";
+  if (count < info_bytes)
+    return "the stream ends inside its info block";
+  return "";
+}
+
+std::string disagreement_with_catalog(const Backup_Entry& backup, const Client_IO_Ex& client, uint64_t bytes)
+{
+  if (bytes != backup.size)
+    return "the stream has " + std::to_string(bytes) + " bytes, the catalog says " + std::to_string(backup.size);
+  if (client.storage_size() != backup.stored_size)
+    return "the stored file has " + std::to_string(client.storage_size()) + " bytes, the catalog says " +
+           std::to_string(backup.stored_size);
+  if (!backup.original_checksum.empty() && client.original_checksum() != backup.original_checksum)
+    return "the stream's checksum differs from the catalog's";
+  if (!backup.pump_checksum.empty() && client.original_checksum() != backup.pump_checksum)
+    return "the stream's checksum differs from the one taken when the tool wrote it";
+  if (!backup.storage_checksum.empty() && client.storage_checksum() != backup.storage_checksum)
+    return "the stored file's checksum differs from the catalog's";
+  return "";
+}
+
+bool directory_exists(const std::string& path)
+{
+  struct stat status;
+  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+/// A file that this user may not read says nothing about its content.
+bool may_not_read(const std::string& path) { return ::access(path.c_str(), R_OK) != 0 && errno == EACCES; }
+} // namespace
+
+Verification verify_backup(const Backup_Entry& backup,
+                           const std::function<void(uint64_t done_bytes, uint64_t total_bytes)>& progress,
+                           const std::function<bool()>& cancel_requested)
+{
+  using Outcome = Verification::Outcome;
+  Pool_Info pool;
+  Client_IO_Base::Options options;
+  if (!get_pool_info(backup.pool_uuid, "", pool, false, 0, nullptr, true, nullptr, nullptr, false) ||
+      !set_options_by_pool(options, pool))
+    return judged(Outcome::unknown, "its pool " + backup.pool_uuid + " is not known here", 0);
+  if (!directory_exists(pool.storage_path))
+    return judged(Outcome::unknown, "the directory " + pool.storage_path + " of pool " + pool.name + " is not there", 0);
+
+  Client_IO_Ex client;
+  if (!client.connect(pool.storage_path + "/" + backup.uri, options))
+    return judged(Outcome::unknown, client.error(), 0);
+  if (!client.open(backup.file, Client_IO_Ex::MODE_READ, 0, 0))
+    return judged(may_not_read(pool.storage_path + "/" + backup.uri + "/" + backup.file) ? Outcome::unknown
+                                                                                         : Outcome::damaged,
+                  client.error(), 0);
+
+  std::vector<unsigned char> block(block_bytes);
+  uint64_t bytes = 0;
+  for (;;) {
+    const int count = client.read(block.data(), block_bytes);
+    if (count < 0)
+      return judged(Outcome::damaged, client.error(), bytes);
+    if (bytes == 0) {
+      const std::string problem = info_block_problem(block, static_cast<size_t>(count));
+      if (!problem.empty())
+        return judged(Outcome::damaged, problem, static_cast<uint64_t>(count));
+    }
+    bytes += static_cast<uint64_t>(count);
+    if (progress)
+      progress(bytes, backup.size);
+    if (static_cast<unsigned>(count) < block_bytes)
+      break;
+    if (cancel_requested && cancel_requested())
+      return judged(Outcome::unknown, "canceled", bytes);
+  }
+  const std::string problem = disagreement_with_catalog(backup, client, bytes);
+  return judged(problem.empty() ? Outcome::good : Outcome::damaged, problem, bytes);
+}
+} // namespace kestrel

@@ -1,0 +1,49 @@
+#include "agent/job_presence.h"
+
+#include "base/path_conf.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/file.h>
+
+namespace kestrel
+{
+namespace
+{
+/// Pipes lie one directory below the state directory, one directory for each kind of database.
+void remove_stale_fifos(const std::filesystem::path& state_directory)
+{
+  std::error_code failure;
+  for (const auto& folder : std::filesystem::directory_iterator(state_directory, failure)) {
+    if (!folder.is_directory(failure))
+      continue;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, failure)) {
+      const std::string name = entry.path().filename();
+      if (entry.is_fifo(failure) && name.size() > 5 && name.compare(name.size() - 5, 5, "_fifo") == 0)
+        std::filesystem::remove(entry.path(), failure);
+    }
+  }
+}
+} // namespace
+
+bool Job_Presence::enter(std::string& error)
+{
+  const std::string path = state_path("jobs.lock");
+  Auto_Closer<int, Auto_Handle_Trait> lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640));
+  if (lock.get() < 0) {
+    error = "cannot open " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  // Alone: nobody else can be using a pipe, and nobody can start to before the lock is shared again.
+  if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0)
+    remove_stale_fifos(std::filesystem::path(path).parent_path());
+  if (::flock(lock.get(), LOCK_SH) != 0) {
+    error = "cannot lock " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  lock_.reset(lock.release());
+  return true;
+}
+} // namespace kestrel

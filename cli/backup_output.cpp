@@ -1,0 +1,62 @@
+#include "cli/backup_output.h"
+
+#include "cli/text_format.h"
+#include "json/json_util.h"
+
+namespace kestrel
+{
+std::string pool_name(Session& session, const std::string& pool_id)
+{
+  Pool_Info pool;
+  std::string error;
+  return session.host().pools().find(pool_id, pool, error) ? pool.name : pool_id;
+}
+
+std::string state_text(const Backup_Entry& backup)
+{
+  if (!backup.available)
+    return "unusable";
+  return backup.predecessor_missing ? "chain broken" : "available";
+}
+
+json_spirit::Object json_of_backup(Session& session, const Backup_Entry& backup)
+{
+  json_spirit::Object object;
+  set_value(object, "id", backup.id);
+  set_value(object, "instance", session.instance_name(backup.resource_uuid));
+  set_value(object, "resource_uuid", backup.resource_uuid);
+  set_value(object, "level", backup.level);
+  set_value(object, "state", state_text(backup));
+  set_value(object, "state_reason", backup.state_reason);
+  set_value(object, "start_time", format_time_rfc3339(backup.start_time));
+  set_value(object, "end_time", format_time_rfc3339(backup.end_time));
+  set_value(object, "size", backup.size);
+  set_value(object, "stored_size", backup.stored_size);
+  set_value(object, "compression", backup.compression);
+  set_value(object, "pool", pool_name(session, backup.pool_uuid));
+  set_value(object, "pool_uuid", backup.pool_uuid);
+  set_value(object, "folder", backup.uri);
+  set_value(object, "file", backup.file);
+  set_value(object, "pump_size", backup.pump_size);
+  set_value(object, "pump_checksum", backup.pump_checksum);
+  set_value(object, "original_checksum", backup.original_checksum);
+  set_value(object, "storage_checksum", backup.storage_checksum);
+  set_value(object, "full_backup_id", backup.full_backup_id);
+  set_value(object, "predecessor_id", backup.predecessor_id);
+  set_value(object, "lsn", backup.lsn);
+  set_value(object, "scn", backup.scn);
+  return object;
+}
+
+bool find_backup(Session& session, const std::string& reference, Backup_Entry& backup)
+{
+  std::string resource_uuid;
+  if (!session.resource_of(session.line().instance, resource_uuid))
+    return false;
+  std::string error;
+  if (resolve_backup(reference, resource_uuid, backup, error))
+    return true;
+  session.fail(error);
+  return false;
+}
+} // namespace kestrel

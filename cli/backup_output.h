@@ -1,0 +1,16 @@
+#pragma once
+
+#include "agent/backup_catalog.h"
+#include "cli/session.h"
+
+namespace kestrel
+{
+/// One backup as --json shows it; docs/formats.md documents the keys.
+json_spirit::Object json_of_backup(Session& session, const Backup_Entry& backup);
+/// Name of the pool with this id, or the id itself when it is not registered any more.
+std::string pool_name(Session& session, const std::string& pool_id);
+/// "available", "unusable" or "chain broken".
+std::string state_text(const Backup_Entry& backup);
+/// The backup that the user's word means. False after Session::fail().
+[[nodiscard]] bool find_backup(Session& session, const std::string& reference, Backup_Entry& backup);
+} // namespace kestrel

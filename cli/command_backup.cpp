@@ -1,0 +1,79 @@
+#include "cli/definition_builder.h"
+#include "cli/job_command.h"
+#include "cli/text_format.h"
+
+#include "agent/backup_catalog.h"
+#include "json/json_util.h"
+
+namespace kestrel
+{
+namespace
+{
+bool find_target(Session& session, Pool_Info& pool)
+{
+  const std::string& wanted = session.line().pool;
+  std::string error;
+  Pool_Registry& pools = session.host().pools();
+  if (wanted.empty() ? pools.default_pool(pool, error) : pools.find(wanted, pool, error))
+    return true;
+  session.fail(wanted.empty() ? "there is no pool to back up to: " + error +
+                                    "; add one: kestrel pool add NAME --path DIR --default"
+                              : "the pool " + wanted + " cannot be used: " + error);
+  return false;
+}
+
+/// The newest backup of the instance is the one that was just committed: jobs on one instance exclude each other.
+bool committed_backup(const std::string& resource_uuid, Backup_Entry& backup, std::string& error)
+{
+  return resolve_backup("latest", resource_uuid, backup, error);
+}
+} // namespace
+
+int run_backup(Session& session)
+{
+  const Command_Line& line = session.line();
+  Instance_Registry::Entry instance;
+  Pool_Info pool;
+  if (!session.find_instance(line.instance, instance) || !find_target(session, pool))
+    return EXIT_CODE_FAILED;
+  const std::string& name = instance.instance.name;
+  if (instance.accounts.empty())
+    return session.fail("there is no account for " + name + "; store one with: kestrel login " + name + " --user USER");
+
+  Backup_Request request;
+  request.instance_name = name;
+  request.instance_uuid = instance.instance.uuid;
+  request.pool_id = pool.pool_id;
+  request.level = line.level;
+  request.compression = line.compression;
+  request.compression_level = line.compression_level.value_or(1);
+  request.rate_limit_bytes_per_second = line.rate_limit_bytes_per_second;
+  Job_Definition_Ptr definition;
+  std::string error;
+  if (!session.host().loader().load(backup_definition(session.host().identity(), request), definition, error))
+    return session.fail("the backup of " + name + " cannot be defined: " + error);
+
+  session.note("Backing " + name + " up to pool " + pool.name + " (" + line.level + ", " + line.compression + ")");
+  const Job_Report job = run_job(session, definition, name, "backup of " + name);
+  if (job.exit_code != EXIT_CODE_DONE)
+    return job.exit_code;
+
+  Backup_Entry backup;
+  if (!committed_backup(instance.instance.uuid, backup, error))
+    return session.fail("the backup of " + name + " is done, but cannot be shown: " + error);
+  json_spirit::Object json;
+  set_value(json, "backup", backup.id);
+  set_value(json, "instance", name);
+  set_value(json, "level", backup.level);
+  set_value(json, "pool", pool.name);
+  set_value(json, "file", backup.file);
+  set_value(json, "size", backup.size);
+  set_value(json, "stored_size", backup.stored_size);
+  set_value(json, "duration_msec", job.duration_msec);
+  set_value(json, "log", job.run.log_path);
+  session.result(json, "Backup " + backup.id + " of " + name + " (" + backup.level + "): " + format_bytes(backup.size) +
+                           ", stored as " + format_bytes(backup.stored_size) + " in " +
+                           format_duration(job.duration_msec / 1000) + ".\n");
+  return EXIT_CODE_DONE;
+}
+} // namespace kestrel

@@ -1,0 +1,106 @@
+#include "cli/password_input.h"
+#include "cli/session.h"
+#include "cli/text_format.h"
+
+#include "instances/instance_handler.h"
+#include "json/json_util.h"
+
+#include <set>
+
+namespace kestrel
+{
+namespace
+{
+std::string option_text(const Instance& instance, const char* key)
+{
+  const auto found = instance.options.find(key);
+  return found != instance.options.end() && found->second.type() == json_spirit::str_type ? found->second.get_str() : "";
+}
+
+/// The handler notes the port that the last look found; none when it could not tell.
+json_spirit::Value port_of(const Instance& instance)
+{
+  const auto found = instance.options.find("port");
+  return found != instance.options.end() && found->second.type() == json_spirit::int_type ? found->second
+                                                                                         : json_spirit::Value();
+}
+
+std::string users_of(const Instance_Registry::Entry& entry)
+{
+  std::set<std::string> names;
+  for (const Instance_Registry::Account& account : entry.accounts)
+    names.insert(account.username);
+  std::string text;
+  for (const std::string& name : names)
+    text += (text.empty() ? "" : ",") + name;
+  return text.empty() ? "-" : text;
+}
+} // namespace
+
+int run_instances(Session& session)
+{
+  std::string error;
+  std::vector<Instance_Registry::Entry> entries;
+  Instance_Registry& registry = session.host().instances();
+  if (registry.probe(session.host().instance_handler(), error) != 0 || registry.list(entries, error) != 0)
+    return session.fail("the instances of this host cannot be listed: " + error);
+
+  json_spirit::Array list;
+  std::vector<std::vector<std::string>> rows = {{"NAME", "PORT", "VERSION", "STATE", "USER", "HOME"}};
+  for (const Instance_Registry::Entry& entry : entries) {
+    const Instance& instance = entry.instance;
+    const std::string state = registry.state(session.host().instance_handler(), instance.name);
+    const json_spirit::Value port = port_of(instance);
+    json_spirit::Object object;
+    set_value(object, "name", instance.name);
+    set_value(object, "uuid", instance.uuid);
+    set_value(object, "port", port);
+    set_value(object, "version", option_text(instance, "version"));
+    set_value(object, "state", state);
+    set_value(object, "home", option_text(instance, "oscar_home"));
+    json_spirit::Array users;
+    for (const Instance_Registry::Account& account : entry.accounts)
+      users.push_back(account.username);
+    set_value(object, "users", users);
+    list.push_back(object);
+    rows.push_back({instance.name, port.is_null() ? "-" : write_json(port), option_text(instance, "version"), state, users_of(entry),
+                    option_text(instance, "oscar_home")});
+  }
+  json_spirit::Object json;
+  set_value(json, "instances", list);
+  session.result(json, entries.empty() ? "No OSCAR instance was found on this host. Start one and try again.\n"
+                                       : format_table(rows, {1}));
+  return EXIT_CODE_DONE;
+}
+
+int run_login(Session& session)
+{
+  const Command_Line& line = session.line();
+  Instance_Registry::Entry entry;
+  std::string error;
+  // The handler tests logins only at instances that its own last look found.
+  Instance_Registry& registry = session.host().instances();
+  if (registry.probe(session.host().instance_handler(), error) != 0)
+    return session.fail("the instances of this host cannot be listed: " + error);
+  if (!session.find_instance(line.instance, entry))
+    return EXIT_CODE_FAILED;
+
+  secure_string password;
+  if (!read_password(line.password_file, "Password of " + line.user + " at " + entry.instance.name + ": ", password,
+                     error))
+    return session.fail("no password for " + line.user + " at " + entry.instance.name + ": " + error);
+  std::string warning;
+  if (registry.logon(session.host().instance_handler(), entry.instance.name, "", line.user, password, warning, error) !=
+      0) {
+    const bool awkward = password.find_first_of(" \t\"'") != secure_string::npos;
+    return session.fail("the login of " + line.user + " at " + entry.instance.name + " failed: " +
+                        (error.empty() ? "see the log" : error) +
+                        (awkward ? " (OSCAR's tools take no password with blanks or quotes)" : ""));
+  }
+  json_spirit::Object json;
+  set_value(json, "instance", entry.instance.name);
+  set_value(json, "user", line.user);
+  session.result(json, "The login works; the account of " + line.user + " at " + entry.instance.name + " is kept.\n");
+  return EXIT_CODE_DONE;
+}
+} // namespace kestrel

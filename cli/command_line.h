@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kestrel
+{
+enum class Command {
+  none,
+  instances,
+  login,
+  pool_add,
+  pool_list,
+  pool_remove,
+  backup,
+  backups,
+  show,
+  verify,
+  restore,
+  run
+};
+
+/// What the user asked for, checked for form only.
+struct Command_Line {
+  Command command = Command::none;
+  std::string root;
+  bool json = false;
+  bool verbose = false;
+  bool quiet = false;
+
+  std::string instance;            ///< backup, backups, login; for "latest" also show, verify, restore
+  std::vector<std::string> names;  ///< show, restore: one BACKUP; verify: any number
+  std::string user;
+  std::string password_file;
+  std::string pool;                ///< pool commands, backup, restore
+  std::string path;
+  bool make_default = false;
+  std::string level = "full";
+  std::string compression = "zstd";
+  std::optional<int> compression_level;
+  uint64_t rate_limit_bytes_per_second = 0;
+  uint64_t limit = 0;              ///< backups: newest N; 0 = all
+  bool assume_yes = false;
+  std::string file;                ///< run
+};
+
+/// Parses the words of the command line. Prints help, version or the error itself.
+/// Returns true when there is a command to run; otherwise `exit_code` is what the process must end with
+/// (0 after help and version, 2 after a usage error).
+bool parse_command_line(int argc, char** argv, Command_Line& line, int& exit_code);
+} // namespace kestrel

@@ -1,0 +1,149 @@
+#include "cli/backup_output.h"
+#include "cli/definition_builder.h"
+#include "cli/job_command.h"
+#include "cli/text_format.h"
+
+#include "json/json_util.h"
+
+#include <cstdio>
+#include <iostream>
+#include <unistd.h>
+
+namespace kestrel
+{
+namespace
+{
+struct Restore_Plan {
+  Backup_Entry backup;
+  std::vector<Backup_Entry> sequence;
+  Instance_Registry::Entry instance;
+  std::string pool_override;
+  uint64_t bytes = 0;
+};
+
+bool find_target_instance(Session& session, const Backup_Entry& backup, Instance_Registry::Entry& instance)
+{
+  const std::string& wanted = session.line().instance;
+  return session.find_instance(wanted.empty() ? session.instance_name(backup.resource_uuid) : wanted, instance);
+}
+
+bool make_plan(Session& session, Restore_Plan& plan)
+{
+  std::string error;
+  if (!find_backup(session, session.line().names.front(), plan.backup) ||
+      !find_target_instance(session, plan.backup, plan.instance))
+    return false;
+  if (!backup_sequence(plan.backup.id, plan.sequence, error)) {
+    session.fail("backup " + plan.backup.id + " cannot be restored: " + error);
+    return false;
+  }
+  if (plan.sequence.empty()) {
+    session.fail("backup " + plan.backup.id +
+                 " cannot be restored: it, or a backup that it builds on, is missing or unusable; kestrel backups shows "
+                 "which");
+    return false;
+  }
+  for (const Backup_Entry& member : plan.sequence)
+    plan.bytes += member.size;
+  if (!session.line().pool.empty()) {
+    Pool_Info pool;
+    if (!session.host().pools().find(session.line().pool, pool, error)) {
+      session.fail("the pool " + session.line().pool + " cannot be used: " + error);
+      return false;
+    }
+    plan.pool_override = pool.pool_id;
+  }
+  return true;
+}
+
+std::string describe(Session& session, const Restore_Plan& plan)
+{
+  const std::string& name = plan.instance.instance.name;
+  std::string text = "Restore of " + name + " to the state of " + format_time(plan.backup.end_time) + ":\n";
+  text += "  1. the instance " + name + " is stopped; who works in it is cut off\n";
+  int step = 2;
+  for (const Backup_Entry& member : plan.sequence)
+    text += "  " + std::to_string(step++) + ". backup " + member.id + " (" + member.level + ", " +
+            format_bytes(member.size) + ") is read from pool " +
+            pool_name(session, plan.pool_override.empty() ? member.pool_uuid : plan.pool_override) + "\n";
+  text += "  " + std::to_string(step) + ". its data takes the place of what " + name + " holds now, and " + name +
+          " is started\n";
+  return text;
+}
+
+/// Asks on the terminal; without one nobody can answer, so nothing is done.
+bool confirmed(Session& session)
+{
+  if (session.line().assume_yes)
+    return true;
+  if (!::isatty(STDIN_FILENO)) {
+    session.fail("nobody is there to confirm the restore; give --yes", EXIT_CODE_USAGE);
+    return false;
+  }
+  std::fputs("Go on? [y/N] ", stderr);
+  std::string answer;
+  if (std::getline(std::cin, answer) && (answer == "y" || answer == "Y" || answer == "yes"))
+    return true;
+  session.fail("nothing was done", EXIT_CODE_CANCELED);
+  return false;
+}
+} // namespace
+
+int run_restore(Session& session)
+{
+  Restore_Plan plan;
+  if (!make_plan(session, plan))
+    return EXIT_CODE_FAILED;
+  if (!session.line().json)
+    std::fputs(describe(session, plan).c_str(), stderr);
+  if (!confirmed(session))
+    return session.line().assume_yes || ::isatty(STDIN_FILENO) ? EXIT_CODE_CANCELED : EXIT_CODE_USAGE;
+
+  Restore_Request request;
+  request.instance_name = plan.instance.instance.name;
+  request.resource_uuid = plan.backup.resource_uuid;
+  request.backup_id = plan.backup.id;
+  request.pool_id = plan.backup.pool_uuid;
+  request.pool_override = plan.pool_override;
+  Job_Definition_Ptr definition;
+  std::string error;
+  if (!session.host().loader().load(restore_definition(session.host().identity(), request), definition, error))
+    return session.fail("the restore of " + request.instance_name + " cannot be defined: " + error);
+  const Job_Report job =
+      run_job(session, definition, request.instance_name, "restore of " + request.instance_name);
+  if (job.exit_code != EXIT_CODE_DONE)
+    return job.exit_code;
+
+  json_spirit::Object json;
+  set_value(json, "backup", plan.backup.id);
+  set_value(json, "instance", request.instance_name);
+  set_value(json, "sets", static_cast<uint64_t>(plan.sequence.size()));
+  set_value(json, "size", plan.bytes);
+  set_value(json, "duration_msec", job.duration_msec);
+  set_value(json, "log", job.run.log_path);
+  session.result(json, request.instance_name + " is restored from backup " + plan.backup.id + ": " +
+                           format_bytes(plan.bytes) + " in " + format_duration(job.duration_msec / 1000) + ".\n");
+  return EXIT_CODE_DONE;
+}
+
+int run_definition_file(Session& session)
+{
+  const std::string& file = session.line().file;
+  Job_Definition_Ptr definition;
+  std::string error;
+  if (!session.host().loader().load_file(file == "-" ? "/dev/stdin" : file, definition, error))
+    return session.fail("the job definition " + file + " is refused: " + error);
+  const std::string name = definition->name().empty() ? definition->id() : definition->name();
+  const Job_Report job = run_job(session, definition, name, "job " + name);
+  if (job.exit_code != EXIT_CODE_DONE)
+    return job.exit_code;
+  json_spirit::Object json;
+  set_value(json, "definition", definition->id());
+  set_value(json, "name", definition->name());
+  set_value(json, "state", job_state_to_string(job.run.state));
+  set_value(json, "duration_msec", job.duration_msec);
+  set_value(json, "log", job.run.log_path);
+  session.result(json, "Job " + name + " is done in " + format_duration(job.duration_msec / 1000) + ".\n");
+  return EXIT_CODE_DONE;
+}
+} // namespace kestrel

@@ -1,0 +1,95 @@
+#include "cli/job_command.h"
+
+#include "agent/failure_text.h"
+#include "base/clock.h"
+#include "cli/progress_display.h"
+
+#include <mutex>
+
+namespace kestrel
+{
+namespace
+{
+int exit_code_of(Job_State state)
+{
+  switch (state) {
+  case JOB_STATE_COMPLETED:
+  case JOB_STATE_COMPLETED_WITH_ERRORS:
+    return EXIT_CODE_DONE;
+  case JOB_STATE_CANCELED:
+  case JOB_STATE_PAUSED:
+    return EXIT_CODE_CANCELED;
+  case JOB_STATE_SKIPPED:
+  case JOB_STATE_IDLE:
+    return EXIT_CODE_SKIPPED;
+  default:
+    return EXIT_CODE_FAILED;
+  }
+}
+
+void report(Session& session, const std::string& what, const Job_Report& report)
+{
+  const Job_Run_Result& run = report.run;
+  const std::string reason = run.reason.empty() ? "" : ": " + run.reason;
+  switch (report.exit_code) {
+  case EXIT_CODE_DONE:
+    return;
+  case EXIT_CODE_CANCELED:
+    session.fail("the " + what + " was canceled; nothing of it was kept", report.exit_code, run.log_path);
+    return;
+  case EXIT_CODE_SKIPPED:
+    session.fail("the " + what + " was skipped" +
+                     (run.state == JOB_STATE_IDLE ? ": its precondition was not met" : reason) + "; " +
+                     advice_for(run.alerts),
+                 report.exit_code, run.log_path);
+    return;
+  default:
+    session.fail("the " + what + " failed" + reason + "; " + advice_for(run.alerts), report.exit_code, run.log_path);
+  }
+}
+} // namespace
+
+Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const std::string& label,
+                   const std::string& what)
+{
+  const bool silent = session.line().quiet || session.line().json;
+  Progress_Display display(stderr, silent ? Progress_Display::Mode::quiet : progress_mode_of(stderr), label);
+  std::mutex display_mutex; // progress comes from the event thread, notes from this one
+  Job_Report job;
+  uint64_t bytes = 0;
+  bool cancel_noted = false;
+
+  const Cancel_Signals signals;
+  Job_Run_Hooks hooks;
+  hooks.progress = [&](uint64_t done_bytes, uint64_t total_bytes) {
+    const std::lock_guard<std::mutex> guard(display_mutex);
+    bytes = done_bytes;
+    display.update(done_bytes, total_bytes);
+  };
+  hooks.note = [&](const std::string& text) {
+    const std::lock_guard<std::mutex> guard(display_mutex);
+    display.note(text);
+  };
+  hooks.cancel_requested = [&] {
+    if (Cancel_Signals::requested() && !cancel_noted) {
+      cancel_noted = true;
+      hooks.note("canceling: waiting for the tools to end");
+    }
+    return Cancel_Signals::requested();
+  };
+
+  const int64_t begin_msec = clock().monotonic_msec();
+  std::string error;
+  const bool ran = session.host().run(definition, hooks, job.run, error);
+  job.duration_msec = clock().monotonic_msec() - begin_msec;
+  job.bytes = bytes;
+  display.finish();
+  if (!ran) {
+    session.fail("the " + what + " did not start: " + error);
+    return job;
+  }
+  job.exit_code = exit_code_of(job.run.state);
+  report(session, what, job);
+  return job;
+}
+} // namespace kestrel

@@ -1,0 +1,22 @@
+#pragma once
+
+#include "cli/session.h"
+
+#include <string>
+
+namespace kestrel
+{
+/// A finished run as exit code and as text.
+struct Job_Report {
+  int exit_code = EXIT_CODE_FAILED;
+  Job_Run_Result run;
+  uint64_t bytes = 0;      ///< that moved, as last reported
+  int64_t duration_msec = 0;
+};
+
+/// Runs one job with progress on the standard error output; SIGINT and SIGTERM send it one stop request.
+/// `label` stands before the bar; `what` names the work in messages: "backup of DB1".
+/// A run that did not succeed is reported with Session::fail() before this returns.
+Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const std::string& label,
+                   const std::string& what);
+} // namespace kestrel

@@ -1,0 +1,133 @@
+#include "cli/command_line.h"
+
+#include "cli/exit_code.h"
+
+#include <gtest/gtest.h>
+
+using namespace kestrel;
+
+namespace
+{
+struct Parsed {
+  bool ok = false;
+  int exit_code = -1;
+  Command_Line line;
+  std::string out;
+  std::string err;
+};
+
+Parsed parse(std::vector<std::string> words)
+{
+  words.insert(words.begin(), "kestrel");
+  std::vector<char*> argv;
+  for (std::string& word : words)
+    argv.push_back(word.data());
+  Parsed parsed;
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  parsed.ok = parse_command_line(static_cast<int>(argv.size()), argv.data(), parsed.line, parsed.exit_code);
+  parsed.out = testing::internal::GetCapturedStdout();
+  parsed.err = testing::internal::GetCapturedStderr();
+  return parsed;
+}
+} // namespace
+
+TEST(Command_Line, takes_a_backup_with_its_defaults)
+{
+  const Parsed parsed = parse({"backup", "DB1"});
+  ASSERT_TRUE(parsed.ok) << parsed.err;
+  EXPECT_EQ(Command::backup, parsed.line.command);
+  EXPECT_EQ("DB1", parsed.line.instance);
+  EXPECT_EQ("full", parsed.line.level);
+  EXPECT_EQ("zstd", parsed.line.compression);
+  EXPECT_FALSE(parsed.line.compression_level.has_value());
+  EXPECT_EQ(0u, parsed.line.rate_limit_bytes_per_second);
+}
+
+TEST(Command_Line, takes_every_option_of_a_backup)
+{
+  const Parsed parsed = parse({"backup", "DB1", "--pool", "P", "--compression", "lz4", "--compression-level", "9",
+                               "--rate-limit", "10m", "--level", "full"});
+  ASSERT_TRUE(parsed.ok) << parsed.err;
+  EXPECT_EQ("P", parsed.line.pool);
+  EXPECT_EQ("lz4", parsed.line.compression);
+  EXPECT_EQ(9, parsed.line.compression_level.value());
+  EXPECT_EQ(10u * 1024 * 1024, parsed.line.rate_limit_bytes_per_second);
+}
+
+TEST(Command_Line, takes_global_options_before_and_after_the_command)
+{
+  const Parsed before = parse({"--root", "/r", "--json", "backups"});
+  ASSERT_TRUE(before.ok) << before.err;
+  EXPECT_EQ("/r", before.line.root);
+  EXPECT_TRUE(before.line.json);
+  const Parsed after = parse({"backups", "DB1", "--json", "--limit", "3"});
+  ASSERT_TRUE(after.ok) << after.err;
+  EXPECT_TRUE(after.line.json);
+  EXPECT_EQ("DB1", after.line.instance);
+  EXPECT_EQ(3u, after.line.limit);
+}
+
+TEST(Command_Line, tells_the_pool_commands_apart)
+{
+  const Parsed add = parse({"pool", "add", "main", "--path", "/p", "--default"});
+  ASSERT_TRUE(add.ok) << add.err;
+  EXPECT_EQ(Command::pool_add, add.line.command);
+  EXPECT_EQ("main", add.line.pool);
+  EXPECT_EQ("/p", add.line.path);
+  EXPECT_TRUE(add.line.make_default);
+  EXPECT_EQ(Command::pool_list, parse({"pool", "list"}).line.command);
+  EXPECT_EQ(Command::pool_remove, parse({"pool", "remove", "main"}).line.command);
+}
+
+TEST(Command_Line, takes_any_number_of_backups_to_verify)
+{
+  EXPECT_TRUE(parse({"verify"}).line.names.empty());
+  EXPECT_EQ((std::vector<std::string>{"a", "b"}), parse({"verify", "a", "b"}).line.names);
+}
+
+TEST(Command_Line, has_no_way_to_pass_a_password_in_words)
+{
+  EXPECT_EQ(EXIT_CODE_USAGE, parse({"login", "DB1", "--user", "u", "--password", "x"}).exit_code);
+  EXPECT_EQ(EXIT_CODE_USAGE, parse({"login", "DB1", "--user", "u", "x"}).exit_code);
+  const Parsed parsed = parse({"login", "DB1", "--user", "u", "--password-file", "-"});
+  ASSERT_TRUE(parsed.ok) << parsed.err;
+  EXPECT_EQ("-", parsed.line.password_file);
+}
+
+TEST(Command_Line, ends_with_the_usage_code_on_what_it_does_not_know)
+{
+  const std::vector<std::vector<std::string>> wrong = {{},
+                                                       {"nonsense"},
+                                                       {"backup"},
+                                                       {"backup", "A", "B"},
+                                                       {"backup", "A", "--compression", "rar"},
+                                                       {"backup", "A", "--compression-level", "x"},
+                                                       {"backup", "A", "--compression-level", "99"},
+                                                       {"backup", "A", "--rate-limit", "-1"},
+                                                       {"backup", "A", "--level", "monthly"},
+                                                       {"pool"},
+                                                       {"pool", "add", "P"},
+                                                       {"show"},
+                                                       {"show", "a", "b"},
+                                                       {"restore"},
+                                                       {"run"},
+                                                       {"login", "DB1"}};
+  for (const std::vector<std::string>& words : wrong) {
+    const Parsed parsed = parse(words);
+    EXPECT_FALSE(parsed.ok) << testing::PrintToString(words);
+    EXPECT_EQ(EXIT_CODE_USAGE, parsed.exit_code) << testing::PrintToString(words);
+    EXPECT_NE("", parsed.out + parsed.err) << testing::PrintToString(words);
+  }
+}
+
+TEST(Command_Line, shows_help_and_version_with_success)
+{
+  const Parsed help = parse({"--help"});
+  EXPECT_FALSE(help.ok);
+  EXPECT_EQ(EXIT_CODE_DONE, help.exit_code);
+  EXPECT_NE(std::string::npos, help.out.find("Exit codes: 0 done, 1 failed, 2 usage, 3 canceled, 4 skipped."));
+  const Parsed version = parse({"--version"});
+  EXPECT_EQ(EXIT_CODE_DONE, version.exit_code);
+  EXPECT_EQ(0u, version.out.find("kestrel "));
+}
