@@ -43,6 +43,16 @@ void add_pool_commands(CLI::App& app, Command_Line& line)
   remove->add_option("NAME", line.pool, "name of the pool")->required();
 }
 
+CLI::Validator unsigned_number()
+{
+  return CLI::Validator(
+      [](std::string& text) {
+        const bool digit_first = !text.empty() && text.front() >= '0' && text.front() <= '9';
+        return digit_first ? std::string() : "'" + text + "' is not a number of bytes";
+      },
+      "");
+}
+
 void add_backup_command(CLI::App& app, Command_Line& line)
 {
   CLI::App* backup = add_command(app, line, "backup", "Back an instance up", Command::backup);
@@ -59,7 +69,8 @@ void add_backup_command(CLI::App& app, Command_Line& line)
   backup
       ->add_option("--rate-limit", line.rate_limit_bytes_per_second,
                    "bytes a second at the most; k, m and g (1024 based) may follow the number")
-      ->transform(CLI::AsSizeValue(false));
+      ->transform(CLI::AsSizeValue(false))
+      ->transform(unsigned_number()); // runs first: the size parser would wrap "-1" around
 }
 
 void add_catalog_commands(CLI::App& app, Command_Line& line)
