@@ -27,7 +27,12 @@ template <class T, class P> class Object_Creator_Impl_T<Object_Creator_T<T>, P> 
 public:
   T* create() override
   {
-    T* object = new (std::nothrow) P;
+    T* object = nullptr;
+    try {
+      object = new (std::nothrow) P;
+    } catch (const std::bad_alloc&) {
+      // Thrown by a member, such as a counted pointer: must not cross into the framework.
+    }
     if (!object)
       errno = ENOMEM;
     return object;
