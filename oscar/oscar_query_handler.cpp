@@ -55,8 +55,8 @@ int Oscar_Query_Handler::Isql_Query_Line_Handler::handle_stdout_line(const char*
   boost::trim(text);
   if (text.empty())
     return 0;
-  // The cells stay padded: whoever uses one trims it. Normalising the blanks around the separators here would change
-  // what callers compare, and a regular expression for it costs nine tenths of the throughput.
+  // The cells stay padded: whoever uses one trims it. Normalising the blanks around the separators here would
+  // change what callers compare, and a regular expression for it costs nine tenths of the throughput.
   results_->emplace_back();
   boost::split(results_->back(), text, boost::is_any_of("|"), boost::token_compress_on);
   return 0;
