@@ -1,5 +1,7 @@
 #include "base/ace_ifstream.h"
 
+#include "base/file_system.h"
+
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -10,14 +12,17 @@ int ACE_ifstream::open(const char* path, int flags)
 {
   begin_ = end_ = 0;
   eof_ = false;
-  file_.reset(kestrel::above_stdio(::open(path, flags | O_CLOEXEC, 0600)));
+  file_.reset(kestrel::above_stdio(kestrel::file_system().open(path, flags | O_CLOEXEC, 0600)));
   last_error_ = file_.get() < 0 ? errno : 0;
   return file_.get() < 0 ? -1 : 0;
 }
 
 bool ACE_ifstream::fill()
 {
-  const ssize_t count = read_write_trait::read(file_.get(), buffer_.data(), buffer_.size());
+  ssize_t count;
+  do {
+    count = kestrel::file_system().read(file_.get(), buffer_.data(), buffer_.size());
+  } while (count < 0 && errno == EINTR);
   if (count < 0)
     last_error_ = errno;
   if (count == 0)
