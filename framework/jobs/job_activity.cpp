@@ -36,12 +36,15 @@ void Mapped_File::open(const std::string& path, std::size_t size_bytes)
   close();
   path_ = path;
   size_bytes_ = size_bytes;
+  busy_ = false;
   const std::string reason = map(path, size_bytes);
   if (!reason.empty()) {
     data_ = ::operator new(size_bytes, std::align_val_t(64));
     std::memset(data_, 0, size_bytes);
-    ACE_ERROR((LM_WARNING, "(%P|%t) Mapped_File::open: %C: %C; the record is kept in memory only\n",
-               path.c_str(), reason.c_str()));
+    // Two objects for one job, as in a status display, are no trouble; a disk that cannot be written is.
+    ACE_ERROR((busy_ ? LM_NOTICE : LM_WARNING,
+               "(%P|%t) Mapped_File::open: %C: %C; the record is kept in memory only\n", path.c_str(),
+               reason.c_str()));
   }
 }
 
@@ -55,7 +58,8 @@ std::string Mapped_File::map(const std::string& path, std::size_t size_bytes)
   std::string reason;
   struct stat info;
   if (::flock(handle, LOCK_EX | LOCK_NB) != 0) {
-    reason = errno == EWOULDBLOCK ? "in use by another job or process" : std::strerror(errno);
+    busy_ = errno == EWOULDBLOCK;
+    reason = busy_ ? "in use by another job or process" : std::strerror(errno);
   } else if (files.fstat(handle, &info) != 0) {
     reason = std::strerror(errno);
   } else if (static_cast<uint64_t>(info.st_size) < size_bytes) {

@@ -40,7 +40,7 @@ private:
 /// The live status of one job, kept in a memory-mapped file so that other processes can look on and the last
 /// status survives the agent. Times are seconds since the epoch.
 struct Job_Activity {
-  static const uint32_t MAGIC = 0x4b4a4131; // tells a record from an empty or foreign file
+  static constexpr uint32_t MAGIC = 0x4b4a4131; // tells a record from an empty or foreign file
 
   uint32_t magic;
   uint32_t pid; // the process that runs the job; 0 when none does
@@ -73,7 +73,7 @@ namespace kestrel
 /// The untyped part of Mem_Map_Handle: maps a file of fixed size, shared, for one owner at a time.
 /// Errors: when the file cannot be had (no directory, no space, owned by another process), the bytes are
 /// plain memory of
-///         this process: the job runs all the same and one warning tells where and why.
+///         this process: the job runs all the same and one line in the log tells where and why.
 class Mapped_File
 {
 public:
@@ -100,6 +100,7 @@ private:
   void* data_ = nullptr;
   std::size_t size_bytes_ = 0;
   int handle_ = -1;
+  bool busy_ = false;
 };
 } // namespace kestrel
 

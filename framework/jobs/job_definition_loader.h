@@ -27,10 +27,10 @@ public:
   typedef Object_Creator_T<YAJL_Handler> Parser_Creator;
 
   /// Largest text accepted from the network and from a file that an operator names, in bytes.
-  static const std::size_t NETWORK_LIMIT_BYTES = 16u << 20;
-  static const std::size_t FILE_LIMIT_BYTES = 64u << 20;
+  static constexpr std::size_t NETWORK_LIMIT_BYTES = 16u << 20;
+  static constexpr std::size_t FILE_LIMIT_BYTES = 64u << 20;
   /// Deepest nesting accepted.
-  static const unsigned DEPTH_LIMIT = 64;
+  static constexpr unsigned DEPTH_LIMIT = 64;
 
   /// The parsers for definitions of one type and any subtype. Either may be null: such a document is then
   /// refused.

@@ -11,7 +11,7 @@ class Job_Schedule
 {
 public:
   /// The type of a schedule that runs only when another job or a user asks for it.
-  static const int ON_DEMAND = 7;
+  static constexpr int ON_DEMAND = 7;
 
   explicit Job_Schedule(int type, std::string text = std::string()) : type_(type), text_(std::move(text)) {}
 

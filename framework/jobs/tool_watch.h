@@ -22,7 +22,7 @@ namespace kestrel
 class Tool_Watch
 {
 public:
-  static const int64_t GRACE_MSEC = 60 * 1000;
+  static constexpr int64_t GRACE_MSEC = 60 * 1000;
 
   /// tool is the name used in the log.
   Tool_Watch(Job& job, Text_Process_Handler& handler, std::string tool = "tool",
