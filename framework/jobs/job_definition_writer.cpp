@@ -73,6 +73,27 @@ void write_settings(YAJL_Gen& gen, const Job_Definition& def)
   write_flag(gen, "run_post_action_always", def.run_post_action_always());
 }
 
+/// A module may write an optional object without members although its parser wants some in it: left out, the
+/// document can be read back.
+bool write_source(YAJL_Gen& gen, const Job_Source& source, std::string& error)
+{
+  Json_Generator generator;
+  json_spirit::Value value;
+  if (source.generate(generator.handle()) != 0 || !read_json(generator.text(), value, error) ||
+      value.type() != json_spirit::obj_type) {
+    error = "the source document cannot be written";
+    return false;
+  }
+  json_spirit::Object written;
+  for (json_spirit::Pair& member : value.get_obj()) {
+    if (member.value_ != json_spirit::Object()) {
+      written.push_back(std::move(member));
+    }
+  }
+  gen.string("source").value(written);
+  return true;
+}
+
 bool write_schedules(YAJL_Gen& gen, const Job_Definition& def, std::string& error)
 {
   if (def.schedules().empty()) {
@@ -101,12 +122,8 @@ bool Job_Definition_Loader::generate(const Job_Definition& definition, std::stri
     gen.map_open();
     write_identity(gen, definition);
     const Job_Definition_Fields& fields = definition.fields();
-    if (!fields.source.null()) {
-      gen.string("source");
-      if (fields.source->generate(generator.handle()) != 0) {
-        error = "the source document cannot be written";
-        return false;
-      }
+    if (!fields.source.null() && !write_source(gen, *fields.source, error)) {
+      return false;
     }
     if (!fields.options.null()) {
       gen.string("options");
