@@ -1,5 +1,6 @@
 #include "base/charset.h"
 
+#include "base/ignore_result.h"
 #include "base/scope_guard.h"
 
 #include <cerrno>
@@ -8,9 +9,7 @@
 #include <langinfo.h>
 #include <utility>
 
-namespace
-{
-bool convert(const char* to, const char* from, const std::string& text, std::string& converted)
+bool kestrel::convert_charset(const char* to, const char* from, const std::string& text, std::string& converted)
 {
   const iconv_t converter = ::iconv_open(to, from);
   if (converter == reinterpret_cast<iconv_t>(-1))
@@ -37,6 +36,8 @@ bool convert(const char* to, const char* from, const std::string& text, std::str
   return true;
 }
 
+namespace
+{
 bool is_utf8(const char* codeset)
 {
   return ::strcasecmp(codeset, "UTF-8") == 0 || ::strcasecmp(codeset, "utf8") == 0;
@@ -47,7 +48,7 @@ UTF16_String::UTF16_String(const char* utf8) : local_(utf8 ? utf8 : "")
 {
   const char* codeset = ::nl_langinfo(CODESET);
   if (!local_.empty() && !is_utf8(codeset))
-    convert(codeset, "UTF-8", local_, local_);
+    kestrel::ignore_result(kestrel::convert_charset(codeset, "UTF-8", local_, local_), "then the bytes pass through");
 }
 
 Local_String::Local_String(std::string local) : local_(std::move(local)) {}
@@ -57,6 +58,6 @@ std::string Local_String::to_utf8() const
   std::string utf8 = local_;
   const char* codeset = ::nl_langinfo(CODESET);
   if (!local_.empty() && !is_utf8(codeset))
-    convert("UTF-8", codeset, local_, utf8);
+    kestrel::ignore_result(kestrel::convert_charset("UTF-8", codeset, local_, utf8), "then the bytes pass through");
   return utf8;
 }

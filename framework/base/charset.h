@@ -26,3 +26,10 @@ public:
 private:
   std::string local_;
 };
+
+namespace kestrel
+{
+/// Converts between two code pages by their iconv names. False, and `converted` untouched, when a character is invalid or
+/// has no place in the other one. `converted` may be `text` itself.
+[[nodiscard]] bool convert_charset(const char* to, const char* from, const std::string& text, std::string& converted);
+} // namespace kestrel
