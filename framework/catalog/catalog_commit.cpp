@@ -51,6 +51,7 @@ Commit_Row::Commit_Row(const Backup_Record& record) : record_(record), catalog_(
   uuid_ = field_text("uuid");
   if (uuid_.empty())
     throw unfit("uuid", "is empty");
+  resource_uuid_ = field_text("resource_uuid");
   if (!record.storages.empty()) {
     add_text("pool_uuid", record.storages.front().pool_uuid);
     add_number("backup_set_storage_size", record.storages.front().size);
@@ -119,11 +120,19 @@ bool Commit_Row::predecessor_missing(soci::session& session) const
   if (predecessor_id_.empty())
     return false;
   long long known = 0;
-  const std::string resource = field_text("resource_uuid");
   session << "SELECT count(*) FROM backup_set WHERE catalog = :c AND backup_id = :p AND resource_uuid = :r",
-      soci::use(record_.catalog, "c"), soci::use(predecessor_id_, "p"), soci::use(resource, "r"),
+      soci::use(record_.catalog, "c"), soci::use(predecessor_id_, "p"), soci::use(resource_uuid_, "r"),
       soci::into(known);
   return known == 0;
+}
+
+bool Commit_Row::is_recorded(soci::session& session) const
+{
+  long long known = 0;
+  session << "SELECT count(*) FROM backup_set WHERE uuid = :u AND catalog = :c AND resource_uuid = :r",
+      soci::use(uuid_, "u"), soci::use(record_.catalog, "c"), soci::use(resource_uuid_, "r"),
+      soci::into(known);
+  return known != 0;
 }
 
 bool Commit_Row::insert(soci::session& session) const
@@ -136,7 +145,8 @@ bool Commit_Row::insert(soci::session& session) const
   execute_insert(session, "backup_set", columns, values);
 
   long long id = 0;
-  session << "SELECT id FROM backup_set WHERE uuid = :u", soci::use(uuid_, "u"), soci::into(id);
+  session << "SELECT id FROM backup_set WHERE uuid = :u AND catalog = :c AND resource_uuid = :r",
+      soci::use(uuid_, "u"), soci::use(record_.catalog, "c"), soci::use(resource_uuid_, "r"), soci::into(id);
   const Sql_Value set_id = {false, std::string(), id};
   for (size_t i = 0; i < record_.storages.size(); ++i)
     execute_insert(session, "backup_set_storage", {"set_id", "position", "pool_uuid", "size"},

@@ -21,6 +21,8 @@ public:
   /// The backup that must be restored first; empty for a full backup.
   const std::string& predecessor_id() const { return predecessor_id_; }
 
+  /// True when the resource already has a set of this uuid.
+  bool is_recorded(soci::session& session) const;
   /// Inserts the set and what belongs to it; the caller holds a write transaction. True when the set has a
   /// predecessor that the catalog does not have. Throws soci::soci_error.
   bool insert(soci::session& session) const;
@@ -36,6 +38,7 @@ private:
   const Backup_Record& record_;
   unsigned catalog_;
   std::string uuid_;
+  std::string resource_uuid_;
   std::string predecessor_id_;
   std::vector<std::string> columns_;
   std::vector<Sql_Value> values_;

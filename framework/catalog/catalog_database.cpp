@@ -39,6 +39,8 @@ const char* cure_of(int code)
   case SQLITE_LOCKED:
   case SQLITE_PROTOCOL:
     return "Another process is writing to it: repeat later";
+  case SQLITE_CONSTRAINT:
+    return "The record contradicts one that is already there";
   case SQLITE_NOMEM:
     return "There is not enough memory";
   default:
@@ -140,7 +142,12 @@ void Catalog_Database::create(const Catalog_Place& place)
   File_System& files = file_system();
   struct stat status;
   if (files.stat(place.path.c_str(), &status) == 0)
-    return; // another process was first
+    return;                                                    // another process was first
+  if (files.stat((place.path + "-wal").c_str(), &status) == 0) // it would be applied to the new file
+    throw Catalog_Error(Catalog_Status::failed,
+                        "The catalog " + place.path + " is missing, but its log " + place.path +
+                            "-wal is there: put the catalog back beside it, or move the log "
+                            "away to begin a new catalog");
   const std::string fresh = place.path + ".new";
   for (const char* suffix : {"", "-wal", "-shm", "-journal"})
     if (files.unlink((fresh + suffix).c_str()) != 0 && errno != ENOENT)

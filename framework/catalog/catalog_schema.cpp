@@ -7,13 +7,15 @@ namespace
 // Commit order is the order of id. The first storage and the first piece are repeated in pool_uuid,
 // backup_set_storage_size and backup_file, so that a page of rows is read from one table in index order.
 // predecessor_id is the backup_id of the set that must be restored before this one, null for a full backup.
+// The ids come from the tools of many hosts, which only know their own: they are unique for one resource.
 const std::vector<std::string> version_1 = {
     "CREATE TABLE backup_set ("
     " id {id},"
     " catalog TEXT NOT NULL,"
     " uuid TEXT NOT NULL,"
     " catalog_type TEXT, type TEXT, seq BIGINT, uid TEXT, definition_uuid TEXT, name TEXT, agent TEXT,"
-    " host_uuid TEXT, resource_uuid TEXT, minor_resource_id TEXT, uri TEXT, backup_file TEXT, pool_uuid TEXT,"
+    " host_uuid TEXT, resource_uuid TEXT NOT NULL DEFAULT '', minor_resource_id TEXT, uri TEXT, backup_file "
+    "TEXT, pool_uuid TEXT,"
     " backup_set_size BIGINT, backup_set_storage_size BIGINT, total_size BIGINT,"
     " start_time BIGINT, end_time BIGINT,"
     " backup_id TEXT, backup_lsn BIGINT, backup_scn BIGINT,"
@@ -39,12 +41,12 @@ const std::vector<std::string> version_1 = {
     "NULL,"
     " file_name TEXT NOT NULL, grade TEXT NOT NULL, PRIMARY KEY (set_id, position))",
 
-    "CREATE UNIQUE INDEX backup_set_by_uuid ON backup_set (uuid)",
+    "CREATE UNIQUE INDEX backup_set_by_uuid ON backup_set (uuid, catalog, resource_uuid)",
     "CREATE INDEX backup_set_by_time ON backup_set (catalog, start_time, id)",
     "CREATE INDEX backup_set_by_resource ON backup_set (catalog, resource_uuid, start_time, id)",
     "CREATE INDEX backup_set_by_definition ON backup_set (catalog, definition_uuid, start_time, id)",
     "CREATE INDEX backup_set_by_pool ON backup_set (catalog, pool_uuid, start_time, id)",
-    "CREATE INDEX backup_set_by_backup_id ON backup_set (catalog, backup_id, resource_uuid, start_time, id)",
+    "CREATE UNIQUE INDEX backup_set_by_backup_id ON backup_set (catalog, backup_id, resource_uuid)",
     "CREATE INDEX backup_set_by_predecessor ON backup_set (catalog, predecessor_id, resource_uuid)",
     "CREATE INDEX backup_set_by_seq ON backup_set (catalog, definition_uuid, (seq < 0), seq, id)",
     "CREATE INDEX backup_set_storage_by_pool ON backup_set_storage (pool_uuid, set_id)",

@@ -57,23 +57,32 @@ std::string query_text(const std::map<std::string, json_spirit::Value>& query, c
   return found->second.get_str();
 }
 
+bool is_ambiguous(soci::session& session, const std::string& catalog, const std::string& backup_id)
+{
+  long long number = 0;
+  session << "SELECT count(*) FROM backup_set WHERE catalog = :c AND backup_id = :b", soci::use(catalog, "c"),
+      soci::use(backup_id, "b"), soci::into(number);
+  return number > 1;
+}
+
 /// Follows the chain from its end to the full backup. Returns why it cannot be restored; empty when it can.
 std::string walk_chain(soci::session& session, const std::string& catalog, const std::string& backup_id,
                        const std::string& resource_uuid, json_spirit::Array& newest_first)
 {
+  if (resource_uuid.empty() && is_ambiguous(session, catalog, backup_id))
+    return "Several resources have a backup " + backup_id + ": say which with resource_uuid";
   const unsigned bit = catalog_bit(catalog);
   const std::string sql =
       "SELECT " + catalog_row_columns(bit) + " FROM backup_set s WHERE s.catalog = :v0 AND s.backup_id = :v1";
-  const std::string newest = " ORDER BY s.id DESC LIMIT 1";
+  const std::string of_resource = " AND s.resource_uuid = :v2";
   std::vector<Sql_Value> values = {{true, catalog, 0}, {true, backup_id, 0}};
   if (!resource_uuid.empty())
     values.push_back({true, resource_uuid, 0});
-  auto reader = std::make_unique<Catalog_Row_Reader>(
-      session, bit, sql + (resource_uuid.empty() ? "" : " AND s.resource_uuid = :v2") + newest, values);
+  Catalog_Row_Reader end(session, bit, sql + (resource_uuid.empty() ? "" : of_resource), values);
   std::unique_ptr<Catalog_Row_Reader> links;
+  Catalog_Row_Reader* current = &end;
   std::set<long long> seen;
   std::string wanted = backup_id;
-  Catalog_Row_Reader* current = reader.get();
   for (;;) {
     if (!current->fetch())
       return "Backup " + wanted + (newest_first.empty() ? "" : ", on which a later one builds,") +
@@ -83,16 +92,14 @@ std::string walk_chain(soci::session& session, const std::string& catalog, const
     if (current->text("state") != "available")
       return "Backup " + wanted + " is not available: " + current->text("state_reason");
     newest_first.push_back(current->row());
-    const std::string predecessor = current->text("predecessor_id");
-    if (predecessor.empty())
+    wanted = current->text("predecessor_id");
+    if (wanted.empty())
       return std::string();
-    wanted = predecessor;
     values = {{true, catalog, 0}, {true, wanted, 0}, {true, current->text("resource_uuid"), 0}};
     if (links)
       links->execute(values);
     else
-      links = std::make_unique<Catalog_Row_Reader>(session, bit, sql + " AND s.resource_uuid = :v2" + newest,
-                                                   values);
+      links = std::make_unique<Catalog_Row_Reader>(session, bit, sql + of_resource, values);
     current = links.get();
   }
 }

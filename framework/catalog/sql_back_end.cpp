@@ -13,16 +13,19 @@ namespace kestrel
 {
 namespace
 {
-/// The set's id; false when there is none of that uuid.
-bool find_set(soci::session& session, const std::string& uuid, long long& id)
+/// The one set of that uuid. Throws when there is none or, of different resources, more than one.
+long long find_set(soci::session& session, const std::string& uuid)
 {
-  session << "SELECT id FROM backup_set WHERE uuid = :u", soci::use(uuid, "u"), soci::into(id);
-  return session.got_data();
-}
-
-Catalog_Error unknown_set(const std::string& uuid)
-{
-  return Catalog_Error(Catalog_Status::failed, "There is no backup set '" + uuid + "' in the catalog");
+  long long id = 0, number = 0;
+  soci::indicator indicator = soci::i_null;
+  session << "SELECT max(id), count(*) FROM backup_set WHERE uuid = :u", soci::use(uuid, "u"),
+      soci::into(id, indicator), soci::into(number);
+  if (number == 0)
+    throw Catalog_Error(Catalog_Status::failed, "There is no backup set '" + uuid + "' in the catalog");
+  if (number > 1)
+    throw Catalog_Error(Catalog_Status::failed, "Several resources have a backup set '" + uuid +
+                                                    "': the uuid does not tell them apart");
+  return id;
 }
 } // namespace
 
@@ -79,8 +82,7 @@ Catalog_Status Sql_Back_End::commit(const Backup_Record& record, bool must_be_ne
   return run(error, [&](soci::session& session) {
     const Commit_Row row(record);
     Catalog_Transaction transaction(session, Catalog_Transaction::Kind::write);
-    long long id = 0;
-    if (find_set(session, row.uuid(), id)) {
+    if (row.is_recorded(session)) {
       if (must_be_new)
         throw Catalog_Error(
             Catalog_Status::failed,
@@ -102,9 +104,7 @@ Catalog_Status Sql_Back_End::set_state(const std::string& uuid, Set_State state,
 {
   return run(error, [&](soci::session& session) {
     Catalog_Transaction transaction(session, Catalog_Transaction::Kind::write);
-    long long id = 0;
-    if (!find_set(session, uuid, id))
-      throw unknown_set(uuid);
+    const long long id = find_set(session, uuid);
     const std::string text = state == Set_State::available ? "available" : "unavailable";
     session << "UPDATE backup_set SET state = :s, state_reason = :r WHERE id = :i", soci::use(text, "s"),
         soci::use(reason, "r"), soci::use(id, "i");
@@ -116,9 +116,7 @@ Catalog_Status Sql_Back_End::remove(const std::string& uuid, std::string& error)
 {
   return run(error, [&](soci::session& session) {
     Catalog_Transaction transaction(session, Catalog_Transaction::Kind::write);
-    long long id = 0;
-    if (!find_set(session, uuid, id))
-      throw unknown_set(uuid);
+    const long long id = find_set(session, uuid);
     session << "DELETE FROM backup_set WHERE id = :i", soci::use(id, "i");
     transaction.commit();
   });
@@ -129,13 +127,11 @@ Catalog_Status Sql_Back_End::dependents(const std::string& uuid, std::vector<std
 {
   return run(error, [&](soci::session& session) {
     Catalog_Transaction transaction(session, Catalog_Transaction::Kind::read);
+    const long long id = find_set(session, uuid);
     std::string catalog, resource, backup_id;
-    soci::indicator has_resource = soci::i_null, has_backup_id = soci::i_null;
-    session << "SELECT catalog, resource_uuid, backup_id FROM backup_set WHERE uuid = :u",
-        soci::use(uuid, "u"), soci::into(catalog), soci::into(resource, has_resource),
-        soci::into(backup_id, has_backup_id);
-    if (!session.got_data())
-      throw unknown_set(uuid);
+    soci::indicator has_backup_id = soci::i_null;
+    session << "SELECT catalog, resource_uuid, backup_id FROM backup_set WHERE id = :i", soci::use(id, "i"),
+        soci::into(catalog), soci::into(resource), soci::into(backup_id, has_backup_id);
     std::vector<std::string> found, queue = {backup_id};
     std::set<std::string> seen = {uuid};
     for (size_t i = 0; has_backup_id == soci::i_ok && i < queue.size(); ++i) {

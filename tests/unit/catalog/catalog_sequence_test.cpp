@@ -110,6 +110,28 @@ TEST_F(Catalog_Sequence, stays_within_the_resource)
       rows({{"backup_id", "F"}, {"resource_uuid", "resource-2"}}, "oscar_brcmd", "catalog_sequences").size());
 }
 
+// Tools make their ids from time and process number: two hosts may hit the same one.
+TEST_F(Catalog_Sequence, tells_apart_equal_ids_of_two_resources)
+{
+  commit_tree();
+  for (const char* id : {"F", "I1"}) {
+    Oscar_Brcmd_Backup_Set set = make_set(id, id[0] == 'F' ? "full" : "incr", "F", "F");
+    set.set_resource_uuid("resource-2");
+    ASSERT_TRUE(commit(set));
+  }
+  EXPECT_EQ("Several resources have a backup I1: say which with resource_uuid", problem("I1"));
+  EXPECT_EQ("F I1 I2", chain("I2"));
+  const json_spirit::Array found =
+      rows({{"backup_id", "I1"}, {"resource_uuid", "resource-2"}}, "oscar_brcmd", "catalog_sequences");
+  ASSERT_EQ(2u, found.size());
+  for (const json_spirit::Value& row : found)
+    EXPECT_EQ("resource-2", find_value(row.get_obj(), "resource_uuid").get_str());
+
+  std::string error;
+  EXPECT_FALSE(kestrel::Catalog_Admin(0).remove("F", error));
+  EXPECT_NE(std::string::npos, error.find("Several resources")) << error;
+}
+
 TEST_F(Catalog_Sequence, follows_a_long_chain)
 {
   ASSERT_TRUE(commit(make_set("0")));
