@@ -1,0 +1,229 @@
+#include "oscar/instance/oscar_instance_handler.h"
+
+#include "instances/instance_manager.h"
+#include "instances/instance_registry.h"
+#include "process/process_api.h"
+#include "support/fake_tool.h"
+#include "support/log_capture.h"
+#include "support/scoped_env.h"
+#include "support/temp_dir.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <fstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using json_spirit::Value;
+using kestrel_test::Log_Capture;
+using kestrel_test::make_fake_tool;
+using kestrel_test::Temp_Dir;
+
+namespace
+{
+typedef std::map<std::string, Value> Values;
+typedef std::map<std::string, std::shared_ptr<Instance>> Instances;
+
+const char version_script[] = "if args_contain --version\n"
+                              "out \"isql (OSCAR) 9.1 (build 5.7.2) for Linux\"\n"
+                              "exit 0\n"
+                              "end\n";
+
+/// A process that looks like the server of an instance: HOME/bin/oscar -d NAME.
+class Server
+{
+public:
+  Server(const Temp_Dir& home, const std::string& name)
+  {
+    kestrel::Spawn_Request request;
+    request.program = make_fake_tool(home, "bin/oscar", "write_file ${dir}/started x\nhang\n");
+    request.argv = {request.program, "-d", name};
+    pid_ = kestrel::process_api().spawn(request);
+    EXPECT_GT(pid_, 0);
+    wait_for_command_line(name);
+  }
+
+  ~Server() { stop(); }
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  void stop()
+  {
+    if (pid_ <= 0)
+      return;
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+
+private:
+  // The list of services shows the command line of the new program only once it was executed.
+  void wait_for_command_line(const std::string& name)
+  {
+    for (int i = 0; i < 2000; ++i) {
+      std::ifstream file("/proc/" + std::to_string(pid_) + "/cmdline", std::ios::binary);
+      const std::string line((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+      if (line.find(name) != std::string::npos)
+        return;
+      ::usleep(5000);
+    }
+    ADD_FAILURE() << "the server did not start";
+  }
+
+  pid_t pid_ = -1;
+};
+
+class Instance_Handler_With_Tools : public testing::Test
+{
+protected:
+  Instance_Handler_With_Tools() : name_("KT" + std::to_string(::getpid()))
+  {
+    home_.write("admin/" + name_ + ".conf", "port = 2100\nHA_SERVER_IP_ADDRESS = '127.0.0.1'\n");
+    // Servers of others on this host may be unreadable for us.
+    log_.allow(LM_ERROR, "Failed to get OSCAR instance");
+    log_.allow(LM_ERROR, "SZ_OSCAR_HOME is empty");
+    log_.allow(LM_WARNING, "");
+  }
+
+  void isql(const std::string& rest) { make_fake_tool(home_, "bin/isql", version_script + rest); }
+
+  Instances probe()
+  {
+    Instances instances;
+    EXPECT_EQ(handler_.probe_instances(instances), 0);
+    return instances;
+  }
+
+  /// Makes the handler know the instance.
+  void find_instance()
+  {
+    Server server(home_, name_);
+    ASSERT_EQ(probe().count(name_), 1u);
+  }
+
+  /// Makes the registry know it.
+  void register_instance()
+  {
+    auto instance = std::make_shared<Instance>();
+    instance->type = "oscar";
+    instance->name = name_;
+    instance->options["oscar_home"] = home_.path();
+    std::string error;
+    ASSERT_EQ(kestrel::Instance_Registry("host").merge_probe({{name_, instance}}, error), 0) << error;
+  }
+
+  const Temp_Dir root_;
+  const kestrel_test::Scoped_Env env_{"KESTREL_ROOT", root_.path()};
+  const Temp_Dir home_;
+  const std::string name_;
+  Log_Capture log_;
+  Oscar_Instance_Handler handler_;
+};
+} // namespace
+
+TEST_F(Instance_Handler_With_Tools, reports_a_running_instance_with_home_and_version)
+{
+  isql("");
+  std::string lower = name_;
+  lower[0] = 'k';
+  Server server(home_, lower);
+  const Instances instances = probe();
+  ASSERT_EQ(instances.count(name_), 1u) << "names are upper case";
+  const Instance& instance = *instances.at(name_);
+  EXPECT_EQ(instance.type, "oscar");
+  EXPECT_EQ(instance.name, name_);
+  EXPECT_EQ(instance.uuid, "");
+  EXPECT_EQ(instance.options, (Values{{"oscar_home", home_.path()}, {"version", "5.7.2"}}));
+}
+
+TEST_F(Instance_Handler_With_Tools, replaces_what_the_caller_had_under_the_name)
+{
+  isql("");
+  Server server(home_, name_);
+  Instances instances;
+  instances[name_] = std::make_shared<Instance>();
+  instances["OTHER"] = nullptr;
+  EXPECT_EQ(handler_.probe_instances(instances), 0);
+  EXPECT_EQ(instances[name_]->type, "oscar");
+  EXPECT_EQ(instances.count("OTHER"), 1u);
+}
+
+TEST_F(Instance_Handler_With_Tools, still_reports_an_instance_that_has_gone)
+{
+  isql("");
+  {
+    Server server(home_, name_);
+    EXPECT_EQ(probe().count(name_), 1u);
+  }
+  EXPECT_EQ(probe().count(name_), 1u);
+  Instances of_a_new_handler;
+  Oscar_Instance_Handler other;
+  EXPECT_EQ(other.probe_instances(of_a_new_handler), 0);
+  EXPECT_EQ(of_a_new_handler.count(name_), 0u);
+}
+
+TEST_F(Instance_Handler_With_Tools, a_login_succeeds_when_isql_does)
+{
+  isql("dump_args ${dir}/args\nexit 0\n");
+  find_instance();
+  Values extra;
+  EXPECT_EQ(handler_.logon(name_.c_str(), "SYSDBA", "secret-word", extra), 0);
+  EXPECT_TRUE(extra.empty());
+  EXPECT_NE(kestrel_test::read_file(home_ / "bin/args").find("-USYSDBA/secret-word"), std::string::npos);
+  EXPECT_FALSE(log_.contains("secret-word"));
+}
+
+TEST_F(Instance_Handler_With_Tools, a_refused_login_leaves_the_reason_of_isql)
+{
+  isql("err \"isql: ERROR, wrong password\"\nexit 1\n");
+  find_instance();
+  log_.allow(LM_ERROR, "isql: ERROR, wrong password");
+  log_.allow(LM_ERROR, "Failed to execute");
+  Values extra;
+  EXPECT_EQ(handler_.logon(name_.c_str(), "SYSDBA", "secret-word", extra), -1);
+  EXPECT_EQ(handler_.error(), "Error, wrong password.");
+  EXPECT_FALSE(log_.contains("secret-word"));
+}
+
+TEST_F(Instance_Handler_With_Tools, a_login_needs_the_exact_name)
+{
+  isql("exit 0\n");
+  find_instance();
+  std::string lower = name_;
+  lower[0] = 'k';
+  Values extra;
+  EXPECT_EQ(handler_.logon(lower.c_str(), "u", "p", extra), -1);
+  EXPECT_EQ(handler_.error(), "Instance " + lower + " not found");
+  EXPECT_TRUE(log_.expect_exactly(LM_ERROR, "Instance " + lower + " not found.\n"));
+}
+
+TEST_F(Instance_Handler_With_Tools, update_options_adds_the_node_of_this_host_and_registers_it)
+{
+  isql("out NODE_ID|ADDRESS|STATUS\nout -------\nout \" 1 | 10.9.8.7 | master \"\n"
+       "out \" 2 | 127.0.0.1 | slave \"\nout \"(2 rows)\"\n");
+  register_instance();
+  Values options = {{"node_id", 9}, {"kept", "x"}};
+  EXPECT_EQ(handler_.update_options(name_.c_str(), "SYSDBA", "secret-word", options), 0);
+  EXPECT_EQ(options, (Values{{"instance", name_}, {"node_id", 2}, {"master_id", 1}, {"kept", "x"}}));
+
+  const std::shared_ptr<Instance> registered = Instance_Manager::instance()->find("oscar", name_);
+  ASSERT_TRUE(registered);
+  EXPECT_EQ(registered->options["node_id"], Value(2));
+  EXPECT_EQ(registered->options["master_id"], Value(1));
+  EXPECT_EQ(registered->options["oscar_home"], Value(home_.path()));
+  EXPECT_FALSE(log_.contains("secret-word"));
+}
+
+TEST_F(Instance_Handler_With_Tools, update_options_fails_where_the_nodes_cannot_be_asked)
+{
+  isql("err \"isql: ERROR, no such view\"\nexit 1\n");
+  register_instance();
+  log_.allow(LM_ERROR, "isql: ERROR, no such view");
+  log_.allow(LM_ERROR, "Failed to get oscar");
+  Values options = {{"kept", "x"}};
+  EXPECT_EQ(handler_.update_options(name_.c_str(), "SYSDBA", "secret-word", options), -1);
+  EXPECT_TRUE(log_.expect_exactly(LM_ERROR, "Failed to update options, instance = '" + name_ + "'\n"));
+  EXPECT_EQ(options, (Values{{"kept", "x"}}));
+  EXPECT_FALSE(log_.contains("secret-word"));
+}
