@@ -18,17 +18,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 constexpr int connect_timeout_seconds = 2;
 constexpr std::uint64_t log_page_bytes = 8192;
 constexpr const char* control_file = "global/pg_control";
 
 /// Segments of the write-ahead log that a restore needs.
-struct Log_Range
-{
+struct Log_Range {
   unsigned timeline = 1;
   std::uint64_t segment_bytes = 16 * 1024 * 1024;
   std::uint64_t first_lsn = 0;
@@ -54,8 +55,8 @@ std::string new_backup_id()
   return std::string(stamp) + "-" + std::to_string(::getpid());
 }
 
-/// A line per data file with the bytes behind it. Many tablespaces could exceed what a restoring agent can hold;
-/// then the whole size stands in one line.
+/// A line per data file with the bytes behind it. Many tablespaces could exceed what a restoring agent can
+/// hold; then the whole size stands in one line.
 std::string info_text(const Instance_Files& files, const Data_Files& data)
 {
   const std::string system_file = files.directory() + "/SYSTEM.dbf";
@@ -146,10 +147,12 @@ void write_log_range(Image_Writer& image, const std::string& data_directory, con
     frame.path = "pg_wal/" + segment_name(range, segment);
     frame.file_bytes = frame.payload_bytes = range.segment_bytes;
     if (segment == last) {
-      // Up to the end of the page after the one with the last record; the rest may be left from an older segment.
+      // Up to the end of the page after the one with the last record; the rest may be left from an older
+      // segment.
       const std::uint64_t used = range.end_lsn - segment * range.segment_bytes;
       frame.payload_bytes =
-          std::min(range.segment_bytes, (used + log_page_bytes - 1) / log_page_bytes * log_page_bytes + log_page_bytes);
+          std::min(range.segment_bytes,
+                   (used + log_page_bytes - 1) / log_page_bytes * log_page_bytes + log_page_bytes);
     }
     const Descriptor file = open_file(data_directory + "/" + frame.path, O_RDONLY);
     image.file(frame, file.get());
@@ -173,8 +176,8 @@ void trim_archive(const Instance_Files& files, const Log_Range& range, std::uint
   ::closedir(directory);
 }
 
-/// A backup of a running server: from start() to stop() the server writes its log so that data files read at any
-/// moment in between can be repaired from it.
+/// A backup of a running server: from start() to stop() the server writes its log so that data files read at
+/// any moment in between can be repaired from it.
 class Online_Backup
 {
 public:
@@ -213,8 +216,8 @@ Online_Backup::Online_Backup(const Instance_Files& files, const Backup_Request& 
   range_.timeline = static_cast<unsigned>(
       std::stoul(connection_.value("select timeline_id from pg_catalog.pg_control_checkpoint()")));
   // Keeps the server from recycling the log that the backup needs; goes away with the connection.
-  connection_.query("select pg_catalog.pg_create_physical_replication_slot('brcmd_" + std::to_string(::getpid()) +
-                    "', true, true)");
+  connection_.query("select pg_catalog.pg_create_physical_replication_slot('brcmd_" +
+                    std::to_string(::getpid()) + "', true, true)");
 }
 
 void Online_Backup::send_start()
@@ -260,9 +263,9 @@ void Online_Backup::stop(std::string& label, Log_Range& range, std::uint64_t& sc
 
 Properties head_properties(const Instance_Files& files, const std::string& mode, const std::string& id)
 {
-  return {{"format", "1"},    {"instance", files.name}, {"level", "full"},
-          {"mode", mode},     {"backup_id", id},
-          {"version", trim(read_file(files.data() + "/PG_VERSION"))}};
+  return {{"format", "1"},   {"instance", files.name},
+          {"level", "full"}, {"mode", mode},
+          {"backup_id", id}, {"version", trim(read_file(files.data() + "/PG_VERSION"))}};
 }
 
 std::uint64_t round_up(std::uint64_t value, std::uint64_t unit)
@@ -271,7 +274,8 @@ std::uint64_t round_up(std::uint64_t value, std::uint64_t unit)
 }
 
 /// The last steps of every backup: the end mark, the reader's last byte, then the chain file.
-void conclude(Image_Writer& image, int pipe, const Instance_Files& files, const Backup_Point& point, Run_Log& log)
+void conclude(Image_Writer& image, int pipe, const Instance_Files& files, const Backup_Point& point,
+              Run_Log& log)
 {
   image.properties(Frame_Type::end, {{"lsn", std::to_string(point.lsn)}, {"scn", std::to_string(point.scn)}});
   image.flush();
@@ -314,16 +318,15 @@ void back_up_online(const Instance_Files& files, const Backup_Request& request, 
 }
 
 /// What pg_controldata says about a stopped server.
-struct Stopped_State
-{
+struct Stopped_State {
   Log_Range range;
   std::uint64_t next_transaction = 0;
 };
 
 Stopped_State read_stopped_state(const Instance_Files& files)
 {
-  const Child_Result result =
-      run_child({std::string(LAB_POSTGRES_BIN) + "/pg_controldata", "-D", files.data()}, owner_of(files.data()));
+  const Child_Result result = run_child(
+      {std::string(LAB_POSTGRES_BIN) + "/pg_controldata", "-D", files.data()}, owner_of(files.data()));
   if (result.status != 0)
     throw Failure("pg_controldata failed: " + trim(result.output));
   Properties values;

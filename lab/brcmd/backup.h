@@ -4,9 +4,9 @@
 ///                  written meanwhile goes along.
 /// Archive log off: the server must be shut down; its files are read as they are.
 ///
-/// Everything that can be checked is checked before the pipe is opened. lastlsn.dat changes only after the reader
-/// has taken the last byte. Errors: Failure. Crash: the server drops the backup when the connection ends; nothing
-/// else is left.
+/// Everything that can be checked is checked before the pipe is opened. lastlsn.dat changes only after the
+/// reader has taken the last byte. Errors: Failure. Crash: the server drops the backup when the connection
+/// ends; nothing else is left.
 #pragma once
 
 #include "lab/brcmd/run_log.h"
@@ -15,10 +15,10 @@
 #include <cstdint>
 #include <string>
 
-namespace oscar_lab {
-
-struct Backup_Request
+namespace oscar_lab
 {
+
+struct Backup_Request {
   std::string user;
   std::string password;
   std::uint16_t port = 0;

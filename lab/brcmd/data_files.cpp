@@ -8,14 +8,17 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
-const char* const emptied_directories[] = {"pg_dynshmem", "pg_notify",  "pg_replslot", "pg_serial",
+const char* const emptied_directories[] = {"pg_dynshmem",  "pg_notify",   "pg_replslot", "pg_serial",
                                            "pg_snapshots", "pg_stat_tmp", "pg_subtrans", "pg_tblspc"};
-const char* const left_out_files[] = {"postmaster.pid", "postmaster.opts", "backup_label", "tablespace_map",
-                                      "backup_manifest", "current_logfiles", "global/pg_control"};
+const char* const left_out_files[] = {"postmaster.pid",   "postmaster.opts", "backup_label",
+                                      "tablespace_map",   "backup_manifest", "current_logfiles",
+                                      "global/pg_control"};
 
 template <std::size_t N> bool contains(const char* const (&list)[N], const std::string& text)
 {

@@ -1,7 +1,7 @@
 /// Which files of a data directory and its tablespaces belong into a full backup.
-/// What a starting server makes anew (pid files, temporary files, caches, statistics, notification queues) is left
-/// out; the directories themselves stay, because the server expects them. The log is handled by the caller.
-/// Threads: none. Errors: Failure; files that vanish while the list is made are left out.
+/// What a starting server makes anew (pid files, temporary files, caches, statistics, notification queues) is
+/// left out; the directories themselves stay, because the server expects them. The log is handled by the
+/// caller. Threads: none. Errors: Failure; files that vanish while the list is made are left out.
 #pragma once
 
 #include "lab/common/instance_files.h"
@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-namespace oscar_lab {
-
-struct Data_File
+namespace oscar_lab
 {
+
+struct Data_File {
   std::uint16_t root = 0; // 0 = data directory, n = n-th tablespace
   std::string path;       // relative to the root
   std::uint32_t mode = 0;
@@ -21,8 +21,7 @@ struct Data_File
   bool is_directory = false;
 };
 
-struct Data_Files
-{
+struct Data_Files {
   std::string data_directory;
   std::vector<Tablespace> tablespaces;
   std::vector<Data_File> entries; // directories before what they hold; global/pg_control is not among them

@@ -11,12 +11,14 @@
 #include <unistd.h>
 #include <xxhash.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
-// Large enough to spare system calls, small enough to stay in the processor's cache between reading, hashing and
-// writing.
+// Large enough to spare system calls, small enough to stay in the processor's cache between reading, hashing
+// and writing.
 constexpr std::size_t buffer_bytes = 256 * 1024;
 constexpr std::size_t page_bytes = 4096;
 constexpr std::size_t frame_header_bytes = 32;
@@ -264,7 +266,8 @@ Frame Image_Reader::next()
   frame.file_bytes = fetch(header + 24, 8);
   if (std::memcmp(header, frame_magic, sizeof frame_magic) != 0 || !std::strchr("HTDFE", header[4]) ||
       header[4] == '\0' || path_bytes > max_path_bytes || frame.payload_bytes > frame.file_bytes ||
-      frame.file_bytes > INT64_MAX || (frame.type != Frame_Type::file && frame.payload_bytes > max_text_bytes))
+      frame.file_bytes > INT64_MAX ||
+      (frame.type != Frame_Type::file && frame.payload_bytes > max_text_bytes))
     throw Failure("the backup stream is damaged");
   frame.path.resize(static_cast<std::size_t>(path_bytes));
   take(&frame.path[0], frame.path.size());

@@ -2,8 +2,8 @@
 ///
 /// Head (512 bytes):  info length (32 bits, head included), 4 zero bytes, "OSCARBR1", zeros
 /// Frame:             header (32 bytes), path, payload, XXH3-64 of all of these; numbers are big endian
-/// Header:            "OBF1", type, 0, root (16), mode (32), path length (32), payload length (64), file size (64)
-/// Types:             H text about the backup   T tablespace: root, location as path, oid as payload
+/// Header:            "OBF1", type, 0, root (16), mode (32), path length (32), payload length (64), file size
+/// (64) Types:             H text about the backup   T tablespace: root, location as path, oid as payload
 ///                    D directory               F file; bytes from payload length to file size are zero
 ///                    E text about the end; nothing follows
 /// Root 0 is the data directory, root n the n-th tablespace; paths are relative to their root.
@@ -19,7 +19,8 @@
 
 struct XXH3_state_s;
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 constexpr std::size_t info_head_bytes = 512;
 /// Agents keep the whole info block in one buffer of this size when they restore.
@@ -27,8 +28,7 @@ constexpr std::size_t max_info_bytes = 8192;
 
 enum class Frame_Type : char { head = 'H', tablespace = 'T', directory = 'D', file = 'F', end = 'E' };
 
-struct Frame
-{
+struct Frame {
   Frame_Type type = Frame_Type::head;
   std::uint16_t root = 0;
   std::uint32_t mode = 0;
@@ -66,8 +66,8 @@ public:
   void properties(Frame_Type type, const Properties& properties);
   void tablespace(std::uint16_t root, const std::string& oid, const std::string& location);
   void directory(std::uint16_t root, const std::string& path, std::uint32_t mode);
-  /// payload_bytes from the start of fd. A file that is shorter by now is filled up with zeros: it shrank while
-  /// the server ran, and the log that goes with the backup knows.
+  /// payload_bytes from the start of fd. A file that is shorter by now is filled up with zeros: it shrank
+  /// while the server ran, and the log that goes with the backup knows.
   void file(const Frame& frame, int fd);
   void file(const Frame& frame, const std::string& content);
   void flush();

@@ -8,12 +8,14 @@
 #include <cstdio>
 #include <memory>
 
-namespace {
+namespace
+{
 
 using namespace oscar_lab;
 
 constexpr const char* usage =
-    "usage: brcmd -O backup -d INSTANCE -u USER -p PASSWORD -P PORT -t full|incr|diff -k pipe -f PIPE -e LOG\n"
+    "usage: brcmd -O backup -d INSTANCE -u USER -p PASSWORD -P PORT -t full|incr|diff -k pipe -f PIPE -e "
+    "LOG\n"
     "       brcmd -O restore -d INSTANCE -t backup_point_last -k pipe -f PIPE -e LOG\n"
     "       brcmd --version\n";
 
@@ -44,8 +46,17 @@ void restore(const Arguments& arguments, const Instance_Files& files, Run_Log& l
 int run(int argc, char** argv, std::unique_ptr<Run_Log>& log)
 {
   const Arguments arguments(argc, argv,
-                            {{"-O", true}, {"-d", true}, {"-u", true}, {"-p", true}, {"-P", true}, {"-t", true},
-                             {"-k", true}, {"-f", true}, {"-e", true}, {"--version", false}, {"--help", false}},
+                            {{"-O", true},
+                             {"-d", true},
+                             {"-u", true},
+                             {"-p", true},
+                             {"-P", true},
+                             {"-t", true},
+                             {"-k", true},
+                             {"-f", true},
+                             {"-e", true},
+                             {"--version", false},
+                             {"--help", false}},
                             0);
   if (arguments.has("--help")) {
     std::fputs(usage, stdout);

@@ -10,9 +10,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 constexpr int reader_timeout_msec = 600 * 1000;
 constexpr int wanted_pipe_bytes = 1024 * 1024;

@@ -7,7 +7,8 @@
 #include <functional>
 #include <string>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 /// Throws unless the path names a pipe that this process may open the given way.
 void require_pipe(const std::string& path, bool for_writing);

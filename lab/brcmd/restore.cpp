@@ -11,9 +11,11 @@
 #include <set>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 constexpr int lock_timeout_msec = 2000;
 constexpr const char* postgres_major = "15";
@@ -37,8 +39,7 @@ public:
   void keep() { kept_ = true; }
 
 private:
-  struct Root
-  {
+  struct Root {
     std::string oid;
     std::string target;
   };
@@ -128,7 +129,8 @@ void Side_Tree::add_file(const Frame& frame, Image_Reader& image)
   if (::geteuid() == 0 && ::fchown(file.get(), owner_.uid, owner_.gid) != 0)
     fail_errno("cannot change the owner of " + path);
   image.copy_payload(frame, file.get(), path);
-  if (frame.file_bytes > frame.payload_bytes && ::ftruncate(file.get(), static_cast<off_t>(frame.file_bytes)) != 0)
+  if (frame.file_bytes > frame.payload_bytes &&
+      ::ftruncate(file.get(), static_cast<off_t>(frame.file_bytes)) != 0)
     fail_errno("cannot extend " + path);
   // Lets the disk work while the next files come in; the final sync has less to wait for.
   if (frame.payload_bytes >= early_write_back_bytes)
@@ -169,7 +171,8 @@ Swap_Plan Side_Tree::plan() const
 void Side_Tree::make_placeholders() const
 {
   for (const Root& root : roots_) {
-    const std::string datafile = root.oid.empty() ? files_.directory() + "/SYSTEM.dbf" : datafile_of(root.target);
+    const std::string datafile =
+        root.oid.empty() ? files_.directory() + "/SYSTEM.dbf" : datafile_of(root.target);
     if (path_exists(datafile))
       continue;
     replace_file(datafile, "", 0640);

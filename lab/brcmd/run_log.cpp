@@ -4,7 +4,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 Run_Log::Run_Log(const std::string& path) : file_(open_file(path, O_WRONLY | O_CREAT | O_APPEND, 0640)) {}
 

@@ -6,7 +6,8 @@
 
 #include <string>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 class Run_Log
 {

@@ -4,12 +4,15 @@
 
 #include <cstring>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 /// Finds the option that the word stands for. glued becomes true when the word holds the value too.
-const Option* find_option(const std::string& word, const std::vector<Option>& known, std::string& value, bool& glued)
+const Option* find_option(const std::string& word, const std::vector<Option>& known, std::string& value,
+                          bool& glued)
 {
   glued = false;
   for (const Option& option : known)

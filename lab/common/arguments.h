@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-namespace oscar_lab {
-
-struct Option
+namespace oscar_lab
 {
+
+struct Option {
   const char* name; // with its dashes
   bool has_value;
 };
@@ -19,7 +19,8 @@ struct Option
 class Arguments
 {
 public:
-  /// Throws Usage_Failure for an unknown or repeated option, a missing value or more than max_operands operands.
+  /// Throws Usage_Failure for an unknown or repeated option, a missing value or more than max_operands
+  /// operands.
   Arguments(int argc, char* const* argv, const std::vector<Option>& known, std::size_t max_operands);
 
   bool has(const std::string& name) const { return values_.count(name) != 0; }

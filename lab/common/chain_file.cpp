@@ -2,9 +2,11 @@
 
 #include "lab/common/text.h"
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 const char* const keys[] = {"_lastfullbackupid=", "_lastfullbackuplsn=", "_lastfullbackupscn=",
                             "_lastbackupid=",     "_lastbackuplsn=",     "_lastbackupscn="};
@@ -35,15 +37,17 @@ void replace_lines(const Instance_Files& files, const std::string& lines)
 
 std::string lines_of(const std::string& name, const Backup_Point& point, int first_key)
 {
-  return name + keys[first_key] + point.id + "\n" + name + keys[first_key + 1] + std::to_string(point.lsn) + "\n" +
-         name + keys[first_key + 2] + std::to_string(point.scn) + "\n";
+  return name + keys[first_key] + point.id + "\n" + name + keys[first_key + 1] + std::to_string(point.lsn) +
+         "\n" + name + keys[first_key + 2] + std::to_string(point.scn) + "\n";
 }
 
 } // namespace
 
 bool Chain::complete() const
 {
-  const auto set = [](const Backup_Point& point) { return !point.id.empty() && point.lsn != 0 && point.scn != 0; };
+  const auto set = [](const Backup_Point& point) {
+    return !point.id.empty() && point.lsn != 0 && point.scn != 0;
+  };
   return set(last_full) && set(last);
 }
 

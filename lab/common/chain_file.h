@@ -1,7 +1,7 @@
 /// agent/lastlsn.dat: which backup of an instance was the last one and the last full one.
 /// One file serves all instances of a home; lines of the others are kept as they are.
-/// Threads/processes: writers exclude each other by a lock file beside it; readers see the old or the new file.
-/// Errors: Failure. Crash: the file is replaced as a whole.
+/// Threads/processes: writers exclude each other by a lock file beside it; readers see the old or the new
+/// file. Errors: Failure. Crash: the file is replaced as a whole.
 #pragma once
 
 #include "lab/common/instance_files.h"
@@ -9,17 +9,16 @@
 #include <cstdint>
 #include <string>
 
-namespace oscar_lab {
-
-struct Backup_Point
+namespace oscar_lab
 {
+
+struct Backup_Point {
   std::string id;
   std::uint64_t lsn = 0;
   std::uint64_t scn = 0;
 };
 
-struct Chain
-{
+struct Chain {
   Backup_Point last_full;
   Backup_Point last;
   /// All six values are there.

@@ -13,9 +13,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 std::vector<char*> pointers(const std::vector<std::string>& argv)
 {

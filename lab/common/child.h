@@ -10,18 +10,20 @@
 #include <sys/types.h>
 #include <vector>
 
-namespace oscar_lab {
-
-struct Child_Result
+namespace oscar_lab
 {
+
+struct Child_Result {
   int status = 0;     // exit status, or 128 + signal
   std::string output; // stdout and stderr together
 };
 
-/// Runs argv[0] (a full path) to its end as the given owner, with stdin from /dev/null and a clean environment.
+/// Runs argv[0] (a full path) to its end as the given owner, with stdin from /dev/null and a clean
+/// environment.
 Child_Result run_child(const std::vector<std::string>& argv, const Owner& owner);
 
-/// In a forked child that is about to exec: gives up root for good, resets signals. Does not return on failure.
+/// In a forked child that is about to exec: gives up root for good, resets signals. Does not return on
+/// failure.
 void become(const Owner& owner);
 /// Default dispositions and an empty mask for all signals, whatever the caller had.
 void reset_signals();

@@ -4,7 +4,8 @@
 
 #include <fcntl.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 std::string primary_message(const std::string& libpq_text)
 {
@@ -23,12 +24,26 @@ Connection::Connection(const Login& login)
 {
   const std::string port = std::to_string(login.port);
   const std::string timeout = std::to_string(login.timeout_seconds);
-  const char* const keywords[] = {"host",     "port",     "user",    "password",    "dbname",
-                                  "options",  "sslmode",  "connect_timeout",        "gssencmode",
-                                  "client_encoding",      "passfile", "fallback_application_name", nullptr};
-  const char* const values[] = {login.host.c_str(), port.c_str(), login.user.c_str(), login.password.c_str(),
-                                login.database.c_str(), login.settings.c_str(), "disable", timeout.c_str(),
-                                "disable", "UTF8", "/dev/null/none", "tool", nullptr};
+  const char* const keywords[] = {"host",       "port",
+                                  "user",       "password",
+                                  "dbname",     "options",
+                                  "sslmode",    "connect_timeout",
+                                  "gssencmode", "client_encoding",
+                                  "passfile",   "fallback_application_name",
+                                  nullptr};
+  const char* const values[] = {login.host.c_str(),
+                                port.c_str(),
+                                login.user.c_str(),
+                                login.password.c_str(),
+                                login.database.c_str(),
+                                login.settings.c_str(),
+                                "disable",
+                                timeout.c_str(),
+                                "disable",
+                                "UTF8",
+                                "/dev/null/none",
+                                "tool",
+                                nullptr};
   connection_.reset(PQconnectdbParams(keywords, values, 0));
   if (!connection_)
     throw Failure("out of memory");
@@ -49,8 +64,8 @@ Result Connection::query(const std::string& statement, const std::vector<std::st
   // Without parameters the simple protocol also takes several statements at once.
   Result result(parameters.empty()
                     ? PQexec(connection_.get(), statement.c_str())
-                    : PQexecParams(connection_.get(), statement.c_str(), static_cast<int>(values.size()), nullptr,
-                                   values.data(), nullptr, nullptr, 0));
+                    : PQexecParams(connection_.get(), statement.c_str(), static_cast<int>(values.size()),
+                                   nullptr, values.data(), nullptr, nullptr, 0));
   const ExecStatusType status = PQresultStatus(result.get());
   if (status != PGRES_TUPLES_OK && status != PGRES_COMMAND_OK && status != PGRES_COPY_IN)
     throw Failure(error());

@@ -12,7 +12,8 @@
 #include <string>
 #include <vector>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 /// The database inside the server that holds an instance's data.
 constexpr const char* database_name = "oscar";
@@ -32,15 +33,13 @@ public:
   PGresult* get() const { return result_.get(); }
 
 private:
-  struct Clear
-  {
+  struct Clear {
     void operator()(PGresult* result) const { PQclear(result); }
   };
   std::unique_ptr<PGresult, Clear> result_;
 };
 
-struct Login
-{
+struct Login {
   std::string host;
   std::uint16_t port = 0;
   std::string user;
@@ -62,8 +61,7 @@ public:
   std::string error() const;
 
 private:
-  struct Finish
-  {
+  struct Finish {
     void operator()(PGconn* connection) const { PQfinish(connection); }
   };
   std::unique_ptr<PGconn, Finish> connection_;
@@ -72,11 +70,12 @@ private:
 /// The one line that matters out of a libpq error text.
 std::string primary_message(const std::string& libpq_text);
 
-/// Logs in as the server's superuser through the socket in the run directory. The directory's path may be longer
-/// than a socket address allows; the connection goes through a descriptor of the directory then.
+/// Logs in as the server's superuser through the socket in the run directory. The directory's path may be
+/// longer than a socket address allows; the connection goes through a descriptor of the directory then.
 Connection connect_as_system(const Instance_Files& files, const std::string& database = database_name);
 
-/// The settings under which users see OSCAR's catalog views, plus the check that the server serves this instance.
+/// The settings under which users see OSCAR's catalog views, plus the check that the server serves this
+/// instance.
 Login user_login(const Instance_Files& files, const std::string& host, std::uint16_t port);
 /// Throws when the server behind the connection serves another instance.
 void require_instance(Connection& connection, const std::string& instance);

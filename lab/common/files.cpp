@@ -11,7 +11,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 Descriptor& Descriptor::operator=(Descriptor&& other) noexcept
 {
@@ -193,8 +194,7 @@ void sync_file_system(const std::string& path)
     fail_errno("cannot sync the file system of " + path);
 }
 
-File_Lock::File_Lock(const std::string& path, int timeout_msec)
-    : fd_(open_file(path, O_RDWR | O_CREAT, 0640))
+File_Lock::File_Lock(const std::string& path, int timeout_msec) : fd_(open_file(path, O_RDWR | O_CREAT, 0640))
 {
   for (int waited_msec = 0;; waited_msec += 20) {
     if (::flock(fd_.get(), LOCK_EX | LOCK_NB) == 0) {

@@ -2,14 +2,16 @@
 /// Threads:   no shared state.
 /// Ownership: Descriptor and File_Lock own what they open; every descriptor is close-on-exec.
 /// Errors:    everything throws Failure with the path and the system's reason, except where bool is returned.
-/// Crash:     replace_file leaves the old or the new content, never a mixture; a stray NAME.new may stay behind.
+/// Crash:     replace_file leaves the old or the new content, never a mixture; a stray NAME.new may stay
+/// behind.
 #pragma once
 
 #include <cstddef>
 #include <string>
 #include <sys/types.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 class Descriptor
 {
@@ -32,8 +34,7 @@ private:
 };
 
 /// Owner of a server's files; also the account that the server runs under.
-struct Owner
-{
+struct Owner {
   uid_t uid = 0;
   gid_t gid = 0;
 };

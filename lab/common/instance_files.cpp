@@ -7,7 +7,8 @@
 #include <dirent.h>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 Instance_Files::Instance_Files(const std::string& oscar_home, const std::string& instance)
     : home(oscar_home), name(to_upper(instance))

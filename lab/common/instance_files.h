@@ -13,13 +13,13 @@
 #include <string>
 #include <vector>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 /// Longest name whose NAME.conf still fits the 31 characters that agents use for it.
 constexpr std::size_t max_instance_name = 26;
 
-struct Instance_Files
-{
+struct Instance_Files {
   std::string home;
   std::string name;
 
@@ -45,8 +45,7 @@ struct Instance_Files
   void require_existing() const;
 };
 
-struct Instance_Conf
-{
+struct Instance_Conf {
   std::uint16_t port = 0;
   bool archive_log = false;
 };
@@ -59,8 +58,7 @@ std::string home_of_this_tool();
 std::string path_of_this_program();
 
 /// One tablespace beside the data directory.
-struct Tablespace
-{
+struct Tablespace {
   std::string oid;
   std::string location; // directory that pg_tblspc/OID points to
 };

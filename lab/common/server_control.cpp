@@ -8,9 +8,11 @@
 #include <ctime>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 constexpr int stop_timeout_msec = 120 * 1000;
 
@@ -72,10 +74,12 @@ bool start_server(const Instance_Files& files)
 {
   if (running_server(files) != 0)
     return false;
-  const Child_Result result = run_child({files.bin("oscar"), "--start", files.name}, Owner{::geteuid(), ::getegid()});
+  const Child_Result result =
+      run_child({files.bin("oscar"), "--start", files.name}, Owner{::geteuid(), ::getegid()});
   if (result.status != 0) {
     const std::string text = trim(result.output);
-    throw Failure(starts_with(text, "oscar: ERROR, ") ? text.substr(14) : "the server did not start: " + text);
+    throw Failure(starts_with(text, "oscar: ERROR, ") ? text.substr(14)
+                                                      : "the server did not start: " + text);
   }
   return true;
 }

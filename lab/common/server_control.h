@@ -8,7 +8,8 @@
 #include <functional>
 #include <sys/types.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 /// The pid from the pid file when that process is this instance's live server, 0 otherwise.
 pid_t running_server(const Instance_Files& files);

@@ -6,9 +6,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 std::string journal_path(const Instance_Files& files)
 {

@@ -2,14 +2,16 @@
 
 #include <algorithm>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 std::size_t display_width(const std::string& text)
 {
-  return static_cast<std::size_t>(
-      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; }));
+  return static_cast<std::size_t>(std::count_if(
+      text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; }));
 }
 
 /// A cell is one line: readers take the output line by line.
@@ -23,8 +25,13 @@ std::string one_line(std::string cell)
 bool is_number(Oid type)
 {
   switch (type) {
-  case 20: case 21: case 23: case 26: // int8, int2, int4, oid
-  case 700: case 701: case 1700:      // float4, float8, numeric
+  case 20:
+  case 21:
+  case 23:
+  case 26: // int8, int2, int4, oid
+  case 700:
+  case 701:
+  case 1700: // float4, float8, numeric
     return true;
   default:
     return false;

@@ -5,7 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 void fail_errno(const std::string& what)
 {
@@ -42,7 +43,8 @@ bool starts_with(const std::string& text, const std::string& prefix)
 
 bool ends_with(const std::string& text, const std::string& suffix)
 {
-  return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+  return text.size() >= suffix.size() &&
+         text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 std::vector<std::string> split_lines(const std::string& text)
@@ -109,7 +111,8 @@ std::uint64_t parse_lsn(const std::string& text)
 std::string format_lsn(std::uint64_t lsn)
 {
   char text[32];
-  std::snprintf(text, sizeof text, "%X/%X", static_cast<unsigned>(lsn >> 32), static_cast<unsigned>(lsn & 0xffffffffU));
+  std::snprintf(text, sizeof text, "%X/%X", static_cast<unsigned>(lsn >> 32),
+                static_cast<unsigned>(lsn & 0xffffffffU));
   return text;
 }
 

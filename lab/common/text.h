@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 /// A run that cannot go on. The text is one line for the user; it never holds a password.
 class Failure : public std::runtime_error

@@ -13,7 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 
 using namespace oscar_lab;
 
@@ -103,8 +104,14 @@ std::string run_statement(Connection& connection, const Instance_Files& files, c
 int run(int argc, char** argv)
 {
   const Arguments arguments(argc, argv,
-                            {{"-U", true}, {"-h", true}, {"-p", true}, {"-d", true}, {"-c", true}, {"-l", false},
-                             {"--version", false}, {"--help", false}},
+                            {{"-U", true},
+                             {"-h", true},
+                             {"-p", true},
+                             {"-d", true},
+                             {"-c", true},
+                             {"-l", false},
+                             {"--version", false},
+                             {"--help", false}},
                             0);
   if (arguments.has("--help")) {
     std::fputs(usage, stdout);

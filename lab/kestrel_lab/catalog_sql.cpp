@@ -1,6 +1,7 @@
 #include "lab/kestrel_lab/catalog_sql.h"
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 const char* const catalog_sql = R"sql(
 create schema oscar_sys;

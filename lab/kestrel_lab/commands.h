@@ -5,7 +5,8 @@
 #include "lab/common/arguments.h"
 #include "lab/common/instance_files.h"
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 int create_command(const Arguments& arguments);
 int destroy_command(const Arguments& arguments);

@@ -4,9 +4,11 @@
 
 #include <cstring>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 constexpr std::size_t piece_bytes = 256 * 1024;
 constexpr std::uint32_t int4_type = 23;

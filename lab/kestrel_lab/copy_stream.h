@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 class Copy_Stream
 {

@@ -14,17 +14,18 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 constexpr const char* default_account = "postgres";
 constexpr const char* default_user = "sysdba";
 constexpr std::uint16_t default_port = 2003;
 const char* const tools[] = {"oscar", "isql", "brcmd", "osrexp", "osrimp"};
 
-struct Account
-{
+struct Account {
   std::string user;
   std::string password;
   bool generated = false;
@@ -91,8 +92,8 @@ void require_reachable(const Instance_Files& files, const Owner& owner, const st
 {
   const std::string closed = first_closed_directory(files.home + "/odbs", owner);
   if (!closed.empty())
-    throw Failure("the server runs as " + account_name + ", which may not enter " + closed + "; run \"chmod o+x " +
-                  closed + "\" or choose another HOME");
+    throw Failure("the server runs as " + account_name + ", which may not enter " + closed +
+                  "; run \"chmod o+x " + closed + "\" or choose another HOME");
 }
 
 void make_home(const Instance_Files& files)
@@ -108,17 +109,20 @@ void make_home(const Instance_Files& files)
   replace_file(files.home + "/systemctl-bin/systemctl",
                "#!/bin/sh\n"
                "# systemctl ACTION oscard@NAME for the instances of this home\n"
-               "home='" + files.home + "'\n"
-               "unit=${2%.service}\n"
-               "name=${unit#oscard@}\n"
-               "[ $# -eq 2 ] && [ \"$unit\" != \"$name\" ] || { echo 'systemctl: only ACTION oscard@NAME' >&2; exit 1; }\n"
-               "pid=$(cat \"$home/admin/$name.db\" 2>/dev/null) || pid=0\n"
-               "case $1 in\n"
-               "start) exec \"$home/bin/oscar\" --start \"$name\" ;;\n"
-               "stop) kill -TERM \"$pid\" ;;\n"
-               "is-active) [ \"$pid\" -gt 1 ] && kill -0 \"$pid\" ;;\n"
-               "*) echo \"systemctl: unknown action\" >&2; exit 1 ;;\n"
-               "esac\n",
+               "home='" +
+                   files.home +
+                   "'\n"
+                   "unit=${2%.service}\n"
+                   "name=${unit#oscard@}\n"
+                   "[ $# -eq 2 ] && [ \"$unit\" != \"$name\" ] || { echo 'systemctl: only ACTION "
+                   "oscard@NAME' >&2; exit 1; }\n"
+                   "pid=$(cat \"$home/admin/$name.db\" 2>/dev/null) || pid=0\n"
+                   "case $1 in\n"
+                   "start) exec \"$home/bin/oscar\" --start \"$name\" ;;\n"
+                   "stop) kill -TERM \"$pid\" ;;\n"
+                   "is-active) [ \"$pid\" -gt 1 ] && kill -0 \"$pid\" ;;\n"
+                   "*) echo \"systemctl: unknown action\" >&2; exit 1 ;;\n"
+                   "esac\n",
                0755);
 }
 
@@ -126,10 +130,16 @@ std::string init_script_text(const Instance_Files& files)
 {
   return "#!/bin/sh\n"
          "# start and stop of one instance; made and removed by kestrel-lab\n"
-         "home='" + files.home + "'\n"
+         "home='" +
+         files.home +
+         "'\n"
          "case \"$1\" in\n"
-         "start) exec \"$home/bin/oscar\" --start " + files.name + " ;;\n"
-         "stop) kill -TERM \"$(cat \"$home/admin/" + files.name + ".db\")\" ;;\n"
+         "start) exec \"$home/bin/oscar\" --start " +
+         files.name +
+         " ;;\n"
+         "stop) kill -TERM \"$(cat \"$home/admin/" +
+         files.name +
+         ".db\")\" ;;\n"
          "*) echo \"usage: $0 start|stop\" >&2; exit 2 ;;\n"
          "esac\n";
 }
@@ -157,8 +167,8 @@ void initialise_cluster(const Instance_Files& files, const Owner& owner)
 {
   // Without the locale options initdb takes the caller's locale, which may not be installed.
   const Child_Result result =
-      run_child({std::string(LAB_POSTGRES_BIN) + "/initdb", "-D", files.data(), "-U", system_user, "-E", "UTF8",
-                 "--locale=C", "-N", "--auth=trust", "--no-instructions"},
+      run_child({std::string(LAB_POSTGRES_BIN) + "/initdb", "-D", files.data(), "-U", system_user, "-E",
+                 "UTF8", "--locale=C", "-N", "--auth=trust", "--no-instructions"},
                 owner);
   if (result.status != 0)
     throw Failure("initdb failed: " + trim(result.output));
@@ -187,8 +197,8 @@ void fill_database(const Instance_Files& files, const Account& account)
   {
     Connection connection = connect_as_system(files, "postgres");
     // The server gets a verifier made here, never the password itself.
-    char* const verifier = PQencryptPasswordConn(connection.get(), account.password.c_str(), account.user.c_str(),
-                                                 "scram-sha-256");
+    char* const verifier = PQencryptPasswordConn(connection.get(), account.password.c_str(),
+                                                 account.user.c_str(), "scram-sha-256");
     if (!verifier)
       throw Failure("cannot encrypt the password");
     const std::string secret = quote_literal(verifier);
@@ -200,7 +210,8 @@ void fill_database(const Instance_Files& files, const Account& account)
   connect_as_system(files).query(catalog_sql);
 }
 
-void make_instance(const Instance_Files& files, const Instance_Conf& conf, const Account& account, const Owner& owner)
+void make_instance(const Instance_Files& files, const Instance_Conf& conf, const Account& account,
+                   const Owner& owner)
 {
   make_directory(files.directory(), 0750);
   give_to(files.directory(), owner);
@@ -219,7 +230,6 @@ void make_instance(const Instance_Files& files, const Instance_Conf& conf, const
   start_server(files);
   fill_database(files, account);
   stop_server(files);
-  sync_file_system(files.directory());
 }
 
 void remove_instance(const Instance_Files& files)
@@ -235,7 +245,8 @@ void remove_instance(const Instance_Files& files)
     remove_tree(files.init_script());
   remove_tree(files.directory());
   forget_chain(files);
-  for (const std::string& path : {files.pid_file(), files.conf(), files.home + "/admin/" + files.name + ".password"})
+  for (const std::string& path :
+       {files.pid_file(), files.conf(), files.home + "/admin/" + files.name + ".password"})
     remove_tree(path);
 }
 
@@ -275,7 +286,9 @@ int create_command(const Arguments& arguments)
   }
   std::printf("created instance %s in %s, port %u, user %s%s\n", files.name.c_str(), files.home.c_str(),
               static_cast<unsigned>(conf.port), account.user.c_str(),
-              account.generated ? (", password in " + files.home + "/admin/" + files.name + ".password").c_str() : "");
+              account.generated
+                  ? (", password in " + files.home + "/admin/" + files.name + ".password").c_str()
+                  : "");
   return 0;
 }
 

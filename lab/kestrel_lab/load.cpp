@@ -11,9 +11,11 @@
 #include <sys/stat.h>
 #include <thread>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 constexpr const char* tablespace_name = "labspace";
 constexpr std::uint64_t default_seed = 1;
@@ -41,10 +43,11 @@ private:
   std::uint64_t state_;
 };
 
-const char* const words[] = {"amber", "river", "stone", "copper", "ledger", "harbour", "signal", "window",
-                             "garden", "winter", "market", "engine", "bridge", "paper", "silver", "orchard",
-                             "anchor", "meadow", "lantern", "valley", "cotton", "granite", "compass", "island",
-                             "kettle", "mirror", "needle", "violet", "walnut", "zephyr", "brass", "cinder"};
+const char* const words[] = {"amber",   "river",   "stone",  "copper", "ledger",  "harbour", "signal",
+                             "window",  "garden",  "winter", "market", "engine",  "bridge",  "paper",
+                             "silver",  "orchard", "anchor", "meadow", "lantern", "valley",  "cotton",
+                             "granite", "compass", "island", "kettle", "mirror",  "needle",  "violet",
+                             "walnut",  "zephyr",  "brass",  "cinder"};
 
 std::string some_words(Row_Random& random, std::size_t bytes)
 {
@@ -102,8 +105,9 @@ void document_row(Copy_Stream& copy, Row_Random& random, std::int64_t id)
   copy.int64(id);
   copy.bytes(some_bytes(random, 16).data(), 16);
   copy.text(some_words(random, 400 + random.below(400)));
-  copy.jsonb("{\"kind\": \"" + std::string(words[random.below(32)]) + "\", \"pages\": " +
-             std::to_string(random.below(300)) + ", \"final\": " + (random.below(2) != 0 ? "true" : "false") + "}");
+  copy.jsonb("{\"kind\": \"" + std::string(words[random.below(32)]) +
+             "\", \"pages\": " + std::to_string(random.below(300)) +
+             ", \"final\": " + (random.below(2) != 0 ? "true" : "false") + "}");
   copy.text(some_bytes(random, 100 + random.below(200)));
 }
 
@@ -114,18 +118,18 @@ void reading_row(Copy_Stream& copy, Row_Random& random, std::int64_t id)
   copy.int32(static_cast<std::int32_t>(random.below(5000)));
   copy.int64(id * 250000 + static_cast<std::int64_t>(random.below(200000)));
   copy.float8(std::floor(static_cast<double>(random.below(2000000))) / 64);
-  copy.int4_array({static_cast<std::int32_t>(random.below(10)), static_cast<std::int32_t>(random.below(1000))});
+  copy.int4_array(
+      {static_cast<std::int32_t>(random.below(10)), static_cast<std::int32_t>(random.below(1000))});
   copy.inet(0x0a000000U + static_cast<std::uint32_t>(random.below(1U << 20)));
 }
 
-struct Table
-{
+struct Table {
   const char* name;
   const char* create; // columns
   const char* indexes;
   bool in_tablespace;
-  unsigned share_percent;    // of the wanted megabytes
-  unsigned bytes_per_row;    // measured, with the indexes' part
+  unsigned share_percent; // of the wanted megabytes
+  unsigned bytes_per_row; // measured, with the indexes' part
   void (*make_row)(Copy_Stream&, Row_Random&, std::int64_t);
 };
 
@@ -135,16 +139,20 @@ const Table tables[] = {
      "active boolean not null, rating real",
      "create index customers_city on sales.customers (city)", false, 10, 136, customer_row},
     {"sales.orders",
-     "id bigint primary key, customer integer not null, placed timestamptz not null, amount numeric(12,2) not null, "
+     "id bigint primary key, customer integer not null, placed timestamptz not null, amount numeric(12,2) "
+     "not null, "
      "status smallint, note text",
      "create index orders_customer on sales.orders (customer)", false, 30, 222, order_row},
     {"docs.documents",
-     "id bigint primary key using index tablespace labspace, uid uuid not null, body text, meta jsonb, raw bytea",
+     "id bigint primary key using index tablespace labspace, uid uuid not null, body text, meta jsonb, raw "
+     "bytea",
      "create index documents_uid on docs.documents (uid) tablespace labspace", true, 45, 1010, document_row},
     {"docs.readings",
-     "id bigint primary key using index tablespace labspace, sensor integer not null, taken timestamp not null, "
+     "id bigint primary key using index tablespace labspace, sensor integer not null, taken timestamp not "
+     "null, "
      "value double precision, flags integer[], source inet",
-     "create index readings_sensor on docs.readings (sensor, taken) tablespace labspace", true, 15, 173, reading_row},
+     "create index readings_sensor on docs.readings (sensor, taken) tablespace labspace", true, 15, 173,
+     reading_row},
 };
 constexpr unsigned table_count = sizeof tables / sizeof tables[0];
 
@@ -172,14 +180,16 @@ bool make_table(Connection& connection, const Table& table)
   return true;
 }
 
-std::uint64_t fill_table(const Instance_Files& files, unsigned index, std::uint64_t megabytes, std::uint64_t seed)
+std::uint64_t fill_table(const Instance_Files& files, unsigned index, std::uint64_t megabytes,
+                         std::uint64_t seed)
 {
   const Table& table = tables[index];
   Connection connection = connect_as_system(files);
   connection.query("set maintenance_work_mem = '256MB'");
   connection.query("set synchronous_commit = off");
   const bool fresh = make_table(connection, table);
-  const auto first = std::stoll(connection.value(std::string("select coalesce(max(id), 0) + 1 from ") + table.name));
+  const auto first =
+      std::stoll(connection.value(std::string("select coalesce(max(id), 0) + 1 from ") + table.name));
   const std::uint64_t rows = megabytes * 1024 * 1024 * table.share_percent / 100 / table.bytes_per_row + 1;
   Copy_Stream copy(connection, std::string("copy ") + table.name + " from stdin (format binary)");
   for (std::uint64_t i = 0; i < rows; ++i) {
@@ -209,7 +219,8 @@ int load_command(const Arguments& arguments)
   arguments.only({"--megabytes", "--seed"}, "with load");
   const Instance_Files files = instance_operands(arguments);
   const std::uint64_t megabytes = number_option(arguments, "--megabytes", max_megabytes);
-  const std::uint64_t seed = arguments.has("--seed") ? number_option(arguments, "--seed", UINT64_MAX) : default_seed;
+  const std::uint64_t seed =
+      arguments.has("--seed") ? number_option(arguments, "--seed", UINT64_MAX) : default_seed;
   files.require_existing();
   if (running_server(files) == 0)
     throw Failure("instance " + files.name + " is not running");

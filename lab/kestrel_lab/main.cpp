@@ -11,9 +11,11 @@
 #include <cstdio>
 #include <filesystem>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 constexpr const char* usage =
     "usage: kestrel-lab COMMAND HOME INSTANCE [options]\n"
@@ -33,9 +35,10 @@ constexpr const char* usage =
     "  destroy  stop the server and remove the instance with all its files\n"
     "Without systemd and without the start script, put HOME/systemctl-bin first on the PATH of an agent.\n";
 
-const std::vector<Option> options = {{"--port", true},          {"--archive-log", true}, {"--user", true},
-                                     {"--password-file", true}, {"--os-user", true},     {"--no-init-script", false},
-                                     {"--megabytes", true},     {"--seed", true},        {"--help", false}};
+const std::vector<Option> options = {
+    {"--port", true},          {"--archive-log", true}, {"--user", true},
+    {"--password-file", true}, {"--os-user", true},     {"--no-init-script", false},
+    {"--megabytes", true},     {"--seed", true},        {"--help", false}};
 
 int start_command(const Arguments& arguments)
 {
@@ -103,14 +106,17 @@ Instance_Files instance_operands(const Arguments& arguments)
   if (arguments.operands().size() < 3)
     throw Usage_Failure("give COMMAND HOME INSTANCE");
   std::error_code error;
-  const auto path = std::filesystem::weakly_canonical(std::filesystem::absolute(arguments.operands()[1]), error);
+  const auto path =
+      std::filesystem::weakly_canonical(std::filesystem::absolute(arguments.operands()[1]), error);
   if (error)
     throw Failure("cannot resolve HOME: " + error.message());
   std::string home = path.string();
   while (home.size() > 1 && home.back() == '/')
     home.pop_back();
   // Agents put the path on unquoted command lines, and sizes behind "=" after it.
-  const auto plain = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || std::string("/._-+,@").find(c) != std::string::npos; };
+  const auto plain = [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || std::string("/._-+,@").find(c) != std::string::npos;
+  };
   if (!std::all_of(home.begin(), home.end(), plain))
     throw Failure("HOME may hold letters, digits and the characters / . _ - + , @ only");
   return Instance_Files(home, arguments.operands()[2]);

@@ -13,9 +13,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 // Recovery after a crash or a restore may have much log to read.
 constexpr int start_timeout_msec = 600 * 1000;
@@ -31,9 +33,9 @@ constexpr int start_timeout_msec = 600 * 1000;
   ::_exit(127);
 }
 
-/// Parent of the supervisor for as long as that lives. A dead process stays in the process table until its parent
-/// looks at it, and the init of a container may never do so; this process does at once, also for a PostgreSQL
-/// server that outlives a killed supervisor.
+/// Parent of the supervisor for as long as that lives. A dead process stays in the process table until its
+/// parent looks at it, and the init of a container may never do so; this process does at once, also for a
+/// PostgreSQL server that outlives a killed supervisor.
 [[noreturn]] void mind_supervisor(const Instance_Files& files, int message_fd)
 {
   ::setsid();
@@ -97,7 +99,8 @@ int launch(const Instance_Files& files)
   write_end.reset();
   const std::string message = read_message(read_end.get());
   if (message != "ready\n")
-    throw Failure(message.empty() ? "instance " + files.name + " did not start; see " + files.log() : trim(message));
+    throw Failure(message.empty() ? "instance " + files.name + " did not start; see " + files.log()
+                                  : trim(message));
   std::printf("instance %s started\n", files.name.c_str());
   return 0;
 }

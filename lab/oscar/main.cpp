@@ -7,11 +7,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 
-constexpr const char* usage = "usage: oscar -d INSTANCE        serve the instance in the foreground\n"
-                              "       oscar --start INSTANCE   serve it in the background; returns when logins work\n"
-                              "       oscar --version\n";
+constexpr const char* usage =
+    "usage: oscar -d INSTANCE        serve the instance in the foreground\n"
+    "       oscar --start INSTANCE   serve it in the background; returns when logins work\n"
+    "       oscar --version\n";
 
 /// Where a supervisor started by launch() reports; -1 when a user started it.
 int take_ready_descriptor()

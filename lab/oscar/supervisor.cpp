@@ -15,28 +15,37 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
-namespace {
+namespace
+{
 
 // After a kill the processes of the old server need a moment to notice.
-constexpr int lock_timeout_msec = 15 * 1000;
+constexpr int lock_timeout_msec = 6 * 1000;
 
 std::vector<std::string> server_command(const Instance_Files& files, const Instance_Conf& conf)
 {
   // Paths relative to the data directory, where the server works: no length limit, nothing to quote.
   return {std::string(LAB_POSTGRES_BIN) + "/postgres",
-          "-D", files.data(),
-          "-c", "port=" + std::to_string(conf.port),
-          "-c", "oscar.instance=" + files.name,
-          "-c", "recovery_init_sync_method=syncfs",
-          "-c", "unix_socket_directories=../run",
-          "-c", std::string("archive_mode=") + (conf.archive_log ? "on" : "off"),
-          "-c", "archive_command=cp %p ../archive/%f.part && mv ../archive/%f.part ../archive/%f"};
+          "-D",
+          files.data(),
+          "-c",
+          "port=" + std::to_string(conf.port),
+          "-c",
+          "oscar.instance=" + files.name,
+          "-c",
+          "recovery_init_sync_method=syncfs",
+          "-c",
+          "unix_socket_directories=../run",
+          "-c",
+          std::string("archive_mode=") + (conf.archive_log ? "on" : "off"),
+          "-c",
+          "archive_command=cp %p ../archive/%f.part && mv ../archive/%f.part ../archive/%f"};
 }
 
-[[noreturn]] void run_server(const Instance_Files& files, const Instance_Conf& conf, const Owner& owner, int lock_fd,
-                             pid_t supervisor)
+[[noreturn]] void run_server(const Instance_Files& files, const Instance_Conf& conf, const Owner& owner,
+                             int lock_fd, pid_t supervisor)
 {
   const std::vector<std::string> command = server_command(files, conf);
   const int null = ::open("/dev/null", O_RDONLY);
@@ -76,7 +85,8 @@ void check_data_directory(const Instance_Files& files)
 {
   files.require_existing();
   if (is_regular_file(files.incomplete_mark()))
-    throw Failure("the data of " + files.name + " are not usable: " + trim(read_file(files.incomplete_mark())));
+    throw Failure("the data of " + files.name +
+                  " are not usable: " + trim(read_file(files.incomplete_mark())));
   if (!is_regular_file(files.data() + "/PG_VERSION") || !is_regular_file(files.data() + "/global/pg_control"))
     throw Failure("the data directory " + files.data() + " is incomplete");
 }
@@ -88,8 +98,7 @@ int wait_for_server(const Instance_Files& files, pid_t server, const sigset_t& s
   for (;;) {
     const timespec poll{0, 20 * 1000 * 1000};
     siginfo_t info;
-    const int signal_number =
-        ready ? ::sigwaitinfo(&signals, &info) : ::sigtimedwait(&signals, &info, &poll);
+    const int signal_number = ready ? ::sigwaitinfo(&signals, &info) : ::sigtimedwait(&signals, &info, &poll);
     if (signal_number == SIGTERM || signal_number == SIGINT)
       ::kill(server, SIGINT);
     int status = 0;

@@ -7,7 +7,8 @@
 
 #include "lab/common/instance_files.h"
 
-namespace oscar_lab {
+namespace oscar_lab
+{
 
 /// Blocks until the server has ended. ready_fd (or -1) gets "ready\n" once logins work.
 int supervise(const Instance_Files& files, int ready_fd);
