@@ -1,5 +1,8 @@
 #include "support/clocks.h"
 
+#include <algorithm>
+#include <atomic>
+
 #include <sched.h>
 
 namespace kestrel_test
@@ -48,9 +51,21 @@ unsigned Fake_Clock::sleeps() const
   return sleeps_;
 }
 
-Scaled_Clock::Scaled_Clock(unsigned factor)
-    : factor_(factor), start_(kestrel::Clock::now()), origin_(kestrel::Clock::monotonic_msec()), scope_(*this)
+namespace
 {
+/// The latest time that a scaled clock of this process may have told.
+std::atomic<time_t> latest_time{0};
+} // namespace
+
+Scaled_Clock::Scaled_Clock(unsigned factor)
+    : factor_(factor), start_(std::max(kestrel::Clock::now(), latest_time + 1)),
+      origin_(kestrel::Clock::monotonic_msec()), scope_(*this)
+{
+}
+
+Scaled_Clock::~Scaled_Clock()
+{
+  latest_time = now();
 }
 
 int64_t Scaled_Clock::scaled_msec() { return (kestrel::Clock::monotonic_msec() - origin_) * factor_; }

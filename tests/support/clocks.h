@@ -31,11 +31,13 @@ private:
 };
 
 /// A clock that runs `factor` times as fast as the real one: a sleep of 60 seconds takes 60/factor. For component tests
-/// with real children; installed process-wide while it lives.
+/// with real children; installed process-wide while it lives. Later clocks of a process go on where earlier ones ended, so
+/// that nothing waits for a time that it has seen before.
 class Scaled_Clock : public kestrel::Clock
 {
 public:
   explicit Scaled_Clock(unsigned factor);
+  ~Scaled_Clock() override;
   time_t now() override;
   int64_t monotonic_msec() override;
   void sleep_msec(int64_t msec) override;
