@@ -11,7 +11,7 @@ packages=(
   libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   postgresql-15 postgresql-client-15
-  zstd lz4 gzip sqlite3 jq
+  zstd lz4 gzip sqlite3 jq python3 procps bsdextrautils
 )
 [ "${1:-}" = "--bench" ] && packages+=(pgbackrest time)
 
