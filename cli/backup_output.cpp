@@ -12,11 +12,18 @@ std::string pool_name(Session& session, const std::string& pool_id)
   return session.host().pools().find(pool_id, pool, error) ? pool.name : pool_id;
 }
 
-std::string state_text(const Backup_Entry& backup)
+const char* state_word(const Backup_Entry& backup)
 {
   if (!backup.available)
     return "unusable";
-  return backup.predecessor_missing ? "chain broken" : "available";
+  return backup.predecessor_missing ? "chain_broken" : "available";
+}
+
+const char* state_text(const Backup_Entry& backup)
+{
+  if (!backup.available)
+    return "unusable";
+  return backup.predecessor_missing ? "no chain" : "ok";
 }
 
 json_spirit::Object json_of_backup(Session& session, const Backup_Entry& backup)
@@ -26,7 +33,7 @@ json_spirit::Object json_of_backup(Session& session, const Backup_Entry& backup)
   set_value(object, "instance", session.instance_name(backup.resource_uuid));
   set_value(object, "resource_uuid", backup.resource_uuid);
   set_value(object, "level", backup.level);
-  set_value(object, "state", state_text(backup));
+  set_value(object, "state", state_word(backup));
   set_value(object, "state_reason", backup.state_reason);
   set_value(object, "start_time", format_time_rfc3339(backup.start_time));
   set_value(object, "end_time", format_time_rfc3339(backup.end_time));

@@ -9,8 +9,10 @@ namespace kestrel
 json_spirit::Object json_of_backup(Session& session, const Backup_Entry& backup);
 /// Name of the pool with this id, or the id itself when it is not registered any more.
 std::string pool_name(Session& session, const std::string& pool_id);
-/// "available", "unusable" or "chain broken".
-std::string state_text(const Backup_Entry& backup);
+/// "available", "unusable" (the stored file) or "chain_broken" (what it builds on), for --json.
+const char* state_word(const Backup_Entry& backup);
+/// The same in few columns, for people: "ok", "unusable", "no chain".
+const char* state_text(const Backup_Entry& backup);
 /// The backup that the user's word means. False after Session::fail().
 [[nodiscard]] bool find_backup(Session& session, const std::string& reference, Backup_Entry& backup);
 } // namespace kestrel

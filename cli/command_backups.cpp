@@ -71,7 +71,7 @@ int run_show(Session& session)
                 {"Backup", backup.id},
                 {"Instance", session.instance_name(backup.resource_uuid)},
                 {"Level", backup.level},
-                {"State", state_text(backup) + problem},
+                {"State", state_word(backup) + problem},
                 {"Chain", chain},
                 {"Begun", format_time(backup.start_time)},
                 {"Ended", format_time(backup.end_time)},

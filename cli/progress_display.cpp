@@ -107,8 +107,9 @@ void Progress_Display::update(uint64_t done_bytes, uint64_t total_bytes)
   const int tenth = static_cast<int>(share_of(done_bytes, total_bytes) * 10);
   if (tenth > last_tenth_) {
     last_tenth_ = tenth;
-    std::fprintf(stream_, "%s: %d%% of %s  %s\n", label_.c_str(), tenth * 10, format_bytes(total_bytes).c_str(),
-                 rate_text(now_msec).c_str());
+    const std::string rate = rate_text(now_msec);
+    std::fprintf(stream_, "%s: %d%% of %s%s%s\n", label_.c_str(), tenth * 10, format_bytes(total_bytes).c_str(),
+                 rate.empty() ? "" : "  ", rate.c_str());
     std::fflush(stream_);
   }
 }

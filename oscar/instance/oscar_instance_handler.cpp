@@ -48,6 +48,10 @@ std::shared_ptr<Instance> to_instance(const Oscar_Instance_Info& info)
   instance->name = info.instance;
   instance->options["oscar_home"] = info.oscar_home;
   instance->options["version"] = info.version;
+  // For people who look at lists only: whoever connects reads the port again.
+  unsigned short port = 0;
+  if (get_instance_port(info.oscar_home.c_str(), info.instance.c_str(), port))
+    instance->options["port"] = static_cast<int>(port);
   return instance;
 }
 } // namespace
