@@ -23,6 +23,10 @@ bool error_text_of(const std::string& line, std::string& text)
     if (!boost::starts_with(rest, priority))
       continue;
     text = rest.substr(rest.find(' ') + 1);
+    // Process and thread, which some messages begin with, mean nothing to people.
+    if (boost::starts_with(text, "(") && text.find(") ") != std::string::npos &&
+        text.find_first_not_of("(0123456789|") == text.find(") "))
+      text.erase(0, text.find(") ") + 2);
     boost::trim_right_if(text, [](char c) { return c == '.' || c == ' ' || c == '\r'; });
     return !text.empty();
   }

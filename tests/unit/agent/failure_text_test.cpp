@@ -35,6 +35,13 @@ TEST(Failure_Text, says_a_single_error_once)
   EXPECT_EQ("alone", reason_from_job_log(dir.write("log", "2026-01-31 10:00:01.000 [1.2] ERROR alone.\n")));
 }
 
+TEST(Failure_Text, leaves_out_process_and_thread)
+{
+  const Temp_Dir dir;
+  EXPECT_EQ("(x) a: b",
+            reason_from_job_log(dir.write("log", "2026-01-31 10:00:01.000 [1.2] ERROR (12|34) (x) a: b\n")));
+}
+
 TEST(Failure_Text, says_nothing_without_a_log_or_without_errors)
 {
   const Temp_Dir dir;
