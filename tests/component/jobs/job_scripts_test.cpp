@@ -1,0 +1,132 @@
+#include "unit/jobs/job_fixture.h"
+
+namespace kestrel_test
+{
+/// The user's scripts around a run, with a real shell.
+class Job_Scripts : public Job_Test
+{
+protected:
+  Job_State run_with(const std::function<void(kestrel::Job_Definition_Fields&)>& change)
+  {
+    kestrel::Job_Definition_Fields fields = plain_fields();
+    change(fields);
+    job_ = make_job(std::move(fields));
+    run(*job_);
+    return job_->state();
+  }
+  /// A script that leaves a trace.
+  std::string mark(const std::string& name) { return "echo " + name + " >> " + (root_ / "marks"); }
+  std::string marks() { return exists(root_ / "marks") ? read_file(root_ / "marks") : std::string(); }
+
+  Log_Capture log_;
+  Fake_Clock clock_;
+  Recorder recorder_;
+  Job_Ptr job_;
+};
+
+TEST_F(Job_Scripts, run_in_their_order_around_the_work)
+{
+  script_.work = [this](Job&) { return root_.write("work_saw", marks()), true; };
+  EXPECT_EQ(JOB_STATE_COMPLETED, run_with([this](kestrel::Job_Definition_Fields& fields) {
+              fields.precondition = mark("precondition");
+              fields.pre_action = mark("pre");
+              fields.post_action = mark("post");
+            }));
+  EXPECT_EQ("precondition\npre\n", read_file(root_ / "work_saw"));
+  EXPECT_EQ("precondition\npre\npost\n", marks());
+  EXPECT_EQ((Lines{"start", "state completing", "outcome completed", "end completed"}), recorder_.lines());
+}
+
+TEST_F(Job_Scripts, a_false_precondition_leaves_the_job_idle)
+{
+  EXPECT_EQ(JOB_STATE_IDLE, run_with([this](kestrel::Job_Definition_Fields& fields) {
+              fields.precondition = "echo not today; exit 1";
+              fields.pre_action = mark("pre");
+            }));
+  EXPECT_EQ("", marks());
+  EXPECT_EQ(job_->activity()->start_time, job_->activity()->last_run_time);
+  EXPECT_EQ((Lines{"state idle", "end idle"}), recorder_.lines());
+  EXPECT_EQ(std::string::npos, read_file(job_->log_path()).find("not today"));
+  EXPECT_FALSE(log_.contains("not today"));
+}
+
+TEST_F(Job_Scripts, output_of_the_actions_goes_to_the_log_of_the_job)
+{
+  EXPECT_EQ(JOB_STATE_COMPLETED, run_with([](kestrel::Job_Definition_Fields& fields) {
+              fields.pre_action = "echo before the work";
+              fields.post_action = "echo after the work";
+            }));
+  const std::string text = read_file(job_->log_path());
+  EXPECT_NE(std::string::npos, text.find("before the work"));
+  EXPECT_NE(std::string::npos, text.find("after the work"));
+}
+
+TEST_F(Job_Scripts, a_failing_pre_action_skips_the_work_and_the_post_action)
+{
+  EXPECT_EQ(JOB_STATE_ERROR, run_with([this](kestrel::Job_Definition_Fields& fields) {
+              fields.pre_action = "exit 3";
+              fields.post_action = mark("post");
+            }));
+  EXPECT_EQ(0u, script_.works);
+  EXPECT_EQ("", marks());
+}
+
+TEST_F(Job_Scripts, a_failing_pre_action_can_be_ignored)
+{
+  EXPECT_EQ(JOB_STATE_COMPLETED, run_with([](kestrel::Job_Definition_Fields& fields) {
+              fields.pre_action = "exit 3";
+              fields.ignore_pre_action_failure = true;
+            }));
+  EXPECT_EQ(1u, script_.works);
+}
+
+TEST_F(Job_Scripts, a_failing_post_action_fails_the_job_unless_it_is_ignored)
+{
+  EXPECT_EQ(JOB_STATE_ERROR,
+            run_with([](kestrel::Job_Definition_Fields& fields) { fields.post_action = "exit 3"; }));
+  job_ = Job_Ptr();
+  ASSERT_TRUE(Job::wait_all_runs(30000));
+  EXPECT_EQ(JOB_STATE_COMPLETED, run_with([](kestrel::Job_Definition_Fields& fields) {
+              fields.post_action = "exit 3";
+              fields.ignore_post_action_failure = true;
+            }));
+}
+
+TEST_F(Job_Scripts, the_post_action_runs_always_when_told_so_and_the_result_stays_a_failure)
+{
+  script_.work = [](Job&) { return false; };
+  EXPECT_EQ(JOB_STATE_ERROR, run_with([this](kestrel::Job_Definition_Fields& fields) {
+              fields.post_action = mark("post");
+              fields.run_post_action_always = true;
+            }));
+  EXPECT_EQ("post\n", marks());
+}
+
+TEST_F(Job_Scripts, a_stop_during_the_pre_action_is_a_cancel)
+{
+  script_.pre_action = [&] {
+    // the script itself is done; the request came while it ran
+    return job_->stop() == 0 && job_->state() == JOB_STATE_RUNNING;
+  };
+  EXPECT_EQ(JOB_STATE_CANCELED, run_with([](kestrel::Job_Definition_Fields&) {}));
+  EXPECT_EQ(0u, script_.works);
+}
+
+TEST_F(Job_Scripts, a_cancel_before_a_post_action_that_always_runs_is_reported_as_failure)
+{
+  script_.work = [](Job& job) { return job.stop() != 0; };
+  EXPECT_EQ(JOB_STATE_ERROR, run_with([this](kestrel::Job_Definition_Fields& fields) {
+              fields.post_action = mark("post");
+              fields.run_post_action_always = true;
+            }));
+  EXPECT_EQ((Lines{"start", "state canceling", "state completing", "outcome error -1 \"\"", "end error"}),
+            recorder_.lines());
+}
+
+TEST_F(Job_Scripts, a_cancel_without_a_post_action_stays_a_cancel)
+{
+  script_.work = [](Job& job) { return job.stop() != 0; };
+  EXPECT_EQ(JOB_STATE_CANCELED,
+            run_with([](kestrel::Job_Definition_Fields& fields) { fields.run_post_action_always = true; }));
+}
+} // namespace kestrel_test
