@@ -88,6 +88,14 @@ void run_migrations(soci::session& session, const Catalog_Migrations& migrations
     for (const std::string& statement : migrations[version])
       session << statement_text(statement);
   session << "UPDATE schema_version SET version = " << migrations.size();
+
+  session << "ANALYZE sqlite_master"; // makes the table of statistics
+  session << "DELETE FROM sqlite_stat1";
+  for (const Index_Statistics& index : catalog_index_statistics()) {
+    const std::string table = index.table, name = index.index, rows = index.rows;
+    session << "INSERT INTO sqlite_stat1 (tbl, idx, stat) VALUES (:t, :i, :s)", soci::use(table, "t"),
+        soci::use(name, "i"), soci::use(rows, "s");
+  }
 }
 } // namespace
 

@@ -59,4 +59,25 @@ const Catalog_Migrations& catalog_migrations()
   static const Catalog_Migrations migrations = {version_1};
   return migrations;
 }
+
+// Of a large catalog: 100,000 sets of 100 databases in 5 pools.
+const std::vector<Index_Statistics>& catalog_index_statistics()
+{
+  static const std::vector<Index_Statistics> statistics = {
+      {"backup_set", "backup_set_by_uuid", "100000 1 1 1"},
+      {"backup_set", "backup_set_by_time", "100000 100000 2 1"},
+      {"backup_set", "backup_set_by_resource", "100000 100000 1000 1 1"},
+      {"backup_set", "backup_set_by_definition", "100000 100000 1000 1 1"},
+      {"backup_set", "backup_set_by_pool", "100000 100000 20000 2 1"},
+      {"backup_set", "backup_set_by_backup_id", "100000 100000 1 1"},
+      {"backup_set", "backup_set_by_predecessor", "100000 100000 2 2"},
+      {"backup_set", "backup_set_by_seq", "100000 100000 1000 1000 1 1"},
+      {"backup_set_storage", "sqlite_autoindex_backup_set_storage_1", "100000 1 1"},
+      {"backup_set_storage", "backup_set_storage_by_pool", "100000 20000 1"},
+      {"backup_set_piece", "sqlite_autoindex_backup_set_piece_1", "100000 1 1"},
+      {"backup_set_file", "sqlite_autoindex_backup_set_file_1", "100000 5 1"},
+      {"backup_set_file", "backup_set_file_by_name", "100000 5 2 1"},
+  };
+  return statistics;
+}
 } // namespace kestrel

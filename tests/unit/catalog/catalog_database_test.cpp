@@ -5,9 +5,10 @@
 #include "catalog_fixture.h"
 #include "support/fault_file_system.h"
 
-#include <soci/sqlite3/soci-sqlite3.h>
+#include <algorithm>
 #include <fstream>
 #include <set>
+#include <soci/sqlite3/soci-sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +30,13 @@ protected:
     EXPECT_FALSE(commit(make_set("new")));
     log_.expect(LM_ERROR, catalog_path());
     EXPECT_EQ(before, read_all());
+  }
+  static void commit_hundred()
+  {
+    std::vector<Oscar_Brcmd_Backup_Set> sets;
+    for (int i = 0; i < 100; ++i)
+      sets.push_back(make_set("b" + std::to_string(i)));
+    commit_many(sets);
   }
   std::string read_all() const
   {
@@ -90,6 +98,25 @@ TEST_F(Catalog_Database_Test, every_field_has_a_column)
   EXPECT_EQ((std::set<std::string>{"id", "catalog"}), columns) << "columns that no row shows";
 }
 
+TEST_F(Catalog_Database_Test, every_index_has_its_statistics)
+{
+  Catalog_Database database(kestrel::default_catalog_place());
+  std::set<std::string> indexes;
+  soci::rowset<std::string> names =
+      (database.session().prepare << "SELECT i.name || ' ' || count(*) FROM sqlite_master i, "
+                                     "pragma_index_info(i.name) c WHERE i.type = 'index' "
+                                     "AND i.tbl_name LIKE 'backup_set%' GROUP BY i.name");
+  for (const std::string& name : names)
+    indexes.insert(name);
+  for (const kestrel::Index_Statistics& index : kestrel::catalog_index_statistics()) {
+    const std::string rows = index.rows;
+    EXPECT_EQ(1u,
+              indexes.erase(index.index + (" " + std::to_string(std::count(rows.begin(), rows.end(), ' ')))))
+        << index.index << " must exist and have this number of columns";
+  }
+  EXPECT_TRUE(indexes.empty()) << *indexes.begin();
+}
+
 TEST_F(Catalog_Database_Test, a_path_with_odd_characters_works)
 {
   Catalog_Place place;
@@ -134,8 +161,7 @@ TEST_F(Catalog_Database_Test, refuses_a_database_of_another_program)
 
 TEST_F(Catalog_Database_Test, reports_a_truncated_file)
 {
-  for (int i = 0; i < 100; ++i)
-    ASSERT_TRUE(commit(make_set("b" + std::to_string(i))));
+  commit_hundred();
   const std::string whole = read_all();
   ASSERT_GT(whole.size(), 50000u);
   for (const size_t part : {whole.size() / 2, whole.size() - 4096, size_t(4096), size_t(100), size_t(10)}) {
@@ -148,8 +174,7 @@ TEST_F(Catalog_Database_Test, reports_a_truncated_file)
 
 TEST_F(Catalog_Database_Test, reports_a_page_of_rubbish)
 {
-  for (int i = 0; i < 100; ++i)
-    ASSERT_TRUE(commit(make_set("b" + std::to_string(i))));
+  commit_hundred();
   const std::string whole = read_all();
   unsigned reported = 0;
   for (size_t page = 4096; page + 4096 <= whole.size(); page += 4096) {

@@ -1,5 +1,8 @@
 #include "catalog_fixture.h"
 
+#include "catalog/catalog_commit.h"
+#include "catalog/sql_back_end.h"
+
 Oscar_Brcmd_Backup_Set Catalog_Fixture::make_set(const std::string& id, const std::string& type,
                                                  const std::string& last, const std::string& full,
                                                  time_t start_time)
@@ -61,4 +64,15 @@ std::string Catalog_Fixture::texts(const json_spirit::Array& rows, const char* f
   for (const json_spirit::Value& row : rows)
     joined += (joined.empty() ? "" : " ") + json_spirit::find_value(row.get_obj(), field).get_str();
   return joined;
+}
+
+void Catalog_Fixture::commit_many(const std::vector<Oscar_Brcmd_Backup_Set>& sets)
+{
+  kestrel::Catalog_Database database(kestrel::default_catalog_place());
+  kestrel::Catalog_Transaction transaction(database.session(), kestrel::Catalog_Transaction::Kind::write);
+  for (const Oscar_Brcmd_Backup_Set& set : sets) {
+    const kestrel::Backup_Record record = set.record();
+    EXPECT_FALSE(kestrel::Commit_Row(record).insert(database.session()));
+  }
+  transaction.commit();
 }

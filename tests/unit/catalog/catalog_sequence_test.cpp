@@ -134,12 +134,13 @@ TEST_F(Catalog_Sequence, tells_apart_equal_ids_of_two_resources)
 
 TEST_F(Catalog_Sequence, follows_a_long_chain)
 {
-  ASSERT_TRUE(commit(make_set("0")));
+  std::vector<Oscar_Brcmd_Backup_Set> sets = {make_set("0")};
   std::string expected = "0";
   for (int i = 1; i < 120; ++i) {
-    ASSERT_TRUE(commit(make_set(std::to_string(i), "incr", std::to_string(i - 1), "0")));
+    sets.push_back(make_set(std::to_string(i), "incr", std::to_string(i - 1), "0"));
     expected += " " + std::to_string(i);
   }
+  commit_many(sets);
   EXPECT_EQ(expected, chain("119"));
 }
 
