@@ -103,7 +103,8 @@ TEST(Physical_Backup, gives_brcmd_its_command_line_and_logs_it_masked)
   const std::string time = local_time(job->activity()->start_time, "%Y%m%d_%H%M%S");
   const std::string rest = " -P " + std::to_string(bench.port) + " -t full -k pipe -f " + bench.dir.path() +
                            "/root/var/opt/tarnvik/kestrel3/agent/oscar/" + time + "_fifo -e " +
-                           bench.dir.path() + "/root/var/log/kestrel3/brcmd/backup_PHYS7_full_" + time + ".log";
+                           bench.dir.path() + "/root/var/log/kestrel3/brcmd/backup_PHYS7_full_" + time +
+                           ".log";
   EXPECT_EQ(bench.home + "/bin/brcmd -O backup -d PHYS7 -u sysdba -p " + secret + rest,
             bench.brcmd_arguments());
   bench.log.expect_exactly(LM_INFO, "Oscar command:\n" + bench.home +
@@ -269,8 +270,9 @@ TEST(Physical_Backup, stops_the_server_for_an_offline_backup_and_starts_it_again
   EXPECT_FALSE(server.running());
   EXPECT_EQ("-Usysdba/" + secret + " -dPHYS7 -p" + std::to_string(bench.port) + " -c shutdown immediate\n",
             read_file(bench.dir / "shutdown"));
-  bench.log.expect_exactly(LM_INFO, "Oscar command:\n\"" + bench.home + "/bin/isql\" -Usysdba/*** -dPHYS7 -p" +
-                                        std::to_string(bench.port) + " -c \"shutdown immediate\"\n");
+  bench.log.expect_exactly(LM_INFO, "Oscar command:\n\"" + bench.home +
+                                        "/bin/isql\" -Usysdba/*** -dPHYS7 -p" + std::to_string(bench.port) +
+                                        " -c \"shutdown immediate\"\n");
   EXPECT_EQ("start oscard@PHYS7\n", read_file(bench.dir / "starts"));
 }
 

@@ -282,6 +282,29 @@ std::vector<std::string> Physical_Bench::stored_files() const
   return list(pool_dir + "/" + source_id);
 }
 
+std::vector<std::string> Physical_Bench::whole_files() const
+{
+  std::vector<std::string> names;
+  for (const std::string& name : stored_files())
+    if (name.find(".partial") == std::string::npos && name.find(".meta") == std::string::npos)
+      names.push_back(name);
+  return names;
+}
+
+void Physical_Bench::expect_recovery()
+{
+  EXPECT_TRUE(fifos().empty());
+  EXPECT_EQ(children_before_, children());
+  EXPECT_TRUE(rows().empty());
+  EXPECT_TRUE(whole_files().empty());
+  set_isql("ARCHIVELOG");
+  set_brcmd(good_backup(), good_restore());
+  set_stream(make_good_stream(100000));
+  back_up();
+  EXPECT_EQ(1u, rows().size());
+  EXPECT_EQ(1u, whole_files().size());
+}
+
 std::vector<std::string> Physical_Bench::fifos() const
 {
   return list(dir / "root/var/opt/tarnvik/kestrel3/agent/oscar");
@@ -309,6 +332,13 @@ bool Physical_Bench::wait_for(const std::string& path) const
   for (int i = 0; i < 30000 && !exists(path); ++i)
     ::usleep(1000);
   return exists(path);
+}
+
+bool Physical_Bench::wait_streamed(const Job_Ptr& job)
+{
+  for (int i = 0; i < 30000 && job->activity()->progress < 99; ++i)
+    ::usleep(1000);
+  return job->activity()->progress >= 99;
 }
 
 std::vector<std::string> Physical_Bench::list(const std::string& directory)

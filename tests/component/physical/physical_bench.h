@@ -35,9 +35,9 @@ private:
   std::thread reaper_;
 };
 
-/// A whole installation in a temporary directory: product tree, pool, catalog, instance PHYS7 with its account,
-/// and the tools as scripts. Everything but the tools is the real thing. At its end no FIFO and no child
-/// process may be left.
+/// A whole installation in a temporary directory: product tree, pool, catalog, instance PHYS7 with its
+/// account, and the tools as scripts. Everything but the tools is the real thing. At its end no FIFO and no
+/// child process may be left.
 class Physical_Bench
 {
 public:
@@ -76,6 +76,10 @@ public:
   // What is there afterwards.
   json_spirit::Array rows() const;
   std::vector<std::string> stored_files() const;
+  /// Those of them that look like whole files: no temporary names, no side files.
+  std::vector<std::string> whole_files() const;
+  /// After a failed backup: nothing is recorded or looks like a backup, and a good tool succeeds afterwards.
+  void expect_recovery();
   std::vector<std::string> fifos() const;
   /// Number of times the start command of the instance was run.
   unsigned starts() const;
@@ -83,6 +87,8 @@ public:
   /// The arguments of the last brcmd, joined by blanks.
   std::string brcmd_arguments() const;
   bool wait_for(const std::string& path) const;
+  /// Waits until all of a good stream of 100000 image bytes has been moved.
+  static bool wait_streamed(const Job_Ptr& job);
 
   static std::vector<std::string> list(const std::string& directory);
   /// Pids of the children of this process.
