@@ -55,6 +55,20 @@ Job::Job(ACE_Refcounted_Auto_Ptr<Job_Definition, ACE_Thread_Mutex> def)
 
 Job::~Job() = default;
 
+ACE_Event_Handler::Reference_Count Job::add_reference()
+{
+  return ++references_;
+}
+
+ACE_Event_Handler::Reference_Count Job::remove_reference()
+{
+  const Reference_Count left = --references_;
+  if (left == 0) {
+    delete this;
+  }
+  return left;
+}
+
 Job_Definition& Job::definition()
 {
   return *def_;

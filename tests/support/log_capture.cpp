@@ -28,10 +28,13 @@ public:
 
   void push(Log_Capture* capture)
   {
-    std::lock_guard<std::mutex> guard(mutex_);
-    captures_.push_back(capture);
-    if (captures_.size() > 1)
-      return;
+    std::lock_guard<std::mutex> install_guard(install_mutex_);
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      captures_.push_back(capture);
+      if (captures_.size() > 1)
+        return;
+    }
     previous_ = ACE_Log_Msg::msg_backend(this);
     previous_flags_ = ACE_LOG_MSG->flags();
     ACE_LOG_MSG->set_flags(ACE_Log_Msg::CUSTOM | ACE_Log_Msg::MSG_CALLBACK);
@@ -40,10 +43,13 @@ public:
 
   void pop(Log_Capture* capture)
   {
-    std::lock_guard<std::mutex> guard(mutex_);
-    captures_.erase(std::remove(captures_.begin(), captures_.end(), capture), captures_.end());
-    if (!captures_.empty())
-      return;
+    std::lock_guard<std::mutex> install_guard(install_mutex_);
+    {
+      std::lock_guard<std::mutex> guard(mutex_);
+      captures_.erase(std::remove(captures_.begin(), captures_.end(), capture), captures_.end());
+      if (!captures_.empty())
+        return;
+    }
     ACE_Log_Msg::msg_backend(previous_);
     ACE_LOG_MSG->clr_flags(~previous_flags_);
     ACE_LOG_MSG->set_flags(previous_flags_);
@@ -68,6 +74,8 @@ public:
   }
 
 private:
+  // ACE calls log() under a lock of its own, which installing a backend takes too: so installing has another mutex.
+  std::mutex install_mutex_;
   std::mutex mutex_;
   std::vector<Log_Capture*> captures_;
   ACE_Log_Msg_Backend* previous_ = nullptr;

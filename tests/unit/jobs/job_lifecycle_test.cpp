@@ -148,17 +148,15 @@ TEST_F(Job_Lifecycle, reports_failed_work)
 
 TEST_F(Job_Lifecycle, hands_a_copy_of_the_options_to_the_run_and_null_for_none)
 {
+  Gate started;
+  script_.work = [&](Job&) { return started.wait(), true; };
   const Job_Ptr job = make_job();
-  {
-    Job::Opts opts;
-    opts["level"] = json_spirit::Value("full");
-    Gate started;
-    script_.work = [&](Job&) { return started.wait(), true; };
-    ASSERT_EQ(0, job->start(&opts));
-    opts.clear();
-    started.open();
-    ASSERT_TRUE(job->wait_end(30000));
-  }
+  Job::Opts opts;
+  opts["level"] = json_spirit::Value("full");
+  ASSERT_EQ(0, job->start(&opts));
+  opts.clear();
+  started.open();
+  ASSERT_TRUE(job->wait_end(30000));
   EXPECT_TRUE(script_.got_options);
   EXPECT_EQ("full", script_.options["level"].get_str());
   const Job::Opts none;
