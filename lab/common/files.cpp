@@ -129,24 +129,36 @@ Owner owner_of(const std::string& path)
   return Owner{status.st_uid, status.st_gid};
 }
 
+namespace {
+
+void write_temporary(const std::string& temporary, const std::string& content, mode_t mode, bool sync)
+{
+  const Descriptor file = open_file(temporary, O_WRONLY | O_CREAT | O_TRUNC, mode);
+  if (::fchmod(file.get(), mode) != 0)
+    fail_errno("cannot set the mode of " + temporary);
+  write_all(file.get(), content.data(), content.size(), temporary);
+  if (sync && ::fsync(file.get()) != 0)
+    fail_errno("cannot sync " + temporary);
+}
+
+} // namespace
+
 void replace_file(const std::string& path, const std::string& content, mode_t mode)
 {
-  const std::string temporary = path + ".new";
-  {
-    const Descriptor file = open_file(temporary, O_WRONLY | O_CREAT | O_TRUNC, mode);
-    if (::fchmod(file.get(), mode) != 0)
-      fail_errno("cannot set the mode of " + temporary);
-    write_all(file.get(), content.data(), content.size(), temporary);
-    if (::fsync(file.get()) != 0)
-      fail_errno("cannot sync " + temporary);
-  }
-  rename_path(temporary, path);
+  write_temporary(path + ".new", content, mode, true);
+  rename_path(path + ".new", path);
   sync_directory(parent_directory(path));
+}
+
+void replace_volatile_file(const std::string& path, const std::string& content, mode_t mode)
+{
+  write_temporary(path + ".new", content, mode, false);
+  rename_path(path + ".new", path);
 }
 
 void copy_file(const std::string& from, const std::string& to, mode_t mode)
 {
-  replace_file(to, read_file(from), mode);
+  replace_volatile_file(to, read_file(from), mode);
 }
 
 void rename_path(const std::string& from, const std::string& to)

@@ -55,6 +55,8 @@ Owner owner_of(const std::string& path);
 
 /// New content under a temporary name, synced, renamed, directory synced.
 void replace_file(const std::string& path, const std::string& content, mode_t mode);
+/// The same without the syncs, for files that mean nothing after a crash of the host.
+void replace_volatile_file(const std::string& path, const std::string& content, mode_t mode);
 void copy_file(const std::string& from, const std::string& to, mode_t mode);
 void rename_path(const std::string& from, const std::string& to);
 /// Creates the directory (the parent must exist) or accepts it when it is there.

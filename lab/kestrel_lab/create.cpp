@@ -272,8 +272,8 @@ int create_command(const Arguments& arguments)
   if (init_script)
     require_free_init_script(files);
 
-  make_home(files);
   require_reachable(files, owner, account_name);
+  make_home(files);
   try {
     make_instance(files, conf, account, owner);
     if (account.generated)

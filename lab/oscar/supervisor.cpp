@@ -138,7 +138,7 @@ int supervise(const Instance_Files& files, int ready_fd)
     fail_errno("cannot fork");
   if (server == 0)
     run_server(files, conf, owner, lock.fd(), self);
-  replace_file(files.pid_file(), std::to_string(self) + "\n", 0644);
+  replace_volatile_file(files.pid_file(), std::to_string(self) + "\n", 0644);
   const int status = wait_for_server(files, server, signals, ready_fd);
   ::unlink(files.pid_file().c_str());
   if (status != 0)

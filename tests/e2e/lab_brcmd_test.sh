@@ -271,6 +271,8 @@ test_70_errors_come_at_once_and_without_opening_the_pipe() {
   expect_match "no pipe" "is not a pipe" "$err"
   expect_status 1 timeout 3 "${base[@]}" -d "$instance" -u sysdba -p secret -P "$port" -t full -k pipe \
     -f "$fifo" -e /nonexistent/log
+  expect_status 1 timeout 3 "${base[@]}" -d "$instance" -u sysdba -p secret -P "$port" -t incr "${rest[@]:2}"
+  expect_match "level" "incr is not available" "$err"
   "$lab" stop "$home" "$instance" >/dev/null
   expect_status 1 timeout 3 "${base[@]}" -d "$instance" -u sysdba -p secret -P "$port" "${rest[@]}"
   expect_match "server down" "not running" "$err"
@@ -351,12 +353,14 @@ test_82_the_server_stays_down_during_an_offline_backup() {
   "$lab" stop "$home" "$instance" >/dev/null
   { head -c 1000000; sleep 1; cat; } <"$fifo" >/dev/null &
   local reader=$!
+  background+=("$reader")
   exec=exec brcmd_backup &
   local backup=$!
   sleep 0.5
   # Waits for the lock; the backup is finished by then.
   expect_ok "$lab" start "$home" "$instance"
-  wait "$backup" || fail "the backup failed"
+  # A backup that never opened the pipe leaves its reader waiting.
+  wait "$backup" || { fail "the backup failed"; : 1<>"$fifo"; }
   wait "$reader"
 }
 

@@ -195,6 +195,7 @@ test_81_a_closed_parent_directory_is_explained() {
   mkdir -m 700 "$work/closed"
   expect_status 1 "$lab" create "$work/closed/home" XX --no-init-script
   expect_match "message" "may not enter $work/closed; run \"chmod o\+x $work/closed\"" "$err"
+  [ ! -e "$work/closed/home" ] || fail "something was made all the same"
 }
 
 test_82_a_foreign_start_script_is_left_alone() {
