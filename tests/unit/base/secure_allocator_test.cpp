@@ -31,9 +31,13 @@ void* operator new(size_t size)
   return memory;
 }
 
+void* operator new(size_t size, const std::nothrow_t&) noexcept { return ::malloc(size ? size : 1); }
+
 void operator delete(void* memory) noexcept { release(memory); }
 
 void operator delete(void* memory, size_t) noexcept { release(memory); }
+
+void operator delete(void* memory, const std::nothrow_t&) noexcept { release(memory); }
 
 TEST(Secure_Allocator, wipes_memory_before_it_is_freed)
 {
