@@ -78,8 +78,9 @@ public:
   std::vector<std::string> stored_files() const;
   /// Those of them that look like whole files: no temporary names, no side files.
   std::vector<std::string> whole_files() const;
-  /// After a failed backup: nothing is recorded or looks like a backup, and a good tool succeeds afterwards.
-  void expect_recovery();
+  /// After a failed backup: nothing is recorded, and a good tool succeeds afterwards. uncommitted: the number
+  /// of whole files in the pool; only a failure after the file was closed leaves one.
+  void expect_recovery(size_t uncommitted = 0);
   std::vector<std::string> fifos() const;
   /// Number of times the start command of the instance was run.
   unsigned starts() const;
