@@ -9,9 +9,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace kestrel
@@ -24,6 +28,11 @@ const size_t MOST_SIDE_FILE_BYTES = 1024 * 1024;
 // How much is written before the kernel is asked to begin moving it to the disk. Without that a whole backup
 // may sit in the page cache until the final fsync, which then takes as long as the backup did.
 const uint64_t WRITEBACK_BYTES = 8 * 1024 * 1024;
+// A backup is not read again soon, so its bytes need not push a database's pages out of the page cache.
+// Writing past the cache also takes about a third of the processor time. The alignment suits every usual
+// device.
+const unsigned DIRECT_ALIGNMENT = 4096;
+const unsigned GATHER_BYTES = 1024 * 1024;
 
 bool ends_with(const std::string& text, const std::string& end)
 {
@@ -57,8 +66,8 @@ int unlink_if_there(const std::string& path)
 class Directory_Writer : public Stored_File_Writer
 {
 public:
-  Directory_Writer(const std::string& path, int fd)
-      : path_(path), partial_path_(partial_file_path(path)), fd_(fd)
+  Directory_Writer(const std::string& path, int fd, bool direct)
+      : path_(path), partial_path_(partial_file_path(path)), fd_(fd), direct_(direct)
   {
   }
 
@@ -66,30 +75,26 @@ public:
   {
     if (fd_ >= 0)
       ignore_result(file_system().close(fd_), "the file stays unfinished anyway");
+    std::free(gathered_);
   }
 
   bool write(const void* data, unsigned n, std::string& error) override
   {
     const char* next = static_cast<const char*>(data);
-    unsigned left = n;
-    while (left > 0) {
-      const ssize_t count = file_system().write(fd_, next, left);
-      if (count < 0 && errno == EINTR)
-        continue;
-      if (count <= 0) {
-        error = file_error("write", partial_path_, count == 0 ? EIO : errno);
+    while (direct_ && n > 0) {
+      const unsigned taken = write_direct(next, n, error);
+      if (taken == 0)
         return false;
-      }
-      next += count;
-      left -= static_cast<unsigned>(count);
+      next += taken;
+      n -= taken;
     }
-    written_ += n;
-    begin_writeback();
-    return true;
+    return n == 0 || write_out(next, n, error);
   }
 
   bool commit(const std::string& side_file, std::string& error) override
   {
+    if (!leave_direct(error))
+      return false;
     // The lock lives as long as any descriptor of the open file; this one keeps it until the file has its
     // name.
     const Auto_Fd lock(::fcntl(fd_, F_DUPFD_CLOEXEC, 3));
@@ -109,9 +114,73 @@ private:
     return false;
   }
 
+  // How many of the bytes were written or gathered; 0 with `error` filled. Direct writes need whole, aligned
+  // pages: a piece that is none goes through a buffer.
+  unsigned write_direct(const char* data, unsigned n, std::string& error)
+  {
+    const bool aligned = reinterpret_cast<uintptr_t>(data) % DIRECT_ALIGNMENT == 0;
+    if (gathered_bytes_ == 0 && aligned && n >= DIRECT_ALIGNMENT) {
+      n -= n % DIRECT_ALIGNMENT;
+      return write_out(data, n, error) ? n : 0;
+    }
+    if (gathered_ == nullptr)
+      gathered_ = static_cast<char*>(std::aligned_alloc(DIRECT_ALIGNMENT, GATHER_BYTES));
+    if (gathered_ == nullptr) {
+      error = "cannot write " + partial_path_ + ": not enough memory";
+      return 0;
+    }
+    n = std::min(n, GATHER_BYTES - gathered_bytes_);
+    std::memcpy(gathered_ + gathered_bytes_, data, n);
+    gathered_bytes_ += n;
+    if (gathered_bytes_ < GATHER_BYTES)
+      return n;
+    gathered_bytes_ = 0;
+    return write_out(gathered_, GATHER_BYTES, error) ? n : 0;
+  }
+
+  // Continues through the page cache, which takes pieces of any size.
+  bool leave_direct(std::string& error)
+  {
+    drop_direct_flag();
+    const unsigned left = gathered_bytes_;
+    gathered_bytes_ = 0;
+    return left == 0 || write_out(gathered_, left, error);
+  }
+
+  void drop_direct_flag()
+  {
+    if (direct_)
+      ignore_result(::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_DIRECT), "the next write tells");
+    direct_ = false;
+  }
+
+  bool write_out(const char* data, unsigned n, std::string& error)
+  {
+    unsigned left = n;
+    while (left > 0) {
+      const ssize_t count = file_system().write(fd_, data, left);
+      if (count < 0 && errno == EINTR)
+        continue;
+      // The file system cannot write directly after all, or not this rest of a short write.
+      if (count < 0 && errno == EINVAL && direct_) {
+        drop_direct_flag();
+        continue;
+      }
+      if (count <= 0) {
+        error = file_error("write", partial_path_, count == 0 ? EIO : errno);
+        return false;
+      }
+      data += count;
+      left -= static_cast<unsigned>(count);
+    }
+    written_ += n;
+    begin_writeback();
+    return true;
+  }
+
   void begin_writeback()
   {
-    if (written_ - writeback_begun_ < WRITEBACK_BYTES)
+    if (direct_ || written_ - writeback_begun_ < WRITEBACK_BYTES)
       return;
     ignore_result(::sync_file_range(fd_, static_cast<off_t>(writeback_begun_),
                                     static_cast<off_t>(written_ - writeback_begun_), SYNC_FILE_RANGE_WRITE),
@@ -156,6 +225,9 @@ private:
   const std::string path_;
   const std::string partial_path_;
   int fd_;
+  bool direct_;
+  char* gathered_ = nullptr;
+  unsigned gathered_bytes_ = 0;
   uint64_t written_ = 0;
   uint64_t writeback_begun_ = 0;
 };
@@ -250,6 +322,16 @@ int open_partial(const std::string& path, std::string& error)
   return -1;
 }
 
+/// Turns direct writing on where it is known to be fast: file systems on local disks. Others, such as network
+/// file systems, gain from the page cache, which sends many writes at once. True when it is on.
+bool begin_direct(int fd)
+{
+  struct statfs status;
+  if (::fstatfs(fd, &status) != 0 || (status.f_type != EXT4_SUPER_MAGIC && status.f_type != XFS_SUPER_MAGIC))
+    return false;
+  return ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_DIRECT) == 0;
+}
+
 bool is_safe_folder(const std::string& folder)
 {
   size_t begin = 0;
@@ -316,6 +398,7 @@ bool Directory_Back_End::connect(const std::string& location, const Client_IO_Ba
     error = file_error("use the pool directory", pool_path, failure != 0 ? failure : ENOTDIR);
     return false;
   }
+  options_ = options;
   pool_path_ = pool_path;
   folder_ = folder;
   location_ = location;
@@ -363,7 +446,9 @@ std::unique_ptr<Stored_File_Writer> Directory_Back_End::create(const std::string
   const int fd = open_partial(path, error);
   if (fd < 0)
     return nullptr;
-  return std::make_unique<Directory_Writer>(path, fd);
+  // A limited stream comes in small pieces.
+  const bool direct = options_.rate_limits.write_limit() == 0 && begin_direct(fd);
+  return std::make_unique<Directory_Writer>(path, fd, direct);
 }
 
 std::unique_ptr<Stored_File_Reader> Directory_Back_End::open(const std::string& name, std::string& error)

@@ -30,6 +30,7 @@ public:
 private:
   bool make_folder(std::string& error);
 
+  Client_IO_Base::Options options_;
   std::string pool_path_;
   /// Below pool_path_, without a slash at either end.
   std::string folder_;

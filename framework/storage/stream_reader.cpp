@@ -16,8 +16,7 @@ const unsigned STORED_BYTES = 256 * 1024;
 
 Stream_Reader::Stream_Reader(std::unique_ptr<Stored_File_Reader> file, uint64_t bytes_per_second)
     : file_(std::move(file)), limiter_(bytes_per_second),
-      pipe_(stream_settings(COMPRESSION_NONE, bytes_per_second).block_count,
-            stream_settings(COMPRESSION_NONE, bytes_per_second).block_bytes)
+      pipe_(read_settings(bytes_per_second).block_count, read_settings(bytes_per_second).block_bytes)
 {
 }
 

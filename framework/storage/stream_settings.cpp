@@ -9,10 +9,14 @@ namespace kestrel
 {
 namespace
 {
-// Large enough that the hand-over and the system call cost nothing against the copying, small enough that a
-// block is still in the processor's second cache when the worker gets it.
+// Large enough that the hand-over and the system call cost nothing, small enough for the processor's second
+// cache.
 const unsigned BLOCK_BYTES = 256 * 1024;
 const unsigned BLOCK_COUNT = 16;
+// Uncompressed blocks go to the disk as they are, past the page cache and one at a time. The kernel splits a
+// large one into requests that the device works on together.
+const unsigned DIRECT_BLOCK_BYTES = 4 * 1024 * 1024;
+const unsigned DIRECT_BLOCK_COUNT = 4;
 const unsigned LIMITED_BLOCK_BYTES = 64 * 1024;
 const unsigned LIMITED_BLOCK_COUNT = 4;
 
@@ -23,13 +27,20 @@ const unsigned MOST_WORKERS = 16;
 const uint64_t ONE_WORKER_BYTES_PER_SECOND = 8 * 1024 * 1024;
 } // namespace
 
-Stream_Settings stream_settings(Compression_Method method, uint64_t bytes_per_second)
+Stream_Settings write_settings(Compression_Method method, uint64_t bytes_per_second)
+{
+  if (bytes_per_second != 0 && method != COMPRESSION_NONE)
+    return {LIMITED_BLOCK_COUNT, LIMITED_BLOCK_BYTES};
+  if (bytes_per_second != 0 || method != COMPRESSION_NONE)
+    return read_settings(bytes_per_second);
+  return {DIRECT_BLOCK_COUNT, DIRECT_BLOCK_BYTES};
+}
+
+Stream_Settings read_settings(uint64_t bytes_per_second)
 {
   if (bytes_per_second == 0)
     return {BLOCK_COUNT, BLOCK_BYTES};
-  const unsigned most =
-      method == COMPRESSION_NONE ? Rate_Limiter(bytes_per_second).piece(BLOCK_BYTES) : BLOCK_BYTES;
-  return {LIMITED_BLOCK_COUNT, std::min(most, LIMITED_BLOCK_BYTES)};
+  return {LIMITED_BLOCK_COUNT, Rate_Limiter(bytes_per_second).piece(LIMITED_BLOCK_BYTES)};
 }
 
 unsigned compression_workers(const Client_IO_Base::Options& options)

@@ -13,7 +13,8 @@ struct Stream_Settings {
 /// For one direction with this limit (bytes per second, 0 = none). A limited stream gets a short queue of
 /// small blocks: a job thread that waits for a free block must come back within a fraction of a second to see
 /// that it was cancelled.
-Stream_Settings stream_settings(Compression_Method method, uint64_t bytes_per_second);
+Stream_Settings write_settings(Compression_Method method, uint64_t bytes_per_second);
+Stream_Settings read_settings(uint64_t bytes_per_second);
 
 /// The threads that compress one stream with these options.
 unsigned compression_workers(const Client_IO_Base::Options& options);

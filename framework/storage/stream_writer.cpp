@@ -14,7 +14,7 @@ namespace
 {
 Stream_Settings settings_of(const Client_IO_Base::Options& options)
 {
-  return stream_settings(options.compression_method, options.rate_limits.write_limit());
+  return write_settings(options.compression_method, options.rate_limits.write_limit());
 }
 } // namespace
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/file_system.h"
 #include "storage/client_io.h"
 #include "support/temp_dir.h"
 
@@ -10,6 +11,18 @@
 
 namespace kestrel_test
 {
+/// The real file system without the waiting for the disk: what a power failure would leave is nothing that a
+/// test sees.
+class Hasty_File_System : public kestrel::File_System
+{
+public:
+  int fsync(int fd) override;
+  int fsync_directory(const char* path) override;
+
+private:
+  kestrel::Scoped_File_System scope_{*this};
+};
+
 /// A pool in a temporary directory, with the short forms that most storage tests need.
 class Storage_Fixture : public testing::Test
 {
@@ -32,6 +45,7 @@ protected:
   /// The same, expecting success.
   std::string fetch(const std::string& name);
 
+  Hasty_File_System file_system_;
   Temp_Dir dir_;
   std::string pool_;
   std::string location_;
