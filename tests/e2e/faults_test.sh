@@ -84,6 +84,8 @@ if [ "$(id -u)" -eq 0 ]; then
   run 1 "$kestrel" backup "$name" --pool small
   said "Read-only file system"
   still_fine
+  run 0 "$kestrel" pool remove small
+  umount "$work/tmpfs"
 fi
 
 note "a stored file is cut, changed, replaced, gone"
@@ -123,11 +125,35 @@ said "catalog.db"
 cp "$work/catalog.kept" "$catalog"
 still_fine
 
+# A writer that holds the catalog for a while is waited for.
+{ printf 'begin immediate;\n'; sleep 7; printf 'rollback;\n'; } | sqlite3 "$catalog" &
+locker=$!
+run 0 "$kestrel" --json backup "$name"
+wait "$locker"
+equal "$(backup_count)" 2
+if [ "$(id -u)" -eq 0 ]; then
+  # A small private tree that fills up: the pool is elsewhere and has room, the record cannot be written.
+  mount -t tmpfs -o size=3m tmpfs "$work/tmpfs"
+  cp -a "$KESTREL_ROOT/var" "$work/tmpfs/"
+  full() { KESTREL_ROOT=$work/tmpfs "$kestrel" "$@"; }
+  head -c 8m /dev/zero >"$work/tmpfs/filler" 2>/dev/null || true
+  status=0
+  full backup "$name" >"$work/out" 2>"$work/err" </dev/null || status=$?
+  equal "$status" 1 "exit code of a backup whose catalog has no room"
+  said "kestrel"
+  rm "$work/tmpfs/filler"
+  equal "$(full --json backups | jq -r '.backups | length')" 2
+  full backup "$name" >/dev/null 2>&1 || fail "no backup after room was made"
+  equal "$(full --json backups | jq -r '.backups | length')" 3
+  umount "$work/tmpfs"
+fi
+still_fine 2
+
 note "the instance is stopped"
 "$lab" stop "$home" "$name" >/dev/null
 run 1 "$kestrel" backup "$name"
 said "the backup of $name failed"
-still_fine
+still_fine 2
 run 0 "$kestrel" restore "$good" --yes
 check_data "$name" "$work/after"
 same_data "$work/before" "$work/after"

@@ -15,6 +15,8 @@ password=s3cret.pass
 mkdir -p "$KESTREL_ROOT" "$pool"
 printf '%s\n' "$password" >"$work/password"
 unset SZ_OSCAR_HOME
+# Who may not install a start script uses the stand-in's own systemctl.
+[ "$(id -u)" -eq 0 ] || export PATH="$home/systemctl-bin:$PATH"
 
 cleanup() {
   local status=$?
