@@ -95,15 +95,23 @@ void check_data_directory(const Instance_Files& files)
 int wait_for_server(const Instance_Files& files, pid_t server, const sigset_t& signals, int ready_fd)
 {
   bool ready = false;
+  bool stopping = false;
   for (;;) {
     const timespec poll{0, 20 * 1000 * 1000};
     siginfo_t info;
     const int signal_number = ready ? ::sigwaitinfo(&signals, &info) : ::sigtimedwait(&signals, &info, &poll);
-    if (signal_number == SIGTERM || signal_number == SIGINT)
+    if (signal_number == SIGTERM || signal_number == SIGINT) {
+      stopping = true;
       ::kill(server, SIGINT);
+    }
     int status = 0;
-    if (::waitpid(server, &status, WNOHANG) == server)
+    if (::waitpid(server, &status, WNOHANG) == server) {
+      // A stop that comes before the server can handle signals simply ends it; it had not begun anything
+      // then.
+      if (stopping && WIFSIGNALED(status) && WTERMSIG(status) == SIGINT)
+        return 0;
       return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+    }
     if (!ready && accepts_logins(files, server)) {
       ready = true;
       if (ready_fd >= 0 && ::write(ready_fd, "ready\n", 6) == 6)
