@@ -1,4 +1,5 @@
 #include "base/ignore_result.h"
+#include "base/scope_guard.h"
 #include "instances/instance_manager.h"
 #include "oscar/instance_info.h"
 #include "oscar_home.h"
@@ -10,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 using namespace kestrel_test;
@@ -115,6 +118,27 @@ TEST(Discovery, a_server_whose_isql_fails_is_skipped)
   oscar::add_instances(services, found);
   EXPECT_TRUE(found.empty());
   log.expect_exactly(LM_ERROR, "Failed to get OSCAR instance DB1 version\n");
+}
+
+TEST(Discovery, fails_only_when_there_is_no_list_of_services)
+{
+  Log_Capture log;
+  rlimit before = {};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(next, 0);
+  ::close(next);
+  std::map<std::string, Oscar_Instance_Info> found;
+  {
+    // No descriptor is left for the process table.
+    rlimit none_left = before;
+    none_left.rlim_cur = static_cast<rlim_t>(next);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none_left), 0);
+    const kestrel::Scope_Guard restore([&] { ::setrlimit(RLIMIT_NOFILE, &before); });
+    EXPECT_FALSE(get_instance_info(found, "C"));
+  }
+  EXPECT_TRUE(found.empty());
+  log.expect_exactly(LM_ERROR, "Failed to list service.\n");
 }
 
 TEST(Cluster_Nodes, are_asked_at_the_given_address_only_if_it_answers)
