@@ -29,7 +29,7 @@ public:
   typedef std::vector<std::vector<std::string>> Result_type;
 
   /// What one object collects for output() at most, over all its runs. The rows are not affected by it.
-  static constexpr unsigned int Max_Output_Bytes = 64u << 20;
+  static constexpr unsigned int Max_Output_Bytes = 16u << 20;
 
   /// Parses the output of isql line by line: two lines of headings, rows, and the row-count footer.
   class Isql_Query_Line_Handler : public Text_Process_Handler

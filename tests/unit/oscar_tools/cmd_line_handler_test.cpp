@@ -1,3 +1,4 @@
+#include "hostile_text.h"
 #include "oscar/oscar_cmd_handler.h"
 #include "support/log_capture.h"
 
@@ -117,15 +118,12 @@ TEST(Execute_Cmd_Line_Handler, survives_hostile_text)
   log.allow(LM_ERROR, "Failed info: ");
   std::string error = "before";
   Execute_Cmd_Line_Handler handler(&error, false);
-  EXPECT_EQ(feed_stderr(handler, std::string(200000, ' ')), 0);
+  EXPECT_EQ(feed_stderr(handler, kestrel_test::many_blanks()), 0);
   EXPECT_EQ(feed_stderr(handler, std::string("a\0b isql: ERROR", 15)), 0);
   EXPECT_EQ(feed_stderr(handler, ""), 0);
   EXPECT_EQ(error, "before");
-  EXPECT_EQ(feed_stderr(handler, "isql: ERROR, " + std::string(200000, ' ')), 0);
+  EXPECT_EQ(feed_stderr(handler, "isql: ERROR, " + kestrel_test::many_blanks()), 0);
   EXPECT_EQ(error, "Error, .");
-  std::string repeated;
-  for (int i = 0; i < 30000; ++i)
-    repeated += "isql: ERROR, ";
-  EXPECT_EQ(feed_stderr(handler, repeated + "\xff\xfe%s"), 0);
+  EXPECT_EQ(feed_stderr(handler, kestrel_test::repeated("isql: ERROR, ") + "\xff\xfe%s"), 0);
   EXPECT_EQ(error, "Error, \xff\xfe%s.");
 }

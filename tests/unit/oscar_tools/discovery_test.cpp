@@ -1,3 +1,4 @@
+#include "hostile_text.h"
 #include "oscar/instance_info.h"
 #include "support/fault_process_api.h"
 #include "support/log_capture.h"
@@ -128,9 +129,9 @@ TEST(Discovery, hides_the_password_of_a_command_line_that_it_reports)
 TEST(Discovery, survives_hostile_command_lines)
 {
   const Scoped_Env home("SZ_OSCAR_HOME", "/h");
-  for (const std::string& cmd :
-       {"oscar" + std::string(100000, ' '), std::string(200000, ' '),
-        "oscar" + std::string(100000, ' ') + "-d", "isql -Uu/secret oscar -d" + std::string(100000, ' ')}) {
+  const std::string blanks = kestrel_test::many_blanks();
+  for (const std::string& cmd : {"oscar" + blanks, std::string(200000, ' '), "oscar" + blanks + "-d",
+                                 "isql -Uu/secret oscar -d" + blanks}) {
     Log_Capture log;
     add_service(cmd);
     log.expect(LM_ERROR, "Failed to get OSCAR instance info, command line mismatch: ");

@@ -1,6 +1,10 @@
+#include "hostile_text.h"
 #include "oscar/oscar_cmd_handler.h"
 
 #include <gtest/gtest.h>
+
+using kestrel_test::many_blanks;
+using kestrel_test::repeated;
 
 namespace
 {
@@ -40,12 +44,9 @@ TEST(Version_Line_Handler, survives_hostile_text)
 {
   std::string version = "before";
   Version_Line_Handler handler(version, false);
-  EXPECT_EQ(feed(handler, std::string(200000, ' ')), 0);
-  EXPECT_EQ(feed(handler, "(build" + std::string(200000, ' ')), 0);
-  std::string many;
-  for (int i = 0; i < 30000; ++i)
-    many += "(build ";
-  EXPECT_EQ(feed(handler, many), 0);
+  EXPECT_EQ(feed(handler, many_blanks()), 0);
+  EXPECT_EQ(feed(handler, "(build" + many_blanks()), 0);
+  EXPECT_EQ(feed(handler, repeated("(build ")), 0);
   EXPECT_EQ(version, "before");
 }
 
@@ -80,12 +81,9 @@ TEST(Osrimp_Version_Line_Handler, survives_hostile_text)
 {
   std::string version = "before";
   Osrimp_Version_Line_Handler handler(version);
-  std::string many;
-  for (int i = 0; i < 30000; ++i)
-    many += "osrimp";
-  EXPECT_EQ(feed(handler, many), 0);
-  EXPECT_EQ(feed(handler, std::string(200000, ' ')), 0);
+  EXPECT_EQ(feed(handler, repeated("osrimp")), 0);
+  EXPECT_EQ(feed(handler, many_blanks()), 0);
   EXPECT_EQ(version, "before");
-  EXPECT_EQ(feed(handler, "osrimp" + std::string(200000, ' ')), -1);
+  EXPECT_EQ(feed(handler, "osrimp" + many_blanks()), -1);
   EXPECT_EQ(version, "");
 }
