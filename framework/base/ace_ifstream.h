@@ -17,11 +17,12 @@ public:
   /// As open(2), close-on-exec added. 0, or -1 with errno and last_error().
   int open(const char* path, int flags);
 
-  /// The next line without its end. True also for a last line that has no end of its own; eof() is true then, as it
-  /// is with std::getline. False at end of file, after an error and before open; `line` is empty then.
+  /// The next line without its end. True also for a last line that has no end of its own; eof() is true then,
+  /// as it is with std::getline. False at end of file, after an error and before open; `line` is empty then.
   bool getline(std::string& line);
 
-  /// True once the end of the file was met: when getline returned an unterminated last line or found nothing more.
+  /// True once the end of the file was met: when getline returned an unterminated last line or found nothing
+  /// more.
   bool eof() const { return eof_; }
 
   /// errno of the last failure of open or read, 0 when there was none (plain end of file is none).

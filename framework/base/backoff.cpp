@@ -6,8 +6,8 @@
 
 Exponential_Backoff_Iterator::Exponential_Backoff_Iterator() {}
 
-Exponential_Backoff_Iterator::Exponential_Backoff_Iterator(unsigned slot_time, unsigned max_retries, unsigned capped,
-                                                           bool jitter)
+Exponential_Backoff_Iterator::Exponential_Backoff_Iterator(unsigned slot_time, unsigned max_retries,
+                                                           unsigned capped, bool jitter)
     : slot_time_(slot_time), capped_(capped), jitter_(jitter), left_(max_retries)
 {
   compute();

@@ -9,7 +9,8 @@
 #include <langinfo.h>
 #include <utility>
 
-bool kestrel::convert_charset(const char* to, const char* from, const std::string& text, std::string& converted)
+bool kestrel::convert_charset(const char* to, const char* from, const std::string& text,
+                              std::string& converted)
 {
   const iconv_t converter = ::iconv_open(to, from);
   if (converter == reinterpret_cast<iconv_t>(-1))
@@ -48,7 +49,8 @@ UTF16_String::UTF16_String(const char* utf8) : local_(utf8 ? utf8 : "")
 {
   const char* codeset = ::nl_langinfo(CODESET);
   if (!local_.empty() && !is_utf8(codeset))
-    kestrel::ignore_result(kestrel::convert_charset(codeset, "UTF-8", local_, local_), "then the bytes pass through");
+    kestrel::ignore_result(kestrel::convert_charset(codeset, "UTF-8", local_, local_),
+                           "then the bytes pass through");
 }
 
 Local_String::Local_String(std::string local) : local_(std::move(local)) {}
@@ -58,6 +60,7 @@ std::string Local_String::to_utf8() const
   std::string utf8 = local_;
   const char* codeset = ::nl_langinfo(CODESET);
   if (!local_.empty() && !is_utf8(codeset))
-    kestrel::ignore_result(kestrel::convert_charset("UTF-8", codeset, local_, utf8), "then the bytes pass through");
+    kestrel::ignore_result(kestrel::convert_charset("UTF-8", codeset, local_, utf8),
+                           "then the bytes pass through");
   return utf8;
 }

@@ -28,11 +28,17 @@ struct Xxh3_128::State {
   XXH3_state_t* const xxh;
 };
 
-Xxh3_128::Xxh3_128() : state_(new State) { reset(); }
+Xxh3_128::Xxh3_128() : state_(new State)
+{
+  reset();
+}
 
 Xxh3_128::~Xxh3_128() {}
 
-void Xxh3_128::reset() { ::XXH3_128bits_reset(state_->xxh); }
+void Xxh3_128::reset()
+{
+  ::XXH3_128bits_reset(state_->xxh);
+}
 
 void Xxh3_128::update(const void* data, size_t length)
 {
@@ -40,7 +46,13 @@ void Xxh3_128::update(const void* data, size_t length)
     ::XXH3_128bits_update(state_->xxh, data, length);
 }
 
-std::string Xxh3_128::hex() const { return to_hex(::XXH3_128bits_digest(state_->xxh)); }
+std::string Xxh3_128::hex() const
+{
+  return to_hex(::XXH3_128bits_digest(state_->xxh));
+}
 
-std::string xxh3_128_hex(const void* data, size_t length) { return to_hex(::XXH3_128bits(data, length)); }
+std::string xxh3_128_hex(const void* data, size_t length)
+{
+  return to_hex(::XXH3_128bits(data, length));
+}
 } // namespace kestrel

@@ -20,7 +20,10 @@ std::atomic<Clock*> replacement_clock{nullptr};
 
 Clock::~Clock() {}
 
-time_t Clock::now() { return ::time(nullptr); }
+time_t Clock::now()
+{
+  return ::time(nullptr);
+}
 
 int64_t Clock::monotonic_msec()
 {
@@ -48,5 +51,8 @@ Clock& clock()
 
 Scoped_Clock::Scoped_Clock(Clock& replacement) : previous_(replacement_clock.exchange(&replacement)) {}
 
-Scoped_Clock::~Scoped_Clock() { replacement_clock.store(previous_); }
+Scoped_Clock::~Scoped_Clock()
+{
+  replacement_clock.store(previous_);
+}
 } // namespace kestrel

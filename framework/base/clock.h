@@ -6,7 +6,8 @@
 namespace kestrel
 {
 /// Where the product reads the time and sleeps, so that tests need not wait.
-/// Threads: any. Units: now() seconds since 1970, *_msec milliseconds; the monotonic time has no fixed origin.
+/// Threads: any. Units: now() seconds since 1970, *_msec milliseconds; the monotonic time has no fixed
+/// origin.
 class Clock
 {
 public:
@@ -20,8 +21,8 @@ public:
 /// The clock in use: the system's, unless a Scoped_Clock replaced it.
 Clock& clock();
 
-/// Puts another clock in place for the whole process until the scope ends. For tests; the clock is not owned and must
-/// outlive the scope and every thread that may still ask for the time.
+/// Puts another clock in place for the whole process until the scope ends. For tests; the clock is not owned
+/// and must outlive the scope and every thread that may still ask for the time.
 class Scoped_Clock
 {
 public:

@@ -52,7 +52,8 @@ ssize_t read_write_trait::write_n(int fd, const void* buf, size_t n)
 
 void Auto_Handle_Trait::close(int fd)
 {
-  // Linux frees the number even when close is interrupted: repeating it could close another thread's new file.
+  // Linux frees the number even when close is interrupted: repeating it could close another thread's new
+  // file.
   const int error = errno;
   ::close(fd);
   errno = error;

@@ -3,8 +3,8 @@
 #include <sys/types.h>
 
 /// System calls on descriptors that do not end early at a signal.
-/// Threads: as the calls themselves. Units: bytes. Errors: negative with errno, and then nothing is known about how
-/// much of an earlier part was moved.
+/// Threads: as the calls themselves. Units: bytes. Errors: negative with errno, and then nothing is known
+/// about how much of an earlier part was moved.
 struct read_write_trait {
   /// One read, repeated on EINTR.
   static ssize_t read(int fd, void* buf, size_t n);
@@ -12,7 +12,8 @@ struct read_write_trait {
   static ssize_t read_n(int fd, void* buf, size_t n);
   /// One write, repeated on EINTR.
   static ssize_t write(int fd, const void* buf, size_t n);
-  /// Writes until n bytes are gone: n, or the count so far when a write moves nothing, or the negative result.
+  /// Writes until n bytes are gone: n, or the count so far when a write moves nothing, or the negative
+  /// result.
   static ssize_t write_n(int fd, const void* buf, size_t n);
 };
 
@@ -55,9 +56,9 @@ namespace kestrel
 {
 typedef Auto_Closer<int, Auto_Handle_Trait> Auto_Fd;
 
-/// Takes over fd and gives back a close-on-exec descriptor above 2 for the same file. A process that was started with
-/// its standard descriptors closed would otherwise get 0, 1 or 2 for a pipe. -1 with errno (fd is closed then too);
-/// a negative fd gives -1 and leaves errno alone.
+/// Takes over fd and gives back a close-on-exec descriptor above 2 for the same file. A process that was
+/// started with its standard descriptors closed would otherwise get 0, 1 or 2 for a pipe. -1 with errno (fd
+/// is closed then too); a negative fd gives -1 and leaves errno alone.
 [[nodiscard]] int above_stdio(int fd);
 
 /// pipe2 with close-on-exec, both ends above 2. 0, or -1 with errno and both closers untouched.

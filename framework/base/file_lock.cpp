@@ -6,9 +6,15 @@
 
 namespace kestrel
 {
-bool File_Lock::lock(const std::string& path) { return acquire(path, LOCK_EX); }
+bool File_Lock::lock(const std::string& path)
+{
+  return acquire(path, LOCK_EX);
+}
 
-bool File_Lock::try_lock(const std::string& path) { return acquire(path, LOCK_EX | LOCK_NB); }
+bool File_Lock::try_lock(const std::string& path)
+{
+  return acquire(path, LOCK_EX | LOCK_NB);
+}
 
 bool File_Lock::acquire(const std::string& path, int operation)
 {

@@ -6,9 +6,9 @@
 
 namespace kestrel
 {
-/// An exclusive lock between processes and between threads, kept on a file (flock).
-/// The file is created (mode 0600) and stays; its content means nothing. Never remove it: a process that waits on the
-/// removed file would not exclude one that locks the new one.
+/// An exclusive lock between processes and between threads, kept on a file (flock). The file is created (mode
+/// 0600) and stays; its content means nothing. Never remove it: a process that waits on the removed file
+/// would not exclude one that locks the new one.
 /// Threads: one owner each; two File_Lock objects exclude each other also inside one process.
 /// Crash:   the kernel frees the lock with the process.
 class File_Lock

@@ -31,9 +31,15 @@ int File_System::open(const char* path, int flags, mode_t mode)
   return fd;
 }
 
-ssize_t File_System::read(int fd, void* buffer, size_t count) { return ::read(fd, buffer, count); }
+ssize_t File_System::read(int fd, void* buffer, size_t count)
+{
+  return ::read(fd, buffer, count);
+}
 
-ssize_t File_System::write(int fd, const void* buffer, size_t count) { return ::write(fd, buffer, count); }
+ssize_t File_System::write(int fd, const void* buffer, size_t count)
+{
+  return ::write(fd, buffer, count);
+}
 
 ssize_t File_System::pread(int fd, void* buffer, size_t count, off_t offset)
 {
@@ -45,19 +51,40 @@ ssize_t File_System::pwrite(int fd, const void* buffer, size_t count, off_t offs
   return ::pwrite(fd, buffer, count, offset);
 }
 
-int File_System::fsync(int fd) { return ::fsync(fd); }
+int File_System::fsync(int fd)
+{
+  return ::fsync(fd);
+}
 
-int File_System::close(int fd) { return ::close(fd); }
+int File_System::close(int fd)
+{
+  return ::close(fd);
+}
 
-int File_System::rename(const char* from, const char* to) { return ::rename(from, to); }
+int File_System::rename(const char* from, const char* to)
+{
+  return ::rename(from, to);
+}
 
-int File_System::unlink(const char* path) { return ::unlink(path); }
+int File_System::unlink(const char* path)
+{
+  return ::unlink(path);
+}
 
-int File_System::mkdir(const char* path, mode_t mode) { return ::mkdir(path, mode); }
+int File_System::mkdir(const char* path, mode_t mode)
+{
+  return ::mkdir(path, mode);
+}
 
-int File_System::fstat(int fd, struct stat* status) { return ::fstat(fd, status); }
+int File_System::fstat(int fd, struct stat* status)
+{
+  return ::fstat(fd, status);
+}
 
-int File_System::stat(const char* path, struct stat* status) { return ::stat(path, status); }
+int File_System::stat(const char* path, struct stat* status)
+{
+  return ::stat(path, status);
+}
 
 int File_System::fsync_directory(const char* path)
 {
@@ -82,5 +109,8 @@ Scoped_File_System::Scoped_File_System(File_System& replacement)
 {
 }
 
-Scoped_File_System::~Scoped_File_System() { replacement_file_system.store(previous_); }
+Scoped_File_System::~Scoped_File_System()
+{
+  replacement_file_system.store(previous_);
+}
 } // namespace kestrel

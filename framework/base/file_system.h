@@ -7,8 +7,8 @@
 namespace kestrel
 {
 /// The file calls of everything that must survive a failing disk, so that tests can fail each one of them.
-/// Every call is the system call of the same name: -1 (or a count) and errno. No call is repeated on EINTR except
-/// open. Threads: any.
+/// Every call is the system call of the same name: -1 (or a count) and errno. No call is repeated on EINTR
+/// except open. Threads: any.
 class File_System
 {
 public:
@@ -33,8 +33,8 @@ public:
 /// The file system in use: the real one, unless a Scoped_File_System replaced it.
 File_System& file_system();
 
-/// Puts another file system in place for the whole process until the scope ends. For tests; the replacement is not
-/// owned and must outlive the scope.
+/// Puts another file system in place for the whole process until the scope ends. For tests; the replacement
+/// is not owned and must outlive the scope.
 class Scoped_File_System
 {
 public:

@@ -11,8 +11,7 @@ template <class V> struct Key2_Value_T {
 };
 
 /// The value of the row whose key is exactly key[0..len), or `none`.
-template <class V>
-V get_key_value_entry(const Key2_Value_T<V>* table, const char* key, unsigned len, V none)
+template <class V> V get_key_value_entry(const Key2_Value_T<V>* table, const char* key, unsigned len, V none)
 {
   for (; table->key; ++table)
     if (table->key_len == len && ::memcmp(table->key, key, len) == 0)

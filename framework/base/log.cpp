@@ -99,8 +99,8 @@ private:
   {
     struct stat named;
     struct stat opened;
-    if (file_.get() >= 0 && ::stat(options_.file.c_str(), &named) == 0 && ::fstat(file_.get(), &opened) == 0 &&
-        named.st_ino == opened.st_ino && named.st_dev == opened.st_dev)
+    if (file_.get() >= 0 && ::stat(options_.file.c_str(), &named) == 0 &&
+        ::fstat(file_.get(), &opened) == 0 && named.st_ino == opened.st_ino && named.st_dev == opened.st_dev)
       return;
     const int file = open_log_file(options_.file);
     if (file >= 0)
@@ -127,10 +127,11 @@ std::string format_log_line(const ACE_Log_Record& record)
   tm local;
   ::localtime_r(&seconds, &local);
   char head[128];
-  const int length = ::snprintf(head, sizeof head, "%04d-%02d-%02d %02d:%02d:%02d.%03d [%ld.%ld] %s ",
-                                local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                                local.tm_sec, static_cast<int>(stamp.usec() / 1000), static_cast<long>(::getpid()),
-                                static_cast<long>(::syscall(SYS_gettid)), priority_word(record.type()));
+  const int length =
+      ::snprintf(head, sizeof head, "%04d-%02d-%02d %02d:%02d:%02d.%03d [%ld.%ld] %s ", local.tm_year + 1900,
+                 local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                 static_cast<int>(stamp.usec() / 1000), static_cast<long>(::getpid()),
+                 static_cast<long>(::syscall(SYS_gettid)), priority_word(record.type()));
   std::string line(head, length > 0 ? static_cast<size_t>(length) : 0);
   const char* const text = record.msg_data();
   line += text ? text : "";

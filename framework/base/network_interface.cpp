@@ -30,7 +30,8 @@ Network_Interface_Enumerator::Network_Interface_Enumerator()
     interface.address.set(reinterpret_cast<const sockaddr_in*>(entry->ifa_addr), sizeof(sockaddr_in));
     found.emplace_back(::if_nametoindex(entry->ifa_name), interface);
   }
-  std::stable_sort(found.begin(), found.end(), [](const Indexed& a, const Indexed& b) { return a.first < b.first; });
+  std::stable_sort(found.begin(), found.end(),
+                   [](const Indexed& a, const Indexed& b) { return a.first < b.first; });
   for (const Indexed& entry : found)
     interfaces_.push_back(entry.second);
 }

@@ -13,9 +13,9 @@ struct Network_Interface {
 };
 } // namespace kestrel
 
-/// The IPv4 addresses of this host's interfaces: one entry an address, loopback included, ordered by interface index
-/// and then as the kernel lists them. Taken once, by the constructor; an object without entries is what remains when the
-/// kernel gives none (one LM_ERROR line says why).
+/// The IPv4 addresses of this host's interfaces: one entry an address, loopback included, ordered by
+/// interface index and then as the kernel lists them. Taken once, by the constructor; an object without
+/// entries is what remains when the kernel gives none (one LM_ERROR line says why).
 /// Threads: as a container.
 class Network_Interface_Enumerator
 {

@@ -36,7 +36,8 @@ Path_Conf::Path_Conf(const char* root, const char* sub)
   static const std::string variable = "$COMPONENT";
   std::string expanded = root ? root : "";
   const std::string name = kestrel::component_name();
-  for (size_t at = expanded.find(variable); at != std::string::npos; at = expanded.find(variable, at + name.size()))
+  for (size_t at = expanded.find(variable); at != std::string::npos;
+       at = expanded.find(variable, at + name.size()))
     expanded.replace(at, variable.size(), name);
   directory_ = product_path(expanded.c_str());
   append_part(directory_, sub);
@@ -62,7 +63,10 @@ std::string product_path(const char* fixed_path)
 
 namespace kestrel
 {
-std::string state_path(const char* file) { return Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT").path(file); }
+std::string state_path(const char* file)
+{
+  return Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT").path(file);
+}
 
 void set_component_name(const std::string& name)
 {

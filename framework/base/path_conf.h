@@ -10,8 +10,8 @@ class Path_Conf
 public:
   explicit Path_Conf(const char* root, const char* sub = 0);
 
-  /// The path of a file in the directory. Missing directories are made (mode 0750); when that fails one LM_ERROR line
-  /// says why, and whoever opens the path meets the error again.
+  /// The path of a file in the directory. Missing directories are made (mode 0750); when that fails one
+  /// LM_ERROR line says why, and whoever opens the path meets the error again.
   std::string path(const char* file) const;
 
   /// The directory itself, without a slash at its end. Makes nothing.
@@ -21,13 +21,14 @@ private:
   std::string directory_;
 };
 
-/// Every absolute path of the product goes through here: with the environment variable KESTREL_ROOT set to a non-empty
-/// value, the path stands below that directory; otherwise it is the path itself.
+/// Every absolute path of the product goes through here: with the environment variable KESTREL_ROOT set to a
+/// non-empty value, the path stands below that directory; otherwise it is the path itself.
 std::string product_path(const char* fixed_path);
 
 namespace kestrel
 {
-/// A file of the component's durable state, such as state_path("catalog.db"). Its directory exists afterwards.
+/// A file of the component's durable state, such as state_path("catalog.db"). Its directory exists
+/// afterwards.
 std::string state_path(const char* file);
 
 /// Names the running component. Hosts call it once before anything else; the default is "agent".

@@ -2,8 +2,8 @@
 
 #include <cstddef>
 #include <memory>
-#include <string>
 #include <string.h>
+#include <string>
 
 /// An allocator that wipes memory before it gives it back, for texts that hold passwords and keys.
 /// Limit: a basic_string keeps short texts inside the object, where no allocator sees them. Whoever owns a

@@ -18,7 +18,8 @@ public:
     va_end(arguments);
   }
 
-  /// Replaces the text. Returns the length that the whole text has, N or more when it was cut; negative on an error.
+  /// Replaces the text. Returns the length that the whole text has, N or more when it was cut; negative on an
+  /// error.
   __attribute__((format(printf, 2, 3))) int set(const char* format, ...)
   {
     va_list arguments;

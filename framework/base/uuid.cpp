@@ -22,7 +22,10 @@ int hex_digit(char c)
   return -1;
 }
 
-bool is_hyphen_place(size_t i) { return i == 8 || i == 13 || i == 18 || i == 23; }
+bool is_hyphen_place(size_t i)
+{
+  return i == 8 || i == 13 || i == 18 || i == 23;
+}
 
 bool parse(const char* text, size_t length, unsigned char* out16)
 {

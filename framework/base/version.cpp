@@ -2,5 +2,8 @@
 
 namespace kestrel
 {
-const char* version() { return KESTREL_VERSION; }
+const char* version()
+{
+  return KESTREL_VERSION;
+}
 } // namespace kestrel

@@ -7,7 +7,8 @@ namespace kestrel
 {
 Line_Sink::~Line_Sink() {}
 
-Line_Splitter::Line_Splitter(Line_Sink& sink, size_t max_line) : sink_(sink), max_line_(std::max<size_t>(max_line, 1))
+Line_Splitter::Line_Splitter(Line_Sink& sink, size_t max_line)
+    : sink_(sink), max_line_(std::max<size_t>(max_line, 1))
 {
 }
 

@@ -16,7 +16,8 @@ public:
   virtual int segment(const char* data, unsigned int length) = 0;
 };
 
-/// Cuts a stream of bytes into lines at '\n'. Lines that lie whole in one block are delivered where they are, without a copy.
+/// Cuts a stream of bytes into lines at '\n'. Lines that lie whole in one block are delivered where they are,
+/// without a copy.
 /// Threads: one at a time. Ownership: the sink is not owned and must outlive the splitter.
 class Line_Splitter
 {
@@ -24,7 +25,8 @@ public:
   /// max_line: most bytes of a line (at least 1); what is longer is cut there and goes on in segments.
   Line_Splitter(Line_Sink& sink, size_t max_line);
 
-  /// Takes the next bytes. Overwrites line ends, and the byte behind the last one: data[length] must be writable.
+  /// Takes the next bytes. Overwrites line ends, and the byte behind the last one: data[length] must be
+  /// writable.
   void feed(char* data, size_t length);
   /// The end of the stream: delivers a last line without an end.
   void finish();

@@ -65,8 +65,9 @@ Prepared prepare(const Spawn_Request& request)
   return prepared;
 }
 
-// From here to run_child: the child's side, between fork and exec. The threads of the parent do not exist here, and a lock that
-// one of them held stays locked for ever, so only system calls are allowed: no allocation, no log, no stdio.
+// From here to run_child: the child's side, between fork and exec. The threads of the parent do not exist
+// here, and a lock that one of them held stays locked for ever, so only system calls are allowed: no
+// allocation, no log, no stdio.
 
 bool put_stream(int from, int target)
 {
@@ -92,10 +93,12 @@ void close_other_descriptors(int keep)
       ::syscall(SYS_close_range, kept + 1, ~0U, 0) == 0)
     return;
 #endif
-  // A kernel without close_range. The product's own descriptors are all close-on-exec; this gets at foreign ones.
+  // A kernel without close_range. The product's own descriptors are all close-on-exec; this gets at foreign
+  // ones.
   rlimit limit;
   const rlim_t most = 65536;
-  const rlim_t count = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < most ? limit.rlim_cur : most;
+  const rlim_t count =
+      ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < most ? limit.rlim_cur : most;
   for (unsigned int fd = first; fd < count; ++fd)
     if (fd != kept)
       ::close(static_cast<int>(fd));
@@ -110,8 +113,8 @@ void reset_signals()
     struct sigaction current;
     if (::sigaction(signal, nullptr, &current) != 0)
       continue;
-    // exec resets handlers, but one could run between the unblocking below and exec. Ignored signals stay ignored across
-    // exec, which is right for all but the two that the host or this layer changes.
+    // exec resets handlers, but one could run between the unblocking below and exec. Ignored signals stay
+    // ignored across exec, which is right for all but the two that the host or this layer changes.
     if (current.sa_handler != SIG_IGN || signal == SIGPIPE || signal == SIGCHLD)
       ::sigaction(signal, &standard, nullptr);
   }
@@ -153,7 +156,8 @@ void become_tool(const Spawn_Request& request, const Prepared& prepared, pid_t p
   errno = error;
 }
 
-[[noreturn]] void run_child(const Spawn_Request& request, const Prepared& prepared, pid_t parent, int status_pipe)
+[[noreturn]] void run_child(const Spawn_Request& request, const Prepared& prepared, pid_t parent,
+                            int status_pipe)
 {
   become_tool(request, prepared, parent, status_pipe);
   const int error = errno;
@@ -234,8 +238,8 @@ pid_t Process_Api::spawn(const Spawn_Request& request)
     return -1;
   }
   keep_exit_statuses();
-  // The kernel counts the thread that forked as the parent: a child that is to die with this process must be forked by a
-  // thread that lives as long as the process.
+  // The kernel counts the thread that forked as the parent: a child that is to die with this process must be
+  // forked by a thread that lives as long as the process.
   return request.die_with_parent ? Spawner_Thread::instance().run([&] { return fork_and_exec(request); })
                                  : fork_and_exec(request);
 }
@@ -251,5 +255,8 @@ Scoped_Process_Api::Scoped_Process_Api(Process_Api& replacement)
 {
 }
 
-Scoped_Process_Api::~Scoped_Process_Api() { replacement_process_api.store(previous_); }
+Scoped_Process_Api::~Scoped_Process_Api()
+{
+  replacement_process_api.store(previous_);
+}
 } // namespace kestrel

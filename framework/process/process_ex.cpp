@@ -79,7 +79,10 @@ struct Child_Stream {
   }
 };
 
-std::string base_name(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+std::string base_name(const std::string& path)
+{
+  return path.substr(path.rfind('/') + 1);
+}
 } // namespace
 
 pid_t ACE_Process_Ex::spawn(ACE_Process_Options& options)

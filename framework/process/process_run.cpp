@@ -33,7 +33,10 @@ const int64_t after_kill_msec = 30 * 1000;
 /// Output that a terminated tool's descendants still hold back is not worth the whole wait.
 const int64_t eof_after_terminate_msec = 2 * 1000;
 
-int64_t now_msec() { return clock().monotonic_msec(); }
+int64_t now_msec()
+{
+  return clock().monotonic_msec();
+}
 
 int64_t later(int64_t start_msec, int64_t length_msec)
 {
@@ -83,13 +86,15 @@ void Output_Stream::close()
     splitter_->finish();
   pipe_.reset();
   if (delivering_)
-    guarded([&] { return kind_ == STDOUT ? handler_.handle_stdout_close() : handler_.handle_stderr_close(); });
+    guarded(
+        [&] { return kind_ == STDOUT ? handler_.handle_stdout_close() : handler_.handle_stderr_close(); });
 }
 
 int Output_Stream::line(const char* text, unsigned int length)
 {
   return guarded([&] {
-    return kind_ == STDOUT ? handler_.handle_stdout_line(text, length) : handler_.handle_stderr_line(text, length);
+    return kind_ == STDOUT ? handler_.handle_stdout_line(text, length)
+                           : handler_.handle_stderr_line(text, length);
   });
 }
 
@@ -103,7 +108,8 @@ template <class Function> int Output_Stream::guarded(Function function)
   try {
     return function();
   } catch (const std::exception& e) {
-    ACE_ERROR((LM_ERROR, "Output handler of a tool failed, the rest of its output is dropped: %s\n", e.what()));
+    ACE_ERROR(
+        (LM_ERROR, "Output handler of a tool failed, the rest of its output is dropped: %s\n", e.what()));
   } catch (...) {
     ACE_ERROR((LM_ERROR, "Output handler of a tool failed, the rest of its output is dropped\n"));
   }
@@ -112,8 +118,8 @@ template <class Function> int Output_Stream::guarded(Function function)
 
 Process_Run::Process_Run(Text_Process_Handler& handler, unsigned int max_line, int eof_seconds)
     : max_line_(max_line == 0 ? general_line_cap : std::min<size_t>(max_line, general_line_cap)),
-      eof_msec_(static_cast<int64_t>(std::max(eof_seconds, 0)) * 1000), stdout_(handler, Output_Stream::STDOUT),
-      stderr_(handler, Output_Stream::STDERR)
+      eof_msec_(static_cast<int64_t>(std::max(eof_seconds, 0)) * 1000),
+      stdout_(handler, Output_Stream::STDOUT), stderr_(handler, Output_Stream::STDERR)
 {
 }
 
@@ -189,7 +195,8 @@ int Process_Run::terminate(unsigned int seconds)
     return 0;
   signal_child(SIGTERM);
   terminating_ = true;
-  kill_deadline_msec_ = std::min(kill_deadline_msec_, later(now_msec(), static_cast<int64_t>(seconds) * 1000));
+  kill_deadline_msec_ =
+      std::min(kill_deadline_msec_, later(now_msec(), static_cast<int64_t>(seconds) * 1000));
   wake_pump();
   if (inside_callback()) {
     errno = EDEADLK;
@@ -322,8 +329,8 @@ bool Process_Run::run_is_over()
 
 void Process_Run::finish()
 {
-  // What the child left in the pipes came in time, also when a grandchild holds them open. Bounded, because that grandchild
-  // may still be printing.
+  // What the child left in the pipes came in time, also when a grandchild holds them open. Bounded, because
+  // that grandchild may still be printing.
   for (Output_Stream* stream : {&stdout_, &stderr_})
     for (size_t done = 0; done < most_left_in_pipe && stream->is_open() && stream->read_some(buffer_);)
       done += read_buffer_bytes;
@@ -332,7 +339,8 @@ void Process_Run::finish()
   ACE_Event_Handler* const exit_handler = exit_handler_;
   {
     const Lock lock(mutex_);
-    // Members of the group that outlived a termination go too, while the zombie still keeps the group's number.
+    // Members of the group that outlived a termination go too, while the zombie still keeps the group's
+    // number.
     if (terminating_)
       signal_child(SIGKILL);
     reap();

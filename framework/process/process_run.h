@@ -47,12 +47,13 @@ private:
 
 /// The state behind Text_Process_Handler: one child at a time, from spawn until it is reaped.
 ///
-/// Whoever waits first becomes the pump: it alone reads the pipes, calls the handler and sees the child end. Other waiters sleep until
-/// the pump leaves or the run is over. The mutex guards everything that more than one thread touches; it is never held while
-/// the handler's functions run.
+/// Whoever waits first becomes the pump: it alone reads the pipes, calls the handler and sees the child end.
+/// Other waiters sleep until the pump leaves or the run is over. The mutex guards everything that more than
+/// one thread touches; it is never held while the handler's functions run.
 ///
-/// The child stays a zombie until the run is over, so its pid (and its process group's number) cannot be given to a stranger
-/// while anybody may still signal it; a signal is only sent with the mutex held and the phase RUNNING.
+/// The child stays a zombie until the run is over, so its pid (and its process group's number) cannot be
+/// given to a stranger while anybody may still signal it; a signal is only sent with the mutex held and the
+/// phase RUNNING.
 class Process_Run
 {
 public:

@@ -20,8 +20,14 @@ class Script_Output : public Text_Process_Handler
 public:
   explicit Script_Output(ACE_Log_Msg_Callback* callback) : Text_Process_Handler(0, 60), callback_(callback) {}
 
-  int handle_stdout_line(const char* line, unsigned int length) override { return write(LM_INFO, line, length); }
-  int handle_stderr_line(const char* line, unsigned int length) override { return write(LM_ERROR, line, length); }
+  int handle_stdout_line(const char* line, unsigned int length) override
+  {
+    return write(LM_INFO, line, length);
+  }
+  int handle_stderr_line(const char* line, unsigned int length) override
+  {
+    return write(LM_ERROR, line, length);
+  }
 
 private:
   int write(ACE_Log_Priority priority, const char* line, unsigned int length)

@@ -14,15 +14,30 @@ Text_Process_Handler::Text_Process_Handler(unsigned int max_line, int eof_second
 
 Text_Process_Handler::~Text_Process_Handler() {}
 
-int Text_Process_Handler::handle_stdout_line(const char*, unsigned int) { return 0; }
+int Text_Process_Handler::handle_stdout_line(const char*, unsigned int)
+{
+  return 0;
+}
 
-int Text_Process_Handler::handle_stderr_line(const char*, unsigned int) { return 0; }
+int Text_Process_Handler::handle_stderr_line(const char*, unsigned int)
+{
+  return 0;
+}
 
-int Text_Process_Handler::handle_stdout_segment(const char*, unsigned int) { return 0; }
+int Text_Process_Handler::handle_stdout_segment(const char*, unsigned int)
+{
+  return 0;
+}
 
-int Text_Process_Handler::handle_stdout_close() { return 0; }
+int Text_Process_Handler::handle_stdout_close()
+{
+  return 0;
+}
 
-int Text_Process_Handler::handle_stderr_close() { return 0; }
+int Text_Process_Handler::handle_stderr_close()
+{
+  return 0;
+}
 
 int Text_Process_Handler::call(ACE_Process_Ex* process, ACE_Process_Options& opts)
 {
@@ -35,7 +50,8 @@ int Text_Process_Handler::call(unsigned int flags, ACE_Process_Options& opts)
   return call(&process, opts);
 }
 
-int Text_Process_Handler::spawn(ACE_Process_Ex* process, ACE_Process_Options& opts, ACE_Event_Handler* handler)
+int Text_Process_Handler::spawn(ACE_Process_Ex* process, ACE_Process_Options& opts,
+                                ACE_Event_Handler* handler)
 {
   if (!process) {
     opts.release_handles();
@@ -50,11 +66,20 @@ int Text_Process_Handler::spawn(ACE_Process_Ex* process, ACE_Process_Options& op
   return result;
 }
 
-int Text_Process_Handler::wait(const ACE_Time_Value* timeout) { return run_->wait(timeout); }
+int Text_Process_Handler::wait(const ACE_Time_Value* timeout)
+{
+  return run_->wait(timeout);
+}
 
-int Text_Process_Handler::terminate(unsigned int seconds) { return run_->terminate(seconds); }
+int Text_Process_Handler::terminate(unsigned int seconds)
+{
+  return run_->terminate(seconds);
+}
 
-int64_t Text_Process_Handler::last_activity_msec() const { return run_->last_activity_msec(); }
+int64_t Text_Process_Handler::last_activity_msec() const
+{
+  return run_->last_activity_msec();
+}
 
 int Text_Process_Handler::log_line(ACE_Log_Priority prio, const char* line, unsigned int length)
 {

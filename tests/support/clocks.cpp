@@ -68,11 +68,20 @@ Scaled_Clock::~Scaled_Clock()
   latest_time = now();
 }
 
-int64_t Scaled_Clock::scaled_msec() { return (kestrel::Clock::monotonic_msec() - origin_) * factor_; }
+int64_t Scaled_Clock::scaled_msec()
+{
+  return (kestrel::Clock::monotonic_msec() - origin_) * factor_;
+}
 
-time_t Scaled_Clock::now() { return start_ + static_cast<time_t>(scaled_msec() / 1000); }
+time_t Scaled_Clock::now()
+{
+  return start_ + static_cast<time_t>(scaled_msec() / 1000);
+}
 
-int64_t Scaled_Clock::monotonic_msec() { return origin_ + scaled_msec(); }
+int64_t Scaled_Clock::monotonic_msec()
+{
+  return origin_ + scaled_msec();
+}
 
 void Scaled_Clock::sleep_msec(int64_t msec)
 {

@@ -6,7 +6,8 @@
 
 namespace kestrel_test
 {
-/// A clock that stands still: sleeping only moves it on. For unit tests; installed process-wide while it lives.
+/// A clock that stands still: sleeping only moves it on. For unit tests; installed process-wide while it
+/// lives.
 /// Threads: any; threads that sleep at the same time each add their time.
 class Fake_Clock : public kestrel::Clock
 {
@@ -30,9 +31,9 @@ private:
   kestrel::Scoped_Clock scope_;
 };
 
-/// A clock that runs `factor` times as fast as the real one: a sleep of 60 seconds takes 60/factor. For component tests
-/// with real children; installed process-wide while it lives. Later clocks of a process go on where earlier ones ended, so
-/// that nothing waits for a time that it has seen before.
+/// A clock that runs `factor` times as fast as the real one: a sleep of 60 seconds takes 60/factor. For
+/// component tests with real children; installed process-wide while it lives. Later clocks of a process go on
+/// where earlier ones ended, so that nothing waits for a time that it has seen before.
 class Scaled_Clock : public kestrel::Clock
 {
 public:

@@ -104,7 +104,10 @@ ssize_t Fault_File_System::pwrite(int fd, const void* buffer, size_t count, off_
   return File_System::pwrite(fd, buffer, count > 1 && shortened() ? count / 2 : count, offset);
 }
 
-int Fault_File_System::fsync(int fd) { return fails("fsync") ? -1 : File_System::fsync(fd); }
+int Fault_File_System::fsync(int fd)
+{
+  return fails("fsync") ? -1 : File_System::fsync(fd);
+}
 
 int Fault_File_System::close(int fd)
 {
@@ -121,7 +124,10 @@ int Fault_File_System::rename(const char* from, const char* to)
   return fails("rename") ? -1 : File_System::rename(from, to);
 }
 
-int Fault_File_System::unlink(const char* path) { return fails("unlink") ? -1 : File_System::unlink(path); }
+int Fault_File_System::unlink(const char* path)
+{
+  return fails("unlink") ? -1 : File_System::unlink(path);
+}
 
 int Fault_File_System::mkdir(const char* path, mode_t mode)
 {

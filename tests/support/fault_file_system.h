@@ -9,17 +9,17 @@
 
 namespace kestrel_test
 {
-/// The real file system, except that chosen calls fail. Installed process-wide while it lives. Kinds of calls: "open",
-/// "read", "write", "pread", "pwrite", "fsync", "close", "rename", "unlink", "mkdir", "fstat", "stat", "fsync_directory", and
-/// "any" for all of them together.
+/// The real file system, except that chosen calls fail. Installed process-wide while it lives. Kinds of
+/// calls: "open", "read", "write", "pread", "pwrite", "fsync", "close", "rename", "unlink", "mkdir", "fstat",
+/// "stat", "fsync_directory", and "any" for all of them together.
 /// Threads: any.
 class Fault_File_System : public kestrel::File_System
 {
 public:
   Fault_File_System();
 
-  /// The number-th call of this kind from now on (from 1) fails with this errno, once; with `for_ever` all later ones too.
-  /// A failing close does close. Replaces what was set for the kind.
+  /// The number-th call of this kind from now on (from 1) fails with this errno, once; with `for_ever` all
+  /// later ones too. A failing close does close. Replaces what was set for the kind.
   void fail(const std::string& kind, unsigned number, int error, bool for_ever = false);
   /// The number-th write (or pwrite) from now on takes only half of its bytes, if it has more than one.
   void shorten_write(unsigned number);

@@ -7,8 +7,8 @@
 
 namespace kestrel_test
 {
-/// The real process API, except that chosen starts fail. Installed process-wide while it lives. Keeps every request, so a
-/// test sees the arguments and the environment that a tool was to get.
+/// The real process API, except that chosen starts fail. Installed process-wide while it lives. Keeps every
+/// request, so a test sees the arguments and the environment that a tool was to get.
 class Fault_Process_Api : public kestrel::Process_Api
 {
 public:

@@ -74,7 +74,8 @@ public:
   }
 
 private:
-  // ACE calls log() under a lock of its own, which installing a backend takes too: so installing has another mutex.
+  // ACE calls log() under a lock of its own, which installing a backend takes too: so installing has another
+  // mutex.
   std::mutex install_mutex_;
   std::mutex mutex_;
   std::vector<Log_Capture*> captures_;
@@ -86,11 +87,15 @@ namespace
 {
 bool matches(const Log_Line& line, ACE_Log_Priority priority, const std::string& text, bool exactly)
 {
-  return line.priority == priority && (exactly ? line.text == text : line.text.find(text) != std::string::npos);
+  return line.priority == priority &&
+         (exactly ? line.text == text : line.text.find(text) != std::string::npos);
 }
 } // namespace
 
-Log_Capture::Log_Capture() : state_(new State) { Capture_Backend::instance().push(this); }
+Log_Capture::Log_Capture() : state_(new State)
+{
+  Capture_Backend::instance().push(this);
+}
 
 Log_Capture::~Log_Capture()
 {
@@ -104,7 +109,10 @@ Log_Capture::~Log_Capture()
   }
 }
 
-bool Log_Capture::expect(ACE_Log_Priority priority, const std::string& text) { return take(priority, text, false); }
+bool Log_Capture::expect(ACE_Log_Priority priority, const std::string& text)
+{
+  return take(priority, text, false);
+}
 
 bool Log_Capture::expect_exactly(ACE_Log_Priority priority, const std::string& text)
 {

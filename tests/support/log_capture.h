@@ -14,9 +14,9 @@ struct Log_Line {
   bool expected = false;
 };
 
-/// Sees every log line of the process, all threads, from its construction on. At its end each WARNING, ERROR, CRITICAL,
-/// ALERT and EMERGENCY line that no expect() or allow() took fails the test. Without one in a test, test_main's own does
-/// the same at the test's end; captures nest, and the innermost gets the lines.
+/// Sees every log line of the process, all threads, from its construction on. At its end each WARNING, ERROR,
+/// CRITICAL, ALERT and EMERGENCY line that no expect() or allow() took fails the test. Without one in a test,
+/// test_main's own does the same at the test's end; captures nest, and the innermost gets the lines.
 /// Threads: any.
 class Log_Capture
 {
@@ -26,8 +26,8 @@ public:
   Log_Capture(const Log_Capture&) = delete;
   Log_Capture& operator=(const Log_Capture&) = delete;
 
-  /// Takes the first line of this priority that contains `text` and that nobody took yet. Fails the test when there is
-  /// none. Any priority may be expected.
+  /// Takes the first line of this priority that contains `text` and that nobody took yet. Fails the test when
+  /// there is none. Any priority may be expected.
   bool expect(ACE_Log_Priority priority, const std::string& text);
   /// As expect, but the line must be exactly `text`.
   bool expect_exactly(ACE_Log_Priority priority, const std::string& text);

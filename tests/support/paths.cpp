@@ -22,5 +22,8 @@ std::string lib_dir()
   return bin.substr(0, bin.rfind('/')) + "/lib";
 }
 
-std::string source_dir() { return KESTREL_SOURCE_DIR; }
+std::string source_dir()
+{
+  return KESTREL_SOURCE_DIR;
+}
 } // namespace kestrel_test

@@ -23,5 +23,8 @@ Scoped_Env::Scoped_Env(const char* name, const char* value) : name_(name)
   set(name_, value);
 }
 
-Scoped_Env::~Scoped_Env() { set(name_, was_set_ ? previous_.c_str() : nullptr); }
+Scoped_Env::~Scoped_Env()
+{
+  set(name_, was_set_ ? previous_.c_str() : nullptr);
+}
 } // namespace kestrel_test

@@ -4,8 +4,8 @@
 
 namespace kestrel_test
 {
-/// Sets an environment variable (or unsets it, with null) until the end of the scope. Only while no other thread runs
-/// that reads the environment.
+/// Sets an environment variable (or unsets it, with null) until the end of the scope. Only while no other
+/// thread runs that reads the environment.
 class Scoped_Env
 {
 public:

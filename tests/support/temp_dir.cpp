@@ -26,7 +26,10 @@ Temp_Dir::Temp_Dir()
   path_ = name.data();
 }
 
-Temp_Dir::~Temp_Dir() { EXPECT_EQ(0, rm_rf(path_.c_str())) << path_; }
+Temp_Dir::~Temp_Dir()
+{
+  EXPECT_EQ(0, rm_rf(path_.c_str())) << path_;
+}
 
 std::string Temp_Dir::write(const std::string& name, const std::string& content, unsigned mode) const
 {
@@ -56,5 +59,8 @@ std::string read_file(const std::string& path)
   return content.str();
 }
 
-bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+bool exists(const std::string& path)
+{
+  return ::access(path.c_str(), F_OK) == 0;
+}
 } // namespace kestrel_test

@@ -1,5 +1,5 @@
-// What children see of an unusual parent. The parent is this program once more, running one of the DISABLED tests below: the
-// state that is wanted would break the test program itself.
+// What children see of an unusual parent. The parent is this program once more, running one of the DISABLED
+// tests below: the state that is wanted would break the test program itself.
 #include "tool_runs.h"
 
 #include "support/paths.h"
@@ -31,7 +31,8 @@ int run_test_in_new_process(const std::string& name, const std::string& director
   ::posix_spawn_file_actions_init(&actions);
   for (int fd = 0; with_closed_streams && fd < 3; ++fd)
     ::posix_spawn_file_actions_addclose(&actions, fd);
-  const char* argv[] = {program.c_str(), filter.c_str(), "--gtest_also_run_disabled_tests", "--gtest_brief=1", nullptr};
+  const char* argv[] = {program.c_str(), filter.c_str(), "--gtest_also_run_disabled_tests", "--gtest_brief=1",
+                        nullptr};
   pid_t pid = -1;
   EXPECT_EQ(0, ::posix_spawn(&pid, program.c_str(), &actions, nullptr, const_cast<char**>(argv), environ));
   ::posix_spawn_file_actions_destroy(&actions);
@@ -41,7 +42,10 @@ int run_test_in_new_process(const std::string& name, const std::string& director
   return status;
 }
 
-std::string directory_of_parent() { return ::getenv("PARENT_STATE_DIRECTORY") ? ::getenv("PARENT_STATE_DIRECTORY") : ""; }
+std::string directory_of_parent()
+{
+  return ::getenv("PARENT_STATE_DIRECTORY") ? ::getenv("PARENT_STATE_DIRECTORY") : "";
+}
 } // namespace
 
 TEST(Parent_State, DISABLED_closed_streams)
@@ -63,7 +67,8 @@ TEST(Parent_State, DISABLED_closed_streams)
 TEST(Parent_State, closed_streams_do_not_mix_up_a_childs_streams)
 {
   Temp_Dir dir;
-  make_fake_tool(dir, "tool", "dump_state " + (dir / "state") + "\nout \"to stdout\"\nerr \"to stderr\"\nexit 3\n");
+  make_fake_tool(dir, "tool",
+                 "dump_state " + (dir / "state") + "\nout \"to stdout\"\nerr \"to stderr\"\nexit 3\n");
   EXPECT_EQ(0, run_test_in_new_process("Parent_State.DISABLED_closed_streams", dir.path(), true));
   EXPECT_NE(std::string::npos, kestrel_test::read_file(dir / "state").find("\nstdin=/dev/null\n"));
 }
@@ -84,8 +89,9 @@ TEST(Parent_State, DISABLED_sudden_death)
 TEST(Parent_State, sudden_death_takes_the_children_along)
 {
   Temp_Dir dir;
-  make_fake_tool(dir, "tool", "ignore TERM\nignore PIPE\nwrite_file " + (dir / "new") + " \"${pid}\"\ncopy " + (dir / "new") + " " +
-                                  (dir / "pid") + "\nhang\n");
+  make_fake_tool(dir, "tool",
+                 "ignore TERM\nignore PIPE\nwrite_file " + (dir / "new") + " \"${pid}\"\ncopy " +
+                     (dir / "new") + " " + (dir / "pid") + "\nhang\n");
   const int status = run_test_in_new_process("Parent_State.DISABLED_sudden_death", dir.path(), false);
   ASSERT_TRUE(WIFSIGNALED(status));
   const std::string stat = "/proc/" + kestrel_test::read_file(dir / "new") + "/stat";

@@ -42,7 +42,8 @@ TEST(Execute_Script, counts_an_empty_script_as_success_without_running_anything)
 TEST(Execute_Script, takes_scripts_of_many_lines_and_any_length)
 {
   Temp_Dir dir;
-  std::string script = "cd " + dir.path() + "\n# " + std::string(5000, 'x') + "\nfor i in 1 2 3; do\n  echo \"$i 'quoted'\" >> out\ndone\n";
+  std::string script = "cd " + dir.path() + "\n# " + std::string(5000, 'x') +
+                       "\nfor i in 1 2 3; do\n  echo \"$i 'quoted'\" >> out\ndone\n";
   EXPECT_TRUE(execute_script(script, false, nullptr));
   EXPECT_EQ("1 'quoted'\n2 'quoted'\n3 'quoted'\n", kestrel_test::read_file(dir / "out"));
 }

@@ -54,7 +54,8 @@ TEST(Subprocess, does_not_wait_for_a_daemon_that_the_command_leaves_behind)
 TEST(Subprocess, gives_the_child_the_null_device)
 {
   Temp_Dir dir;
-  EXPECT_EQ(0, call("/bin/sh -c 'readlink /proc/self/fd/0 /proc/self/fd/1 /proc/self/fd/2 > " + (dir / "links") + "'"));
+  EXPECT_EQ(0, call("/bin/sh -c 'readlink /proc/self/fd/0 /proc/self/fd/1 /proc/self/fd/2 > " +
+                    (dir / "links") + "'"));
   EXPECT_EQ("/dev/null\n" + (dir / "links") + "\n/dev/null\n", kestrel_test::read_file(dir / "links"));
 }
 

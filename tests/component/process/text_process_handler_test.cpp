@@ -1,6 +1,5 @@
 #include "tool_runs.h"
 
-#include "support/clocks.h"
 #include "support/fault_process_api.h"
 #include "support/log_capture.h"
 
@@ -9,14 +8,11 @@
 #include <ace/Log_Record.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <stdexcept>
-#include <thread>
 
 using namespace tool_runs;
 using kestrel_test::Log_Capture;
 using kestrel_test::make_fake_tool;
-using kestrel_test::Scaled_Clock;
 using kestrel_test::Temp_Dir;
 
 TEST(Text_Process_Handler, delivers_lines_of_both_streams)
@@ -34,7 +30,8 @@ TEST(Text_Process_Handler, delivers_empty_and_unterminated_lines_and_keeps_carri
 {
   Temp_Dir dir;
   Collecting_Handler handler;
-  EXPECT_EQ(0, run(handler, make_fake_tool(dir, "tool", "out \"\"\nout \"dos\\r\"\nout \"\"\nout_raw last\n")));
+  EXPECT_EQ(0,
+            run(handler, make_fake_tool(dir, "tool", "out \"\"\nout \"dos\\r\"\nout \"\"\nout_raw last\n")));
   EXPECT_EQ((Lines{"", "dos\r", "", "last"}), handler.out);
   EXPECT_TRUE(handler.terminated_by_nul);
 }
@@ -53,7 +50,8 @@ TEST(Text_Process_Handler, gives_minus_one_for_death_by_a_signal)
   Temp_Dir dir;
   for (const char* name : {"KILL", "TERM", "SEGV", "PIPE"}) {
     Collecting_Handler handler;
-    EXPECT_EQ(-1, run(handler, make_fake_tool(dir, "tool", std::string("out said\ndie ") + name + "\n"))) << name;
+    EXPECT_EQ(-1, run(handler, make_fake_tool(dir, "tool", std::string("out said\ndie ") + name + "\n")))
+        << name;
     EXPECT_EQ(ECANCELED, errno);
     EXPECT_EQ((Lines{"said"}), handler.out);
   }
@@ -227,216 +225,6 @@ TEST(Text_Process_Handler, passes_the_options_environment_over_the_own_one)
   EXPECT_NE(std::string::npos, env.find("\nPATH="));
 }
 
-TEST(Text_Process_Handler, does_not_wait_for_ever_for_a_grandchild_that_holds_the_pipes)
-{
-  Scaled_Clock clock(200);
-  Temp_Dir dir;
-  Collecting_Handler handler;
-  const int64_t before = clock.monotonic_msec();
-  EXPECT_EQ(5, run(handler, make_fake_tool(dir, "tool", "grandchild 20000 " + (dir / "pid") + "\nout said\nout_raw rest\nexit 5\n")));
-  const int64_t waited = clock.monotonic_msec() - before;
-  EXPECT_EQ((Lines{"said", "rest"}), handler.out);
-  EXPECT_EQ(1, handler.out_closed);
-  EXPECT_GE(waited, 60 * 1000);
-  ::kill(std::stoi(kestrel_test::read_file(dir / "pid")), SIGKILL);
-}
-
-TEST(Text_Process_Handler, waits_for_a_grandchild_that_finishes_the_output_in_time)
-{
-  Temp_Dir dir;
-  Collecting_Handler handler;
-  EXPECT_EQ(0, run(handler, make_fake_tool(dir, "tool", "grandchild 50\nout said\n")));
-  EXPECT_EQ((Lines{"said"}), handler.out);
-}
-
-TEST(Text_Process_Handler, sees_the_end_of_a_child_that_closed_its_outputs_early)
-{
-  Temp_Dir dir;
-  Collecting_Handler handler;
-  EXPECT_EQ(4, run(handler, make_fake_tool(dir, "tool", "out said\nclose stdout\nclose stderr\nsleep 30\nexit 4\n")));
-  EXPECT_EQ((Lines{"said"}), handler.out);
-}
-
-TEST(Text_Process_Handler, waits_as_long_as_it_was_told)
-{
-  Scaled_Clock clock(100);
-  Temp_Dir dir;
-  Tool_Options options(make_fake_tool(dir, "tool", "wait_file " + (dir / "go") + "\nout done\nexit 6\n"));
-  ACE_Process_Ex process(6, nullptr, no_callback);
-  Collecting_Handler handler;
-  ASSERT_EQ(0, handler.spawn(&process, options, nullptr));
-  const ACE_Time_Value ten_seconds(10);
-  EXPECT_EQ(-1, handler.wait(&ten_seconds));
-  EXPECT_EQ(ETIME, errno);
-  EXPECT_EQ(-1, handler.wait(&ACE_Time_Value::zero));
-  EXPECT_EQ(ETIME, errno);
-  EXPECT_EQ(-1, handler.spawn(&process, options, nullptr));
-  EXPECT_EQ(EBUSY, errno);
-  dir.write("go", "");
-  EXPECT_EQ(6, handler.wait(nullptr));
-  EXPECT_EQ(6, handler.wait(nullptr));
-  EXPECT_EQ(6, handler.wait(&ten_seconds));
-  EXPECT_EQ((Lines{"done"}), handler.out);
-}
-
-TEST(Text_Process_Handler, has_nothing_to_wait_for_or_terminate_before_a_run)
-{
-  Collecting_Handler handler;
-  EXPECT_EQ(-1, handler.wait(nullptr));
-  EXPECT_EQ(ECHILD, errno);
-  EXPECT_EQ(0, handler.terminate(600));
-  EXPECT_EQ(0, handler.last_activity_msec());
-}
-
-TEST(Text_Process_Handler, terminates_a_silent_tool)
-{
-  Temp_Dir dir;
-  Tool_Options options(make_fake_tool(dir, "tool", "out up\nhang\n"));
-  ACE_Process_Ex process(6, nullptr, no_callback);
-  Collecting_Handler handler;
-  ASSERT_EQ(0, handler.spawn(&process, options, nullptr));
-  EXPECT_EQ(0, handler.terminate(600));
-  EXPECT_EQ(-1, handler.wait(nullptr));
-  EXPECT_EQ(ECANCELED, errno);
-  EXPECT_EQ(0, handler.terminate(600));
-}
-
-TEST(Text_Process_Handler, kills_a_tool_that_ignores_the_request_to_end)
-{
-  Scaled_Clock clock(1000);
-  Temp_Dir dir;
-  Tool_Options options(make_fake_tool(dir, "tool", "ignore TERM\nout up\nwrite_file " + (dir / "up") + " x\nhang\n"));
-  ACE_Process_Ex process(6, nullptr, no_callback);
-  Collecting_Handler handler;
-  ASSERT_EQ(0, handler.spawn(&process, options, nullptr));
-  while (!kestrel_test::exists(dir / "up"))
-    std::this_thread::yield();
-  const int64_t before = clock.monotonic_msec();
-  EXPECT_EQ(0, handler.terminate(600));
-  EXPECT_GE(clock.monotonic_msec() - before, 600 * 1000);
-  EXPECT_EQ(-1, handler.wait(nullptr));
-  EXPECT_EQ((Lines{"up"}), handler.out);
-}
-
-namespace
-{
-/// Gone, or a zombie that its new parent has not taken yet.
-bool has_ended(pid_t pid)
-{
-  const std::string path = "/proc/" + std::to_string(pid) + "/stat";
-  return !kestrel_test::exists(path) || kestrel_test::read_file(path).find(") Z ") != std::string::npos;
-}
-} // namespace
-
-TEST(Text_Process_Handler, terminates_the_whole_process_group)
-{
-  Temp_Dir dir;
-  Tool_Options options(make_fake_tool(dir, "tool", "grandchild 600000 " + (dir / "pid") + "\nout up\nhang\n"));
-  ACE_Process_Ex process(6, nullptr, no_callback);
-  Collecting_Handler handler;
-  ASSERT_EQ(0, handler.spawn(&process, options, nullptr));
-  while (!kestrel_test::exists(dir / "pid") || kestrel_test::read_file(dir / "pid").empty())
-    std::this_thread::yield();
-  EXPECT_EQ(0, handler.terminate(600));
-  const pid_t grandchild = std::stoi(kestrel_test::read_file(dir / "pid"));
-  for (int tries = 0; tries < 1000 && !has_ended(grandchild); ++tries)
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  EXPECT_TRUE(has_ended(grandchild));
-}
-
-TEST(Text_Process_Handler, serves_two_threads_of_which_one_terminates)
-{
-  Temp_Dir dir;
-  const std::string tool = make_fake_tool(dir, "tool", "out up\nwrite_file " + (dir / "up") + " x\nhang\n");
-  Collecting_Handler handler;
-  std::thread runner([&] {
-    // The process object is gone before the other thread's calls return.
-    Tool_Options options(tool);
-    ACE_Process_Ex process(6, nullptr, no_callback);
-    ASSERT_EQ(0, handler.spawn(&process, options, nullptr));
-    EXPECT_EQ(-1, handler.wait(nullptr));
-  });
-  while (!kestrel_test::exists(dir / "up"))
-    std::this_thread::yield();
-  EXPECT_EQ(0, handler.terminate(600));
-  EXPECT_EQ(-1, handler.wait(nullptr));
-  runner.join();
-  EXPECT_EQ((Lines{"up"}), handler.out);
-}
-
-TEST(Text_Process_Handler, gives_the_result_to_all_that_wait)
-{
-  Temp_Dir dir;
-  Tool_Options options(make_fake_tool(dir, "tool", "wait_file " + (dir / "go") + "\nout_lines 1000 x\nexit 9\n"));
-  ACE_Process_Ex process(6, nullptr, no_callback);
-  Collecting_Handler handler;
-  ASSERT_EQ(0, handler.spawn(&process, options, nullptr));
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i)
-    threads.emplace_back([&] { EXPECT_EQ(9, handler.wait(nullptr)); });
-  const ACE_Time_Value little(0, 20000);
-  EXPECT_EQ(-1, handler.wait(&little));
-  dir.write("go", "");
-  for (std::thread& thread : threads)
-    thread.join();
-  EXPECT_EQ(1000u, handler.out.size());
-}
-
-TEST(Text_Process_Handler, keeps_a_tool_alive_whose_starting_thread_has_ended)
-{
-  Temp_Dir dir;
-  const std::string tool = make_fake_tool(dir, "tool", "wait_file " + (dir / "go") + "\nout alive\n");
-  Collecting_Handler handler;
-  std::thread([&] {
-    Tool_Options options(tool);
-    ACE_Process_Ex process(6, nullptr, no_callback);
-    ASSERT_EQ(0, handler.spawn(&process, options, nullptr));
-  }).join();
-  const ACE_Time_Value little(0, 20000);
-  EXPECT_EQ(-1, handler.wait(&little));
-  EXPECT_EQ(ETIME, errno);
-  dir.write("go", "");
-  EXPECT_EQ(0, handler.wait(nullptr));
-  EXPECT_EQ((Lines{"alive"}), handler.out);
-}
-
-TEST(Text_Process_Handler, takes_a_running_tool_with_it_when_it_goes)
-{
-  Temp_Dir dir;
-  pid_t pid = -1;
-  {
-    Tool_Options options(make_fake_tool(dir, "tool", "ignore TERM\nhang\n"));
-    ACE_Process_Ex process(6, nullptr, no_callback);
-    Collecting_Handler handler;
-    ASSERT_EQ(0, handler.spawn(&process, options, nullptr));
-    pid = process.getpid();
-    EXPECT_EQ(0, ::kill(pid, 0));
-  }
-  EXPECT_EQ(-1, ::kill(pid, 0));
-  EXPECT_EQ(ESRCH, errno);
-}
-
-TEST(Text_Process_Handler, notes_when_output_last_came)
-{
-  Scaled_Clock clock(100);
-  Temp_Dir dir;
-  Tool_Options options(make_fake_tool(dir, "tool", "out one\nwait_file " + (dir / "go") + "\nout two\n"));
-  ACE_Process_Ex process(6, nullptr, no_callback);
-  Collecting_Handler handler;
-  ASSERT_EQ(0, handler.spawn(&process, options, nullptr));
-  const int64_t at_spawn = handler.last_activity_msec();
-  EXPECT_GT(at_spawn, 0);
-  const ACE_Time_Value seconds(20);
-  EXPECT_EQ(-1, handler.wait(&seconds));
-  const int64_t first = handler.last_activity_msec();
-  EXPECT_GE(first, at_spawn);
-  EXPECT_EQ(-1, handler.wait(&seconds));
-  EXPECT_EQ(first, handler.last_activity_msec());
-  dir.write("go", "");
-  EXPECT_EQ(0, handler.wait(nullptr));
-  EXPECT_GT(handler.last_activity_msec(), first);
-}
-
 namespace
 {
 class Throwing_Handler : public Collecting_Handler
@@ -476,8 +264,14 @@ class Logging_Handler : public Text_Process_Handler
 {
 public:
   Logging_Handler() : Text_Process_Handler(0, 60) {}
-  int handle_stdout_line(const char* line, unsigned int length) override { return log_line(LM_INFO, line, length); }
-  int handle_stderr_line(const char* line, unsigned int length) override { return log_line(LM_ERROR, line, length); }
+  int handle_stdout_line(const char* line, unsigned int length) override
+  {
+    return log_line(LM_INFO, line, length);
+  }
+  int handle_stderr_line(const char* line, unsigned int length) override
+  {
+    return log_line(LM_ERROR, line, length);
+  }
 };
 
 class Record_Keeper : public ACE_Log_Msg_Callback

@@ -32,8 +32,8 @@ private:
 };
 } // namespace
 
-// The first two bytes choose the sizes of the pieces and of the longest line. Whatever they are, the lines put together are the
-// text: only where it was cut may differ.
+// The first two bytes choose the sizes of the pieces and of the longest line. Whatever they are, the lines
+// put together are the text: only where it was cut may differ.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
   if (size < 2)

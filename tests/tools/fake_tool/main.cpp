@@ -171,7 +171,8 @@ private:
   void dump_state(const Words& words)
   {
     std::ostringstream text;
-    text << "pid=" << ::getpid() << "\nppid=" << ::getppid() << "\npgid=" << ::getpgrp() << "\nfds=" << open_descriptors();
+    text << "pid=" << ::getpid() << "\nppid=" << ::getppid() << "\npgid=" << ::getpgrp()
+         << "\nfds=" << open_descriptors();
     sigset_t blocked;
     ::sigprocmask(SIG_SETMASK, nullptr, &blocked);
     text << "\nblocked=";
@@ -307,7 +308,10 @@ private:
   void append_file(const Words& words) { store(words[1], words[2], O_APPEND); }
   void copy(const Words& words) { read_to(words); }
   void remove(const Words& words) { ::unlink(words[1].c_str()); }
-  void make_dir(const Words& words) { must(::mkdir(words[1].c_str(), 0755) == 0 || errno == EEXIST, "mkdir"); }
+  void make_dir(const Words& words)
+  {
+    must(::mkdir(words[1].c_str(), 0755) == 0 || errno == EEXIST, "mkdir");
+  }
 
   void wait_file(const Words& words)
   {
@@ -328,9 +332,9 @@ private:
 
   int signal_number(const std::string& name) const
   {
-    static const std::map<std::string, int> names = {
-        {"TERM", SIGTERM}, {"INT", SIGINT},   {"HUP", SIGHUP},   {"PIPE", SIGPIPE}, {"USR1", SIGUSR1},
-        {"KILL", SIGKILL}, {"SEGV", SIGSEGV}, {"ABRT", SIGABRT}, {"STOP", SIGSTOP}};
+    static const std::map<std::string, int> names = {{"TERM", SIGTERM}, {"INT", SIGINT},   {"HUP", SIGHUP},
+                                                     {"PIPE", SIGPIPE}, {"USR1", SIGUSR1}, {"KILL", SIGKILL},
+                                                     {"SEGV", SIGSEGV}, {"ABRT", SIGABRT}, {"STOP", SIGSTOP}};
     const auto found = names.find(name);
     if (found == names.end())
       bad_step(*step_, "unknown signal " + name);

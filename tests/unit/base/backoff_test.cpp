@@ -9,7 +9,8 @@ namespace
 std::vector<unsigned> values(unsigned slot_time, unsigned retries, unsigned capped, bool jitter)
 {
   std::vector<unsigned> all;
-  for (Exponential_Backoff_Iterator at(slot_time, retries, capped, jitter); at != Exponential_Backoff_Iterator(); ++at)
+  for (Exponential_Backoff_Iterator at(slot_time, retries, capped, jitter);
+       at != Exponential_Backoff_Iterator(); ++at)
     all.push_back(*at);
   return all;
 }

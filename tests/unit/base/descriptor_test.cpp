@@ -15,7 +15,10 @@ using kestrel::Auto_Fd;
 
 namespace
 {
-bool is_open(int fd) { return ::fcntl(fd, F_GETFD) >= 0; }
+bool is_open(int fd)
+{
+  return ::fcntl(fd, F_GETFD) >= 0;
+}
 } // namespace
 
 TEST(Read_Write_Trait, moves_whole_counts_over_a_pipe)
@@ -30,7 +33,8 @@ TEST(Read_Write_Trait, moves_whole_counts_over_a_pipe)
   });
   std::string got(2000000, '\0');
   EXPECT_EQ(600000, read_write_trait::read_n(reader.get(), &got[0], 600000));
-  EXPECT_EQ(400000, read_write_trait::read_n(reader.get(), &got[600000], 1400000)) << "the count so far at end of file";
+  EXPECT_EQ(400000, read_write_trait::read_n(reader.get(), &got[600000], 1400000))
+      << "the count so far at end of file";
   EXPECT_EQ(0, read_write_trait::read_n(reader.get(), &got[0], 1));
   thread.join();
   EXPECT_EQ(data, got.substr(0, 1000000));

@@ -129,9 +129,12 @@ namespace
 {
 const char tcp_table[] =
     "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
-    "   0: 0100007F:07D3 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        0 1 1 0000 100 0 0 10 0\n"
-    "   1: 0100007F:1538 0100007F:07D4 01 00000000:00000000 00:00000000 00000000     0        0 2 1 0000 20 4 30 10 -1\n"
-    "  12: 00000000000000000000000001000000:07D5 00000000000000000000000000000000:0000 0A 00000000:00000000 00:00000000 0 0 0\n";
+    "   0: 0100007F:07D3 00000000:0000 0A 00000000:00000000 00:00000000 00000000     0        0 1 1 0000 100 "
+    "0 0 10 0\n"
+    "   1: 0100007F:1538 0100007F:07D4 01 00000000:00000000 00:00000000 00000000     0        0 2 1 0000 20 "
+    "4 30 10 -1\n"
+    "  12: 00000000000000000000000001000000:07D5 00000000000000000000000000000000:0000 0A 00000000:00000000 "
+    "00:00000000 0 0 0\n";
 } // namespace
 
 TEST(Check_Port_Listening, reads_the_kernels_table)
@@ -204,8 +207,9 @@ TEST(Rm_Rf, refuses_paths_that_could_name_too_much)
 {
   Temp_Dir dir;
   const std::string kept = dir.write("kept/file", "x");
-  for (const std::string& path : {std::string(), std::string("/"), std::string("//"), std::string("."), std::string("./"),
-                                  std::string("/."), std::string(".."), std::string("../x"), dir / "kept/..", dir / "kept/../kept"}) {
+  for (const std::string& path :
+       {std::string(), std::string("/"), std::string("//"), std::string("."), std::string("./"),
+        std::string("/."), std::string(".."), std::string("../x"), dir / "kept/..", dir / "kept/../kept"}) {
     errno = 0;
     EXPECT_EQ(-1, rm_rf(path.c_str())) << path;
     EXPECT_EQ(EINVAL, errno) << path;

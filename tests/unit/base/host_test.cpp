@@ -23,7 +23,8 @@ TEST(Service_Lister, finds_services_by_their_command_line)
   proc.make_dir("4");
   proc.write("self/cmdline", std::string("/opt/db/bin/oscar\0-d\0DB9\0", 25));
   std::vector<Service_Info> services(5);
-  ASSERT_EQ(0, Service_Lister(proc.path()).list_service("oscar.*-d\\s+(\\S+)", services, false, "en_US.UTF8"));
+  ASSERT_EQ(0,
+            Service_Lister(proc.path()).list_service("oscar.*-d\\s+(\\S+)", services, false, "en_US.UTF8"));
   ASSERT_EQ(2u, services.size());
   EXPECT_EQ(3, services[0].pid);
   EXPECT_EQ("/opt/db/bin/oscar -d DB1", services[0].cmd);
@@ -67,7 +68,8 @@ TEST(Service_Lister, finds_this_program)
 {
   std::vector<Service_Info> services;
   ASSERT_EQ(0, Service_Lister().list_service("unit_base", services, false, nullptr));
-  EXPECT_TRUE(std::any_of(services.begin(), services.end(), [](const Service_Info& s) { return s.pid == ::getpid(); }));
+  EXPECT_TRUE(std::any_of(services.begin(), services.end(),
+                          [](const Service_Info& s) { return s.pid == ::getpid(); }));
 }
 
 TEST(Network_Interface_Enumerator, lists_the_loopback_address_in_a_stable_order)

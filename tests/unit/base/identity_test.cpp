@@ -59,9 +59,10 @@ TEST(Uuid, knows_the_shape)
 {
   EXPECT_TRUE(kestrel::is_uuid("00000000-0000-0000-0000-000000000000"));
   EXPECT_TRUE(kestrel::is_uuid("ABCDEF01-2345-6789-abcd-ef0123456789"));
-  for (const char* text : {"", "..", "ABCDEF01-2345-6789-abcd-ef012345678", "ABCDEF01-2345-6789-abcd-ef01234567890",
-                           "ABCDEF0--2345-6789-abcd-ef0123456789", "GBCDEF01-2345-6789-abcd-ef0123456789",
-                           "ABCDEF01 2345-6789-abcd-ef0123456789", "{BCDEF01-2345-6789-abcd-ef0123456789"})
+  for (const char* text :
+       {"", "..", "ABCDEF01-2345-6789-abcd-ef012345678", "ABCDEF01-2345-6789-abcd-ef01234567890",
+        "ABCDEF0--2345-6789-abcd-ef0123456789", "GBCDEF01-2345-6789-abcd-ef0123456789",
+        "ABCDEF01 2345-6789-abcd-ef0123456789", "{BCDEF01-2345-6789-abcd-ef0123456789"})
     EXPECT_FALSE(kestrel::is_uuid(text)) << text;
   EXPECT_FALSE(kestrel::is_uuid(std::string("ABCDEF01-2345-6789-abcd-ef012345678\0", 36)));
 }

@@ -36,7 +36,10 @@ private:
   const u_long flags_;
 };
 
-unsigned lines_of(const std::string& text) { return static_cast<unsigned>(std::count(text.begin(), text.end(), '\n')); }
+unsigned lines_of(const std::string& text)
+{
+  return static_cast<unsigned>(std::count(text.begin(), text.end(), '\n'));
+}
 } // namespace
 
 TEST(Log_Line, has_a_stamp_the_priority_and_one_line_end)
@@ -44,8 +47,8 @@ TEST(Log_Line, has_a_stamp_the_priority_and_one_line_end)
   ACE_Log_Record record(LM_WARNING, ACE_OS::gettimeofday(), 1);
   record.msg_data("text without an end");
   const std::string line = kestrel::format_log_line(record);
-  EXPECT_TRUE(std::regex_match(
-      line, std::regex("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} \\[\\d+\\.\\d+\\] WARNING text without an end\n")))
+  EXPECT_TRUE(std::regex_match(line, std::regex("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} "
+                                                "\\[\\d+\\.\\d+\\] WARNING text without an end\n")))
       << line;
   record.msg_data("with an end\n");
   EXPECT_EQ(1u, lines_of(kestrel::format_log_line(record)));

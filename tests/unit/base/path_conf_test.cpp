@@ -29,8 +29,10 @@ TEST(Product_Path, stands_below_the_root)
 TEST(Path_Conf, expands_the_component_and_joins_the_parts)
 {
   Scoped_Env unset("KESTREL_ROOT", nullptr);
-  EXPECT_EQ("/var/opt/tarnvik/kestrel3/agent/oscar", Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT", "oscar").directory());
-  EXPECT_EQ("/var/opt/tarnvik/kestrel3/agent/oscar", Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT/oscar").directory());
+  EXPECT_EQ("/var/opt/tarnvik/kestrel3/agent/oscar",
+            Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT", "oscar").directory());
+  EXPECT_EQ("/var/opt/tarnvik/kestrel3/agent/oscar",
+            Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT/oscar").directory());
   kestrel::set_component_name("server");
   EXPECT_EQ("/a/server/server", Path_Conf("/a/$COMPONENT/$COMPONENT").directory());
   kestrel::set_component_name("agent");
@@ -56,5 +58,6 @@ TEST(Path_Conf, says_which_directory_cannot_be_made)
   Temp_Dir dir;
   Scoped_Env root("KESTREL_ROOT", dir.write("file", "x"));
   EXPECT_EQ(dir / "file/var/log/x", Path_Conf("/var/log").path("x"));
-  log.expect(LM_ERROR, "Failed to create directory " + (dir / "file/var/log") + ", errno=20, Not a directory\n");
+  log.expect(LM_ERROR,
+             "Failed to create directory " + (dir / "file/var/log") + ", errno=20, Not a directory\n");
 }

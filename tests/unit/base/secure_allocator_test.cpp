@@ -22,7 +22,8 @@ void release(void* memory)
 }
 } // namespace
 
-// Memory must not be looked at after it was freed, so this test program frees through functions that look before.
+// Memory must not be looked at after it was freed, so this test program frees through functions that look
+// before.
 void* operator new(size_t size)
 {
   void* const memory = ::malloc(size ? size : 1);
@@ -31,13 +32,25 @@ void* operator new(size_t size)
   return memory;
 }
 
-void* operator new(size_t size, const std::nothrow_t&) noexcept { return ::malloc(size ? size : 1); }
+void* operator new(size_t size, const std::nothrow_t&) noexcept
+{
+  return ::malloc(size ? size : 1);
+}
 
-void operator delete(void* memory) noexcept { release(memory); }
+void operator delete(void* memory) noexcept
+{
+  release(memory);
+}
 
-void operator delete(void* memory, size_t) noexcept { release(memory); }
+void operator delete(void* memory, size_t) noexcept
+{
+  release(memory);
+}
 
-void operator delete(void* memory, const std::nothrow_t&) noexcept { release(memory); }
+void operator delete(void* memory, const std::nothrow_t&) noexcept
+{
+  release(memory);
+}
 
 TEST(Secure_Allocator, wipes_memory_before_it_is_freed)
 {

@@ -19,7 +19,8 @@ TEST(Snprintf_T, formats_and_cuts)
 
 TEST(Snprintf_T, cuts_the_extension_of_a_long_instance_name)
 {
-  EXPECT_STREQ("abcdefghijklmnopqrstuvwxyz1.con", snprintf_t<32>("%s.conf", "abcdefghijklmnopqrstuvwxyz1").c_str());
+  EXPECT_STREQ("abcdefghijklmnopqrstuvwxyz1.con",
+               snprintf_t<32>("%s.conf", "abcdefghijklmnopqrstuvwxyz1").c_str());
   const std::string name(31, 'n');
   EXPECT_EQ(name, snprintf_t<32>("%s.conf", name.c_str()).c_str());
 }
@@ -66,7 +67,11 @@ TEST(Charset, passes_text_through_that_the_code_page_cannot_hold)
   Scoped_Locale locale("C");
   ASSERT_TRUE(locale.set());
   EXPECT_STREQ("plain", UTF16_String("plain").c_local());
-  EXPECT_STREQ("gr\xc3\xb6\xc3\x9f" "e", UTF16_String("gr\xc3\xb6\xc3\x9f" "e").c_local());
+  EXPECT_STREQ("gr\xc3\xb6\xc3\x9f"
+               "e",
+               UTF16_String("gr\xc3\xb6\xc3\x9f"
+                            "e")
+                   .c_local());
   EXPECT_EQ("\xff\xfe", Local_String("\xff\xfe").to_utf8());
 }
 
@@ -81,11 +86,16 @@ TEST(Charset, passes_invalid_utf8_through)
 
 TEST(Charset, converts_between_code_pages)
 {
-  std::string text = "gr\xc3\xb6\xc3\x9f" "e";
+  std::string text = "gr\xc3\xb6\xc3\x9f"
+                     "e";
   EXPECT_TRUE(kestrel::convert_charset("ISO-8859-1", "UTF-8", text, text));
-  EXPECT_EQ("gr\xf6\xdf" "e", text);
+  EXPECT_EQ("gr\xf6\xdf"
+            "e",
+            text);
   EXPECT_TRUE(kestrel::convert_charset("UTF-8", "ISO-8859-1", text, text));
-  EXPECT_EQ("gr\xc3\xb6\xc3\x9f" "e", text);
+  EXPECT_EQ("gr\xc3\xb6\xc3\x9f"
+            "e",
+            text);
   const std::string longer(10000, '\xf6');
   EXPECT_TRUE(kestrel::convert_charset("UTF-8", "ISO-8859-1", longer, text));
   EXPECT_EQ(20000u, text.size());
