@@ -292,7 +292,7 @@ bool Oscar_Brcmd_Backup_Executor::close_storage(const Run& run, Client_IO_Ex& st
     ACE_ERROR((LM_ERROR, "Failed to write to storage: %s.\n", storage.error()));
     return false;
   }
-  if (storage.original_size() == pumped.bytes && storage.original_checksum() == pumped.checksum)
+  if (pumped.is_stored_as(storage.original_size(), storage.original_checksum()))
     return true;
   raise_physical_alert(job_, 17);
   ACE_ERROR((LM_ERROR,

@@ -13,8 +13,6 @@ namespace
 {
 // An opener that has not reached its open yet is looked for again after this time.
 constexpr std::chrono::milliseconds RELEASE_RETRY(5);
-// Larger than the default of 64 KiB: fewer switches between the tool and the pump. The system may refuse it.
-constexpr int PIPE_BYTES = 1024 * 1024;
 } // namespace
 
 Stream_Fifo::~Stream_Fifo()
@@ -50,8 +48,6 @@ int Stream_Fifo::open_end(Side side)
     fd = ::open(path_.c_str(), flags);
   while (fd < 0 && errno == EINTR);
   const int error = errno;
-  if (fd >= 0)
-    ::fcntl(fd, F_SETPIPE_SZ, PIPE_BYTES);
   give_up_open();
   errno = error;
   return fd;

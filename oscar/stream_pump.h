@@ -55,6 +55,13 @@ public:
 struct Pumped_Stream {
   uint64_t bytes = 0;
   std::string checksum;
+
+  /// Whether storage holds exactly these bytes, by its own count and checksum. A missing checksum proves
+  /// nothing.
+  bool is_stored_as(uint64_t stored_bytes, const std::string& stored_checksum) const
+  {
+    return bytes == stored_bytes && !checksum.empty() && checksum == stored_checksum;
+  }
 };
 
 /// Moves the stream of a backup from the FIFO into the stored file, byte for byte, until the tool closes its

@@ -71,6 +71,18 @@ TEST(Stream_Backup_Pump, stores_the_stream_byte_for_byte)
   }
 }
 
+TEST(Stream_Backup_Pump, tells_a_stored_stream_that_differs)
+{
+  Pumped_Stream pumped;
+  EXPECT_FALSE(pumped.is_stored_as(0, "")) << "nothing was compared";
+  pumped.bytes = 10;
+  pumped.checksum = "abc";
+  EXPECT_TRUE(pumped.is_stored_as(10, "abc"));
+  EXPECT_FALSE(pumped.is_stored_as(9, "abc"));
+  EXPECT_FALSE(pumped.is_stored_as(10, "abd"));
+  EXPECT_FALSE(pumped.is_stored_as(10, ""));
+}
+
 TEST(Stream_Backup_Pump, accepts_every_info_length_around_its_limits)
 {
   for (uint32_t length = 512; length < 8300; length = length == 530 ? 8180 : length + 1) {
