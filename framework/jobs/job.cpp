@@ -39,7 +39,7 @@ Job_State end_state(Job_State state)
 } // namespace
 
 Job::Job(ACE_Refcounted_Auto_Ptr<Job_Definition, ACE_Thread_Mutex> def)
-    : def_(def), activity_(def->id()), log_(std::make_shared<kestrel::Job_Log>())
+    : definitions_(1, def), activity_(def->id()), log_(std::make_shared<kestrel::Job_Log>())
 {
   reference_counting_policy().value(ACE_Event_Handler::Reference_Counting_Policy::ENABLED);
   Job_Activity& act = *activity();
@@ -71,7 +71,8 @@ ACE_Event_Handler::Reference_Count Job::remove_reference()
 
 Job_Definition& Job::definition()
 {
-  return *def_;
+  const std::lock_guard<std::mutex> guard(definition_mutex_);
+  return *definitions_.back();
 }
 
 Job_Activity* Job::activity()

@@ -81,7 +81,7 @@ protected:
   virtual int abort_i();
 
 public:
-  /// For executors.
+  /// For executors. The definition in force; the reference holds as long as the job, after an update too.
   Job_Definition& definition();
   Job_Activity* activity();
   /// Routes lines to the log of the job's present run; drops them when no run has begun. Never null.
@@ -113,7 +113,7 @@ public:
   int switch_(const Opts* opts = nullptr);
   /// Asks the job to undo what it keeps for this definition, and removes its activity record.
   int remove(bool force = false, const Opts* opts = nullptr);
-  /// Replaces the definition, between runs only (-1, EBUSY). References from definition() end here.
+  /// Replaces the definition, between runs only (-1, EBUSY).
   int update(ACE_Refcounted_Auto_Ptr<Job_Definition, ACE_Thread_Mutex> def);
   int rollback();
   int setup_ondemand();
@@ -156,7 +156,8 @@ private:
   int fail_start();
 
   std::atomic<Reference_Count> references_{1};
-  Job_Definition_Ptr def_;
+  mutable std::mutex definition_mutex_;
+  std::vector<Job_Definition_Ptr> definitions_; // the last one is in force
   Mem_Map_Handle<Job_Activity, Job_Activity_Path_Conf, 4096u> activity_;
   std::shared_ptr<kestrel::Job_Log> log_;
   mutable std::recursive_mutex control_mutex_; // held while a control slot runs

@@ -231,7 +231,9 @@ int Job::update(ACE_Refcounted_Auto_Ptr<Job_Definition, ACE_Thread_Mutex> def)
   }
   const int result = update_i(def);
   if (result == 0) {
-    def_ = def;
+    // A rollback or a listener may still use the one before.
+    const std::lock_guard<std::mutex> guard(definition_mutex_);
+    definitions_.push_back(def);
   }
   return result;
 }

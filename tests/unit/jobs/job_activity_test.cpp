@@ -159,7 +159,7 @@ TEST(Mapped_Value, compares_before_it_exchanges)
   EXPECT_EQ(5, value);
 }
 
-TEST(Job_Activity_Layout, does_not_depend_on_the_word_size)
+TEST(Job_Activity_Layout, is_a_file_format_with_aligned_64_bit_values)
 {
   EXPECT_EQ(0u, offsetof(Job_Activity, magic));
   EXPECT_EQ(8u, offsetof(Job_Activity, state));

@@ -92,6 +92,7 @@ struct Script {
   std::function<bool(Job&)> active = [](Job&) { return true; };
   std::function<bool()> pre_action; // empty: the executor's own
   std::function<void()> constructing = [] {};
+  std::function<void(const Job_Definition&)> rolling_back = [](const Job_Definition&) {};
   bool condition = true;
   int password_code = 0;
   bool results = true; // of everything else
@@ -99,7 +100,6 @@ struct Script {
   std::atomic<unsigned> works{0}, removes{0}, remove_ondemands{0}, setups{0}, updates{0}, rollbacks{0},
       post_actions{0};
   std::atomic<unsigned> alive{0}; // executors
-  Gate rolled_back;
   std::mutex mutex;
   bool got_options = false;
   std::map<std::string, json_spirit::Value> options;
@@ -128,7 +128,7 @@ public:
   bool rollback() override
   {
     ++script_.rollbacks;
-    script_.rolled_back.open();
+    script_.rolling_back(def_);
     return script_.results;
   }
 

@@ -430,4 +430,24 @@ TEST_F(Job_Lifecycle, a_rollback_keeps_the_job_until_its_thread_has_ended)
   EXPECT_TRUE(Job::wait_all_runs(30000));
   EXPECT_EQ(1u, script_.rollbacks);
 }
+
+TEST_F(Job_Lifecycle, a_rollback_keeps_its_definition_while_the_job_gets_another)
+{
+  Gate rolling, updated;
+  std::string name;
+  script_.rolling_back = [&](const Job_Definition& def) {
+    rolling.open();
+    updated.wait();
+    name = def.name();
+  };
+  const Job_Ptr job = make_job();
+  ASSERT_EQ(0, job->rollback());
+  rolling.wait();
+  kestrel::Job_Definition_Fields fields = plain_fields();
+  fields.name = "hourly";
+  EXPECT_EQ(0, job->update(make_definition(fields)));
+  updated.open();
+  EXPECT_TRUE(Job::wait_all_runs(30000));
+  EXPECT_EQ("nightly", name);
+}
 } // namespace kestrel_test
