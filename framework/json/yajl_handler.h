@@ -5,6 +5,7 @@
 #include <ace/Refcounted_Auto_Ptr.h>
 #include <ace/Thread_Mutex.h>
 
+#include <memory>
 #include <string>
 
 /// Receives the events of one JSON document. A handler returns true to continue, false to stop.
@@ -49,10 +50,18 @@ public:
   int error() const { return err_; }
 
 protected:
-  explicit YAJL_Parser(T* object) : result_(object) {}
+  /// Takes over `object`. Throws std::bad_alloc, with it freed, when there is no memory to count its
+  /// references.
+  explicit YAJL_Parser(T* object) : YAJL_Parser(std::unique_ptr<T>(object)) {}
 
   int err_ = 0;
   ACE_Refcounted_Auto_Ptr<T, ACE_Thread_Mutex> result_;
+
+private:
+  explicit YAJL_Parser(std::unique_ptr<T> object) : result_(object.get())
+  {
+    static_cast<void>(object.release());
+  }
 };
 
 namespace kestrel
