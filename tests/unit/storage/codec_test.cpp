@@ -1,0 +1,171 @@
+#include "storage/codec.h"
+
+#include "unit/storage/storage_fixture.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace
+{
+using kestrel_test::test_content;
+
+class Text_Sink : public kestrel::Byte_Sink
+{
+public:
+  bool put(const char* data, unsigned n) override
+  {
+    text_.append(data, n);
+    return text_.size() <= most_;
+  }
+
+  std::string text_;
+  size_t most_ = std::string::npos;
+};
+
+class Text_Source : public kestrel::Byte_Source
+{
+public:
+  Text_Source(const std::string& text, unsigned portion) : text_(text), portion_(portion) {}
+  int get(const char*& data) override
+  {
+    if (done_ >= fail_at_)
+      return -1;
+    const size_t n = std::min<size_t>(portion_, text_.size() - done_);
+    data = text_.data() + done_;
+    done_ += n;
+    return static_cast<int>(n);
+  }
+
+  size_t fail_at_ = std::string::npos;
+
+private:
+  const std::string text_;
+  const unsigned portion_;
+  size_t done_ = 0;
+};
+
+class Codec : public testing::TestWithParam<Compression_Method>
+{
+protected:
+  static std::string compress(const std::string& content)
+  {
+    std::string error;
+    Text_Sink sink;
+    const auto compressor = kestrel::make_compressor(GetParam(), 1, 1, error);
+    EXPECT_NE(nullptr, compressor) << error;
+    EXPECT_TRUE(compressor->add(content.data(), static_cast<unsigned>(content.size()), sink));
+    EXPECT_TRUE(compressor->finish(sink));
+    return sink.text_;
+  }
+
+  static bool decompress(Text_Source& source, std::string& content, std::string& error,
+                         unsigned capacity = 1000)
+  {
+    const auto decompressor = kestrel::make_decompressor(GetParam(), error);
+    std::vector<char> out(capacity);
+    unsigned produced = capacity;
+    content.clear();
+    while (produced == capacity) {
+      if (!decompressor->fill(source, out.data(), capacity, produced)) {
+        error = decompressor->error();
+        return false;
+      }
+      content.append(out.data(), produced);
+    }
+    return true;
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(All, Codec, testing::Values(COMPRESSION_ZLIB, COMPRESSION_LZ4, COMPRESSION_ZSTD),
+                         [](const auto& info) { return std::string(compression_value_to_name(info.param)); });
+
+TEST_P(Codec, gives_back_the_stream_for_any_portions_of_input_and_output)
+{
+  const std::string content = test_content(300000);
+  const std::string compressed = compress(content);
+  EXPECT_EQ(GetParam(), kestrel::detect_compression(compressed.data(), kestrel::COMPRESSION_MAGIC_BYTES));
+  std::string got;
+  std::string error;
+  for (const unsigned portion : {1u, 7u, 4096u, 1000000u}) {
+    for (const unsigned capacity : {13u, 4096u, 300000u, 300001u}) {
+      Text_Source source(compressed, portion);
+      ASSERT_TRUE(decompress(source, got, error, capacity)) << error;
+      ASSERT_TRUE(content == got) << portion << " " << capacity;
+    }
+  }
+}
+
+TEST_P(Codec, reads_frames_that_follow_each_other)
+{
+  const std::string compressed = compress("first ") + compress("") + compress("second");
+  for (const unsigned portion : {1u, 1000u}) {
+    Text_Source source(compressed, portion);
+    std::string got;
+    std::string error;
+    ASSERT_TRUE(decompress(source, got, error)) << error;
+    EXPECT_EQ("first second", got);
+  }
+}
+
+TEST_P(Codec, refuses_a_frame_cut_anywhere)
+{
+  const std::string compressed = compress("some words to be compressed, some words to be compressed");
+  std::string got;
+  std::string error;
+  for (size_t size = 0; size < compressed.size(); ++size) {
+    Text_Source source(compressed.substr(0, size), 5);
+    error.clear();
+    EXPECT_FALSE(decompress(source, got, error)) << size;
+    EXPECT_EQ(size == 0 ? "the compressed data is missing" : "the compressed data ends early", error) << size;
+  }
+}
+
+TEST_P(Codec, refuses_what_follows_a_frame_and_is_none)
+{
+  std::string got;
+  std::string error;
+  for (const std::string& tail : {std::string("x"), std::string("trailing bytes"), std::string(100, '\0')}) {
+    Text_Source source(compress("content") + tail, 1000);
+    EXPECT_FALSE(decompress(source, got, error));
+    EXPECT_NE("", error);
+  }
+}
+
+TEST_P(Codec, stops_when_the_sink_or_the_source_fails)
+{
+  const std::string content = test_content(2000000);
+  std::string error;
+  Text_Sink sink;
+  sink.most_ = 1000;
+  const auto compressor = kestrel::make_compressor(GetParam(), 1, 1, error);
+  EXPECT_FALSE(compressor->add(content.data(), 2000000, sink) && compressor->finish(sink));
+  EXPECT_EQ("", compressor->error());
+
+  Text_Source source(compress(content), 1000);
+  source.fail_at_ = 5000;
+  std::string got;
+  EXPECT_FALSE(decompress(source, got, error));
+  EXPECT_EQ("", error);
+}
+
+TEST(Codec_Choice, knows_no_codec_for_other_methods)
+{
+  for (const Compression_Method method : {COMPRESSION_NONE, 4u}) {
+    std::string error;
+    EXPECT_EQ(nullptr, kestrel::make_compressor(method, 1, 1, error));
+    EXPECT_EQ("compression method " + std::to_string(method) + " is unknown", error);
+    EXPECT_EQ(nullptr, kestrel::make_decompressor(method, error));
+  }
+}
+
+TEST(Codec_Choice, detects_no_method_in_short_or_other_bytes)
+{
+  EXPECT_EQ(COMPRESSION_NONE, kestrel::detect_compression("\x1f\x8b", 2));
+  EXPECT_EQ(COMPRESSION_NONE, kestrel::detect_compression("\x28\xb5\x2f", 3));
+  EXPECT_EQ(COMPRESSION_NONE, kestrel::detect_compression("\x1f\x8b\x07\x00", 4));
+  EXPECT_EQ(COMPRESSION_NONE, kestrel::detect_compression(nullptr, 0));
+}
+} // namespace
