@@ -14,14 +14,13 @@
 #include <string>
 
 /// The base of every executor: the sequence that each run of a job goes through, around the executor's own
-/// work.
+/// work. An executor lives for one call only (one run, one removal, one update...), so it keeps nothing
+/// between calls.
 ///
-/// An executor lives for one call only (one run, one removal, one update...), so it keeps nothing between
-/// calls. Threads:   one; the state it polls in the activity record is changed by control requests on other
-/// threads. Ownership: the job is not owned and outlives the executor; everything else belongs to the job.
+/// Threads:   one; the state it polls in the activity record is changed by control requests on other threads.
+/// Ownership: the job is not owned and outlives the executor; everything else belongs to the job.
 /// Errors:    false = the run did not succeed; the event handler has reported the result, and whoever failed
-/// has logged
-///            why.
+///            has logged why.
 template <class Src, class Opt, class EH> class Job_Executor_T
 {
 public:

@@ -15,8 +15,7 @@
 ///
 /// Threads:   one owner; running() may be asked from elsewhere.
 /// Ownership: a joinable thread is joined by the destructor. A detached thread is not tracked at all: it may
-/// outlive the
-///            helper, and it touches nothing of it once it has begun.
+///            outlive the helper, and it touches nothing of it once it has begun.
 /// Errors:    negative = no thread was started.
 class Thread_Helper
 {

@@ -33,16 +33,13 @@ typedef std::shared_ptr<Job> Job_Hold;
 /// A backup or restore job: the base that a module's jobs derive from, and what a host drives.
 ///
 /// Threads:   the public operations may be called from any thread. The control slots (the operations that end
-/// in _i)
-///            are called one at a time for one job; a run goes on meanwhile on its own thread.
+///            in _i) are called one at a time for one job; a run goes on meanwhile on its own thread.
 /// Ownership: counted by reference; a new job has one reference, which its creator takes over. From start()
-/// until the
-///            thread that called complete() has ended the framework holds one more, so that a run's thread
-///            may use its raw pointer to the job.
+///            until the thread that called complete() has ended the framework holds one more, so that a run's
+///            thread may use its raw pointer to the job.
 /// Errors:    int results are 0 or -1; a control request without a run to act on fails with errno ESRCH.
 /// Crash:     leaves the activity record in the state it had; the next job object of that definition turns a
-/// state of a
-///            run in progress into ERROR.
+///            state of a run in progress into ERROR.
 ///
 /// The order of the virtual operations is part of the contract with modules.
 class Job : public ACE_Event_Handler

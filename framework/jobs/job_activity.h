@@ -11,7 +11,7 @@ namespace kestrel
 {
 /// A plain value in a mapped record that several threads read and write without a lock: every access is a
 /// relaxed atomic one, so a reader sees an old or a new value and never a torn one. It reads and assigns like
-/// a T. Aligned to its size, so that 64-bit values are atomic and the layout is the same on 32-bit hosts.
+/// a T. Aligned to its size, without which a 64-bit value would not be atomic on 32-bit hosts.
 template <class T> class Mapped_Value
 {
 public:
@@ -72,8 +72,8 @@ namespace kestrel
 {
 /// The untyped part of Mem_Map_Handle: maps a file of fixed size, shared, for one owner at a time.
 /// Errors: when the file cannot be had (no directory, no space, owned by another process), the bytes are
-/// plain memory of
-///         this process: the job runs all the same and one line in the log tells where and why.
+///         plain memory of this process: the job runs all the same and one line in the log tells where and
+///         why.
 class Mapped_File
 {
 public:

@@ -7,6 +7,7 @@
 
 /// Makes a module's jobs. One object per loaded module.
 /// Threads: create() from any thread, after init().
+///
 /// The order of the virtual operations is part of the contract with modules.
 class Job_Creator
 {

@@ -43,8 +43,8 @@ public:
                           std::size_t limit_bytes = NETWORK_LIMIT_BYTES) const;
   [[nodiscard]] bool load_file(const std::string& path, Job_Definition_Ptr& out, std::string& error) const;
 
-  /// The definition as JSON text that load() accepts; members that have their default value are left out,
-  /// and a protection password is replaced by "***": only whether there is one matters to a job.
+  /// The definition as JSON text that load() accepts; members that have their default value are left out, and
+  /// a protection password is replaced by "***": only whether there is one matters to a job.
   [[nodiscard]] static bool generate(const Job_Definition& definition, std::string& text, std::string& error);
 
 private:

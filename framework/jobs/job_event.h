@@ -124,9 +124,9 @@ private:
   Job_State state_;
 };
 
-/// Gets the events of all jobs, in the order in which they were put, on the event manager's thread.
-/// A listener must not block for long (the queue is bounded, and jobs wait when it is full), must not wait
-/// for a job's end, and must not throw.
+/// Gets the events of all jobs, in the order in which they were put, on the event manager's thread. A
+/// listener must not block for long (the queue is bounded, and jobs wait when it is full), must not wait for
+/// a job's end, and must not throw.
 class Job_Event_Listener
 {
 public:
@@ -141,9 +141,12 @@ public:
 } // namespace kestrel
 
 /// The queue between the jobs and everyone who follows them: a bounded queue, one consumer thread, any
-/// listeners. Threads:   all operations from any thread. Shutdown:  close() delivers what is queued, ends the
-/// consumer and refuses later events; it blocks until that is done.
-///            It runs by itself when the process exits.
+/// listeners.
+///
+/// Threads:  all operations from any thread.
+/// Shutdown: close() delivers what is queued, ends the consumer and refuses later events; it blocks until
+/// that
+///           is done. It runs by itself when the process exits.
 class Job_Event_Manager
 {
 public:

@@ -8,8 +8,7 @@
 /// One mutex for each job source in this process: two jobs on one source run one after the other.
 /// Threads:   any.
 /// Ownership: the mutexes are never freed, so a guard may outlive the pointer it was made from; their number
-/// is that
-///            of the sources ever used.
+///            is that of the sources ever used.
 class Job_Mutex
 {
 public:

@@ -6,7 +6,9 @@
 #include <string>
 
 /// One schedule of a job definition, as plain data: when the job is due is decided by whoever drives the
-/// jobs. Threads: immutable after construction.
+/// jobs.
+///
+/// Threads: immutable after construction.
 class Job_Schedule
 {
 public:
