@@ -54,7 +54,7 @@ int run_backup(Session& session)
     return session.fail("the backup of " + name + " cannot be defined: " + error);
 
   session.note("Backing " + name + " up to pool " + pool.name + " (" + line.level + ", " + line.compression + ")");
-  const Job_Report job = run_job(session, definition, name, "backup of " + name);
+  const Job_Report job = run_job(session, definition, {name, "backup of " + name, "nothing of it was kept"});
   if (job.exit_code != EXIT_CODE_DONE)
     return job.exit_code;
 

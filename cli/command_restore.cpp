@@ -109,8 +109,9 @@ int run_restore(Session& session)
   std::string error;
   if (!session.host().loader().load(restore_definition(session.host().identity(), request), definition, error))
     return session.fail("the restore of " + request.instance_name + " cannot be defined: " + error);
-  const Job_Report job =
-      run_job(session, definition, request.instance_name, "restore of " + request.instance_name);
+  const Job_Report job = run_job(session, definition,
+                                 {request.instance_name, "restore of " + request.instance_name,
+                                  "look at the instance's data before anybody works with it, or restore again"});
   if (job.exit_code != EXIT_CODE_DONE)
     return job.exit_code;
 
@@ -134,7 +135,7 @@ int run_definition_file(Session& session)
   if (!session.host().loader().load_file(file == "-" ? "/dev/stdin" : file, definition, error))
     return session.fail("the job definition " + file + " is refused: " + error);
   const std::string name = definition->name().empty() ? definition->id() : definition->name();
-  const Job_Report job = run_job(session, definition, name, "job " + name);
+  const Job_Report job = run_job(session, definition, {name, "job " + name, "the job log says how far it came"});
   if (job.exit_code != EXIT_CODE_DONE)
     return job.exit_code;
   json_spirit::Object json;

@@ -27,15 +27,16 @@ int exit_code_of(Job_State state)
   }
 }
 
-void report(Session& session, const std::string& what, const Job_Report& report)
+void report(Session& session, const Job_Words& words, const Job_Report& report)
 {
+  const std::string& what = words.what;
   const Job_Run_Result& run = report.run;
   const std::string reason = run.reason.empty() ? "" : ": " + run.reason;
   switch (report.exit_code) {
   case EXIT_CODE_DONE:
     return;
   case EXIT_CODE_CANCELED:
-    session.fail("the " + what + " was canceled; nothing of it was kept", report.exit_code, run.log_path);
+    session.fail("the " + what + " was canceled; " + words.after_cancel, report.exit_code, run.log_path);
     return;
   case EXIT_CODE_SKIPPED:
     session.fail("the " + what + " was skipped" +
@@ -49,11 +50,10 @@ void report(Session& session, const std::string& what, const Job_Report& report)
 }
 } // namespace
 
-Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const std::string& label,
-                   const std::string& what)
+Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const Job_Words& words)
 {
   const bool silent = session.line().quiet || session.line().json;
-  Progress_Display display(stderr, silent ? Progress_Display::Mode::quiet : progress_mode_of(stderr), label);
+  Progress_Display display(stderr, silent ? Progress_Display::Mode::quiet : progress_mode_of(stderr), words.label);
   std::mutex display_mutex; // progress comes from the event thread, notes from this one
   Job_Report job;
   uint64_t bytes = 0;
@@ -85,11 +85,11 @@ Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const
   job.bytes = bytes;
   display.finish();
   if (!ran) {
-    session.fail("the " + what + " did not start: " + error);
+    session.fail("the " + words.what + " did not start: " + error);
     return job;
   }
   job.exit_code = exit_code_of(job.run.state);
-  report(session, what, job);
+  report(session, words, job);
   return job;
 }
 } // namespace kestrel

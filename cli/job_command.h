@@ -15,8 +15,11 @@ struct Job_Report {
 };
 
 /// Runs one job with progress on the standard error output; SIGINT and SIGTERM send it one stop request.
-/// `label` stands before the bar; `what` names the work in messages: "backup of DB1".
 /// A run that did not succeed is reported with Session::fail() before this returns.
-Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const std::string& label,
-                   const std::string& what);
+struct Job_Words {
+  std::string label;        ///< stands before the bar
+  std::string what;         ///< names the work in messages: "backup of DB1"
+  std::string after_cancel; ///< what a cancel leaves behind: "nothing of it was kept"
+};
+Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const Job_Words& words);
 } // namespace kestrel

@@ -24,7 +24,7 @@ note "a backup, slowed down, at several moments"
 for msec in 200 1500 4000; do
   interrupt_after "$msec" "$kestrel" backup "$name" --compression none --rate-limit 3m
   equal "$status" 3 "exit code of a backup interrupted after $msec ms"
-  said "the backup of $name was canceled"
+  said "the backup of $name was canceled; nothing of it was kept"
   nothing_left
   equal "$(backup_count)" 1
 done
