@@ -4,6 +4,7 @@
 #include "cli/text_format.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <sys/ioctl.h>
@@ -55,7 +56,7 @@ std::string Progress_Display::rate_text(int64_t now_msec) const
   std::string text = format_bytes(static_cast<uint64_t>(bytes_per_msec * 1000)) + "/s";
   if (total_bytes_ > done_bytes_)
     text += "  " +
-            format_duration(static_cast<int64_t>(static_cast<double>(total_bytes_ - done_bytes_) / bytes_per_msec / 1000)) +
+            format_duration(std::llround(static_cast<double>(total_bytes_ - done_bytes_) / bytes_per_msec / 1000)) +
             " left";
   return text;
 }
