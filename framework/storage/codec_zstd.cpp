@@ -33,7 +33,7 @@ public:
     }
     if (!set(ZSTD_c_compressionLevel, level) || !set(ZSTD_c_checksumFlag, 1) || !bound_memory(level))
       return fail_init(error);
-    if (workers > 1 && (!set(ZSTD_c_nbWorkers, static_cast<int>(workers)) || !set(ZSTD_c_jobSize, JOB_BYTES)))
+    if (workers > 0 && (!set(ZSTD_c_nbWorkers, static_cast<int>(workers)) || !set(ZSTD_c_jobSize, JOB_BYTES)))
       return fail_init(error);
     return true;
   }

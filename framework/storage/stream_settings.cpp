@@ -23,8 +23,8 @@ const unsigned LIMITED_BLOCK_COUNT = 4;
 const unsigned MOST_WORKERS_BY_DEFAULT = 4;
 // Each worker costs some megabytes.
 const unsigned MOST_WORKERS = 16;
-// Below this speed one thread keeps up, and less data waits inside the compressor when a job is cancelled.
-const uint64_t ONE_WORKER_BYTES_PER_SECOND = 8 * 1024 * 1024;
+// Below this speed the stream's own thread keeps up, and less data waits inside the compressor when a job is cancelled.
+const uint64_t NO_WORKER_BYTES_PER_SECOND = 8 * 1024 * 1024;
 } // namespace
 
 Stream_Settings write_settings(Compression_Method method, uint64_t bytes_per_second)
@@ -46,8 +46,8 @@ Stream_Settings read_settings(uint64_t bytes_per_second)
 unsigned compression_workers(const Client_IO_Base::Options& options)
 {
   const uint64_t limit = options.rate_limits.write_limit();
-  if (limit != 0 && limit < ONE_WORKER_BYTES_PER_SECOND)
-    return 1;
+  if (limit != 0 && limit < NO_WORKER_BYTES_PER_SECOND)
+    return 0;
   if (options.compression_workers != 0)
     return std::min(options.compression_workers, MOST_WORKERS);
   return std::clamp(std::thread::hardware_concurrency(), 1u, MOST_WORKERS_BY_DEFAULT);

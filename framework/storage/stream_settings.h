@@ -16,6 +16,6 @@ struct Stream_Settings {
 Stream_Settings write_settings(Compression_Method method, uint64_t bytes_per_second);
 Stream_Settings read_settings(uint64_t bytes_per_second);
 
-/// The threads that compress one stream with these options.
+/// The threads that compress one stream with these options, besides the stream's own; 0 for a slow limit.
 unsigned compression_workers(const Client_IO_Base::Options& options);
 } // namespace kestrel
