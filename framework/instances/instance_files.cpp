@@ -5,6 +5,7 @@
 #include "base/path_conf.h"
 #include "json/json_util.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -102,6 +103,22 @@ bool load(const std::string& path, bool (*parse)(const std::string&, Content&, s
   return true;
 }
 
+bool same_keys(const Instance_Map& one, const Instance_Map& other)
+{
+  return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                    [](const auto& a, const auto& b) { return a.first == b.first; });
+}
+
+/// With the user names: they enter the encryption of the passwords.
+bool same_keys(const Account_Map& one, const Account_Map& other)
+{
+  return std::equal(one.accounts.begin(), one.accounts.end(), other.accounts.begin(), other.accounts.end(),
+                    [](const auto& a, const auto& b) {
+                      return !(a.first < b.first) && !(b.first < a.first) &&
+                             a.second.username == b.second.username;
+                    });
+}
+
 template <class Content>
 bool change_file(const std::string& path, bool (*parse)(const std::string&, Content&, std::string&),
                  std::string (*write)(const Content&),
@@ -121,9 +138,15 @@ bool change_file(const std::string& path, bool (*parse)(const std::string&, Cont
     const std::string after = write(content);
     if (after == before)
       return true;
+    // JSON cannot hold every text and every depth. What would not come back as it is must not replace what
+    // does.
+    Content again;
     std::string cause;
-    if (write_file_durably(path, after, 0600, cause))
+    const bool same = parse(after, again, cause) && same_keys(content, again);
+    if (same && write_file_durably(path, after, 0600, cause))
       return true;
+    if (!same)
+      cause = "a name or user name is not valid UTF-8, or an option is nested too deeply";
     error = "Cannot write " + path + ": " + cause;
   } catch (const std::exception& failure) { // options nested deeper than JSON may be
     error = "Cannot write " + path + ": " + failure.what();

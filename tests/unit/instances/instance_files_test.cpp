@@ -135,6 +135,30 @@ TEST_F(Instance_Files_Test, a_damaged_file_is_named_and_never_overwritten)
   }
 }
 
+// The writer replaces invalid UTF-8: two names could become one, and a changed user name would not decrypt.
+TEST_F(Instance_Files_Test, texts_that_json_cannot_hold_are_refused)
+{
+  register_instance("DB");
+  store_account("DB", "", "SYS", "secret");
+  const std::string instances = kestrel_test::read_file(state("instances.json"));
+  const std::string accounts = kestrel_test::read_file(state("accounts.json"));
+  const std::string bad = "A\xff";
+  EXPECT_EQ(-1, registry_.merge_probe({{bad, make_instance(bad)}}, error_));
+  EXPECT_NE(std::string::npos, error_.find("not valid UTF-8")) << error_;
+  EXPECT_EQ(-1,
+            registry_.merge_probe({{"1", make_instance("A\xff")}, {"2", make_instance("A\xfe")}}, error_));
+  EXPECT_EQ(-1, registry_.set_account("oscar", bad, "", "SYS", "x", error_));
+  EXPECT_EQ(-1, registry_.set_account("oscar", "DB", bad, "SYS", "x", error_));
+  EXPECT_EQ(-1, registry_.set_account("oscar", "DB", "", bad, "x", error_));
+  EXPECT_NE(std::string::npos, error_.find(state("accounts.json"))) << error_;
+  EXPECT_EQ(instances, kestrel_test::read_file(state("instances.json")));
+  EXPECT_EQ(accounts, kestrel_test::read_file(state("accounts.json")));
+
+  const std::string odd("n\0\n\"\xc3\xa4", 6);
+  store_account("DB", odd, odd, odd.c_str());
+  EXPECT_EQ(odd + "/n", account("DB", odd)) << "any valid text is kept";
+}
+
 TEST_F(Instance_Files_Test, both_files_are_private)
 {
   register_instance("DB");
