@@ -126,14 +126,8 @@ bool get_instance_info(std::map<std::string, Oscar_Instance_Info>& inst_infos, c
 
 bool get_vip_from_conf(const char* oscar_home, const char* instance, std::string& vip)
 {
-  if (oscar::null_or_empty(oscar_home)) {
-    OSCAR_LOG_NULL_OR_EMPTY("oscar_home");
+  if (!OSCAR_TEXT_GIVEN(oscar_home) || !OSCAR_TEXT_GIVEN(instance))
     return false;
-  }
-  if (oscar::null_or_empty(instance)) {
-    OSCAR_LOG_NULL_OR_EMPTY("instance");
-    return false;
-  }
   const std::string path = oscar::instance_conf_file(oscar_home, instance);
   if (!is_regular_file(path.c_str())) {
     ACE_ERROR((LM_ERROR, "Instance config file %s does not exist.\n", path.c_str()));

@@ -109,14 +109,8 @@ int Osrimp_Version_Line_Handler::handle_stdout_line(const char* line, unsigned i
 bool get_version(const char* oscar_home, unsigned short port, const char* instance, std::string& version,
                  bool full_version)
 {
-  if (oscar::null_or_empty(oscar_home)) {
-    OSCAR_LOG_NULL_OR_EMPTY("oscar_home");
+  if (!OSCAR_TEXT_GIVEN(oscar_home) || !OSCAR_TEXT_GIVEN(instance))
     return false;
-  }
-  if (oscar::null_or_empty(instance)) {
-    OSCAR_LOG_NULL_OR_EMPTY("instance");
-    return false;
-  }
   const snprintf_t<4096> command("%s -p %u -d %s -c \"select version()\"",
                                  tool_path(oscar_home, "isql").c_str(), static_cast<unsigned>(port),
                                  instance);
@@ -126,10 +120,8 @@ bool get_version(const char* oscar_home, unsigned short port, const char* instan
 
 bool get_isql_version(const char* oscar_home, std::string& version, bool full_version)
 {
-  if (oscar::null_or_empty(oscar_home)) {
-    OSCAR_LOG_NULL_OR_EMPTY("oscar_home");
+  if (!OSCAR_TEXT_GIVEN(oscar_home))
     return false;
-  }
   const snprintf_t<4096> command("%s --version", tool_path(oscar_home, "isql").c_str());
   Version_Line_Handler handler(version, full_version);
   return run_probe(oscar_home, command.c_str(), handler, version);
@@ -137,10 +129,8 @@ bool get_isql_version(const char* oscar_home, std::string& version, bool full_ve
 
 bool get_osrimp_version(const char* oscar_home, std::string& version)
 {
-  if (oscar::null_or_empty(oscar_home)) {
-    OSCAR_LOG_NULL_OR_EMPTY("oscar_home");
+  if (!OSCAR_TEXT_GIVEN(oscar_home))
     return false;
-  }
   const snprintf_t<4096> command("%s -v", tool_path(oscar_home, "osrimp").c_str());
   Osrimp_Version_Line_Handler handler(version);
   return run_probe(oscar_home, command.c_str(), handler, version) && !version.empty();

@@ -86,19 +86,6 @@ bool set_command_line(const char* cmd, ACE_Process_Options& opts)
              static_cast<ACE_UINT64>(length), static_cast<ACE_UINT64>(Max_Command_Bytes), Max_Arguments - 1));
   return false;
 }
-
-bool check_arguments(const char* oscar_home, const char* cmd)
-{
-  if (oscar::null_or_empty(oscar_home)) {
-    OSCAR_LOG_NULL_OR_EMPTY("oscar_home");
-    return false;
-  }
-  if (oscar::null_or_empty(cmd)) {
-    OSCAR_LOG_NULL_OR_EMPTY("cmd");
-    return false;
-  }
-  return true;
-}
 } // namespace
 
 Execute_Cmd_Line_Handler::Execute_Cmd_Line_Handler(std::string* error, bool logging_stdout)
@@ -135,10 +122,8 @@ int Execute_Cmd_Line_Handler::handle_stderr_line(const char* line, unsigned int 
 
 bool set_process_opts(const char* oscar_home, ACE_Process_Options& opts)
 {
-  if (oscar::null_or_empty(oscar_home)) {
-    OSCAR_LOG_NULL_OR_EMPTY("oscar_home");
+  if (!OSCAR_TEXT_GIVEN(oscar_home))
     return false;
-  }
   const char* const reason = "a full environment buffer shows as a tool that does not find its files";
   kestrel::ignore_result(opts.setenv("SZ_OSCAR_HOME", "%s", oscar_home), reason);
   opts.handle_inheritance(0);
@@ -152,10 +137,8 @@ bool set_process_opts(const char* oscar_home, ACE_Process_Options& opts)
 
 bool set_process_opts(const char* oscar_home, const char* cmd, ACE_Process_Options& opts)
 {
-  if (oscar::null_or_empty(cmd)) {
-    OSCAR_LOG_NULL_OR_EMPTY("cmd");
+  if (!OSCAR_TEXT_GIVEN(cmd))
     return false;
-  }
   const bool fits = set_command_line(cmd, opts);
   return set_process_opts(oscar_home, opts) && fits;
 }
@@ -177,7 +160,7 @@ int execute_oscar_cmd(const char* oscar_home, const char* cmd, const Oscar_Cmd_L
                       std::shared_ptr<ACE_Log_Msg_Callback> log_msg_callback,
                       Text_Process_Handler& cmd_handler)
 {
-  if (!check_arguments(oscar_home, cmd))
+  if (!OSCAR_TEXT_GIVEN(oscar_home) || !OSCAR_TEXT_GIVEN(cmd))
     return -1;
   log_command(cmd, is_brcmd, login);
 
@@ -207,7 +190,7 @@ int execute_oscar_brcmd_spawn(const char* oscar_home, const char* cmd, const Osc
                               std::shared_ptr<ACE_Log_Msg_Callback> log_msg_callback,
                               Execute_Cmd_Line_Handler& cmd_handler)
 {
-  if (!check_arguments(oscar_home, cmd))
+  if (!OSCAR_TEXT_GIVEN(oscar_home) || !OSCAR_TEXT_GIVEN(cmd))
     return -1;
   log_command(cmd, true, login);
 

@@ -59,32 +59,6 @@ bool read_port(const std::string& path, unsigned short& port)
   return false;
 }
 
-bool check_pointers(const char* oscar_home, const char* instance)
-{
-  if (oscar_home == nullptr) {
-    OSCAR_LOG_NULL("oscar_home");
-    return false;
-  }
-  if (instance == nullptr) {
-    OSCAR_LOG_NULL("instance");
-    return false;
-  }
-  return true;
-}
-
-bool check_home_and_instance(const char* oscar_home, const char* instance)
-{
-  if (oscar::null_or_empty(oscar_home)) {
-    OSCAR_LOG_NULL_OR_EMPTY("oscar_home");
-    return false;
-  }
-  if (oscar::null_or_empty(instance)) {
-    OSCAR_LOG_NULL_OR_EMPTY("instance");
-    return false;
-  }
-  return true;
-}
-
 // Gives the server time to come up; its success is not the start's.
 void wait_online(const char* oscar_home, const char* instance)
 {
@@ -100,16 +74,9 @@ void wait_online(const char* oscar_home, const char* instance)
 bool test_login_instance(const char* oscar_home, const char* instance, const char* username,
                          const char* password, std::string* error)
 {
-  if (!check_home_and_instance(oscar_home, instance))
+  if (!OSCAR_TEXT_GIVEN(oscar_home) || !OSCAR_TEXT_GIVEN(instance) || !OSCAR_TEXT_GIVEN(username) ||
+      !OSCAR_TEXT_GIVEN(password))
     return false;
-  if (oscar::null_or_empty(username)) {
-    OSCAR_LOG_NULL_OR_EMPTY("username");
-    return false;
-  }
-  if (oscar::null_or_empty(password)) {
-    OSCAR_LOG_NULL_OR_EMPTY("password");
-    return false;
-  }
   unsigned short port = 0;
   if (!get_instance_port(oscar_home, instance, port)) {
     ACE_ERROR((LM_ERROR, "Failed to get port.\n"));
@@ -125,7 +92,7 @@ bool test_login_instance(const char* oscar_home, const char* instance, const cha
 bool get_instance_port(const char* oscar_home, const char* instance, unsigned short& port)
 {
   port = 0;
-  if (!check_home_and_instance(oscar_home, instance))
+  if (!OSCAR_TEXT_GIVEN(oscar_home) || !OSCAR_TEXT_GIVEN(instance))
     return false;
   const std::string path = oscar::instance_conf_file(oscar_home, instance);
   if (!is_regular_file(path.c_str())) {
@@ -140,7 +107,7 @@ bool get_instance_port(const char* oscar_home, const char* instance, unsigned sh
 bool get_instance_state(const char* oscar_home, const char* instance, std::string& state)
 {
   state = "offline";
-  if (!check_home_and_instance(oscar_home, instance))
+  if (!OSCAR_TEXT_GIVEN(oscar_home) || !OSCAR_TEXT_GIVEN(instance))
     return false;
   unsigned short port = 0;
   if (get_instance_port(oscar_home, instance, port) && check_port_listening(port))
@@ -150,10 +117,8 @@ bool get_instance_state(const char* oscar_home, const char* instance, std::strin
 
 bool get_from_instance_options(std::shared_ptr<Instance> instance, const char* key, std::string& value)
 {
-  if (oscar::null_or_empty(key)) {
-    OSCAR_LOG_NULL_OR_EMPTY("key");
+  if (!OSCAR_TEXT_GIVEN(key))
     return false;
-  }
   if (!instance) {
     ACE_ERROR((LM_ERROR, "Failed to invoke get_from_instance_options, can't find instance.\n"));
     return false;
@@ -173,7 +138,7 @@ bool get_from_instance_options(std::shared_ptr<Instance> instance, const char* k
 
 bool instance_running(const char* oscar_home, const char* instance, int& pid)
 {
-  if (!check_pointers(oscar_home, instance))
+  if (!OSCAR_POINTER_GIVEN(oscar_home) || !OSCAR_POINTER_GIVEN(instance))
     return false;
   const std::string path = oscar::instance_db_file(oscar_home, instance);
   if (ACE_OS::access(path.c_str(), R_OK) != 0)
@@ -197,7 +162,7 @@ bool instance_running(const char* oscar_home, const char* instance, int& pid)
 
 bool start_instance(const char* oscar_home, const char* instance)
 {
-  if (!check_pointers(oscar_home, instance))
+  if (!OSCAR_POINTER_GIVEN(oscar_home) || !OSCAR_POINTER_GIVEN(instance))
     return false;
   int pid = 0;
   if (instance_running(oscar_home, instance, pid)) {

@@ -8,33 +8,6 @@
 namespace
 {
 using json_spirit::Pair;
-using oscar::null_or_empty;
-
-bool check_login(const char* username, const char* password)
-{
-  if (null_or_empty(username)) {
-    OSCAR_LOG_NULL_OR_EMPTY("username");
-    return false;
-  }
-  if (null_or_empty(password)) {
-    OSCAR_LOG_NULL_OR_EMPTY("password");
-    return false;
-  }
-  return true;
-}
-
-bool check_instance_and_db(const char* instance, const char* db)
-{
-  if (null_or_empty(instance)) {
-    OSCAR_LOG_NULL_OR_EMPTY("instance");
-    return false;
-  }
-  if (null_or_empty(db)) {
-    OSCAR_LOG_NULL_OR_EMPTY("db");
-    return false;
-  }
-  return true;
-}
 
 json_spirit::Value to_array_value(const std::vector<std::string>& names)
 {
@@ -71,11 +44,7 @@ bool add_open_database(std::shared_ptr<Instance> inst, const std::string& oscar_
 bool get_database_info(std::shared_ptr<Instance> inst, const char* instance, const char* username,
                        const char* password, json_spirit::Value& value)
 {
-  if (null_or_empty(instance)) {
-    OSCAR_LOG_NULL_OR_EMPTY("instance");
-    return false;
-  }
-  if (!check_login(username, password))
+  if (!OSCAR_TEXT_GIVEN(instance) || !OSCAR_TEXT_GIVEN(username) || !OSCAR_TEXT_GIVEN(password))
     return false;
   if (!inst) {
     ACE_ERROR((LM_ERROR, "Failed to invoke get_database_info, empty inst, instance %s.\n", instance));
@@ -100,7 +69,8 @@ bool get_database_info(std::shared_ptr<Instance> inst, const char* instance, con
 bool get_schemas_info(std::shared_ptr<Instance> inst, const char* instance, const char* db,
                       const char* username, const char* password, json_spirit::Value& val)
 {
-  if (!check_instance_and_db(instance, db) || !check_login(username, password))
+  if (!OSCAR_TEXT_GIVEN(instance) || !OSCAR_TEXT_GIVEN(db) || !OSCAR_TEXT_GIVEN(username) ||
+      !OSCAR_TEXT_GIVEN(password))
     return false;
   if (!inst) {
     ACE_ERROR((LM_ERROR, "Failed to invoke get_schemas_info, empty inst, database %s.\n", db));
@@ -128,13 +98,8 @@ bool get_schemas_info(std::shared_ptr<Instance> inst, const char* instance, cons
 bool get_tables_info(std::shared_ptr<Instance> inst, const char* instance, const char* db, const char* schema,
                      const char* username, const char* password, json_spirit::Value& val)
 {
-  if (!check_instance_and_db(instance, db))
-    return false;
-  if (null_or_empty(schema)) {
-    OSCAR_LOG_NULL_OR_EMPTY("schema");
-    return false;
-  }
-  if (!check_login(username, password))
+  if (!OSCAR_TEXT_GIVEN(instance) || !OSCAR_TEXT_GIVEN(db) || !OSCAR_TEXT_GIVEN(schema) ||
+      !OSCAR_TEXT_GIVEN(username) || !OSCAR_TEXT_GIVEN(password))
     return false;
   if (!inst) {
     ACE_ERROR(

@@ -15,24 +15,6 @@ namespace
 {
 const char type_name[] = "oscar";
 
-/// Every login needs all three.
-bool check_login(const char* name, const char* username, const char* password)
-{
-  if (oscar::null_or_empty(name)) {
-    OSCAR_LOG_NULL_OR_EMPTY("name");
-    return false;
-  }
-  if (oscar::null_or_empty(username)) {
-    OSCAR_LOG_NULL_OR_EMPTY("username");
-    return false;
-  }
-  if (oscar::null_or_empty(password)) {
-    OSCAR_LOG_NULL_OR_EMPTY("password");
-    return false;
-  }
-  return true;
-}
-
 /// The directory of a registered instance.
 bool find_home(const char* name, std::string& oscar_home)
 {
@@ -98,7 +80,7 @@ std::string& Oscar_Instance_Handler::get_state(const char* name, std::string& st
 int Oscar_Instance_Handler::logon(const char* name, const char* username, const char* password,
                                   std::map<std::string, json_spirit::Value>&)
 {
-  if (!check_login(name, username, password))
+  if (!OSCAR_TEXT_GIVEN(name) || !OSCAR_TEXT_GIVEN(username) || !OSCAR_TEXT_GIVEN(password))
     return -1;
   const auto found = inst_infos_.find(name);
   if (found == inst_infos_.end()) {
@@ -118,7 +100,7 @@ int Oscar_Instance_Handler::logon(const char* name, const char* username, const 
 int Oscar_Instance_Handler::update_options(const char* name, const char* username, const char* password,
                                            std::map<std::string, json_spirit::Value>& options)
 {
-  if (!check_login(name, username, password))
+  if (!OSCAR_TEXT_GIVEN(name) || !OSCAR_TEXT_GIVEN(username) || !OSCAR_TEXT_GIVEN(password))
     return -1;
   std::string oscar_home;
   std::map<std::string, json_spirit::Value> attrs;
