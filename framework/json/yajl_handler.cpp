@@ -1,5 +1,7 @@
 #include "json/yajl_handler.h"
 
+#include "base/scope_guard.h"
+
 #include <exception>
 #include <limits>
 #include <yajl/yajl_parse.h>
@@ -239,8 +241,8 @@ std::string parser_error(yajl_handle parser)
   unsigned char* text = yajl_get_error(parser, 0, nullptr, 0);
   if (!text)
     return "out of memory";
+  Scope_Guard free_text([&] { yajl_free_error(parser, text); });
   std::string error(reinterpret_cast<const char*>(text));
-  yajl_free_error(parser, text);
   while (!error.empty() && (error.back() == '\n' || error.back() == '.'))
     error.pop_back();
   return error;
@@ -260,6 +262,7 @@ bool dispatch_json(const std::string& text, const Json_Limits& limits, Json_Top 
     error = "JSON document refused: out of memory";
     return false;
   }
+  Scope_Guard free_parser([&] { yajl_free(parser); });
   yajl_status status = yajl_parse(parser, reinterpret_cast<const unsigned char*>(text.data()), text.size());
   if (status == yajl_status_ok)
     status = yajl_complete_parse(parser);
@@ -268,7 +271,6 @@ bool dispatch_json(const std::string& text, const Json_Limits& limits, Json_Top 
     error = "JSON document refused near byte " + std::to_string(yajl_get_bytes_consumed(parser)) + ": " +
             (reason.empty() ? parser_error(parser) : reason);
   }
-  yajl_free(parser);
   return status == yajl_status_ok;
 }
 
