@@ -6,7 +6,8 @@
 namespace oscar
 {
 /// Parses the options document of a backup job: {"compression": name, "compression_level": number}, both
-/// optional. An unknown method name means no compression. Errors: error() is one of Document_Error.
+/// optional. An unknown method name means no compression.
+/// Errors: error() is one of Document_Error.
 class Backup_Job_Options_Parser : public JSON_Document_Parser_T<Job_Options, Backup_Job_Options>
 {
 public:

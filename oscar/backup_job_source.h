@@ -8,7 +8,8 @@
 namespace oscar
 {
 /// What a backup job saves: entries such as "oscar/SERVER/DATABASE/SCHEMA/TABLE", the rest left off from the
-/// right. Threads: immutable while a job uses it.
+/// right.
+/// Threads: immutable while a job uses it.
 class Backup_Job_Source : public Job_Source
 {
 public:

@@ -6,7 +6,8 @@
 namespace oscar
 {
 /// Parses the source document of a backup job: {"id": text, "name": text, "entries": [text, ...]}, "name"
-/// optional. Errors: error() is one of Document_Error; a missing key is logged, one line each.
+/// optional.
+/// Errors: error() is one of Document_Error; a missing key is logged, one line each.
 class Backup_Job_Source_Parser : public JSON_Document_Parser_T<Job_Source, Backup_Job_Source>
 {
 public:

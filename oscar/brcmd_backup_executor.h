@@ -22,14 +22,14 @@ class Stream_Fifo;
 struct Pumped_Stream;
 
 /// Runs one physical backup of one instance: brcmd writes into a FIFO, the bytes go into one stored file, and
-/// the finished set is recorded in the catalog. Threads:   everything runs on the job's thread; one more
-/// thread runs brcmd (Brcmd_Tool_Run). Ownership: one object a run; the job must outlive it. Errors:    false
-/// = failed, logged, and a job alert raised where one is defined. Nothing is committed unless brcmd
-///            ended with success, the stored file was closed durably, and the byte count and checksum taken
-///            at the FIFO agree with the storage's own.
+/// the finished set is recorded in the catalog.
+/// Threads:   everything runs on the job's thread; one more thread runs brcmd (Brcmd_Tool_Run).
+/// Ownership: one object a run; the job must outlive it.
+/// Errors:    false = failed, logged, and a job alert raised where one is defined. Nothing is committed
+///            unless brcmd ended with success, the stored file was closed durably, and the byte count and
+///            checksum taken at the FIFO agree with the storage's own.
 /// Crash:     leaves a FIFO and a partial file under its temporary name; neither is ever listed as a backup.
-/// A server
-///            that was stopped for an offline backup stays stopped.
+///            A server that was stopped for an offline backup stays stopped.
 class Oscar_Brcmd_Backup_Executor
     : public Job_Executor_T<Backup_Job_Source, Backup_Job_Options, Job_Event_Handler>
 {

@@ -19,11 +19,11 @@ class Stream_Fifo;
 class Stream_Progress;
 
 /// Restores one instance from the physical backup sets that make up the chosen backup: the server is stopped,
-/// each stored file is fed to brcmd through a FIFO, and the server is started again. Threads:   everything
-/// runs on the job's thread; one more thread runs brcmd (Brcmd_Tool_Run). Ownership: one object a run; the
-/// job must outlive it. Errors:    false = failed, logged, and a job alert raised where one is defined. brcmd
-/// sees the end of its stream
-///            only after the storage reader has confirmed the checksum of the whole file; until then a
+/// each stored file is fed to brcmd through a FIFO, and the server is started again.
+/// Threads:   everything runs on the job's thread; one more thread runs brcmd (Brcmd_Tool_Run).
+/// Ownership: one object a run; the job must outlive it.
+/// Errors:    false = failed, logged, and a job alert raised where one is defined. brcmd sees the end of its
+///            stream only after the storage reader has confirmed the checksum of the whole file; until then a
 ///            failure terminates it, so that it never takes a short or wrong stream for a complete one.
 /// Crash:     the server stays stopped and a FIFO stays behind.
 class Oscar_Brcmd_Restore_Executor

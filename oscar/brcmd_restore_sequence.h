@@ -18,8 +18,8 @@ struct Restore_Set {
 };
 
 /// Reads the answer of the catalog's view of a sequence. pool_override, when not empty, stands in for the
-/// pool of every row. total_bytes: the sum of the sizes, at most the largest 64-bit value. Errors: throws
-/// std::runtime_error when the answer or a row has another shape.
+/// pool of every row. total_bytes: the sum of the sizes, at most the largest 64-bit value.
+/// Errors: throws std::runtime_error when the answer or a row has another shape.
 std::vector<Restore_Set> read_restore_sequence(const json_spirit::Value& result,
                                                const std::string& pool_override, uint64_t& total_bytes);
 } // namespace oscar

@@ -9,8 +9,8 @@
 ///
 /// Boost.Regex gives up on pathological input (for example a hundred thousand blanks against a pattern with
 /// two adjoining repeats) by throwing. Such text is not worth more than "no match", and the exception must
-/// not escape on the thread that reads a child's output, so both helpers turn it into false. Threads: any
-/// number, the patterns are only read.
+/// not escape on the thread that reads a child's output, so both helpers turn it into false.
+/// Threads: any number, the patterns are only read.
 namespace oscar
 {
 /// True when the whole of TEXT matches.

@@ -7,13 +7,14 @@
 
 class JSON_RPC_Handler;
 
-/// The entry points of the module, found by their plain names; nothing else is visible outside.
-/// Each _make_ function makes one service object and, when `gobbler` is not null, stores there the function
-/// that must be given the object at the end, as the pointer that _make_ returned. Null is accepted by every
-/// _gobble_ function. Threads:   any. Ownership: the caller owns the object. Only the parser creators get
-/// fini() before they are deleted. Errors:    null with errno ENOMEM, not logged. The JSON-RPC handlers are
-/// not part of this build: their factories
-///            return null with errno ENOSYS.
+/// The entry points of the module, found by their plain names; nothing else is visible outside. Each _make_
+/// function makes one service object and, when `gobbler` is not null, stores there the function that must be
+/// given the object at the end, as the pointer that _make_ returned. Null is accepted by every _gobble_
+/// function.
+/// Threads:   any.
+/// Ownership: the caller owns the object. Only the parser creators get fini() before they are deleted.
+/// Errors:    null with errno ENOMEM, not logged. The JSON-RPC handlers are not part of this build: their
+///            factories return null with errno ENOSYS.
 extern "C" {
 Job_Creator* _make_Oscar_Job_Creator(void (**gobbler)(void*));
 void _gobble_Oscar_Job_Creator(void* object);

@@ -8,10 +8,11 @@
 /// One fixed question each to an OSCAR instance, through isql, or to a tool about its version.
 ///
 /// Limits:    schema names enter the SQL as they stand. Malformed rows are skipped (some with a message), not
-/// fatal. Threads:   no state; any thread. Every function blocks until its tool has ended. Ownership: all
-/// arguments are only read, results are copied out. Errors:    false: the tool failed or the answer is
-/// unusable, logged here; lists are appended to, and keep what they
-///            held on failure.
+///            fatal.
+/// Threads:   no state; any thread. Every function blocks until its tool has ended.
+/// Ownership: all arguments are only read, results are copied out.
+/// Errors:    false: the tool failed or the answer is unusable, logged here; lists are appended to, and keep
+///            what they held on failure.
 /// Crash:     leaves no files; the child dies with this process.
 
 /// One node of an OSCAR cluster, as the database reports it.

@@ -16,10 +16,9 @@
 /// One header for all of it: the tool runner below, the isql query handler and the catalog queries
 /// (included).
 ///
-/// Limits:    a command line holds 1023 bytes and 127 arguments; a longer one is refused, never cut. Values
-/// stand in it
-///            unescaped and no shell reads it: blanks split arguments, and a quote groups only at the start
-///            of one.
+/// Limits:    a command line holds 1023 bytes and 126 arguments; a longer one is refused, never cut. Values
+///            stand in it unescaped and no shell reads it: blanks split arguments, and a quote groups only at
+///            the start of one.
 /// Threads:   no state; any number of runs at once. Every execute function blocks until its child has ended.
 /// Ownership: texts are only read during the call; handlers stay with the caller and must outlive the run.
 /// Errors:    int results: 0 the tool succeeded, n > 0 its exit status, -1 no start or death by a signal.

@@ -12,15 +12,13 @@
 /// Runs SQL statements through isql, one after the other, and turns its table into rows of text cells.
 ///
 /// Limits:    the whole command line holds 1023 bytes; a longer statement reaches isql cut. SQL stands in it
-/// unescaped
-///            between double quotes. Cells keep the blanks beside the separators; adjoining separators count
-///            as one, so an empty cell vanishes while a blank one stays. output() stops growing at
-///            Max_Output_Bytes.
+///            unescaped between double quotes. Cells keep the blanks beside the separators; adjoining
+///            separators count as one, so an empty cell vanishes while a blank one stays. output() stops
+///            growing at Max_Output_Bytes.
 /// Threads:   one thread at a time; distinct objects are independent. select() blocks until isql has ended.
 /// Ownership: owns all its texts; neither copied nor moved, because its line handler points into it.
 /// Errors:    select() false: a value of the connection is missing (logged; result() keeps the previous
-/// rows), or isql
-///            failed (not logged; what it printed is in output(), result() may hold rows).
+///            rows), or isql failed (not logged; what it printed is in output(), result() may hold rows).
 /// Secrets:   the password stands on the command line of isql; the command is never logged.
 /// Crash:     leaves no files; the child dies with this process.
 class Oscar_Query_Handler

@@ -6,8 +6,8 @@
 namespace oscar
 {
 /// Parses the source document of a restore job. "id" is required; "original" and "restore_as" need a
-/// "database" when they are given. Booleans, nulls and whole arrays are ignored. Errors: error() is one of
-/// Document_Error; a missing key is logged.
+/// "database" when they are given. Booleans, nulls and whole arrays are ignored.
+/// Errors: error() is one of Document_Error; a missing key is logged.
 class Restore_Job_Source_Parser : public JSON_Document_Parser_T<Job_Source, Restore_Job_Source>
 {
 public:

@@ -8,8 +8,9 @@ class Job_Definition;
 
 /// The parts of a storage connection's options that do not come from the pool: what the job definition says,
 /// and the access key of this host. Used by every executor; kept out of the module's visible symbols.
-/// Threads: none of their own. Errors: only the first tells one; a connection without the header is still
-/// attempted, and the storage side decides.
+/// Threads: none of their own.
+/// Errors:  only the first tells one; a connection without the header is still attempted, and the storage
+///          side decides.
 #pragma GCC visibility push(hidden)
 
 /// Lets a numbered HTTP head travel as an extra option named by the head. False, with nothing changed, for an

@@ -7,16 +7,18 @@
 
 namespace oscar
 {
-/// A named pipe in the file system between this process and one tool at a time.
-/// Opening one end blocks until the other end is opened. A tool that ends without having opened its end would
-/// hold the opener for ever; release_open, called by the thread that watched the tool end, lets the opener
-/// go: a reader then finds end of file at once, a writer gets EPIPE.
+/// A named pipe in the file system between this process and one tool at a time. Opening one end blocks until
+/// the other end is opened. A tool that ends without having opened its end would hold the opener for ever;
+/// release_open, called by the thread that watched the tool end, lets the opener go: a reader then finds end
+/// of file at once, a writer gets EPIPE.
 ///
 /// For every tool: begin_open() before the tool is started, one open_*() or give_up_open() by the opener, one
 /// release_open() after the tool has ended.
 /// Threads:   one opener (open_*, give_up_open) and one watcher (release_open); begin_open and create before
-/// both start. Ownership: owns the name in the file system, not the descriptors that it hands out. Errors:
-/// false or -1 with errno. Crash:     leaves the FIFO; names carry the time, so it is in nobody's way.
+///            both start.
+/// Ownership: owns the name in the file system, not the descriptors that it hands out.
+/// Errors:    false or -1 with errno.
+/// Crash:     leaves the FIFO; names carry the time, so it is in nobody's way.
 class Stream_Fifo
 {
 public:

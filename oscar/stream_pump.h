@@ -65,8 +65,10 @@ struct Pumped_Stream {
 };
 
 /// Moves the stream of a backup from the FIFO into the stored file, byte for byte, until the tool closes its
-/// end. Not for: deciding whether the backup succeeded. The end of the stream says nothing about the tool's
-/// exit status, nor about bytes that the storage still holds in memory. Threads: one; use an object once.
+/// end.
+/// Not for: deciding whether the backup succeeded. The end of the stream says nothing about the tool's exit
+///          status, nor about bytes that the storage still holds in memory.
+/// Threads: one; use an object once.
 /// Errors:  false = failed, alert raised and logged; a canceled backup has removed its stored file.
 class Stream_Backup_Pump
 {
@@ -100,10 +102,10 @@ private:
 /// Feeds one stored file to the tool through the FIFO: the info block alone, and after a pause the whole file
 /// from its first byte. The tool reads the block to prepare the restore and then reads the backup as it was
 /// written. The last block is held back until the source has told a verified end and the stream is what the
-/// catalog says of it, so that a damaged or exchanged file can still be kept from the tool. Threads: one; use
-/// an object once. Errors:  false = failed, alert raised and logged. The caller stops the tool before it
-/// closes the FIFO: otherwise
-///          the tool would take the short stream for a complete one.
+/// catalog says of it, so that a damaged or exchanged file can still be kept from the tool.
+/// Threads: one; use an object once.
+/// Errors:  false = failed, alert raised and logged. The caller stops the tool before it closes the FIFO:
+///          otherwise the tool would take the short stream for a complete one.
 class Stream_Restore_Pump
 {
 public:

@@ -11,8 +11,7 @@
 /// its start, and its content for the console.
 ///
 /// Limits:    an instance name counts up to 26 characters in the name of its .conf file and up to 28 in that
-/// of its .db
-///            file; of a longer one the end of the file name is cut, extension first.
+///            of its .db file; of a longer one the end of the file name is cut, extension first.
 /// Threads:   no state; any thread. Login tests, queries and the start block until their tool has ended.
 /// Ownership: arguments are only read.
 /// Errors:    false: failed and logged; out-parameters as each function says.

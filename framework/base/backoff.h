@@ -3,7 +3,8 @@
 /// Waiting times that double: exactly max_retries values; value n (from 0) is the smaller of capped and
 /// slot_time * 2^n. With jitter a value v becomes a uniform random integer from max(1, v/2) to v, so that
 /// many nodes do not ask in step. Never 0 with jitter, unless v is.
-/// Units: seconds. Threads: one at a time; copies are independent.
+/// Units:   seconds.
+/// Threads: one at a time; copies are independent.
 class Exponential_Backoff_Iterator
 {
 public:

@@ -3,10 +3,10 @@
 #include <string>
 
 /// UTF-8 text for use in the code page of the process's locale (the host calls setlocale once at its start).
-/// Errors: text that is not valid UTF-8, or that the code page cannot hold, passes through byte for byte, so
-/// the result is empty only when the text is. A null pointer counts as "".
-/// Threads: any. Ownership: c_local() points into the object; keep a temporary alive while the pointer is
-/// used.
+/// Errors:    text that is not valid UTF-8, or that the code page cannot hold, passes through byte for byte,
+///            so the result is empty only when the text is. A null pointer counts as "".
+/// Threads:   any.
+/// Ownership: c_local() points into the object; keep a temporary alive while the pointer is used.
 class UTF16_String
 {
 public:

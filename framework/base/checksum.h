@@ -7,7 +7,8 @@
 namespace kestrel
 {
 /// A running XXH3 checksum of 128 bits: finds damage, proves nothing against an attacker.
-/// Threads: one at a time. Ownership: owns its state; throws std::bad_alloc from the constructor only.
+/// Threads:   one at a time.
+/// Ownership: owns its state; throws std::bad_alloc from the constructor only.
 class Xxh3_128
 {
 public:

@@ -6,8 +6,8 @@
 namespace kestrel
 {
 /// Where the product reads the time and sleeps, so that tests need not wait.
-/// Threads: any. Units: now() seconds since 1970, *_msec milliseconds; the monotonic time has no fixed
-/// origin.
+/// Threads: any.
+/// Units:   now() seconds since 1970, *_msec milliseconds; the monotonic time has no fixed origin.
 class Clock
 {
 public:

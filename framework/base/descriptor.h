@@ -3,8 +3,9 @@
 #include <sys/types.h>
 
 /// System calls on descriptors that do not end early at a signal.
-/// Threads: as the calls themselves. Units: bytes. Errors: negative with errno, and then nothing is known
-/// about how much of an earlier part was moved.
+/// Threads: as the calls themselves.
+/// Units:   bytes.
+/// Errors:  negative with errno, and then nothing is known about how much of an earlier part was moved.
 struct read_write_trait {
   /// One read, repeated on EINTR.
   static ssize_t read(int fd, void* buf, size_t n);

@@ -8,7 +8,8 @@ namespace kestrel
 {
 /// The file calls of everything that must survive a failing disk, so that tests can fail each one of them.
 /// Every call is the system call of the same name: -1 (or a count) and errno. No call is repeated on EINTR
-/// except open. Threads: any.
+/// except open.
+/// Threads: any.
 class File_System
 {
 public:

@@ -25,7 +25,8 @@ struct Log_Options {
 void close_process_log();
 
 /// The log file of one job: every record that reaches it becomes one line, whatever its priority.
-/// Threads: any number at once. Ownership: owns the descriptor.
+/// Threads:   any number at once.
+/// Ownership: owns the descriptor.
 class Log_File_Callback : public ACE_Log_Msg_Callback
 {
 public:

@@ -9,12 +9,13 @@
 
 /// Reads a decimal number at the start of text[0..length). For text that comes from tools, files and
 /// documents.
-/// Not for: white space (none is skipped), other bases, fractions.
-/// Threads: any. Ownership: none; *stop points into text.
-/// Result:  the number, and *stop (when stop is not null) at the first character that is no part of it.
-/// Errors:  no digits: 0, errno EINVAL, *stop = text. Magnitude too large for T: T's maximum (also after a
-///          minus sign), errno ERANGE, *stop behind the last digit. Otherwise errno is set to 0. An unsigned
-///          T takes no minus sign: "-5" has no digits.
+/// Not for:   white space (none is skipped), other bases, fractions.
+/// Threads:   any.
+/// Ownership: none; *stop points into text.
+/// Result:    the number, and *stop (when stop is not null) at the first character that is no part of it.
+/// Errors:    no digits: 0, errno EINVAL, *stop = text. Magnitude too large for T: T's maximum (also after a
+///            minus sign), errno ERANGE, *stop behind the last digit. Otherwise errno is set to 0. An
+///            unsigned T takes no minus sign: "-5" has no digits.
 template <class T> T natoi(const char* text, size_t length, const char** stop)
 {
   static_assert(std::is_integral<T>::value && sizeof(T) <= sizeof(uint64_t), "natoi needs an integer type");

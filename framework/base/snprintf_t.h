@@ -4,7 +4,8 @@
 #include <cstdio>
 
 /// A formatted text of at most N-1 characters inside the object; what is longer is cut without a word.
-/// Threads: as a plain buffer. Errors: a format that cannot be printed leaves an empty text.
+/// Threads: as a plain buffer.
+/// Errors:  a format that cannot be printed leaves an empty text.
 template <unsigned N> class snprintf_t
 {
 public:

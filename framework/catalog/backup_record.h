@@ -10,7 +10,9 @@
 namespace kestrel
 {
 /// One backup set in the neutral form that catalog back ends store and carry: no back end knows the set
-/// classes. Threads: a plain value. Units: sizes in bytes, times in seconds since the epoch.
+/// classes.
+/// Threads: a plain value.
+/// Units:   sizes in bytes, times in seconds since the epoch.
 struct Backup_Record {
   struct Storage {
     std::string pool_uuid;

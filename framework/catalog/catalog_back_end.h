@@ -18,9 +18,10 @@ enum class Catalog_Status {
 };
 
 /// What stores the catalog. The local one keeps it in a SQL database; a host may register another that asks a
-/// server. Threads:  all operations may be called from several threads at once. Errors:   `error` gets one
-/// sentence with the catalog's place, the cause and what to do; results untouched.
-///           No exception leaves an operation. One attempt a call: the callers do the waiting.
+/// server.
+/// Threads: all operations may be called from several threads at once.
+/// Errors:  `error` gets one sentence with the catalog's place, the cause and what to do; results untouched.
+///          No exception leaves an operation. One attempt a call: the callers do the waiting.
 class Catalog_Back_End
 {
 public:

@@ -29,13 +29,14 @@ private:
   Catalog_Status status_;
 };
 
-/// An open connection to the catalog with the present schema.
-/// The first open of a missing file builds a new catalog under a temporary name and renames it, so an empty
-/// file at the catalog's path is damage and never a new catalog. Older schemas are brought up to date in one
-/// transaction. Threads: one owner. Errors: the constructor throws Catalog_Error; statements throw
-/// soci::soci_error, which translate() turns into a Catalog_Error with the cure. Crash:   an interrupted
-/// creation leaves "<path>.new", which the next one replaces; an interrupted migration is
-///          rolled back by the database.
+/// An open connection to the catalog with the present schema. The first open of a missing file builds a new
+/// catalog under a temporary name and renames it, so an empty file at the catalog's path is damage and never
+/// a new catalog. Older schemas are brought up to date in one transaction.
+/// Threads: one owner.
+/// Errors:  the constructor throws Catalog_Error; statements throw soci::soci_error, which translate() turns
+///          into a Catalog_Error with the cure.
+/// Crash:   an interrupted creation leaves "<path>.new", which the next one replaces; an interrupted
+///          migration is rolled back by the database.
 class Catalog_Database
 {
 public:

@@ -8,11 +8,11 @@
 
 /// Queries and fills the catalog of backup sets through the registered back end (catalog/catalog_back_end.h).
 /// A catalog that is busy or cannot be reached is tried again until the retry time is over; every other
-/// failure (damage, no space, no permission, a bad query) ends the call at once. Threads:   objects are cheap
-/// and hold no connection; use one per call or share it, both are safe. Units:     seconds of the monotonic
-/// clock for the retry time. Errors:    false after one line at LM_ERROR that names the catalog and the cure;
-/// out-parameters untouched. Crash:     a commit is all or nothing; a commit that returned true survives a
-/// power failure.
+/// failure (damage, no space, no permission, a bad query) ends the call at once.
+/// Threads: objects are cheap and hold no connection; use one per call or share it, both are safe.
+/// Units:   seconds of the monotonic clock for the retry time.
+/// Errors:  false after one line at LM_ERROR that names the catalog and the cure; out-parameters untouched.
+/// Crash:   a commit is all or nothing; a commit that returned true survives a power failure.
 class Catalog_Operator
 {
 public:

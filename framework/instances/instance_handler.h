@@ -13,9 +13,10 @@ class Instance_Registry;
 }
 
 /// Knows one kind of database: finds its instances on this host, tells their state and tests logins.
-/// Implemented by plug-ins; the order of the virtual functions is part of the plug-in interface. Threads: the
-/// framework serialises the calls on one handler (kestrel::Instance_Registry holds call_mutex()). Errors: int
-/// results are 0 or -1; error() may then hold a text for the user.
+/// Implemented by plug-ins; the order of the virtual functions is part of the plug-in interface.
+/// Threads: the framework serialises the calls on one handler (kestrel::Instance_Registry holds
+///          call_mutex()).
+/// Errors:  int results are 0 or -1; error() may then hold a text for the user.
 class Instance_Handler
 {
 public:

@@ -9,9 +9,10 @@
 
 /// Looks up instances and accounts for jobs. Reads instances.json and accounts.json of the component's state
 /// directory on each call, so it sees what other processes of the host registered; kestrel::Instance_Registry
-/// writes them. Threads:   safe from any thread and beside other processes. Ownership: instance() returns a
-/// process-wide object; do not delete it. Errors:    one line at LM_ERROR that names the file and the cure;
-/// results untouched.
+/// writes them.
+/// Threads:   safe from any thread and beside other processes.
+/// Ownership: instance() returns a process-wide object; do not delete it.
+/// Errors:    one line at LM_ERROR that names the file and the cure; results untouched.
 class Instance_Manager
 {
 public:

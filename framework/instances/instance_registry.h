@@ -12,14 +12,14 @@ class Instance_Handler;
 
 namespace kestrel
 {
-/// What a host does with instances: registers what probes find, stores accounts, lists both.
-/// State: instances.json (options by instance), accounts.json (accounts, user name and password encrypted)
-/// and account.key (the key of this host, mode 0600) in the component's state directory. Writers of all
-/// processes take turns through a lock file; readers see the state before or after a change, never half of
-/// one. Threads:   safe from any thread. Calls on one handler are serialised. Errors:    0, or -1 with one
-/// sentence in `error` that names the file and what to do (not logged); other
-///            out-parameters untouched. A damaged file is never overwritten.
-/// Crash:     files are replaced whole and durably; a leftover temporary file is harmless.
+/// What a host does with instances: registers what probes find, stores accounts, lists both. State:
+/// instances.json (options by instance), accounts.json (accounts, user name and password encrypted) and
+/// account.key (the key of this host, mode 0600) in the component's state directory. Writers of all processes
+/// take turns through a lock file; readers see the state before or after a change, never half of one.
+/// Threads: safe from any thread. Calls on one handler are serialised.
+/// Errors:  0, or -1 with one sentence in `error` that names the file and what to do (not logged); other
+///          out-parameters untouched. A damaged file is never overwritten.
+/// Crash:   files are replaced whole and durably; a leftover temporary file is harmless.
 class Instance_Registry
 {
 public:

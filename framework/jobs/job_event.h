@@ -145,8 +145,7 @@ public:
 ///
 /// Threads:  all operations from any thread.
 /// Shutdown: close() delivers what is queued, ends the consumer and refuses later events; it blocks until
-/// that
-///           is done. It runs by itself when the process exits.
+///           that is done. It runs by itself when the process exits.
 class Job_Event_Manager
 {
 public:

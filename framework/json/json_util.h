@@ -22,8 +22,9 @@ Json_Limits json_file_limits();
 
 /// Reads one JSON document of any top-level type. Integers come exactly, from -2^63 to 2^64-1; a number
 /// beyond that, invalid UTF-8 and text after the document are errors. Duplicate names are kept as they stand.
-/// Threads: any. Errors: false with a text for the user that names the limit or the byte offset and never
-/// quotes the document (it may hold passwords); `value` is untouched.
+/// Threads: any.
+/// Errors:  false with a text for the user that names the limit or the byte offset and never quotes the
+///          document (it may hold passwords); `value` is untouched.
 [[nodiscard]] bool read_json(const std::string& text, json_spirit::Value& value, std::string& error);
 [[nodiscard]] bool read_json(const std::string& text, const Json_Limits& limits, json_spirit::Value& value,
                              std::string& error);

@@ -19,14 +19,13 @@ typedef std::vector<Value> Array;
 enum Value_type { obj_type = 0, array_type, str_type, bool_type, int_type, real_type, null_type = 7 };
 
 /// One JSON value: null, boolean, integer, real, text, array or object.
-/// Not for: numbers beyond 64 bits, comments, or any order of names other than insertion order.
+/// Not for:   numbers beyond 64 bits, comments, or any order of names other than insertion order.
 /// Threads:   as a std::string; const access from many threads is safe.
 /// Ownership: owns everything below it; moving is cheap and leaves a valid value of the same type.
 /// Units:     integers -2^63 to 2^64-1, kept exactly. get_int64 and get_uint64 convert into each other by bit
 ///            pattern, so a number of 64 bits survives whichever of the two stored it.
 /// Errors:    get_* throw std::runtime_error when the value has another type (and get_int when the number
-/// does not
-///            fit an int); the value is unchanged. Catch at the caller's own edge.
+///            does not fit an int); the value is unchanged. Catch at the caller's own edge.
 class Value
 {
 public:

@@ -8,10 +8,13 @@
 struct yajl_gen_t;
 
 /// Writes JSON events to a generator. A thin view: it owns nothing and can be made again for the same
-/// generator. Threads:   one thread per generator. Ownership: the generator is not owned and must outlive the
-/// object. Units:     integers as 64 bits, signed and unsigned, exact. Errors:    the first failure sticks:
-/// ok() is false from then on and what follows is dropped. It fails when a value
-///            stands where a key belongs, when something is closed that is not open, and beyond 128 levels.
+/// generator.
+/// Threads:   one thread per generator.
+/// Ownership: the generator is not owned and must outlive the object.
+/// Units:     integers as 64 bits, signed and unsigned, exact.
+/// Errors:    the first failure sticks: ok() is false from then on and what follows is dropped. It fails when
+///            a value stands where a key belongs, when something is closed that is not open, and beyond 128
+///            levels.
 class YAJL_Gen
 {
 public:

@@ -18,7 +18,8 @@ public:
 
 /// Cuts a stream of bytes into lines at '\n'. Lines that lie whole in one block are delivered where they are,
 /// without a copy.
-/// Threads: one at a time. Ownership: the sink is not owned and must outlive the splitter.
+/// Threads:   one at a time.
+/// Ownership: the sink is not owned and must outlive the splitter.
 class Line_Splitter
 {
 public:

@@ -15,9 +15,11 @@ enum Process_Flag { PROCESS_STDIN_PIPE = 1, PROCESS_STDOUT_PIPE = 2, PROCESS_STD
 
 /// A child process with pipes, started without the surprises of the stock class: a program that cannot be
 /// executed makes spawn fail, and no descriptor but 0, 1 and 2 reaches the child.
-/// Not for: collecting the child. Whoever spawned it must wait for it; usually that is Text_Process_Handler.
-/// Threads:   one owner. Ownership: owns the parent's ends of the pipes until they are taken; not the child,
-///            which runs on when the object goes.
+/// Not for:   collecting the child. Whoever spawned it must wait for it; usually that is
+///            Text_Process_Handler.
+/// Threads:   one owner.
+/// Ownership: owns the parent's ends of the pipes until they are taken; not the child, which runs on when the
+///            object goes.
 /// Errors:    as the operations say; nothing is logged, because a command line may hold a password.
 class ACE_Process_Ex : public ACE_Process
 {

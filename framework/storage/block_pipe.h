@@ -20,9 +20,10 @@ struct Block {
 /// use and go round, so the memory is bounded by count * bytes and a short stream uses little of it.
 ///
 /// Threads:   one producer (take_free, put, finish), one consumer (take_full, give_back); stop() and fail()
-/// from any. Ownership: owns every block; a block in the hands of a thread must not be used after the pipe is
-/// gone. Units:     bytes. Errors:    a null block: stopped, failed or (take_full) at the end; failure()
-/// tells which.
+///            from any.
+/// Ownership: owns every block; a block in the hands of a thread must not be used after the pipe is gone.
+/// Units:     bytes.
+/// Errors:    a null block: stopped, failed or (take_full) at the end; failure() tells which.
 class Block_Pipe
 {
 public:

@@ -92,20 +92,16 @@ protected:
 /// A connection to one folder of a storage pool, with at most one file open at a time.
 ///
 /// Purpose:   keeps a byte stream in a pool so that it is either stored whole, durable and with its
-/// checksums, or
-///            recognisably unfinished.
+///            checksums, or recognisably unfinished.
 /// Threads:   one owner thread at a time; the object runs one worker thread of its own while a file is open.
-/// Any
-///            number of objects may work in one pool; two writers of one name exclude each other (the second
-///            open fails).
+///            Any number of objects may work in one pool; two writers of one name exclude each other (the
+///            second open fails).
 /// Ownership: owns its worker and descriptors; the destructor stops and closes them. A file that was open for
-/// writing
-///            and was not closed stays behind under its temporary name.
+///            writing and was not closed stays behind under its temporary name.
 /// Units:     bytes.
 /// Errors:    false or a negative count; error() then says what failed, on which file, and why.
 /// Crash:     before close() has returned true only NAME.partial (and perhaps NAME.meta) exists, never NAME.
-/// Such
-///            leftovers are replaced by the next writer of the name and removed by remove().
+///            Such leftovers are replaced by the next writer of the name and removed by remove().
 class Client_IO_Ex : public Client_IO
 {
 public:

@@ -25,10 +25,9 @@ public:
 };
 
 /// Turns a stream into one frame of a compressed format, with the format's own content checksum.
-/// Threads:   one at a time.
-/// Errors:    false: the sink refused (error() is "") or the library failed (error() tells why). The object
-/// is then
-///            of no further use.
+/// Threads: one at a time.
+/// Errors:  false: the sink refused (error() is "") or the library failed (error() tells why). The object is
+///          then of no further use.
 class Compressor
 {
 public:
@@ -43,10 +42,9 @@ protected:
 };
 
 /// Turns one or more frames of one format back into the stream.
-/// Threads:   one at a time.
-/// Errors:    false: the source failed (error() is "") or the data is damaged, ends early or is followed by
-/// something
-///            that is no frame (error() tells which).
+/// Threads: one at a time.
+/// Errors:  false: the source failed (error() is "") or the data is damaged, ends early or is followed by
+///          something that is no frame (error() tells which).
 class Decompressor
 {
 public:

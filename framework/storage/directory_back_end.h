@@ -9,14 +9,13 @@ namespace kestrel
 /// A pool that is a directory on this host: each source has a folder, each stored file is a plain file NAME
 /// beside its side file NAME.meta. NAME.partial is a file that is being written or was left unfinished.
 ///
-/// Limits:    local and network file systems with rename and fsync; locks between writers of one name hold as
-/// far as
-///            the file system's flock does.
-/// Threads:   as Storage_Back_End.
-/// Errors:    as Storage_Back_End.
-/// Crash:     the side file gets its name before the data file, so a visible NAME always has the right
-/// NAME.meta. When
-///            a file is replaced, the old one is removed first: for a moment only NAME.partial exists.
+/// Limits:  local and network file systems with rename and fsync; locks between writers of one name hold as
+///          far as the file system's flock does.
+/// Threads: as Storage_Back_End.
+/// Errors:  as Storage_Back_End.
+/// Crash:   the side file gets its name before the data file, so a visible NAME always has the right
+///          NAME.meta. When a file is replaced, the old one is removed first: for a moment only NAME.partial
+///          exists.
 class Directory_Back_End : public Storage_Back_End
 {
 public:

@@ -5,10 +5,10 @@
 
 /// What the running host knows about itself towards the backup server: its access keys, and whether it runs
 /// on the backup server's own machine. The agent or the command line fills it once at start; unconfigured it
-/// has no keys and is not on the server. Threads:   all members may be called from any thread. A key text
-/// stays valid for the life of the process, also
-///            after configure() was called again: replaced keys are kept.
-/// Errors:    none.
+/// has no keys and is not on the server.
+/// Threads: all members may be called from any thread. A key text stays valid for the life of the process,
+///          also after configure() was called again: replaced keys are kept.
+/// Errors:  none.
 class Host_Manager
 {
 public:

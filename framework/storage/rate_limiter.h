@@ -6,11 +6,10 @@
 namespace kestrel
 {
 /// Holds a stream at a number of bytes per second: a token bucket that is emptied as bytes are announced.
-/// Limits:    the stream may lag behind and catch up at most a fifth of a second's worth; there is no burst
-/// at the
-///            start.
-/// Threads:   one thread at a time; `stopped` may be set by any.
-/// Units:     bytes, bytes per second (0 = unlimited).
+/// Limits:  the stream may lag behind and catch up at most a fifth of a second's worth; there is no burst at
+///          the start.
+/// Threads: one thread at a time; `stopped` may be set by any.
+/// Units:   bytes, bytes per second (0 = unlimited).
 class Rate_Limiter
 {
 public:

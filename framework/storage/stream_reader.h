@@ -15,9 +15,11 @@
 namespace kestrel
 {
 /// Gives back the stream of a stored file: a worker thread reads ahead, verifies the stored bytes and
-/// decompresses them; the caller's thread verifies the stream as it takes it. Threads:   one owner thread;
-/// owns one worker. Ownership: owns the file. The destructor stops the worker at once. Errors:    false or a
-/// negative count; error() then tells the first thing that failed. Nothing works afterwards.
+/// decompresses them; the caller's thread verifies the stream as it takes it.
+/// Threads:   one owner thread; owns one worker.
+/// Ownership: owns the file. The destructor stops the worker at once.
+/// Errors:    false or a negative count; error() then tells the first thing that failed. Nothing works
+///            afterwards.
 class Stream_Reader : private Byte_Source
 {
 public:

@@ -15,9 +15,10 @@ namespace kestrel
 {
 /// Takes a stream in pieces of any size and stores it: the caller's thread computes the stream's checksum and
 /// fills large blocks, a worker thread compresses them, computes the checksum of the stored bytes, keeps the
-/// rate limit and writes. Threads:   one owner thread; owns one worker. Ownership: owns the file. The
-/// destructor stops the worker at once and leaves the file unfinished. Errors:    false; error() then tells
-/// the first thing that failed. Nothing works afterwards.
+/// rate limit and writes.
+/// Threads:   one owner thread; owns one worker.
+/// Ownership: owns the file. The destructor stops the worker at once and leaves the file unfinished.
+/// Errors:    false; error() then tells the first thing that failed. Nothing works afterwards.
 class Stream_Writer : private Byte_Sink
 {
 public:

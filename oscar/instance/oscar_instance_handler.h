@@ -8,9 +8,9 @@
 #include <string>
 
 /// Knows the OSCAR instances of this host: finds them, tells their state and tests logins.
-/// Threads:   the framework serialises the calls on one handler; each may block while a tool runs.
-/// Errors:    0 or -1. logon() leaves a text for the user in error(); the others only log. No exception
-/// leaves. Crash:     keeps nothing on disk.
+/// Threads: the framework serialises the calls on one handler; each may block while a tool runs.
+/// Errors:  0 or -1. logon() leaves a text for the user in error(); the others only log. No exception leaves.
+/// Crash:   keeps nothing on disk.
 class Oscar_Instance_Handler : public Instance_Handler
 {
 public:
