@@ -17,12 +17,13 @@ std::string option_text(const Instance& instance, const char* key)
   return found != instance.options.end() && found->second.type() == json_spirit::str_type ? found->second.get_str() : "";
 }
 
-/// The handler notes the port that the last look found; none when it could not tell.
-json_spirit::Value port_of(const Instance& instance)
+/// Null when the handler cannot tell.
+json_spirit::Value port_of(Session& session, const std::string& name)
 {
-  const auto found = instance.options.find("port");
-  return found != instance.options.end() && found->second.type() == json_spirit::int_type ? found->second
-                                                                                         : json_spirit::Value();
+  unsigned short port = 0;
+  if (!session.host().instances().port(session.host().instance_handler(), name, port))
+    return json_spirit::Value();
+  return port;
 }
 
 std::string users_of(const Instance_Registry::Entry& entry)
@@ -50,7 +51,7 @@ int run_instances(Session& session)
   for (const Instance_Registry::Entry& entry : entries) {
     const Instance& instance = entry.instance;
     const std::string state = registry.state(session.host().instance_handler(), instance.name);
-    const json_spirit::Value port = port_of(instance);
+    const json_spirit::Value port = port_of(session, instance.name);
     json_spirit::Object object;
     set_value(object, "name", instance.name);
     set_value(object, "uuid", instance.uuid);

@@ -30,3 +30,8 @@ int Instance_Handler::update_options(const char*, const char*, const char*,
 {
   return 0;
 }
+
+int Instance_Handler::get_port(const char*, unsigned short&)
+{
+  return -1;
+}

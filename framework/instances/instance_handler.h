@@ -37,6 +37,9 @@ public:
   /// Adds to `options` what a login lets it find out about the instance.
   virtual int update_options(const char* name, const char* username, const char* password,
                              std::map<std::string, json_spirit::Value>& options);
+  /// The TCP port on which a registered instance is to be reached, for lists: 0 with `port` set, or -1 with
+  /// `port` untouched when it is not known.
+  virtual int get_port(const char* name, unsigned short& port);
 
   const std::string& type() const { return type_; }
   /// Read it while holding call_mutex().

@@ -101,6 +101,24 @@ std::string Instance_Registry::state(Instance_Handler& handler, const std::strin
   return result != 0 || state.empty() ? "error" : state;
 }
 
+bool Instance_Registry::port(Instance_Handler& handler, const std::string& name, unsigned short& port)
+{
+  std::string error;
+  unsigned short found = 0;
+  int known = -1;
+  const int result = guarded(error, [&] {
+    std::lock_guard<std::mutex> guard(handler.call_mutex());
+    known = handler.get_port(name.c_str(), found);
+    return 0;
+  });
+  if (result != 0)
+    ACE_ERROR((LM_ERROR, "(%P|%t) Instance_Registry::port: %s\n", error.c_str()));
+  if (result != 0 || known != 0)
+    return false;
+  port = found;
+  return true;
+}
+
 int Instance_Registry::set_account(const std::string& type, const std::string& name, const std::string& uid,
                                    const std::string& username, const secure_string& password,
                                    std::string& error)

@@ -42,6 +42,8 @@ public:
   [[nodiscard]] int probe(Instance_Handler& handler, std::string& error);
   /// The handler's state text; "error" when it has none.
   std::string state(Instance_Handler& handler, const std::string& name);
+  /// The port that the handler tells; false, with `port` untouched, when it knows none.
+  [[nodiscard]] bool port(Instance_Handler& handler, const std::string& name, unsigned short& port);
 
   /// Stores an account without testing it. The instance need not be registered.
   [[nodiscard]] int set_account(const std::string& type, const std::string& name, const std::string& uid,

@@ -30,10 +30,6 @@ std::shared_ptr<Instance> to_instance(const Oscar_Instance_Info& info)
   instance->name = info.instance;
   instance->options["oscar_home"] = info.oscar_home;
   instance->options["version"] = info.version;
-  // For people who look at lists only: whoever connects reads the port again.
-  unsigned short port = 0;
-  if (get_instance_port(info.oscar_home.c_str(), info.instance.c_str(), port))
-    instance->options["port"] = static_cast<int>(port);
   return instance;
 }
 } // namespace
@@ -111,5 +107,16 @@ int Oscar_Instance_Handler::update_options(const char* name, const char* usernam
   }
   for (const auto& [key, value] : attrs)
     options[key] = value;
+  return 0;
+}
+
+int Oscar_Instance_Handler::get_port(const char* name, unsigned short& port)
+{
+  std::string oscar_home;
+  unsigned short found = 0;
+  if (oscar::null_or_empty(name) || !find_home(name, oscar_home) ||
+      !get_instance_port(oscar_home.c_str(), name, found))
+    return -1;
+  port = found;
   return 0;
 }

@@ -30,6 +30,8 @@ public:
   /// Adds "instance", "node_id" and "master_id" of this host's node, also to the registered instance.
   int update_options(const char* name, const char* username, const char* password,
                      std::map<std::string, json_spirit::Value>& options) override;
+  /// The port of the configuration file as it is now.
+  int get_port(const char* name, unsigned short& port) override;
 
   /// As init() set it.
   const std::string& locale() const { return locale_; }

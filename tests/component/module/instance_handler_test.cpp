@@ -122,7 +122,7 @@ protected:
 };
 } // namespace
 
-TEST_F(Instance_Handler_With_Tools, reports_a_running_instance_with_home_port_and_version)
+TEST_F(Instance_Handler_With_Tools, reports_a_running_instance_with_home_and_version)
 {
   isql("");
   std::string lower = name_;
@@ -134,7 +134,7 @@ TEST_F(Instance_Handler_With_Tools, reports_a_running_instance_with_home_port_an
   EXPECT_EQ(instance.type, "oscar");
   EXPECT_EQ(instance.name, name_);
   EXPECT_EQ(instance.uuid, "");
-  EXPECT_EQ(instance.options, (Values{{"oscar_home", home_.path()}, {"port", 2100}, {"version", "5.7.2"}}));
+  EXPECT_EQ(instance.options, (Values{{"oscar_home", home_.path()}, {"version", "5.7.2"}}));
 }
 
 TEST_F(Instance_Handler_With_Tools, replaces_what_the_caller_had_under_the_name)

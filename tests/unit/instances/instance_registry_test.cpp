@@ -33,6 +33,13 @@ public:
       throw std::runtime_error("regex too complex");
     return state = state_text;
   }
+  int get_port(const char*, unsigned short& port) override
+  {
+    if (throws)
+      throw std::runtime_error("regex too complex");
+    port = 2010;
+    return result;
+  }
   int logon(const char* name, const char* user, const char* password,
             std::map<std::string, json_spirit::Value>&) override
   {
@@ -192,6 +199,20 @@ TEST_F(Instance_Registry_Test, options_that_json_cannot_hold_are_refused)
   EXPECT_EQ(-1, update_instance(find("DB"), {{"deep", deep}}));
   log_.expect(LM_ERROR, state("instances.json"));
   EXPECT_TRUE(find("DB"));
+}
+
+TEST_F(Instance_Registry_Test, reports_the_port_that_the_handler_knows)
+{
+  unsigned short port = 7;
+  EXPECT_TRUE(registry_.port(handler_, "DB", port));
+  EXPECT_EQ(2010, port);
+  port = 7;
+  handler_.result = -1;
+  EXPECT_FALSE(registry_.port(handler_, "DB", port));
+  handler_.throws = true;
+  EXPECT_FALSE(registry_.port(handler_, "DB", port));
+  log_.expect(LM_ERROR, "Instance_Registry::port: ");
+  EXPECT_EQ(7, port) << "untouched";
 }
 
 TEST_F(Instance_Registry_Test, reports_the_state_of_an_instance)

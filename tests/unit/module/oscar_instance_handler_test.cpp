@@ -125,6 +125,24 @@ TEST(Oscar_Instance_Handler, state_is_that_of_the_registered_instance)
   EXPECT_EQ(state_of("SZ1"), "offline");
 }
 
+TEST(Oscar_Instance_Handler, port_is_that_of_the_registered_instance)
+{
+  const Temp_Dir home;
+  home.write("admin/SZ1.conf", "port = 2010\n");
+  home.write("admin/NOPORT.conf", "port = 2010");
+  Fake_Instance_Manager manager;
+  for (const char* name : {"SZ1", "NOPORT"})
+    manager.add(name, {{"oscar_home", home.path()}});
+  Oscar_Instance_Handler handler;
+  unsigned short port = 7;
+  for (const char* unknown : {static_cast<const char*>(nullptr), "", "SZ2", "NOPORT"}) {
+    EXPECT_EQ(handler.get_port(unknown, port), -1);
+    EXPECT_EQ(port, 7);
+  }
+  EXPECT_EQ(handler.get_port("SZ1", port), 0);
+  EXPECT_EQ(port, 2010);
+}
+
 TEST(Oscar_Instance_Handler, a_login_needs_name_user_and_password)
 {
   struct Case {

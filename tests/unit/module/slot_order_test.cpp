@@ -61,4 +61,5 @@ TEST(Slot_Order, instance_handler)
   EXPECT_EQ(slot(&Instance_Handler::get_state), 4u);
   EXPECT_EQ(slot(&Instance_Handler::logon), 5u);
   EXPECT_EQ(slot(&Instance_Handler::update_options), 6u);
+  EXPECT_EQ(slot(&Instance_Handler::get_port), 7u);
 }
