@@ -59,11 +59,25 @@ Catalog_Error file_error(const std::string& what, const std::string& path)
   return Catalog_Error(Catalog_Status::failed, what + " " + path + ": " + ::strerror(errno));
 }
 
+Catalog_Error unreachable(const Catalog_Place& place, const std::string& cause)
+{
+  return Catalog_Error(Catalog_Status::busy, "Catalog " + place.name() + ": " + cause +
+                                                 " Check that the server runs and lets this user in");
+}
+
+bool on_server(soci::session& session)
+{
+  return session.get_backend_name() == "postgresql";
+}
+
 /// 0 when the table is missing, so that a database of another origin shows as such.
 int schema_version(soci::session& session)
 {
   int tables = 0;
-  session << "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = 'schema_version'",
+  session << (on_server(session) ? "SELECT count(*) FROM information_schema.tables WHERE table_name = "
+                                   "'schema_version' AND table_schema = current_schema()"
+                                 : "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = "
+                                   "'schema_version'"),
       soci::into(tables);
   if (tables == 0)
     return 0;
@@ -73,22 +87,20 @@ int schema_version(soci::session& session)
   return indicator == soci::i_ok ? version : 0;
 }
 
-std::string statement_text(const std::string& text)
+std::string statement_text(soci::session& session, const std::string& text)
 {
   const std::string placeholder = "{id}";
   const size_t at = text.find(placeholder);
   if (at == std::string::npos)
     return text;
-  return std::string(text).replace(at, placeholder.size(), "INTEGER PRIMARY KEY AUTOINCREMENT");
+  const char* const id_type =
+      on_server(session) ? "BIGSERIAL PRIMARY KEY" : "INTEGER PRIMARY KEY AUTOINCREMENT";
+  return std::string(text).replace(at, placeholder.size(), id_type);
 }
 
-void run_migrations(soci::session& session, const Catalog_Migrations& migrations, int from_version)
+// A server gathers its own statistics.
+void write_index_statistics(soci::session& session)
 {
-  for (size_t version = static_cast<size_t>(from_version); version < migrations.size(); ++version)
-    for (const std::string& statement : migrations[version])
-      session << statement_text(statement);
-  session << "UPDATE schema_version SET version = " << migrations.size();
-
   session << "ANALYZE sqlite_master"; // makes the table of statistics
   session << "DELETE FROM sqlite_stat1";
   for (const Index_Statistics& index : catalog_index_statistics()) {
@@ -97,41 +109,115 @@ void run_migrations(soci::session& session, const Catalog_Migrations& migrations
         soci::use(name, "i"), soci::use(rows, "s");
   }
 }
+
+void run_migrations(soci::session& session, const Catalog_Migrations& migrations, int from_version)
+{
+  for (size_t version = static_cast<size_t>(from_version); version < migrations.size(); ++version)
+    for (const std::string& statement : migrations[version])
+      session << statement_text(session, statement);
+  session << "UPDATE schema_version SET version = " << migrations.size();
+  if (!on_server(session))
+    write_index_statistics(session);
+}
+
+void make_schema(soci::session& session, const Catalog_Migrations& migrations)
+{
+  session << "CREATE TABLE schema_version (version INTEGER NOT NULL)";
+  session << "INSERT INTO schema_version (version) VALUES (0)";
+  run_migrations(session, migrations, 0);
+}
+
+/// SQLite takes the lock of a write transaction at its beginning; a server needs one of our own.
+void lock_schema(soci::session& session)
+{
+  if (on_server(session)) {
+    std::string nothing;
+    session << "SELECT CAST(pg_advisory_xact_lock(" << catalog_application_id << ") AS TEXT)",
+        soci::into(nothing);
+  }
+}
 } // namespace
 
-Catalog_Error Catalog_Database::translate(const std::string& path, const std::exception& error)
+Catalog_Error Catalog_Database::translate(const Catalog_Place& place, const std::exception& error)
 {
   if (const auto* known = dynamic_cast<const Catalog_Error*>(&error))
     return *known;
-  const std::string start = "Catalog " + path + ": ";
+  const std::string start = "Catalog " + place.name() + ": ";
   if (const auto* sqlite = dynamic_cast<const soci::sqlite3_soci_error*>(&error)) {
     const Catalog_Status status = is_busy(sqlite->result()) ? Catalog_Status::busy : Catalog_Status::failed;
     return Catalog_Error(status, start + sqlite->get_error_message() + ". " + cure_of(sqlite->result()));
   }
-  if (const auto* other = dynamic_cast<const soci::soci_error*>(&error))
+  if (const auto* other = dynamic_cast<const soci::soci_error*>(&error)) {
+    if (other->get_error_category() == soci::soci_error::connection_error)
+      return unreachable(place, other->get_error_message());
     return Catalog_Error(Catalog_Status::failed, start + other->get_error_message());
+  }
   return Catalog_Error(Catalog_Status::failed, start + error.what());
 }
 
 Catalog_Database::Catalog_Database(const Catalog_Place& place)
 {
+  if (!place.problem.empty())
+    throw Catalog_Error(Catalog_Status::failed, place.problem);
   try {
-    struct stat status;
-    if (file_system().stat(place.path.c_str(), &status) != 0) {
-      if (errno != ENOENT)
-        throw file_error("Cannot look at the catalog", place.path);
-      create(place);
-    } else if (status.st_size == 0)
-      throw Catalog_Error(Catalog_Status::failed,
-                          "Catalog " + place.path + " is empty (0 bytes). " + cure_of(SQLITE_CORRUPT));
-    connect(place.path, place.busy_timeout_msec);
+    if (place.server.empty())
+      open_file(place);
+    else
+      open_server(place);
     migrate(place);
   } catch (const std::exception& error) {
-    throw translate(place.path, error);
+    throw translate(place, error);
   }
 }
 
-void Catalog_Database::connect(const std::string& path, int busy_timeout_msec)
+void Catalog_Database::open_server(const Catalog_Place& place)
+{
+  // Loaded by name, so that hosts without a server need no client library. The limits come first: the place
+  // may set its own.
+  const std::string connection =
+      "connect_timeout=10 tcp_user_timeout=30000 application_name=kestrel " + place.server;
+  try {
+    session_.open("postgresql", connection);
+  } catch (const soci::soci_error& error) {
+    const std::string text = error.get_error_message();
+    if (text.find("shared library") != std::string::npos)
+      throw Catalog_Error(Catalog_Status::failed, "Catalog " + place.name() + ": " + text +
+                                                      ". Install SOCI's back end for PostgreSQL");
+    throw unreachable(place, text);
+  }
+  session_ << "SET lock_timeout = '60s'";
+  if (schema_version(session_) != 0)
+    return;
+  Catalog_Transaction transaction(session_, Catalog_Transaction::Kind::write);
+  lock_schema(session_);
+  if (schema_version(session_) == 0) {
+    make_schema(session_, *place.migrations);
+    created_ = true;
+  }
+  transaction.commit();
+}
+
+void Catalog_Database::open_file(const Catalog_Place& place)
+{
+  struct stat status;
+  if (file_system().stat(place.path.c_str(), &status) != 0) {
+    if (errno != ENOENT)
+      throw file_error("Cannot look at the catalog", place.path);
+    create_file(place);
+  } else if (status.st_size == 0)
+    throw Catalog_Error(Catalog_Status::failed,
+                        "Catalog " + place.path + " is empty (0 bytes). " + cure_of(SQLITE_CORRUPT));
+  connect_file(place.path, place.busy_timeout_msec);
+  int application_id = 0;
+  session_ << "PRAGMA application_id", soci::into(application_id);
+  if (schema_version(session_) <= 0 || application_id != catalog_application_id)
+    throw Catalog_Error(Catalog_Status::failed,
+                        "Catalog " + place.path +
+                            " is a database, but not a catalog of this program. Move it away "
+                            "and put back the catalog");
+}
+
+void Catalog_Database::connect_file(const std::string& path, int busy_timeout_msec)
 {
   if (path.find('"') != std::string::npos)
     throw Catalog_Error(Catalog_Status::failed, "The path of the catalog holds a quotation mark: " + path);
@@ -142,7 +228,7 @@ void Catalog_Database::connect(const std::string& path, int busy_timeout_msec)
   session_ << "PRAGMA synchronous = FULL";
 }
 
-void Catalog_Database::create(const Catalog_Place& place)
+void Catalog_Database::create_file(const Catalog_Place& place)
 {
   File_Lock lock;
   if (!lock.lock(place.path + ".lock"))
@@ -168,14 +254,12 @@ void Catalog_Database::create(const Catalog_Place& place)
   });
   ignore_result(files.close(fd), "nothing was written through it");
 
-  connect(fresh, place.busy_timeout_msec);
+  connect_file(fresh, place.busy_timeout_msec);
   session_ << "PRAGMA application_id = " << catalog_application_id;
   session_ << "PRAGMA journal_mode = WAL";
   {
     Catalog_Transaction transaction(session_, Catalog_Transaction::Kind::write);
-    session_ << "CREATE TABLE schema_version (version INTEGER NOT NULL)";
-    session_ << "INSERT INTO schema_version (version) VALUES (0)";
-    run_migrations(session_, *place.migrations, 0);
+    make_schema(session_, *place.migrations);
     transaction.commit();
   }
   session_.close(); // the last connection moves the log into the file and syncs it
@@ -196,32 +280,29 @@ void Catalog_Database::migrate(const Catalog_Place& place)
 {
   const int newest = static_cast<int>(place.migrations->size());
   int version = schema_version(session_);
-  int application_id = 0;
-  session_ << "PRAGMA application_id", soci::into(application_id);
-  if (version <= 0 || application_id != catalog_application_id)
-    throw Catalog_Error(Catalog_Status::failed,
-                        "Catalog " + place.path +
-                            " is a database, but not a catalog of this program. Move it away "
-                            "and put back the catalog");
   if (version > newest)
-    throw Catalog_Error(Catalog_Status::failed, "Catalog " + place.path +
+    throw Catalog_Error(Catalog_Status::failed, "Catalog " + place.name() +
                                                     " was written by a newer release (schema " +
                                                     std::to_string(version) + ", this program knows up to " +
                                                     std::to_string(newest) + "). Update this program");
   if (version == newest)
     return;
   Catalog_Transaction transaction(session_, Catalog_Transaction::Kind::write);
+  lock_schema(session_);
   version = schema_version(session_); // another process may have been first
   if (version < newest)
     run_migrations(session_, *place.migrations, version);
   transaction.commit();
-  ACE_DEBUG((LM_NOTICE, "(%P|%t) Catalog %C was brought from schema %d to %d\n", place.path.c_str(), version,
-             newest));
+  ACE_DEBUG((LM_NOTICE, "(%P|%t) Catalog %s was brought from schema %d to %d\n", place.name().c_str(),
+             version, newest));
 }
 
 Catalog_Transaction::Catalog_Transaction(soci::session& session, Kind kind) : session_(session)
 {
-  session_ << (kind == Kind::write ? "BEGIN IMMEDIATE" : "BEGIN");
+  if (on_server(session_))
+    session_ << (kind == Kind::write ? "BEGIN" : "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+  else
+    session_ << (kind == Kind::write ? "BEGIN IMMEDIATE" : "BEGIN");
 }
 
 Catalog_Transaction::~Catalog_Transaction()

@@ -12,10 +12,17 @@ namespace kestrel
 {
 /// Where a SQL catalog lives and how it is opened.
 struct Catalog_Place {
-  std::string path; ///< of the SQLite file
+  std::string path; ///< of the SQLite file, when there is no server
+  /// Of a PostgreSQL database, as libpq reads it ("host=... dbname=..."); empty: the catalog is the file.
+  /// Shown in messages, so it must not hold a password.
+  std::string server;
+  std::string problem; ///< not empty: the place could not be found out, and opening it fails with this text
   /// How long one attempt waits for another process's write, in real time; the caller's retries come on top.
   int busy_timeout_msec = 2000;
   const Catalog_Migrations* migrations = &catalog_migrations();
+
+  /// For messages.
+  std::string name() const { return server.empty() ? path : "on the server (" + server + ")"; }
 };
 
 /// A failure with a text that is complete for the user, except for what was being done.
@@ -31,7 +38,8 @@ private:
 
 /// An open connection to the catalog with the present schema. The first open of a missing file builds a new
 /// catalog under a temporary name and renames it, so an empty file at the catalog's path is damage and never
-/// a new catalog. Older schemas are brought up to date in one transaction.
+/// a new catalog; in a server's database the tables appear in one transaction. Older schemas are brought up
+/// to date in one transaction.
 /// Threads: one owner.
 /// Errors:  the constructor throws Catalog_Error; statements throw soci::soci_error, which translate() turns
 ///          into a Catalog_Error with the cure.
@@ -43,14 +51,16 @@ public:
   explicit Catalog_Database(const Catalog_Place& place);
 
   soci::session& session() { return session_; }
-  /// True when the open had to build the file.
+  /// True when the open had to build the catalog.
   bool created() const { return created_; }
 
-  static Catalog_Error translate(const std::string& path, const std::exception& error);
+  static Catalog_Error translate(const Catalog_Place& place, const std::exception& error);
 
 private:
-  void create(const Catalog_Place& place);
-  void connect(const std::string& path, int busy_timeout_msec);
+  void open_file(const Catalog_Place& place);
+  void open_server(const Catalog_Place& place);
+  void create_file(const Catalog_Place& place);
+  void connect_file(const std::string& path, int busy_timeout_msec);
   void migrate(const Catalog_Place& place);
 
   soci::session session_;

@@ -1,11 +1,14 @@
 #include "catalog/sql_back_end.h"
 
+#include "base/durable_file.h"
 #include "base/path_conf.h"
 #include "catalog/catalog_commit.h"
 #include "catalog/catalog_views.h"
+#include "json/json_util.h"
 
 #include <ace/Log_Msg.h>
 
+#include <cerrno>
 #include <set>
 #include <stdexcept>
 
@@ -33,6 +36,26 @@ Catalog_Place default_catalog_place()
 {
   Catalog_Place place;
   place.path = state_path("catalog.db");
+  const std::string configuration = state_path("catalog.json");
+  std::string text, cause;
+  if (!read_whole_file(configuration, text, cause)) {
+    if (errno != ENOENT)
+      place.problem = "Cannot read " + configuration + ": " + cause;
+    return place;
+  }
+  try {
+    json_spirit::Value document;
+    if (!read_json(text, document, cause))
+      throw std::runtime_error(cause);
+    place.server = required<std::string>(document.get_obj(), "postgresql");
+    // libpq takes the first = as the sign of key and value, and a URI may hold a password between : and @.
+    if (place.server.find('=') == std::string::npos || place.server.find("://") != std::string::npos)
+      throw std::runtime_error("'postgresql' must be like \"host=... dbname=...\"");
+    if (place.server.find("password") != std::string::npos)
+      throw std::runtime_error("it must not hold a password; use the password file of PostgreSQL (.pgpass)");
+  } catch (const std::exception& failure) {
+    place.problem = "The configuration " + configuration + " cannot be used: " + failure.what();
+  }
   return place;
 }
 
@@ -44,15 +67,15 @@ template <class Work> Catalog_Status Sql_Back_End::run(std::string& error, Work 
   try {
     Catalog_Database database(place_);
     if (database.created())
-      ACE_DEBUG(
-          (LM_NOTICE, "(%P|%t) There was no catalog: the empty catalog %s was made\n", place_.path.c_str()));
+      ACE_DEBUG((LM_NOTICE, "(%P|%t) There was no catalog yet: the empty catalog %s was made\n",
+                 place_.name().c_str()));
     work(database.session());
     return Catalog_Status::done;
   } catch (const std::invalid_argument& refused) {
     error = refused.what();
     return Catalog_Status::failed;
   } catch (const std::exception& failure) {
-    const Catalog_Error translated = Catalog_Database::translate(place_.path, failure);
+    const Catalog_Error translated = Catalog_Database::translate(place_, failure);
     error = translated.what();
     return translated.status();
   }
@@ -86,7 +109,7 @@ Catalog_Status Sql_Back_End::commit(const Backup_Record& record, bool must_be_ne
       if (must_be_new)
         throw Catalog_Error(
             Catalog_Status::failed,
-            "The catalog " + place_.path + " already has a backup set '" + row.uuid() +
+            "The catalog " + place_.name() + " already has a backup set '" + row.uuid() +
                 "': a backup is recorded once. If the tool gave two backups the same id, the second "
                 "one cannot be told from the first; run a full backup");
       return;

@@ -5,9 +5,9 @@
 
 namespace kestrel
 {
-/// The catalog in a SQL database on this host. Opens a connection for each operation: an operation takes a
-/// millisecond more, and in exchange no connection is ever shared between threads, inherited by a child, or
-/// left on a file that an operator has moved away.
+/// The catalog in a SQL database: a SQLite file of this host or a PostgreSQL server. Opens a connection for
+/// each operation: an operation takes a millisecond more, and in exchange no connection is ever shared
+/// between threads, inherited by a child, or left on a file that an operator has moved away.
 class Sql_Back_End : public Catalog_Back_End
 {
 public:
@@ -31,6 +31,8 @@ private:
   Catalog_Place place_;
 };
 
-/// state_path("catalog.db") of this component.
+/// The catalog of this component: state_path("catalog.db"), unless the file catalog.json beside it names a
+/// database of a PostgreSQL server: {"postgresql": "host=... dbname=..."}. A catalog.json that cannot be used
+/// is an error and not a reason to fall back to the file, whose backups would be others.
 Catalog_Place default_catalog_place();
 } // namespace kestrel

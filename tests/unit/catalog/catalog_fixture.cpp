@@ -3,6 +3,36 @@
 #include "catalog/catalog_commit.h"
 #include "catalog/sql_back_end.h"
 
+#include <cstdlib>
+#include <unistd.h>
+
+Server_Schema::Server_Schema(const kestrel_test::Temp_Dir& root)
+{
+  const char* const server = ::getenv("KESTREL_TEST_POSTGRESQL");
+  if (!server)
+    return;
+  static int number = 0;
+  server_ = server;
+  name_ = "kestrel_test_" + std::to_string(::getpid()) + "_" + std::to_string(++number);
+  soci::session session("postgresql", server_);
+  session << "CREATE SCHEMA " << name_;
+  root.write("var/opt/tarnvik/kestrel3/agent/catalog.json",
+             "{\"postgresql\": \"" + server_ + " options='-c search_path=" + name_ + "'\"}");
+}
+
+Server_Schema::~Server_Schema()
+{
+  if (server_.empty())
+    return;
+  try {
+    soci::session session("postgresql", server_);
+    session << "SET client_min_messages = error";
+    session << "DROP SCHEMA " << name_ << " CASCADE";
+  } catch (const std::exception& error) {
+    ADD_FAILURE() << error.what();
+  }
+}
+
 Oscar_Brcmd_Backup_Set Catalog_Fixture::make_set(const std::string& id, const std::string& type,
                                                  const std::string& last, const std::string& full,
                                                  time_t start_time)

@@ -13,15 +13,33 @@
 
 typedef std::map<std::string, json_spirit::Value> Query;
 
+/// With KESTREL_TEST_POSTGRESQL in the environment (a libpq connection text), the catalog of the test lies in
+/// a schema of its own on that server; otherwise this does nothing.
+class Server_Schema
+{
+public:
+  explicit Server_Schema(const kestrel_test::Temp_Dir& root);
+  ~Server_Schema();
+  Server_Schema(const Server_Schema&) = delete;
+  Server_Schema& operator=(const Server_Schema&) = delete;
+
+private:
+  std::string server_;
+  std::string name_;
+};
+
 /// A catalog of its own for each test, below a temporary KESTREL_ROOT.
 class Catalog_Fixture : public ::testing::Test
 {
 protected:
   kestrel_test::Temp_Dir root_;
   kestrel_test::Scoped_Env environment_{"KESTREL_ROOT", root_.path()};
+  Server_Schema schema_{root_};
   kestrel_test::Log_Capture log_;
 
   std::string catalog_path() const { return root_ / "var/opt/tarnvik/kestrel3/agent/catalog.db"; }
+
+  std::string configuration_path() const { return root_ / "var/opt/tarnvik/kestrel3/agent/catalog.json"; }
 
   static Oscar_Brcmd_Backup_Set make_set(const std::string& id, const std::string& type = "full",
                                          const std::string& last = "", const std::string& full = "",

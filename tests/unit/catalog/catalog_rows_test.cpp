@@ -14,7 +14,7 @@ TEST_F(Catalog_Rows, an_unused_catalog_answers_with_no_rows)
 {
   EXPECT_TRUE(rows({}).empty());
   EXPECT_TRUE(rows({}, "oscar").empty());
-  EXPECT_TRUE(kestrel_test::exists(catalog_path()));
+  EXPECT_NE(kestrel_test::exists(catalog_path()), kestrel_test::exists(configuration_path()));
 }
 
 TEST_F(Catalog_Rows, a_committed_set_comes_back_field_by_field)
