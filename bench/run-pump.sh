@@ -25,7 +25,6 @@ trap 'rm -rf "$work"' EXIT
 mkdir "$work/pool"
 mkfifo "$work/fifo"
 "$bench" fill "$work/data" "$size"
-zstd -q -1 -c "$work/data" > "$work/data.zst"
 sync
 
 # measure NAME in|out COMMAND...: the FIFO's other end is cat, from the data file or to nowhere.
@@ -50,10 +49,23 @@ backup_round() {
   measure kestrel_zstd_2 in "$bench" write "$work/fifo" "$work/pool" two zstd 1 2
 }
 
+# A stored file is seldom in the page cache when it is restored, so every file is dropped from it first, or with hot
+# read into it.
+cold() { sync "$1"; dd if="$1" iflag=nocache count=0 status=none; }
+hot() { cat "$1" > /dev/null; }
+
 restore_round() {
-  measure dd_out out dd if="$work/data" of="$work/fifo" bs=8k
+  local stored=$work/pool/pump-bench
+  cold "$stored/none"
+  measure dd_out out dd if="$stored/none" of="$work/fifo" bs=8k
+  cold "$stored/none"
   measure kestrel_out out "$bench" read "$work/pool" none "$work/fifo"
-  measure zstd_d out sh -c 'zstd -q -d -c "$1" > "$2"' - "$work/data.zst" "$work/fifo"
+  hot "$stored/none"
+  measure dd_hot out dd if="$stored/none" of="$work/fifo" bs=8k
+  measure kestrel_hot out "$bench" read "$work/pool" none "$work/fifo"
+  cold "$stored/one"
+  measure zstd_d out sh -c 'zstd -q -d -c < "$1" > "$2"' - "$stored/one" "$work/fifo"
+  cold "$stored/one"
   measure kestrel_zstd_out out "$bench" read "$work/pool" one "$work/fifo"
 }
 
@@ -88,5 +100,7 @@ row kestrel_zstd_2 zstd_2
 row kestrel_zstd_2 zstd
 row dd_out
 row kestrel_out dd_out
+row dd_hot
+row kestrel_hot dd_hot
 row zstd_d
 row kestrel_zstd_out zstd_d

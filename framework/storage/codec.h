@@ -73,9 +73,9 @@ private:
   bool any_input_ = false;
 };
 
-/// A compressor for one of the compressed methods; level as in effective_compression_level(). `workers` is the
-/// number of threads that a zstd compressor runs of its own; with 0 it compresses on the calling thread and
-/// holds less back. Null with `error` filled for another method or without memory.
+/// A compressor for one of the compressed methods; level as in effective_compression_level(). `workers` is
+/// the number of threads that a zstd compressor runs of its own; with 0 it compresses on the calling thread
+/// and holds less back. Null with `error` filled for another method or without memory.
 [[nodiscard]] std::unique_ptr<Compressor> make_compressor(Compression_Method method, int level,
                                                           unsigned workers, std::string& error);
 [[nodiscard]] std::unique_ptr<Decompressor> make_decompressor(Compression_Method method, std::string& error);

@@ -15,6 +15,7 @@
 #include <linux/magic.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -33,6 +34,7 @@ const uint64_t WRITEBACK_BYTES = 8 * 1024 * 1024;
 // device.
 const unsigned DIRECT_ALIGNMENT = 4096;
 const unsigned GATHER_BYTES = 1024 * 1024;
+const unsigned DIRECT_READ_BYTES = 1024 * 1024;
 
 bool ends_with(const std::string& text, const std::string& end)
 {
@@ -61,6 +63,37 @@ int unlink_if_there(const std::string& path)
 {
   const int result = file_system().unlink(path.c_str());
   return result != 0 && errno == ENOENT ? 0 : result;
+}
+
+bool set_direct(int fd, bool direct)
+{
+  const int flags = ::fcntl(fd, F_GETFL);
+  return flags >= 0 && ::fcntl(fd, F_SETFL, direct ? flags | O_DIRECT : flags & ~O_DIRECT) == 0;
+}
+
+/// True for file systems on local disks, where going past the page cache is known to be fast. Others, such as
+/// network file systems, gain from the cache, which sends many requests at once.
+bool is_direct_file_system(int fd)
+{
+  struct statfs status;
+  return ::fstatfs(fd, &status) == 0 &&
+         (status.f_type == EXT4_SUPER_MAGIC || status.f_type == XFS_SUPER_MAGIC);
+}
+
+/// True when most of a few bytes all over the file are in the page cache, or when that cannot be told.
+bool is_cached(int fd, uint64_t size)
+{
+  const int samples = 5;
+  int cached = 0;
+  for (int i = 0; i < samples && size > 0; ++i) {
+    char byte;
+    const struct iovec target = {&byte, 1};
+    const ssize_t count =
+        ::preadv2(fd, &target, 1, static_cast<off_t>((size - 1) / (samples - 1) * static_cast<unsigned>(i)),
+                  RWF_NOWAIT);
+    cached += count < 0 && errno == EAGAIN ? 0 : 1;
+  }
+  return cached > samples / 2;
 }
 
 class Directory_Writer : public Stored_File_Writer
@@ -150,7 +183,7 @@ private:
   void drop_direct_flag()
   {
     if (direct_)
-      ignore_result(::fcntl(fd_, F_SETFL, ::fcntl(fd_, F_GETFL) & ~O_DIRECT), "the next write tells");
+      ignore_result(set_direct(fd_, false), "the next write tells");
     direct_ = false;
   }
 
@@ -235,7 +268,10 @@ private:
 class Directory_Reader : public Stored_File_Reader
 {
 public:
-  Directory_Reader(const std::string& path, int fd, uint64_t size) : path_(path), fd_(fd), size_(size) {}
+  Directory_Reader(const std::string& path, int fd, uint64_t size, bool direct_allowed)
+      : path_(path), fd_(fd), size_(size), direct_allowed_(direct_allowed)
+  {
+  }
 
   ~Directory_Reader() override { ignore_result(file_system().close(fd_), "the file was only read"); }
 
@@ -258,9 +294,15 @@ public:
   {
     unsigned done = 0;
     while (done < n) {
-      const ssize_t count = file_system().read(fd_, static_cast<char*>(data) + done, n - done);
+      char* const next = static_cast<char*>(data) + done;
+      switch_direct(next, n - done);
+      const ssize_t count = file_system().read(fd_, next, n - done);
       if (count < 0 && errno == EINTR)
         continue;
+      if (count < 0 && errno == EINVAL && direct_) {
+        direct_allowed_ = false;
+        continue;
+      }
       if (count < 0) {
         error = file_error("read", path_, errno);
         return -1;
@@ -268,14 +310,28 @@ public:
       if (count == 0)
         break;
       done += static_cast<unsigned>(count);
+      offset_ += static_cast<uint64_t>(count);
     }
     return static_cast<int>(done);
   }
 
 private:
+  // Large reads into whole pages go past the page cache; for others the kernel's read-ahead does better.
+  void switch_direct(const char* data, unsigned n)
+  {
+    const bool direct = direct_allowed_ && n >= DIRECT_READ_BYTES && n % DIRECT_ALIGNMENT == 0 &&
+                        offset_ % DIRECT_ALIGNMENT == 0 &&
+                        reinterpret_cast<uintptr_t>(data) % DIRECT_ALIGNMENT == 0;
+    if (direct != direct_)
+      direct_ = set_direct(fd_, direct) && direct;
+  }
+
   const std::string path_;
   const int fd_;
   const uint64_t size_;
+  bool direct_allowed_;
+  bool direct_ = false;
+  uint64_t offset_ = 0;
   std::string side_file_;
 };
 
@@ -320,16 +376,6 @@ int open_partial(const std::string& path, std::string& error)
   }
   error = "cannot create " + partial_path + ": other jobs keep writing this file";
   return -1;
-}
-
-/// Turns direct writing on where it is known to be fast: file systems on local disks. Others, such as network
-/// file systems, gain from the page cache, which sends many writes at once. True when it is on.
-bool begin_direct(int fd)
-{
-  struct statfs status;
-  if (::fstatfs(fd, &status) != 0 || (status.f_type != EXT4_SUPER_MAGIC && status.f_type != XFS_SUPER_MAGIC))
-    return false;
-  return ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_DIRECT) == 0;
 }
 
 bool is_safe_folder(const std::string& folder)
@@ -447,7 +493,8 @@ std::unique_ptr<Stored_File_Writer> Directory_Back_End::create(const std::string
   if (fd < 0)
     return nullptr;
   // A limited stream comes in small pieces.
-  const bool direct = options_.rate_limits.write_limit() == 0 && begin_direct(fd);
+  const bool direct =
+      options_.rate_limits.write_limit() == 0 && is_direct_file_system(fd) && set_direct(fd, true);
   return std::make_unique<Directory_Writer>(path, fd, direct);
 }
 
@@ -476,7 +523,9 @@ std::unique_ptr<Stored_File_Reader> Directory_Back_End::open(const std::string& 
     return nullptr;
   }
   ignore_result(::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL), "only advice");
-  auto reader = std::make_unique<Directory_Reader>(path, fd, static_cast<uint64_t>(status.st_size));
+  const uint64_t size = static_cast<uint64_t>(status.st_size);
+  const bool direct = is_direct_file_system(fd) && !is_cached(fd, size);
+  auto reader = std::make_unique<Directory_Reader>(path, fd, size, direct);
   close_file.cancel();
   if (!reader->load_side_file(error))
     return nullptr;

@@ -15,8 +15,7 @@ const unsigned STORED_BYTES = 256 * 1024;
 } // namespace
 
 Stream_Reader::Stream_Reader(std::unique_ptr<Stored_File_Reader> file, uint64_t bytes_per_second)
-    : file_(std::move(file)), limiter_(bytes_per_second),
-      pipe_(read_settings(bytes_per_second).block_count, read_settings(bytes_per_second).block_bytes)
+    : file_(std::move(file)), bytes_per_second_(bytes_per_second), limiter_(bytes_per_second)
 {
 }
 
@@ -28,7 +27,8 @@ Stream_Reader::~Stream_Reader()
 void Stream_Reader::stop()
 {
   stopped_ = true;
-  pipe_.stop();
+  if (pipe_)
+    pipe_->stop();
   if (worker_.joinable())
     worker_.join();
 }
@@ -63,6 +63,8 @@ bool Stream_Reader::start()
     if (!stored_ || !decompressor_)
       return false;
   }
+  const Stream_Settings settings = read_settings(side_.method, bytes_per_second_);
+  pipe_ = std::make_unique<Block_Pipe>(settings.block_count, settings.block_bytes);
   try {
     worker_ = std::thread([this] { run(); });
   } catch (const std::system_error& failure) {
@@ -86,10 +88,10 @@ int Stream_Reader::read(void* data, unsigned n)
   unsigned done = 0;
   while (done < n && !ended_) {
     if (block_ == nullptr) {
-      block_ = pipe_.take_full();
+      block_ = pipe_->take_full();
       block_taken_ = 0;
-      if (block_ == nullptr && !pipe_.ended())
-        return fail(pipe_.failure());
+      if (block_ == nullptr && !pipe_->ended())
+        return fail(pipe_->failure());
       if (block_ == nullptr && !verify_stream())
         return -1;
       ended_ = block_ == nullptr;
@@ -104,7 +106,7 @@ int Stream_Reader::read(void* data, unsigned n)
     block_taken_ += piece;
     done += piece;
     if (block_taken_ == block_->size) {
-      pipe_.give_back(block_);
+      pipe_->give_back(block_);
       block_ = nullptr;
     }
   }
@@ -131,23 +133,23 @@ unsigned Stream_Reader::left_of(unsigned most) const
 
 void Stream_Reader::run()
 {
-  while (Block* block = pipe_.take_free()) {
+  while (Block* block = pipe_->take_free()) {
     if (!fill(*block)) {
       if (worker_error_.empty() && decompressor_)
         worker_error_ = damaged(decompressor_->error());
       if (!stopped_)
-        pipe_.fail(worker_error_);
+        pipe_->fail(worker_error_);
       return;
     }
     const bool ended = block->size < block->capacity;
     if (block->size > 0)
-      pipe_.put(block);
+      pipe_->put(block);
     if (ended && !verify_stored()) {
-      pipe_.fail(worker_error_);
+      pipe_->fail(worker_error_);
       return;
     }
     if (ended) {
-      pipe_.finish();
+      pipe_->finish();
       return;
     }
   }

@@ -52,8 +52,9 @@ private:
   std::unique_ptr<Stored_File_Reader> file_;
   Side_File side_;
   std::unique_ptr<Decompressor> decompressor_;
+  const uint64_t bytes_per_second_;
   Rate_Limiter limiter_;
-  Block_Pipe pipe_;
+  std::unique_ptr<Block_Pipe> pipe_;
   std::thread worker_;
   std::atomic<bool> stopped_{false};
   // Used by the worker until it has ended.

@@ -15,15 +15,18 @@ const unsigned BLOCK_BYTES = 256 * 1024;
 const unsigned BLOCK_COUNT = 16;
 // Uncompressed blocks go to the disk as they are, past the page cache and one at a time. The kernel splits a
 // large one into requests that the device works on together.
-const unsigned DIRECT_BLOCK_BYTES = 4 * 1024 * 1024;
-const unsigned DIRECT_BLOCK_COUNT = 4;
+const unsigned DIRECT_WRITE_BYTES = 4 * 1024 * 1024;
+const unsigned DIRECT_WRITE_COUNT = 4;
+const unsigned DIRECT_READ_BYTES = 1024 * 1024;
+const unsigned DIRECT_READ_COUNT = 6;
 const unsigned LIMITED_BLOCK_BYTES = 64 * 1024;
 const unsigned LIMITED_BLOCK_COUNT = 4;
 
 const unsigned MOST_WORKERS_BY_DEFAULT = 4;
 // Each worker costs some megabytes.
 const unsigned MOST_WORKERS = 16;
-// Below this speed the stream's own thread keeps up, and less data waits inside the compressor when a job is cancelled.
+// Below this speed the stream's own thread keeps up, and less data waits inside the compressor when a job is
+// cancelled.
 const uint64_t NO_WORKER_BYTES_PER_SECOND = 8 * 1024 * 1024;
 } // namespace
 
@@ -31,16 +34,20 @@ Stream_Settings write_settings(Compression_Method method, uint64_t bytes_per_sec
 {
   if (bytes_per_second != 0 && method != COMPRESSION_NONE)
     return {LIMITED_BLOCK_COUNT, LIMITED_BLOCK_BYTES};
-  if (bytes_per_second != 0 || method != COMPRESSION_NONE)
-    return read_settings(bytes_per_second);
-  return {DIRECT_BLOCK_COUNT, DIRECT_BLOCK_BYTES};
+  if (bytes_per_second != 0)
+    return {LIMITED_BLOCK_COUNT, Rate_Limiter(bytes_per_second).piece(LIMITED_BLOCK_BYTES)};
+  if (method != COMPRESSION_NONE)
+    return {BLOCK_COUNT, BLOCK_BYTES};
+  return {DIRECT_WRITE_COUNT, DIRECT_WRITE_BYTES};
 }
 
-Stream_Settings read_settings(uint64_t bytes_per_second)
+Stream_Settings read_settings(Compression_Method method, uint64_t bytes_per_second)
 {
-  if (bytes_per_second == 0)
+  if (method != COMPRESSION_NONE)
     return {BLOCK_COUNT, BLOCK_BYTES};
-  return {LIMITED_BLOCK_COUNT, Rate_Limiter(bytes_per_second).piece(LIMITED_BLOCK_BYTES)};
+  if (bytes_per_second != 0)
+    return {LIMITED_BLOCK_COUNT, Rate_Limiter(bytes_per_second).piece(LIMITED_BLOCK_BYTES)};
+  return {DIRECT_READ_COUNT, DIRECT_READ_BYTES};
 }
 
 unsigned compression_workers(const Client_IO_Base::Options& options)

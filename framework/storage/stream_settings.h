@@ -14,7 +14,7 @@ struct Stream_Settings {
 /// small blocks: a job thread that waits for a free block must come back within a fraction of a second to see
 /// that it was cancelled.
 Stream_Settings write_settings(Compression_Method method, uint64_t bytes_per_second);
-Stream_Settings read_settings(uint64_t bytes_per_second);
+Stream_Settings read_settings(Compression_Method method, uint64_t bytes_per_second);
 
 /// The threads that compress one stream with these options, besides the stream's own; 0 for a slow limit.
 unsigned compression_workers(const Client_IO_Base::Options& options);
