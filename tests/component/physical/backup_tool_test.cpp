@@ -203,7 +203,7 @@ TEST(Physical_Backup_Tool, fails_when_the_new_chain_state_cannot_be_read)
 TEST(Physical_Backup_Tool, kills_a_brcmd_that_ignores_every_request_to_end)
 {
   Physical_Bench bench(400);
-  bench.set_brcmd("ignore TERM\nignore PIPE\nbegin ${option:-f}\nput_zeros 100000\nhang");
+  bench.set_brcmd("ignore TERM\nignore PIPE\nbegin ${option:-f}\nput_zeros 600\nhang");
   Codes alerts;
   EXPECT_EQ(JOB_STATE_ERROR, bench.run(bench.backup_fields(), &alerts));
   EXPECT_EQ(Codes{16}, alerts); // zeros are an info length of 0
