@@ -1,5 +1,6 @@
 #include "oscar/instance/oscar_instance_handler.h"
 
+#include "base/scope_guard.h"
 #include "instances/instance_manager.h"
 #include "instances/instance_registry.h"
 #include "process/process_api.h"
@@ -11,7 +12,10 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fcntl.h>
 #include <fstream>
+#include <stdexcept>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -147,6 +151,43 @@ TEST_F(Instance_Handler_With_Tools, replaces_what_the_caller_had_under_the_name)
   EXPECT_EQ(handler_.probe_instances(instances), 0);
   EXPECT_EQ(instances[name_]->type, "oscar");
   EXPECT_EQ(instances.count("OTHER"), 1u);
+}
+
+TEST_F(Instance_Handler_With_Tools, a_probe_fails_without_a_list_of_services)
+{
+  rlimit before = {};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(next, 0);
+  ::close(next);
+  Instances instances;
+  {
+    // No descriptor is left for the process table.
+    rlimit none_left = before;
+    none_left.rlim_cur = static_cast<rlim_t>(next);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none_left), 0);
+    const kestrel::Scope_Guard restore([&] { ::setrlimit(RLIMIT_NOFILE, &before); });
+    EXPECT_EQ(handler_.probe_instances(instances), -1);
+  }
+  EXPECT_TRUE(instances.empty());
+  EXPECT_TRUE(log_.expect_exactly(LM_ERROR, "Failed to list service.\n"));
+  EXPECT_TRUE(log_.expect_exactly(LM_ERROR, "Failed to get instance info.\n"));
+}
+
+TEST_F(Instance_Handler_With_Tools, no_exception_leaves_a_probe)
+{
+  class Throwing_Api : public kestrel::Process_Api
+  {
+  public:
+    pid_t spawn(const kestrel::Spawn_Request&) override { throw std::runtime_error("too many 100%s"); }
+  };
+  Server server(home_, name_);
+  Throwing_Api api;
+  const kestrel::Scoped_Process_Api scope(api);
+  Instances instances;
+  EXPECT_EQ(handler_.probe_instances(instances), -1);
+  EXPECT_TRUE(instances.empty());
+  EXPECT_TRUE(log_.expect_exactly(LM_ERROR, "Failed to get instance info, exception: too many 100%s.\n"));
 }
 
 TEST_F(Instance_Handler_With_Tools, still_reports_an_instance_that_has_gone)

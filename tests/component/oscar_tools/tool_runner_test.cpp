@@ -221,6 +221,8 @@ TEST(Brcmd_Spawn, feeds_the_callers_handler_and_returns_the_status)
   log.expect(LM_ERROR, "warned");
   EXPECT_FALSE(log.contains("secret"));
   EXPECT_EQ(callback->text().find("secret"), std::string::npos);
+  EXPECT_NE(callback->text().find("backed up"), std::string::npos);
+  EXPECT_NE(callback->text().find("warned"), std::string::npos);
 }
 
 TEST(Brcmd_Spawn, a_missing_tool_is_reported)

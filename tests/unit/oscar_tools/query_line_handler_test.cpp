@@ -202,11 +202,11 @@ TEST(Oscar_Query_Handler, passes_the_connection_and_the_statement_to_isql)
   Fault_Process_Api api;
   api.fail_all(ENOENT);
   Oscar_Query_Handler query("/opt/db", "DB1", "sysdba", "secret", 65535, "10.0.0.5");
-  EXPECT_FALSE(query.select("select 'a b' from t where x like '100%'"));
+  EXPECT_FALSE(query.select("select 'a b' from t where x like '100%%'"));
   const std::vector<kestrel::Spawn_Request> requests = api.requests();
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0].argv, (Row{"/opt/db/bin/isql", "-Usysdba/secret", "-h10.0.0.5", "-dDB1", "-p65535",
-                                   "-c", "select 'a b' from t where x like '100%'"}));
+                                   "-c", "select 'a b' from t where x like '100%%'"}));
   EXPECT_EQ(log.lines().size(), 0u) << "the command of a query is never logged";
 }
 
