@@ -21,6 +21,9 @@ Brcmd_Tool_Run::Brcmd_Tool_Run(Job& job, Stream_Fifo& fifo, Stream_Fifo::Side op
     : fifo_(fifo), opener_side_(opener_side), command_(std::move(command)), handler_(nullptr, logging),
       watch_(job, handler_, "brcmd"), thread_(job)
 {
+  // A child of a brcmd that is gone may hold the FIFO: a backup would wait for it, and in a restore it would
+  // take the end of the stream for the end of the backup.
+  handler_.kill_group_on_failure();
 }
 
 Brcmd_Tool_Run::~Brcmd_Tool_Run()

@@ -166,6 +166,7 @@ int execute_oscar_cmd(const char* oscar_home, const char* cmd, const Oscar_Cmd_L
 
   ACE_Process_Ex process(6, nullptr, log_msg_callback);
   ACE_Process_Options opts(true, 1024, 16384, 512, 128);
+  opts.setgroup(0); // a tool may be a wrapper: its children end with it
   kestrel::ignore_result(set_process_opts(oscar_home, cmd, opts),
                          "without a command line the run itself fails");
   return cmd_handler.call(&process, opts);
@@ -196,6 +197,7 @@ int execute_oscar_brcmd_spawn(const char* oscar_home, const char* cmd, const Osc
 
   ACE_Process_Ex process(6, nullptr, log_msg_callback);
   ACE_Process_Options opts(true, 1024, 16384, 512, 128);
+  opts.setgroup(0);
   kestrel::ignore_result(set_process_opts(oscar_home, cmd, opts), "without a command line the spawn fails");
   if (cmd_handler.spawn(&process, opts, nullptr) == -1) {
     ACE_ERROR((LM_ERROR, "Failed to spawn oscar process.\n"));

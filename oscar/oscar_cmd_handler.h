@@ -21,9 +21,10 @@
 ///            the start of one.
 /// Threads:   no state; any number of runs at once. Every execute function blocks until its child has ended.
 /// Ownership: texts are only read during the call; handlers stay with the caller and must outlive the run.
+/// Groups:    each tool leads a process group of its own: whoever terminates it reaches its children too.
 /// Errors:    int results: 0 the tool succeeded, n > 0 its exit status, -1 no start or death by a signal.
 /// Secrets:   the command is logged with the password masked and in no other form.
-/// Crash:     leaves no files; the child dies with this process.
+/// Crash:     leaves no files; the child dies with this process, the child's own children may not.
 
 /// General line handler: copies the tool's output to the log, or keeps the error text of isql for the caller.
 class Execute_Cmd_Line_Handler : public Text_Process_Handler

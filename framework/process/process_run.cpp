@@ -294,16 +294,19 @@ void Process_Run::poll_pipes(int timeout_msec)
 /// True once the child has ended. It is not reaped yet.
 bool Process_Run::look_for_end()
 {
-  siginfo_t info;
-  info.si_pid = 0;
+  siginfo_t info = {};
   int result;
   do
     result = ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT);
   while (result != 0 && errno == EINTR);
-  if (result == 0)
-    return info.si_pid == pid_;
+  if (result == 0 && info.si_pid != pid_)
+    return false;
   const Lock lock(mutex_);
-  lost_ = true;
+  lost_ = result != 0;
+  // The zombie still keeps the group's number. A child that shares this process's group has none to kill.
+  const bool failed = info.si_code != CLD_EXITED || info.si_status != 0;
+  if (failed && own_group_ && kills_group_on_failure_)
+    signal_child(SIGKILL);
   return true;
 }
 

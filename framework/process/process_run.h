@@ -63,6 +63,7 @@ public:
   int spawn(ACE_Process_Ex& process, ACE_Process_Options& options, ACE_Event_Handler* exit_handler);
   int wait(const ACE_Time_Value* timeout);
   int terminate(unsigned int seconds);
+  void kill_group_on_failure() { kills_group_on_failure_ = true; }
   int64_t last_activity_msec() const { return last_activity_msec_.load(); }
 
 private:
@@ -86,6 +87,7 @@ private:
 
   const size_t max_line_;
   const int64_t eof_msec_;
+  std::atomic<bool> kills_group_on_failure_{false};
 
   std::mutex mutex_;
   std::condition_variable changed_;

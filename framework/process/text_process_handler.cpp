@@ -76,6 +76,11 @@ int Text_Process_Handler::terminate(unsigned int seconds)
   return run_->terminate(seconds);
 }
 
+void Text_Process_Handler::kill_group_on_failure()
+{
+  run_->kill_group_on_failure();
+}
+
 int64_t Text_Process_Handler::last_activity_msec() const
 {
   return run_->last_activity_msec();

@@ -76,6 +76,11 @@ public:
   /// already; -1 when it cannot be killed, or inside a virtual function, where it comes back at once.
   int terminate(unsigned int seconds);
 
+  /// From now on, when the child itself ends by a signal or with a status other than 0, what is left of its
+  /// own process group is killed at once: for tools whose children must not go on with half of the work. A
+  /// child that succeeds leaves behind what it likes. Before the spawn.
+  void kill_group_on_failure();
+
   /// Monotonic time (kestrel::clock) at which output last came, or of the spawn when none came yet; 0 before
   /// a spawn.
   int64_t last_activity_msec() const;

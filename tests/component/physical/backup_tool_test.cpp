@@ -167,6 +167,18 @@ TEST(Physical_Backup_Tool, records_nothing_when_brcmd_is_killed_within_the_strea
   }
 }
 
+TEST(Physical_Backup_Tool, does_not_wait_for_a_child_that_a_killed_brcmd_left_with_the_pipe)
+{
+  Physical_Bench bench;
+  bench.set_brcmd("begin ${option:-f}\nput_file " + (bench.dir / "stream") + "\ngrandchild 60000 " +
+                  (bench.dir / "left") + "\ndie KILL");
+  const int64_t before = bench.clock.monotonic_msec();
+  EXPECT_EQ(JOB_STATE_ERROR, bench.run(bench.backup_fields()));
+  EXPECT_LT(bench.clock.monotonic_msec() - before, 600 * 1000);
+  bench.log.expect(LM_ERROR, "brcmd reported a failure after ");
+  bench.expect_recovery();
+}
+
 TEST(Physical_Backup_Tool, records_nothing_when_brcmd_fails_after_the_whole_stream)
 {
   Physical_Bench bench;

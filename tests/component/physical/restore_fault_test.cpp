@@ -243,6 +243,33 @@ TEST(Physical_Restore_Tool, kills_a_stubborn_brcmd_before_it_sees_the_end_of_a_d
   EXPECT_FALSE(exists(bench.dir / "restored"));
 }
 
+TEST(Physical_Restore_Tool, reaches_the_child_that_reads_for_a_wrapper)
+{
+  // brcmd is a shell script whose child reads. The stream is damaged, or the script dies and leaves the
+  // child.
+  for (const bool dies : {false, true}) {
+    Physical_Bench bench(FAST);
+    bench.set_stream(bench.make_good_stream(5000000));
+    bench.back_up();
+    const std::string path = "pool/" + bench.source_id + "/" + bench.whole_files().at(0);
+    std::string content = read_file(bench.dir / path);
+    content[content.size() - 1] = static_cast<char>(content[content.size() - 1] + 1);
+    bench.dir.write(path, content);
+    ASSERT_EQ(0, ::unlink((bench.home + "/bin/brcmd").c_str())); // a link to the fake tool
+    bench.dir.write("home/bin/brcmd",
+                    "#!/bin/sh\nwhile [ \"$1\" != -f ]; do shift; done\n(cat \"$2\" >/dev/null; echo x >" +
+                        (bench.dir / "restored") + ") &\n" + (dies ? "kill -9 $$" : "wait") + "\n",
+                    0755);
+    Codes alerts;
+    EXPECT_EQ(JOB_STATE_ERROR, bench.run(bench.restore_fields("full-1"), &alerts));
+    bench.log.allow(LM_ERROR, "Failed to read backup data: ");
+    bench.log.allow(LM_ERROR, "Failed to write backup ");
+    ::usleep(300 * 1000);
+    EXPECT_FALSE(exists(bench.dir / "restored")) << "the child took the stream for a whole backup";
+    EXPECT_EQ(1u, bench.starts());
+  }
+}
+
 TEST(Physical_Restore_Cancel, within_the_stream_ends_brcmd)
 {
   for (const bool abort : {false, true}) {

@@ -137,6 +137,28 @@ TEST(Tool_End, terminates_the_whole_process_group)
   EXPECT_TRUE(has_ended(grandchild));
 }
 
+TEST(Tool_End, kills_what_a_failed_tool_left_only_when_asked_to)
+{
+  struct {
+    bool asked;
+    const char* end;
+    bool killed;
+  } const cases[] = {
+      {true, "exit 1", true}, {true, "die KILL", true}, {true, "exit 0", false}, {false, "exit 1", false}};
+  for (const auto& each : cases) {
+    Temp_Dir dir;
+    Collecting_Handler handler(0, 0);
+    if (each.asked)
+      handler.kill_group_on_failure();
+    run(handler, make_fake_tool(dir, "tool", "grandchild 600000 " + (dir / "pid") + "\n" + each.end));
+    const pid_t grandchild = std::stoi(kestrel_test::read_file(dir / "pid"));
+    for (int tries = 0; each.killed && tries < 1000 && !has_ended(grandchild); ++tries)
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    EXPECT_EQ(each.killed, has_ended(grandchild)) << each.end;
+    ::kill(grandchild, SIGKILL);
+  }
+}
+
 TEST(Tool_End, serves_two_threads_of_which_one_terminates)
 {
   Temp_Dir dir;

@@ -79,7 +79,7 @@ TEST(Set_Process_Opts, gives_every_tool_the_same_environment)
   EXPECT_EQ(value_in(request.environment, "LANG"), "en_US.UTF8");
   EXPECT_EQ(value_in(request.environment, "LD_LIBRARY_PATH"), "/opt/db/bin");
   EXPECT_TRUE(request.close_others);
-  EXPECT_EQ(request.process_group, -1);
+  EXPECT_EQ(request.process_group, 0) << "whoever ends the tool must reach its children";
 }
 
 TEST(Set_Process_Opts, extends_the_library_path_of_the_agent)
