@@ -60,7 +60,9 @@ bool Oscar_Brcmd_Backup_Executor::is_canceled() const
 
 bool Oscar_Brcmd_Backup_Executor::is_active(const Values*)
 {
-  if (_collector.collect(src_->entries()) != 0 || _collector.sources().empty()) {
+  kestrel::ignore_result(_collector.collect(src_->entries()),
+                         "it has logged the entry; those before it still count");
+  if (_collector.sources().empty()) {
     raise_physical_alert(job_, 1);
     ACE_ERROR((LM_ERROR, "Source entry is empty.\n"));
     return false;

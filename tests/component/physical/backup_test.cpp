@@ -369,6 +369,18 @@ TEST(Physical_Backup, takes_the_last_entry_of_the_source)
   EXPECT_EQ(JOB_STATE_COMPLETED, bench.run(fields));
 }
 
+TEST(Physical_Backup, takes_the_last_entry_before_one_of_another_kind)
+{
+  Physical_Bench bench;
+  kestrel::Job_Definition_Fields fields = bench.backup_fields();
+  oscar::Backup_Job_Source* const source = new oscar::Backup_Job_Source;
+  source->id(bench.source_id);
+  source->entries() = {"oscar/PHYS7", "mysql/OTHER"};
+  fields.source = ACE_Refcounted_Auto_Ptr<Job_Source, ACE_Thread_Mutex>(source);
+  EXPECT_EQ(JOB_STATE_COMPLETED, bench.run(fields));
+  bench.log.expect_exactly(LM_ERROR, "Failed to collect oscar source:\"mysql/OTHER\" to backup");
+}
+
 TEST(Physical_Backup, refuses_a_cluster_job)
 {
   Physical_Bench bench;
