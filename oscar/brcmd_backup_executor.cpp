@@ -74,7 +74,7 @@ bool Oscar_Brcmd_Backup_Executor::is_active(const Values*)
 bool Oscar_Brcmd_Backup_Executor::execute_i(const Values*)
 {
   if (_cluster) {
-    refuse_cluster_job(job_);
+    report_cluster_job(job_);
     return false;
   }
   const std::shared_ptr<ACE_Thread_Mutex> mutex = Job_Mutex::get(src_->id());
@@ -189,9 +189,14 @@ void Oscar_Brcmd_Backup_Executor::build_names(Run& run)
 bool Oscar_Brcmd_Backup_Executor::read_archive_mode(bool& archivelog)
 {
   for (int attempt = 1; attempt <= LOG_MODE_ATTEMPTS; ++attempt) {
-    if (get_log_mode(_oscar_home.c_str(), _instance.c_str(), _username.c_str(), _password.c_str(), _port,
-                     archivelog))
+    Oscar_Query_Handler query(_oscar_home, _instance, _username, _password.c_str(), _port, "localhost");
+    const kestrel::Tool_Watch watch(job_, query.process_handler(), "isql");
+    const int64_t begin_msec = kestrel::clock().monotonic_msec();
+    if (get_log_mode(query, archivelog))
       return true;
+    // Canceled, and isql was silent until the watch ended it: it would be so again.
+    if (is_canceled() && kestrel::clock().monotonic_msec() - begin_msec >= kestrel::Tool_Watch::GRACE_MSEC)
+      break;
     kestrel::clock().sleep_msec(attempt * 1000);
   }
   raise_physical_alert(job_, 24);

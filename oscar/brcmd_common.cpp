@@ -75,16 +75,12 @@ bool create_fifo(Job& job, Stream_Fifo& fifo)
   return false;
 }
 
-bool refuse_cluster_job(Job& job)
+void report_cluster_job(Job& job)
 {
-  if (job.definition().rsrc_form().empty())
-    return false;
-  ACE_ERROR(
-      (LM_ERROR,
-       "(%P|%t) refuse_cluster_job: job %s addresses a cluster resource (rsrc_form \"%s\"); this release "
-       "backs up and restores single instances only, so name the instance and leave rsrc_form out\n",
-       job.definition().id().c_str(), job.definition().rsrc_form().c_str()));
-  return true;
+  ACE_ERROR((LM_ERROR,
+             "(%P|%t) job %s addresses a cluster resource (rsrc_form \"%s\"); this release "
+             "backs up and restores single instances only, so name the instance and leave rsrc_form out\n",
+             job.definition().id().c_str(), job.definition().rsrc_form().c_str()));
 }
 
 bool find_instance_access(Job& job, const std::string& instance, Unknown_Instance unknown,

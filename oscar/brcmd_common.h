@@ -35,9 +35,9 @@ std::string fifo_path(time_t start_time);
 /// Path of a log that brcmd writes.
 std::string brcmd_log_path(const std::string& name);
 
-/// True, after one line at LM_ERROR, when the definition addresses a cluster resource: which node would run
-/// the job cannot be agreed here.
-bool refuse_cluster_job(Job& job);
+/// One line at LM_ERROR for a job that addresses a cluster resource: which node would run it cannot be agreed
+/// here.
+void report_cluster_job(Job& job);
 
 /// What is needed to run tools on an instance.
 struct Instance_Access {

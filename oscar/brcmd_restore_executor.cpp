@@ -53,8 +53,10 @@ bool Oscar_Brcmd_Restore_Executor::is_active(const Values*)
 
 bool Oscar_Brcmd_Restore_Executor::execute_i(const Values*)
 {
-  if (refuse_cluster_job(job_))
+  if (!def_.rsrc_form().empty()) {
+    report_cluster_job(job_);
     return false;
+  }
   const std::shared_ptr<ACE_Thread_Mutex> mutex = Job_Mutex::get(src_->id());
   if (!mutex)
     return false;

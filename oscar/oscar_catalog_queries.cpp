@@ -141,6 +141,11 @@ bool get_log_mode(const char* oscar_home, const char* instance, const char* user
 {
   Oscar_Query_Handler query(text_of(oscar_home), text_of(instance), text_of(username), text_of(password),
                             port, "localhost");
+  return get_log_mode(query, archivelog);
+}
+
+bool get_log_mode(Oscar_Query_Handler& query, bool& archivelog)
+{
   if (!query.select("select archivemode from v_sys_database_info")) {
     ACE_ERROR((LM_ERROR, "Failed to get log mode.\n"));
     return false;

@@ -16,6 +16,8 @@
 /// Crash:     leaves no files; the child dies with this process.
 
 /// One node of an OSCAR cluster, as the database reports it.
+class Oscar_Query_Handler;
+
 struct Oscar_Node_Info {
   int node_id; // at least 1
   std::string host;
@@ -64,6 +66,8 @@ private:
 /// Whether the database keeps its archive log. ARCHIVELOG is written on success only.
 [[nodiscard]] bool get_log_mode(const char* oscar_home, const char* instance, const char* username,
                                 const char* password, unsigned short port, bool& archivelog);
+/// The same through the caller's query, so that another thread can end an isql that hangs.
+[[nodiscard]] bool get_log_mode(Oscar_Query_Handler& query, bool& archivelog);
 
 /// True for the schemas that OSCAR brings along and for the root schemas of all databases.
 [[nodiscard]] bool is_sys_schema(const std::string& name);

@@ -70,6 +70,9 @@ public:
   /// The rows of the last statement.
   const Result_type& result() const;
 
+  /// Runs isql for select(): another thread may terminate a run through it.
+  Text_Process_Handler& process_handler() { return handler_; }
+
 private:
   std::ostringstream output_;
   Result_type results_;

@@ -327,6 +327,44 @@ TEST(Physical_Backup_Cancel, while_the_log_mode_is_asked_lets_no_data_be_kept)
   bench.expect_recovery();
 }
 
+TEST(Physical_Backup_Cancel, ends_a_silent_isql)
+{
+  Physical_Bench bench(200);
+  make_fake_tool(bench.dir, "home/bin/isql", "write_file " + (bench.dir / "up") + " x\nhang\n");
+  const Job_Ptr job = bench.make_job(bench.backup_fields());
+  ASSERT_EQ(0, job->start());
+  ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
+  EXPECT_EQ(0, job->stop());
+  EXPECT_EQ(JOB_STATE_CANCELED, bench.wait_end(job));
+  EXPECT_EQ(std::vector<int>{24}, bench.alerts(job));
+  bench.log.expect(LM_WARNING, "isql has been silent");
+  bench.log.expect(LM_WARNING, "isql has been terminated");
+  bench.log.expect_exactly(LM_ERROR, "Failed to get log mode.\n");
+  bench.log.expect(LM_ERROR, "Failed to get log archive mode");
+  bench.expect_recovery();
+}
+
+TEST(Physical_Backup_Cancel, ends_a_silent_shutdown)
+{
+  Physical_Bench bench(200);
+  make_fake_tool(
+      bench.dir, "home/bin/isql",
+      "if args_contain archivemode\nout a\nout -\nout NOARCHIVELOG\nout \"(1 row)\"\nelse\nwrite_file " +
+          (bench.dir / "up") + " x\nhang\nend\n");
+  const Fake_Server server(bench.dir, "hang");
+  const Job_Ptr job = bench.make_job(bench.backup_fields());
+  ASSERT_EQ(0, job->start());
+  ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
+  EXPECT_EQ(0, job->stop());
+  EXPECT_EQ(JOB_STATE_CANCELED, bench.wait_end(job));
+  EXPECT_EQ(std::vector<int>{19}, bench.alerts(job));
+  bench.log.expect(LM_WARNING, "isql has been silent");
+  bench.log.expect(LM_WARNING, "isql has been terminated");
+  bench.log.expect_exactly(LM_ERROR, "Failed to to shutdown instance.\n");
+  bench.log.expect_exactly(LM_INFO, "Job(" + job->definition().id() + ") has been canceled.\n");
+  EXPECT_TRUE(bench.stored_files().empty());
+}
+
 TEST(Physical_Backup_Cancel, ends_a_silent_brcmd)
 {
   const char* const silences[] = {

@@ -295,17 +295,20 @@ TEST(Physical_Restore_Cancel, within_the_stream_ends_brcmd)
 
 TEST(Physical_Restore_Cancel, ends_a_silent_brcmd)
 {
-  for (const char* const silence :
-       {"hang", "begin ${option:-f}\nhang", "ignore TERM\nhang", "read_to ${option:-f} /dev/null\nhang"}) {
+  for (std::string silence : {"hang", "begin ${option:-f}\nhang", "ignore TERM\nhang",
+                              "read_to ${option:-f} /dev/null\nwrite_file END x\nhang"}) {
     Physical_Bench bench(200);
     bench.set_stream(bench.make_good_stream(5000000));
     bench.back_up();
-    bench.set_brcmd("exit 99", "write_file " + (bench.dir / "up") + " x\n" + std::string(silence));
+    const size_t at = silence.find("END");
+    if (at != std::string::npos)
+      silence.replace(at, 3, bench.dir / "end");
+    bench.set_brcmd("exit 99", "write_file " + (bench.dir / "up") + " x\n" + silence);
     const Job_Ptr job = bench.make_job(bench.restore_fields("full-1"));
     ASSERT_EQ(0, job->start());
     ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
-    if (std::string(silence).find("read_to") == 0) {
-      ASSERT_TRUE(bench.wait_streamed(job));
+    if (at != std::string::npos) {
+      ASSERT_TRUE(bench.wait_for(bench.dir / "end"));
     }
     EXPECT_EQ(0, job->stop());
     EXPECT_EQ(JOB_STATE_CANCELED, bench.wait_end(job)) << silence;
