@@ -33,10 +33,15 @@ int run_backups(Session& session)
   std::map<std::string, json_spirit::Value> fields;
   if (!resource_uuid.empty())
     fields["resource_uuid"] = resource_uuid;
+  // One more than shown tells whether there are older ones.
+  const uint64_t limit = session.line().limit;
   std::vector<Backup_Entry> backups;
   std::string error;
-  if (!list_backups(fields, session.line().limit, backups, error))
+  if (!list_backups(fields, limit ? limit + 1 : 0, backups, error))
     return session.fail("the backups cannot be listed: " + error);
+  const bool more = limit && backups.size() > limit;
+  if (more)
+    backups.resize(limit);
 
   json_spirit::Array list;
   std::vector<std::vector<std::string>> rows = {{"BACKUP", "INSTANCE", "LEVEL", "TIME", "SIZE", "STORED", "STATE"}};
@@ -50,8 +55,11 @@ int run_backups(Session& session)
   }
   json_spirit::Object json;
   set_value(json, "backups", list);
+  set_value(json, "more", more);
   session.result(json, backups.empty() ? "There is no backup yet. Make one: kestrel backup INSTANCE\n"
                                        : format_table(rows, {4, 5}));
+  if (more)
+    session.note("The newest " + std::to_string(limit) + " are shown; --limit 0 lists all.");
   return EXIT_CODE_DONE;
 }
 

@@ -77,7 +77,7 @@ void add_catalog_commands(CLI::App& app, Command_Line& line)
 {
   CLI::App* backups = add_command(app, line, "backups", "List backups, newest first", Command::backups);
   backups->add_option("INSTANCE", line.instance, "only those of this instance");
-  backups->add_option("--limit", line.limit, "the newest N only");
+  backups->add_option("--limit", line.limit, "the newest N only; 0 lists all")->capture_default_str();
 
   CLI::App* show = add_command(app, line, "show", "Show one backup in full", Command::show);
   show->add_option("BACKUP", line.names, backup_help)->required()->expected(1);

@@ -41,7 +41,7 @@ struct Command_Line {
   std::string compression = "zstd";
   std::optional<int> compression_level;
   uint64_t rate_limit_bytes_per_second = 0;
-  uint64_t limit = 0;              ///< backups: newest N; 0 = all
+  uint64_t limit = 100;            ///< backups: newest N; 0 = all
   bool assume_yes = false;
   std::string file;                ///< run
 };

@@ -55,6 +55,9 @@ said "4 backups begin with ${id:0:4}; give more of the id"
 run 1 "$kestrel" show nonsense
 said "there is no backup nonsense"
 equal "$(backup_count)" 4
+run 0 "$kestrel" --json backups --limit 3
+equal "$(value '.backups | length')" 3
+equal "$(value .more)" true
 run 0 "$kestrel" verify
 equal "$(grep -c good "$work/out")" 4
 
