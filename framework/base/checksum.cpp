@@ -4,11 +4,20 @@
 #include <cstdio>
 #include <new>
 #include <xxhash.h>
+#ifdef KESTREL_XXHASH_DISPATCH
+// Puts functions that fit the processor in the place of the usual ones; the checksums are the same.
+#include <xxh_x86dispatch.h>
+#endif
 
 namespace kestrel
 {
 namespace
 {
+#ifdef KESTREL_XXHASH_DISPATCH
+// The first call looks at the processor and is not made for several threads at once.
+[[maybe_unused]] const XXH128_hash_t processor_examined = ::XXH3_128bits("", 0);
+#endif
+
 std::string to_hex(const XXH128_hash_t& hash)
 {
   char text[33];
