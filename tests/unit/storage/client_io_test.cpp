@@ -17,23 +17,28 @@ class Client_IO_Test : public kestrel_test::Storage_Fixture
 };
 
 class Client_IO_Methods : public kestrel_test::Storage_Fixture,
-                          public testing::WithParamInterface<std::tuple<Compression_Method, unsigned>>
+                          public testing::WithParamInterface<std::tuple<Compression_Method, unsigned, uint64_t>>
 {
 protected:
   Client_IO_Methods()
   {
     options_.compression_method = std::get<0>(GetParam());
     options_.compression_workers = std::get<1>(GetParam());
+    options_.rate_limits.read_limit(std::get<2>(GetParam()));
   }
 };
 
+// A limit that slows nothing down: what is stored uncompressed is read by another path with a limit than without.
+const uint64_t LIMITED = uint64_t(1) << 40;
+
 INSTANTIATE_TEST_SUITE_P(All, Client_IO_Methods,
-                         testing::Values(std::make_tuple(0u, 1u), std::make_tuple(1u, 1u),
-                                         std::make_tuple(2u, 1u), std::make_tuple(3u, 1u),
-                                         std::make_tuple(3u, 3u)),
+                         testing::Values(std::make_tuple(0u, 1u, 0), std::make_tuple(0u, 1u, LIMITED),
+                                         std::make_tuple(1u, 1u, 0), std::make_tuple(2u, 1u, 0),
+                                         std::make_tuple(3u, 1u, 0), std::make_tuple(3u, 3u, 0)),
                          [](const auto& info) {
                            return std::string(compression_value_to_name(std::get<0>(info.param))) + "_" +
-                                  std::to_string(std::get<1>(info.param)) + "_workers";
+                                  std::to_string(std::get<1>(info.param)) + "_workers" +
+                                  (std::get<2>(info.param) != 0 ? "_limited" : "");
                          });
 
 TEST_P(Client_IO_Methods, gives_back_what_was_stored_for_sizes_around_every_block_edge)
