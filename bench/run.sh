@@ -1,0 +1,111 @@
+#!/usr/bin/env bash
+# Every benchmark in one run: builds, measures, prints a table of figures with what is demanded of them, and writes the
+# same as Markdown. Takes about ten minutes and wants a machine with nothing else to do.
+#   bench/run.sh [--quick] [--no-build] [--rounds N] [--dir DIR] [--output FILE] [pump] [instance] [isql] [catalog]
+#     --quick     small sizes and two rounds: shows that all works; its figures mean nothing
+#     --dir       where the private work directory is made; its disk is the one measured (TMPDIR, else /tmp)
+#     --output    the Markdown file (build/bench/benchmarks.md)
+# As root: the stand-in's server and pgbackrest then run as postgres.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+rounds=5 pump_mib=1024 instance_mb=2000 stream_mib=8192 build=1 quick=
+dir=${TMPDIR:-/tmp}
+output=$top/build/bench/benchmarks.md
+parts=()
+while [ $# -gt 0 ]; do
+  case $1 in
+    --quick) rounds=2 pump_mib=64 instance_mb=100 stream_mib=256 quick=1 ;;
+    --no-build) build= ;;
+    --rounds) rounds=$2; shift ;;
+    --dir) dir=$2; shift ;;
+    --output) output=$2; shift ;;
+    pump | instance | isql | catalog) parts+=("$1") ;;
+    *) sed -n '2,9s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+  esac
+  shift
+done
+[ ${#parts[@]} -gt 0 ] || parts=(pump instance isql catalog)
+wants() { [[ " ${parts[*]} " == *" $1 "* ]]; }
+
+bin=$top/build/bench/bin
+programs=$top/build/release/bin
+bench=$bin/pump_bench
+if [ -n "$build" ]; then
+  "$top/tools/install-deps.sh" --bench
+  "$top/tools/build.sh" bench pump_bench stream_tool catalog_bench isql_bench >/dev/null
+  "$top/tools/build.sh" release kestrel_cli oscar kestrel-lab >/dev/null
+fi
+work=$(mktemp -d "$dir/kestrel-bench.XXXXXX")
+chmod 755 "$work"
+results=$work/results
+trap 'rm -rf "$work"' EXIT
+trap 'exit 130' INT TERM
+. "$top/bench/lib.sh"
+
+# repetitions PROGRAM: "name cpu wall items_per_second" of every repetition but the first of each benchmark; times in ms.
+repetitions() {
+  "$bin/$1" --benchmark_format=json ${quick:+--benchmark_min_time=0.05} 2>/dev/null |
+    jq -r '.benchmarks[] | select(.run_type == "iteration" and .repetition_index > 0) |
+           [.run_name, .cpu_time, .real_time, (.items_per_second // 0)] | @tsv' |
+    sed 's|/iterations:[0-9]*||; s|/repeats:[0-9]*||' >"$work/$1.tsv"
+  [ -s "$work/$1.tsv" ]
+}
+# of PROGRAM NAME COLUMN: the median
+of() {
+  awk -F'\t' -v n="$2" -v c="$3" '$1 == n {print $c}' "$work/$1.tsv" | median || { echo "bench: $1 measured no $2" >&2; return 1; }
+}
+
+measure_isql() {
+  local name value
+  repetitions isql_bench
+  section "Rows of isql, parsed, 100,000 at once"
+  for name in isql_three_columns isql_one_column; do
+    value=$(of isql_bench "$name/100000" 4)
+    row "$name" "$(printf '%.0f' "$value") rows/s" "-" "-" "-" ">= 500000 rows/s" "$(judge "$value" '>=' 500000)"
+  done
+}
+
+# listing NAME TITLE [LIMIT_MSEC]
+listing() {
+  local value verdict='-' demand='-'
+  value=$(of catalog_bench "$1" 3)
+  [ $# -lt 3 ] || { demand="< $3 ms" verdict=$(judge "$value" '<' "$3"); }
+  row "$2" "$(printf '%.2f' "$value") ms" "-" "-" "-" "$demand" "$verdict"
+}
+measure_catalog() {
+  repetitions catalog_bench
+  section "A catalog of 100,000 backups"
+  listing newest_page_of_all "newest 100 of all" 50
+  listing page_in_the_middle_of_all "100 in the middle of all" 50
+  listing newest_page_of_one_resource "newest 100 of one instance" 50
+  listing all_of_one_resource "all 1,000 of one instance" 50
+  listing all_100000_rows "all 100,000 at once" 50
+  listing chain_of_100 "chain of 100 for a restore"
+  listing commit_one "commit of one backup"
+}
+
+machine() {
+  echo "$(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | sort -u | head -1), $(nproc) processors," \
+    "$(awk '/MemTotal/ {printf "%.0f", $2 / 1048576}' /proc/meminfo) GiB, Linux $(uname -r)," \
+    "$(. /etc/os-release && echo "$PRETTY_NAME"), $(df --output=fstype,source "$work" | awk 'END {print $1 " on " $2}')"
+}
+
+load_before=$(cut -d' ' -f1-3 /proc/loadavg)
+started=$SECONDS
+! wants pump || "$top/bench/run-pump.sh" -b "$bin" -d "$work" -s "$pump_mib" -r "$rounds" -o "$results"
+! wants instance || "$top/bench/run-instance.sh" -b "$bin" -p "$programs" -d "$work" -s "$instance_mb" -m "$stream_mib" \
+  -r "$rounds" -o "$results"
+! wants isql || measure_isql
+! wants catalog || measure_catalog
+remark "load average before the run $load_before, after it $(cut -d' ' -f1-3 /proc/loadavg); the run took $((SECONDS - started)) s"
+[ -z "$quick" ] || remark "a quick run: sizes are too small for these figures to mean anything"
+
+print_table
+{
+  echo "Medians of $rounds rounds after one that is not counted; $(date -u '+%Y-%m-%d %H:%M') UTC; $(cd "$top" && git describe --always --dirty 2>/dev/null || echo 'no version')."
+  echo "$(machine)."
+  print_markdown
+} >"$work/markdown"
+mkdir -p "$(dirname "$output")"
+cp "$work/markdown" "$output"
+echo "written: $output"
