@@ -47,6 +47,9 @@ public:
   [[nodiscard]] virtual int read(void* data, unsigned bytes) = 0;
   /// Closes the file and opens it again from its first byte.
   [[nodiscard]] virtual bool reopen() = 0;
+  /// XXH3-128 of everything that read() gave since the file was opened, as 32 lower-case hex digits; once the end was
+  /// told.
+  virtual std::string checksum() const = 0;
   virtual const char* error() const = 0;
   virtual const std::string& name() const = 0;
 };
@@ -135,7 +138,6 @@ private:
   Stream_Source& source_;
   Stream_Progress& progress_;
   uint64_t bytes_ = 0;
-  kestrel::Xxh3_128 checksum_;
   std::array<char, STREAM_BLOCK_BYTES> block_;
   std::array<char, STREAM_BLOCK_BYTES> held_back_;
 };

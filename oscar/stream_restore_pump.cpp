@@ -73,7 +73,6 @@ bool Stream_Restore_Pump::feed_file(int fd, const Expected& expected)
     }
     if (held_bytes > 0 && !feed_block(fd, held, held_bytes))
       return false;
-    checksum_.update(next, static_cast<size_t>(count));
     bytes_ += static_cast<uint64_t>(count);
     held_bytes = static_cast<unsigned>(count);
     std::swap(next, held);
@@ -112,7 +111,7 @@ bool Stream_Restore_Pump::verify(const Expected& expected)
                source_.name().c_str(), ACE_UINT64(bytes_), ACE_UINT64(expected.bytes)));
     return false;
   }
-  const std::string checksum = checksum_.hex();
+  const std::string checksum = source_.checksum();
   if (!expected.checksum.empty() && expected.checksum != checksum) {
     host_.alert(16);
     ACE_ERROR((LM_ERROR,

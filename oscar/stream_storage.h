@@ -28,6 +28,7 @@ public:
   Stored_File_Source(Client_IO_Ex& storage, std::string name) : storage_(storage), name_(std::move(name)) {}
   int read(void* data, unsigned bytes) override { return storage_.read(data, bytes); }
   bool reopen() override { return storage_.close() && storage_.open(name_, Client_IO_Ex::MODE_READ, 0, 0); }
+  std::string checksum() const override { return storage_.original_checksum(); }
   const char* error() const override { return storage_.error(); }
   const std::string& name() const override { return name_; }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/checksum.h"
 #include "oscar/stream_pump.h"
 
 #include <string>
@@ -77,6 +78,7 @@ public:
     reopened = true;
     return !fail_reopen;
   }
+  std::string checksum() const override { return kestrel::xxh3_128_hex(content_.data(), position_); }
   const char* error() const override { return "bad sector"; }
   const std::string& name() const override { return name_; }
 
