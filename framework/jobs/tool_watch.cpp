@@ -137,8 +137,8 @@ void Tool_Watch::State::terminate(int64_t silence_msec)
              job.definition().id().c_str(), job_state_to_string(job.state()), tool.c_str(),
              silence_msec / 1000));
   if (handler.terminate(TERMINATE_SECONDS) == 0) {
-    fired = true;
     ACE_ERROR((LM_WARNING, "(%P|%t) Tool_Watch: %C has been terminated\n", tool.c_str()));
+    fired = true; // last: who sees it finds the whole story in the log
   } else {
     ACE_ERROR((LM_ERROR, "(%P|%t) Tool_Watch: %C could not be terminated: %m\n", tool.c_str()));
     cancel_msec = clock().monotonic_msec(); // another grace before the next attempt
