@@ -145,6 +145,23 @@ void chain_of_100(benchmark::State& state)
   run(state, "catalog_sequences", {{"backup_id", set_id(42, 999)}, {"order", "desc"}}, 100);
 }
 
+void newest_page_with_its_chains(benchmark::State& state)
+{
+  run(state, "catalogs", {{"sort", "start_time"}, {"order", "desc"}, {"limit", 100}, {"with_chain", true}},
+      100);
+}
+
+void a_whole_chain_as_a_tree(benchmark::State& state)
+{
+  run(state, "catalogs",
+      {{"resource_uuid", "resource-42"},
+       {"sort", "start_time"},
+       {"order", "desc"},
+       {"limit", 100},
+       {"with_chain", true}},
+      100);
+}
+
 void all_100000_rows(benchmark::State& state)
 {
   run(state, "catalogs", {{"sort", "start_time"}, {"order", "desc"}}, 100000);
@@ -180,6 +197,8 @@ BENCHMARK(page_in_the_middle_of_all)->Unit(benchmark::kMillisecond)->Repetitions
 BENCHMARK(all_of_one_resource)->Unit(benchmark::kMillisecond)->Repetitions(6);
 BENCHMARK(full_backup_of_a_chain)->Unit(benchmark::kMillisecond)->Repetitions(6);
 BENCHMARK(chain_of_100)->Unit(benchmark::kMillisecond)->Repetitions(6);
+BENCHMARK(newest_page_with_its_chains)->Unit(benchmark::kMillisecond)->Repetitions(6);
+BENCHMARK(a_whole_chain_as_a_tree)->Unit(benchmark::kMillisecond)->Repetitions(6);
 BENCHMARK(all_100000_rows)->Unit(benchmark::kMillisecond)->Repetitions(6);
 BENCHMARK(all_100000_rows_as_text)->Unit(benchmark::kMillisecond)->Repetitions(6);
 BENCHMARK(commit_one)->Unit(benchmark::kMillisecond)->Repetitions(6)->Iterations(20); // last: it adds sets

@@ -126,6 +126,15 @@ bool Commit_Row::predecessor_missing(soci::session& session) const
   return known == 0;
 }
 
+void flag_children(soci::session& session, const std::string& resource_uuid, const std::string& backup_id,
+                   bool predecessor_missing)
+{
+  const int flag = predecessor_missing;
+  session << "UPDATE backup_set SET predecessor_missing = :f WHERE catalog = 'oscar_brcmd' AND "
+             "predecessor_id = :p AND resource_uuid = :r",
+      soci::use(flag, "f"), soci::use(backup_id, "p"), soci::use(resource_uuid, "r");
+}
+
 bool Commit_Row::is_recorded(soci::session& session) const
 {
   long long known = 0;
@@ -143,6 +152,8 @@ bool Commit_Row::insert(soci::session& session) const
   columns.push_back("predecessor_missing");
   values.push_back(number_value(missing));
   execute_insert(session, "backup_set", columns, values);
+  if (catalog_ == brcmd_catalog)
+    flag_children(session, resource_uuid_, field_text("backup_id"), false);
 
   long long id = 0;
   session << "SELECT id FROM backup_set WHERE uuid = :u AND catalog = :c AND resource_uuid = :r",

@@ -18,6 +18,7 @@ public:
   explicit Commit_Row(const Backup_Record& record);
 
   const std::string& uuid() const { return uuid_; }
+  const std::string& resource_uuid() const { return resource_uuid_; }
   /// The backup that must be restored first; empty for a full backup.
   const std::string& predecessor_id() const { return predecessor_id_; }
 
@@ -43,4 +44,9 @@ private:
   std::vector<std::string> columns_;
   std::vector<Sql_Value> values_;
 };
+
+/// Keeps "predecessor_missing" true of the physical sets that need this one directly. Throws
+/// soci::soci_error.
+void flag_children(soci::session& session, const std::string& resource_uuid, const std::string& backup_id,
+                   bool predecessor_missing);
 } // namespace kestrel

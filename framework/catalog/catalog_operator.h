@@ -30,13 +30,21 @@ public:
   ///   default, or "desc"), "limit" and "offset". Ties, and everything under an unknown sort key, stand in
   ///   commit order ("desc" with a known sort key, or with none, runs backwards through it, so that the
   ///   newest is first).
+  ///   Of "oscar_brcmd", "with_chain" = true adds to each row what a tree of the chains needs:
+  ///     "children"       backup_ids of the sets that need this one directly, in commit order;
+  ///     "chain_length"   number of sets that a restore of this one reads, itself included; 0 = not
+  ///     restorable; "chain_problem"  only when 0: one sentence, why.
+  ///   The parent is "predecessor_id" (absent for a full backup), of the same "resource_uuid".
   /// - "catalog_sequences" (physical only): the chain that ends at "backup_id", in the order in which it must
-  /// be
-  ///   restored, the full backup first, whatever "order" says. A missing link, a circle, or a member that is
-  ///   not available gives no rows.
+  ///   be restored, the full backup first, whatever "order" says. "resource_uuid" is needed only where
+  ///   several resources have a backup of this id. A missing link, a circle, a differential set on anything
+  ///   but a full one, or a member that is not available gives no rows, and "problem" beside "rows" says why
+  ///   in one sentence.
   ///
-  /// In a row "state" is ["available"] or, when the stored file cannot be used any more, []; 64-bit numbers
-  /// can be read with get_int64() and get_uint64(); times are seconds since the epoch.
+  /// In a row "state" is ["available"] or, when the stored file cannot be used any more, []; "state_reason"
+  /// tells more. "predecessor_missing" is true for a set whose predecessor_id is not in the catalog: it and
+  /// all that build on it cannot be restored. 64-bit numbers can be read with get_int64() and get_uint64();
+  /// times are seconds since the epoch.
   [[nodiscard]] bool get_view(const char* catalog, const char* view,
                               const std::map<std::string, json_spirit::Value>& query,
                               json_spirit::Value& result);
@@ -44,7 +52,8 @@ public:
   /// `must_be_new`: a set whose uuid is already in the catalog is refused; with false it counts as committed
   /// and the stored record stays, for callers that repeat a commit whose answer they lost. An incremental or
   /// differential set whose predecessor is not in the catalog is stored, flagged in the field
-  /// "predecessor_missing" and reported at LM_WARNING: it cannot be restored.
+  /// "predecessor_missing" and reported at LM_WARNING: it cannot be restored. So is, without the flag, one
+  /// whose chain is broken or not available further back.
   [[nodiscard]] bool commit(const Backup_Set& set, bool must_be_new);
 
 private:

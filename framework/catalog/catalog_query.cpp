@@ -33,6 +33,13 @@ long long count_of(const std::string& key, const json_spirit::Value& value)
   return count;
 }
 
+bool flag_of(const std::string& key, const json_spirit::Value& value)
+{
+  if (value.type() != json_spirit::bool_type)
+    refuse(key, "must be true or false");
+  return value.get_bool();
+}
+
 /// Columns of a logical set's files that a query may name, and their columns.
 const char* file_column(unsigned catalog, const std::string& key)
 {
@@ -92,11 +99,11 @@ private:
       limit_ = count_of(key, value);
     else if (key == "offset")
       offset_ = count_of(key, value);
-    else if (key == "with_files") {
-      if (value.type() != json_spirit::bool_type)
-        refuse(key, "must be true or false");
-      query_.with_files = value.get_bool();
-    } else
+    else if (key == "with_files")
+      query_.with_files = flag_of(key, value);
+    else if (key == "with_chain" && query_.catalog == brcmd_catalog)
+      query_.with_chain = flag_of(key, value);
+    else
       return false;
     return true;
   }

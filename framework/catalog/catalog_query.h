@@ -23,6 +23,7 @@ struct Catalog_Query {
   std::string sql;
   std::vector<Sql_Value> values;
   bool with_files = false;
+  bool with_chain = false;
 };
 
 /// The columns of a row, in the order of catalog_fields(), after the set's id: "s.id, s.uuid, ...".

@@ -1,5 +1,6 @@
 #include "catalog/catalog_views.h"
 
+#include "catalog/catalog_chain.h"
 #include "catalog/catalog_rows.h"
 
 #include <algorithm>
@@ -83,15 +84,18 @@ std::string walk_chain(soci::session& session, const std::string& catalog, const
   Catalog_Row_Reader* current = &end;
   std::set<long long> seen;
   std::string wanted = backup_id;
+  std::string differential_id; // the set read before, when it needs a full backup
   for (;;) {
     if (!current->fetch())
-      return "Backup " + wanted + (newest_first.empty() ? "" : ", on which a later one builds,") +
-             " is not in the catalog";
+      return chain_link_missing(wanted, newest_first.empty());
     if (!seen.insert(current->set_id()).second)
-      return "The chain of backup " + backup_id + " runs in a circle at " + wanted;
+      return chain_circle(backup_id, wanted);
+    if (!differential_id.empty() && current->text("type") != "full")
+      return chain_base_not_full(differential_id, wanted);
     if (current->text("state") != "available")
-      return "Backup " + wanted + " is not available: " + current->text("state_reason");
+      return chain_link_unavailable(wanted, current->text("state_reason"));
     newest_first.push_back(current->row());
+    differential_id = current->text("type") == "diff" ? wanted : std::string();
     wanted = current->text("predecessor_id");
     if (wanted.empty())
       return std::string();
@@ -103,6 +107,20 @@ std::string walk_chain(soci::session& session, const std::string& catalog, const
     current = links.get();
   }
 }
+/// What "with_chain" adds to a row.
+void add_chain(Chain_Judge& judge, json_spirit::Object& row)
+{
+  const std::string resource = json_spirit::find_value(row, "resource_uuid").get_str();
+  const std::string backup_id = json_spirit::find_value(row, "backup_id").get_str();
+  json_spirit::Array children;
+  for (const std::string& id : judge.children(resource, backup_id))
+    children.push_back(id);
+  const Chain_Judge::Verdict verdict = judge.judge(resource, backup_id);
+  row.emplace_back("children", std::move(children));
+  row.emplace_back("chain_length", static_cast<unsigned long long>(verdict.length));
+  if (!verdict.problem.empty())
+    row.emplace_back("chain_problem", verdict.problem);
+}
 } // namespace
 
 json_spirit::Object catalogs_view(soci::session& session, const std::string& catalog,
@@ -113,11 +131,16 @@ json_spirit::Object catalogs_view(soci::session& session, const std::string& cat
   std::unique_ptr<File_Reader> files;
   if (compiled.with_files && compiled.catalog == logical_catalog)
     files = std::make_unique<File_Reader>(session);
+  std::unique_ptr<Chain_Judge> judge;
+  if (compiled.with_chain)
+    judge = std::make_unique<Chain_Judge>(session);
   json_spirit::Array rows;
   while (reader.fetch()) {
     json_spirit::Object row = reader.row();
     if (files)
       row.emplace_back("backup_files", files->read(reader.set_id()));
+    if (judge)
+      add_chain(*judge, row);
     rows.push_back(std::move(row));
   }
   json_spirit::Object result;

@@ -2,6 +2,7 @@
 
 #include "base/durable_file.h"
 #include "base/path_conf.h"
+#include "catalog/catalog_chain.h"
 #include "catalog/catalog_commit.h"
 #include "catalog/catalog_views.h"
 #include "json/json_util.h"
@@ -115,10 +116,17 @@ Catalog_Status Sql_Back_End::commit(const Backup_Record& record, bool must_be_ne
       return;
     }
     const bool missing = row.insert(session);
+    std::string problem;
+    if (!missing && !row.predecessor_id().empty())
+      problem = Chain_Judge(session).judge(row.resource_uuid(), row.predecessor_id()).problem;
     transaction.commit();
     if (missing)
       warning = "Backup set '" + row.uuid() + "' builds on backup '" + row.predecessor_id() +
                 "', which is not in the catalog: it cannot be restored. Run a full backup";
+    else if (!problem.empty())
+      warning = "Backup set '" + row.uuid() +
+                "' cannot be restored, because a backup that it builds on cannot: " + problem +
+                ". Run a full backup";
   });
 }
 
@@ -140,6 +148,12 @@ Catalog_Status Sql_Back_End::remove(const std::string& uuid, std::string& error)
   return run(error, [&](soci::session& session) {
     Catalog_Transaction transaction(session, Catalog_Transaction::Kind::write);
     const long long id = find_set(session, uuid);
+    std::string catalog, resource, backup_id;
+    soci::indicator has_backup_id = soci::i_null;
+    session << "SELECT catalog, resource_uuid, backup_id FROM backup_set WHERE id = :i", soci::use(id, "i"),
+        soci::into(catalog), soci::into(resource), soci::into(backup_id, has_backup_id);
+    if (has_backup_id == soci::i_ok)
+      flag_children(session, resource, backup_id, true);
     session << "DELETE FROM backup_set WHERE id = :i", soci::use(id, "i");
     transaction.commit();
   });

@@ -88,6 +88,7 @@ TEST_F(Catalog_Sequence, returns_no_rows_for_a_circle)
   ASSERT_TRUE(commit(make_set("A", "incr", "B", "B")));
   log_.expect(LM_WARNING, "'A' builds on backup 'B', which is not in the catalog");
   ASSERT_TRUE(commit(make_set("B", "incr", "A", "A")));
+  log_.expect(LM_WARNING, "'B' cannot be restored");
   EXPECT_EQ("The chain of backup A runs in a circle at A", problem("A"));
 
   ASSERT_TRUE(commit(make_set("SELF", "incr", "SELF", "SELF")));
@@ -172,4 +173,88 @@ TEST_F(Catalog_Sequence, dependents_are_all_sets_that_build_on_one)
   ASSERT_TRUE(kestrel::Catalog_Admin(0).dependents("DI", uuids, error));
   EXPECT_TRUE(uuids.empty());
   EXPECT_FALSE(kestrel::Catalog_Admin(0).dependents("X", uuids, error));
+}
+
+TEST_F(Catalog_Sequence, refuses_a_differential_set_on_anything_but_a_full_one)
+{
+  ASSERT_TRUE(commit(make_set("F")));
+  ASSERT_TRUE(commit(make_set("I1", "incr", "F", "F")));
+  ASSERT_TRUE(commit(make_set("D", "diff", "I1", "I1")));
+  const std::string why = "Backup I1, on which the differential backup D builds, is not a full backup";
+  EXPECT_EQ(why, problem("D"));
+  ASSERT_TRUE(commit(make_set("DI", "incr", "D", "I1")));
+  log_.expect(LM_WARNING, "'DI' cannot be restored");
+  EXPECT_EQ(why, problem("DI"));
+}
+
+TEST_F(Catalog_Sequence, a_row_with_its_chain_tells_children_length_and_problem)
+{
+  commit_tree();
+  const auto shown = [](const char* order) {
+    std::string text;
+    for (const json_spirit::Value& row :
+         rows({{"with_chain", true}, {"sort", "start_time"}, {"order", order}})) {
+      text += find_value(row.get_obj(), "backup_id").get_str() + ":" +
+              std::to_string(find_value(row.get_obj(), "chain_length").get_int());
+      for (const json_spirit::Value& child : find_value(row.get_obj(), "children").get_array())
+        text += "," + child.get_str();
+      text += find_value(row.get_obj(), "chain_problem").type() == json_spirit::str_type ? "! " : " ";
+    }
+    return text;
+  };
+  EXPECT_EQ("F:1,I1,D I1:2,I2 I2:3 D:2,DI DI:3 ", shown("asc"));
+  EXPECT_EQ("DI:3 D:2,DI I2:3 I1:2,I2 F:1,I1,D ", shown("desc"));
+  std::string error;
+  ASSERT_TRUE(kestrel::Catalog_Admin(0).set_state("D", kestrel::Set_State::unavailable, "gone", error));
+  ASSERT_TRUE(kestrel::Catalog_Admin(0).remove("I1", error));
+  EXPECT_EQ("F:1,D I2:0! D:0,DI! DI:0! ", shown("asc"));
+  EXPECT_EQ("DI:0! D:0,DI! I2:0! F:1,D ", shown("desc"));
+}
+
+TEST_F(Catalog_Sequence, the_problem_of_a_row_is_that_of_its_sequence)
+{
+  commit_tree();
+  std::string error;
+  ASSERT_TRUE(kestrel::Catalog_Admin(0).set_state("D", kestrel::Set_State::unavailable, "gone", error));
+  ASSERT_TRUE(kestrel::Catalog_Admin(0).remove("I1", error));
+  for (const json_spirit::Value& row : rows({{"with_chain", true}})) {
+    const std::string id = find_value(row.get_obj(), "backup_id").get_str();
+    const uint64_t length = find_value(row.get_obj(), "chain_length").get_uint64();
+    EXPECT_EQ(length, rows({{"backup_id", id}}, "oscar_brcmd", "catalog_sequences").size()) << id;
+    if (length == 0) {
+      EXPECT_EQ(problem(id), find_value(row.get_obj(), "chain_problem").get_str());
+    }
+  }
+}
+
+TEST_F(Catalog_Sequence, the_flag_follows_the_predecessor)
+{
+  const auto flags = [] {
+    std::string text;
+    for (const json_spirit::Value& row : rows({}))
+      text += find_value(row.get_obj(), "backup_id").get_str() +
+              (find_value(row.get_obj(), "predecessor_missing").get_bool() ? "! " : " ");
+    return text;
+  };
+  ASSERT_TRUE(commit(make_set("I1", "incr", "F", "F")));
+  log_.expect(LM_WARNING, "'I1' builds on backup 'F', which is not in the catalog");
+  EXPECT_EQ("I1! ", flags());
+  ASSERT_TRUE(commit(make_set("I2", "incr", "I1", "F")));
+  log_.expect(LM_WARNING, "'I2' cannot be restored, because a backup that it builds on cannot: Backup F, on");
+  EXPECT_EQ("I1! I2 ", flags());
+  ASSERT_TRUE(commit(make_set("F")));
+  EXPECT_EQ("I1 I2 F ", flags());
+  EXPECT_EQ("F I1 I2", chain("I2"));
+  std::string error;
+  ASSERT_TRUE(kestrel::Catalog_Admin(0).remove("F", error));
+  EXPECT_EQ("I1! I2 ", flags());
+}
+
+TEST_F(Catalog_Sequence, with_chain_is_for_physical_sets_and_a_flag)
+{
+  json_spirit::Value result;
+  EXPECT_FALSE(view({{"with_chain", true}}, result, "oscar"));
+  log_.expect(LM_ERROR, "'with_chain' is not a field to select by");
+  EXPECT_FALSE(view({{"with_chain", 1}}, result));
+  log_.expect(LM_ERROR, "'with_chain' must be true or false");
 }
