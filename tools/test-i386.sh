@@ -26,7 +26,7 @@ if [ ! -e "$env_dir/.kestrel-ready" ]; then
   inside env DEBIAN_FRONTEND=noninteractive apt-get update -q >>"$env_dir.log" 2>&1 || true
   inside env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
     g++ cmake ninja-build pkg-config libace-dev libboost-dev libboost-regex-dev libyajl-dev libzstd-dev liblz4-dev zlib1g-dev \
-    libxxhash-dev libssl-dev libsoci-dev libsqlite3-dev libcli11-dev libgtest-dev libgmock-dev zstd lz4 gzip procps \
+    libxxhash-dev libarchive-dev libssl-dev libsoci-dev libsqlite3-dev libcli11-dev libgtest-dev libgmock-dev zstd lz4 gzip procps \
     >>"$env_dir.log" 2>&1 || { tail -20 "$env_dir.log"; exit 1; }
   touch "$env_dir/.kestrel-ready"
 fi

@@ -29,6 +29,8 @@ struct Backup_Record {
     std::string table;
     std::string file;
     std::string grade;
+    uint64_t size = 0;
+    std::string checksum;
   };
 
   std::string catalog; ///< "oscar_brcmd" or "oscar"

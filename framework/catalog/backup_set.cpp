@@ -35,6 +35,9 @@ kestrel::Backup_Record Backup_Set::common_record(const char* catalog) const
   fields["total_size"] = total_size_;
   fields["start_time"] = static_cast<int64_t>(start_time_);
   fields["end_time"] = static_cast<int64_t>(end_time_);
+  fields["compression"] = compression_;
+  fields["original_checksum"] = original_checksum_;
+  fields["storage_checksum"] = storage_checksum_;
   record.storages = storages_;
   record.pieces = pieces_;
   return record;
@@ -57,19 +60,17 @@ kestrel::Backup_Record Oscar_Brcmd_Backup_Set::record() const
   fields["last_full_backup_lsn"] = last_full_backup_lsn_;
   fields["last_full_backup_scn"] = last_full_backup_scn_;
   fields["full_backup_id"] = full_backup_id_;
-  fields["compression"] = compression_;
   fields["pump_size"] = pump_size_;
   fields["pump_checksum"] = pump_checksum_;
-  fields["original_checksum"] = original_checksum_;
-  fields["storage_checksum"] = storage_checksum_;
   return record;
 }
 
 void Oscar_Backup_Set::add_file(const std::string& database, const std::string& schema,
-                                const std::string& table, const std::string& file)
+                                const std::string& table, const std::string& file, uint64_t size,
+                                const std::string& checksum)
 {
   const char* grade = !table.empty() ? "table" : !schema.empty() ? "schema" : "database";
-  files_.push_back({database, schema, table, file, grade});
+  files_.push_back({database, schema, table, file, grade, size, checksum});
 }
 
 kestrel::Backup_Record Oscar_Backup_Set::record() const

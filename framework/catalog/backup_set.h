@@ -64,6 +64,15 @@ public:
   void set_end_time(time_t value) { end_time_ = value; }
   time_t end_time() const { return end_time_; }
 
+  /// About the stored file: its compression method's name and the storage's checksums, which verification
+  /// compares. May stay empty.
+  void set_compression(const std::string& value) { compression_ = value; }
+  const std::string& compression() const { return compression_; }
+  void set_original_checksum(const std::string& value) { original_checksum_ = value; }
+  const std::string& original_checksum() const { return original_checksum_; }
+  void set_storage_checksum(const std::string& value) { storage_checksum_ = value; }
+  const std::string& storage_checksum() const { return storage_checksum_; }
+
 protected:
   /// The common fields, storages and pieces.
   kestrel::Backup_Record common_record(const char* catalog) const;
@@ -82,6 +91,9 @@ private:
   uint64_t total_size_ = 0;
   time_t start_time_ = 0;
   time_t end_time_ = 0;
+  std::string compression_;
+  std::string original_checksum_;
+  std::string storage_checksum_;
   std::vector<kestrel::Backup_Record::Storage> storages_;
   std::vector<kestrel::Backup_Record::Piece> pieces_;
 };
@@ -121,17 +133,11 @@ public:
   void set_full_backup_id(const std::string& value) { full_backup_id_ = value; }
   const std::string& full_backup_id() const { return full_backup_id_; }
 
-  /// About the stored stream: what entered the storage client and what verification compares. May stay empty.
-  void set_compression(const std::string& value) { compression_ = value; }
-  const std::string& compression() const { return compression_; }
+  /// What entered the storage client; verification compares it. May stay empty.
   void set_pump_size(uint64_t value) { pump_size_ = value; }
   uint64_t pump_size() const { return pump_size_; }
   void set_pump_checksum(const std::string& value) { pump_checksum_ = value; }
   const std::string& pump_checksum() const { return pump_checksum_; }
-  void set_original_checksum(const std::string& value) { original_checksum_ = value; }
-  const std::string& original_checksum() const { return original_checksum_; }
-  void set_storage_checksum(const std::string& value) { storage_checksum_ = value; }
-  const std::string& storage_checksum() const { return storage_checksum_; }
 
 private:
   std::string uri_;
@@ -147,23 +153,22 @@ private:
   uint64_t last_full_backup_lsn_ = 0;
   uint64_t last_full_backup_scn_ = 0;
   std::string full_backup_id_;
-  std::string compression_;
   uint64_t pump_size_ = 0;
   std::string pump_checksum_;
-  std::string original_checksum_;
-  std::string storage_checksum_;
 };
 
-/// A logical backup: one record of the catalog "oscar".
+/// A logical backup: one record of the catalog "oscar". seq and minor_resource_id name its archive in the pool;
+/// the first piece is the stored file, the first storage its pool.
 class Oscar_Backup_Set : public Backup_Set
 {
 public:
   kestrel::Backup_Record record() const override;
 
   /// One dump file. The level ("table", "schema" or "database") follows from the names: a file with a table
-  /// is of level "table", with a schema only of level "schema".
+  /// is of level "table", with a schema only of level "schema". `file` is the path under which the archive
+  /// recorded it, `size` its bytes, `checksum` what the archive says (XXH3-128 in hex, may stay empty).
   void add_file(const std::string& database, const std::string& schema, const std::string& table,
-                const std::string& file);
+                const std::string& file, uint64_t size = 0, const std::string& checksum = std::string());
   void set_tablespaces(const json_spirit::Array& value) { tablespaces_ = value; }
   const json_spirit::Array& tablespaces() const { return tablespaces_; }
 

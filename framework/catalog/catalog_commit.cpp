@@ -170,9 +170,11 @@ bool Commit_Row::insert(soci::session& session) const
   for (size_t i = 0; i < record_.files.size(); ++i) {
     const Backup_Record::File& file = record_.files[i];
     execute_insert(session, "backup_set_file",
-                   {"set_id", "position", "database_name", "schema_name", "table_name", "file_name", "grade"},
+                   {"set_id", "position", "database_name", "schema_name", "table_name", "file_name", "grade",
+                    "size", "checksum"},
                    {set_id, number_value(i), text_value(file.database), text_value(file.schema),
-                    text_value(file.table), text_value(file.file), text_value(file.grade)});
+                    text_value(file.table), text_value(file.file), text_value(file.grade),
+                    number_value(file.size), text_value(file.checksum)});
   }
   return missing;
 }

@@ -52,11 +52,19 @@ const std::vector<std::string> version_1 = {
     "CREATE INDEX backup_set_storage_by_pool ON backup_set_storage (pool_uuid, set_id)",
     "CREATE INDEX backup_set_file_by_name ON backup_set_file (set_id, database_name, grade)",
 };
+
+// An archive belongs to one set. Physical sets have no number, and null is never equal.
+const std::vector<std::string> version_2 = {
+    "ALTER TABLE backup_set_file ADD COLUMN size BIGINT NOT NULL DEFAULT 0",
+    "ALTER TABLE backup_set_file ADD COLUMN checksum TEXT NOT NULL DEFAULT ''",
+    "CREATE UNIQUE INDEX backup_set_by_archive ON backup_set (minor_resource_id, seq, pool_uuid)"
+    " WHERE seq <> 0",
+};
 } // namespace
 
 const Catalog_Migrations& catalog_migrations()
 {
-  static const Catalog_Migrations migrations = {version_1};
+  static const Catalog_Migrations migrations = {version_1, version_2};
   return migrations;
 }
 
@@ -72,6 +80,7 @@ const std::vector<Index_Statistics>& catalog_index_statistics()
       {"backup_set", "backup_set_by_backup_id", "100000 100000 1 1"},
       {"backup_set", "backup_set_by_predecessor", "100000 100000 2 2"},
       {"backup_set", "backup_set_by_seq", "100000 100000 1000 1000 1 1"},
+      {"backup_set", "backup_set_by_archive", "100000 1000 1 1"},
       {"backup_set_storage", "sqlite_autoindex_backup_set_storage_1", "100000 1 1"},
       {"backup_set_storage", "backup_set_storage_by_pool", "100000 20000 1"},
       {"backup_set_piece", "sqlite_autoindex_backup_set_piece_1", "100000 1 1"},

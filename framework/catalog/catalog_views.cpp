@@ -19,17 +19,18 @@ public:
   explicit File_Reader(soci::session& session) : statement_(session)
   {
     statement_.alloc();
-    statement_.prepare("SELECT database_name, schema_name, table_name, file_name, grade FROM backup_set_file"
-                       " WHERE set_id = :v0 ORDER BY position");
+    statement_.prepare("SELECT database_name, schema_name, table_name, file_name, grade, checksum, size"
+                       " FROM backup_set_file WHERE set_id = :v0 ORDER BY position");
     for (std::string& column : columns_)
       statement_.exchange(soci::into(column));
+    statement_.exchange(soci::into(size_));
     statement_.exchange(soci::use(set_id_, "v0"));
     statement_.define_and_bind();
   }
 
   json_spirit::Array read(long long set_id)
   {
-    static const char* const names[] = {"database", "schema", "table", "file", "grade"};
+    static const char* const names[] = {"database", "schema", "table", "file", "grade", "checksum"};
     set_id_ = set_id;
     json_spirit::Array files;
     statement_.execute(false);
@@ -37,13 +38,15 @@ public:
       json_spirit::Object file;
       for (size_t i = 0; i < std::size(names); ++i)
         file.emplace_back(names[i], columns_[i]);
+      file.emplace_back("size", static_cast<uint64_t>(size_));
       files.push_back(std::move(file));
     }
     return files;
   }
 
 private:
-  std::string columns_[5];
+  std::string columns_[6];
+  long long size_ = 0;
   long long set_id_ = 0;
   soci::statement statement_;
 };
