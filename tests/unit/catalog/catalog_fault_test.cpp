@@ -14,6 +14,7 @@ protected:
   static Oscar_Backup_Set big_set(const std::string& uuid)
   {
     Oscar_Backup_Set set = make_logical_set(uuid, 1);
+    set.set_minor_resource_id(uuid); // every set has an archive of its own
     set.add_piece("p", 1);
     for (int i = 0; i < 40; ++i)
       set.add_file("DB" + std::to_string(i), "", "", "/d/" + std::to_string(i) + std::string(400, 'x'));
