@@ -2,9 +2,9 @@
 
 #include "archive/action_handler.h"
 #include "archive/metadata.h"
-#include "json/value.h"
 #include "storage/client_io.h"
 #include "storage/pool.h"
+#include "json/value.h"
 
 #include <ace/Log_Msg_Callback.h>
 
@@ -41,7 +41,8 @@ public:
   /// Something of enum Event happened. The result is not used; the base returns 0.
   virtual int notify_event(unsigned event, const Opts& opts);
   /// Called whenever the percentage changes, at the start with 0 and at the end of a good transfer with 100:
-  /// `a` bytes of the files have moved, out of `b`; `c` bytes have entered or left the storage, as stored.
+  /// `a` bytes of the files have moved, out of `b`; a backup has stored `c` bytes so far, a restore has read
+  /// `c` bytes of the archive.
   /// The result is not used; the base returns 0.
   virtual int handle_progress(int progress, unsigned long long a, unsigned long long b, unsigned long long c);
   /// Asked between blocks; true ends the transfer with failure and without its post-action. The base: false.

@@ -20,7 +20,20 @@ std::map<std::string, Storage_Back_End_Factory>& factories()
 
 Stored_File_Writer::~Stored_File_Writer() = default;
 
+void Stored_File_Writer::discard() {}
+
 Stored_File_Reader::~Stored_File_Reader() = default;
+
+bool Stored_File_Reader::can_read_at() const
+{
+  return false;
+}
+
+int Stored_File_Reader::read_at(uint64_t, void*, unsigned, std::string& error)
+{
+  error = "cannot read " + path() + " at any place: its storage has no way to do that";
+  return -1;
+}
 
 Storage_Back_End::~Storage_Back_End() = default;
 

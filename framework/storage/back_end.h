@@ -21,6 +21,9 @@ public:
   [[nodiscard]] virtual bool write(const void* data, unsigned n, std::string& error) = 0;
   /// Makes the bytes and the side file durable, then gives the file its name. May be called once.
   [[nodiscard]] virtual bool commit(const std::string& side_file, std::string& error) = 0;
+  /// Removes what was written, while nobody else can yet write a file of the name. A back end that has no
+  /// such way leaves it as without a commit.
+  virtual void discard();
 };
 
 /// A file of a pool while it is read.
@@ -35,6 +38,11 @@ public:
   virtual uint64_t size() const = 0;
   /// The next bytes as stored: n unless the file ends, 0 at the end, negative with `error` filled.
   virtual int read(void* data, unsigned n, std::string& error) = 0;
+  /// Whether read_at() works.
+  virtual bool can_read_at() const;
+  /// The bytes at `offset` as stored: n unless the file ends, negative with `error` filled. Does not move the
+  /// place where read() goes on.
+  virtual int read_at(uint64_t offset, void* data, unsigned n, std::string& error);
   /// How error texts name the file.
   virtual const std::string& path() const = 0;
 };
@@ -48,6 +56,8 @@ public:
   virtual ~Storage_Back_End();
   [[nodiscard]] virtual bool connect(const std::string& location, const Client_IO_Base::Options& options,
                                      std::string& error) = 0;
+  /// errno is EEXIST exactly when the name is taken: such a file exists and `overwrite` is false, or somebody
+  /// else is writing it.
   [[nodiscard]] virtual std::unique_ptr<Stored_File_Writer> create(const std::string& name, bool overwrite,
                                                                    std::string& error) = 0;
   [[nodiscard]] virtual std::unique_ptr<Stored_File_Reader> open(const std::string& name,

@@ -1,10 +1,12 @@
 #include "storage/client_io.h"
 
 #include "storage/back_end.h"
+#include "storage/random_reader.h"
 #include "storage/stream_reader.h"
 #include "storage/stream_writer.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <limits>
 
@@ -17,6 +19,7 @@ public:
   bool connect(const std::string& location, const Client_IO_Base::Options& options);
   bool open_to_write(const std::string& name);
   bool open_to_read(const std::string& name);
+  bool open_random(const std::string& name, bool& possible);
   bool close();
   void forget_file();
 
@@ -24,6 +27,8 @@ public:
   std::unique_ptr<Storage_Back_End> back_end_;
   std::unique_ptr<Stream_Writer> writer_;
   std::unique_ptr<Stream_Reader> reader_;
+  std::unique_ptr<Random_Reader> random_;
+  bool name_taken_ = false;
   std::string error_;
   // Of the file that is no longer open.
   uint64_t original_size_ = 0;
@@ -57,6 +62,7 @@ bool Client_IO_State::open_to_write(const std::string& name)
   if (!is_compression_method(options_.compression_method))
     return fail("compression method " + std::to_string(options_.compression_method) + " is unknown");
   std::unique_ptr<Stored_File_Writer> file = back_end_->create(name, options_.overwrite, reason);
+  name_taken_ = !file && errno == EEXIST;
   if (!file)
     return fail(reason);
   auto writer = std::make_unique<Stream_Writer>(std::move(file), options_);
@@ -79,6 +85,22 @@ bool Client_IO_State::open_to_read(const std::string& name)
   return true;
 }
 
+bool Client_IO_State::open_random(const std::string& name, bool& possible)
+{
+  std::string reason;
+  std::unique_ptr<Stored_File_Reader> file = back_end_->open(name, reason);
+  if (!file)
+    return fail(reason);
+  auto reader = std::make_unique<Random_Reader>(std::move(file), options_.rate_limits.read_limit());
+  bool can = false;
+  if (!reader->start(can))
+    return fail(reader->error());
+  if (can)
+    random_ = std::move(reader);
+  possible = can;
+  return true;
+}
+
 bool Client_IO_State::close()
 {
   bool closed = true;
@@ -95,9 +117,11 @@ bool Client_IO_State::close()
     storage_size_ = reader_->storage_size();
     original_checksum_ = reader_->original_checksum();
     storage_checksum_ = reader_->storage_checksum();
-  }
+  } else if (random_)
+    original_size_ = storage_size_ = random_->bytes_read();
   writer_.reset();
   reader_.reset();
+  random_.reset();
   return closed;
 }
 
@@ -105,6 +129,8 @@ void Client_IO_State::forget_file()
 {
   writer_.reset();
   reader_.reset();
+  random_.reset();
+  name_taken_ = false;
   original_size_ = 0;
   storage_size_ = 0;
   original_checksum_.clear();
@@ -158,6 +184,8 @@ unsigned long long Client_IO::original_size() const
 {
   if (state_->writer_)
     return state_->writer_->original_size();
+  if (state_->random_)
+    return state_->random_->bytes_read();
   return state_->reader_ ? state_->reader_->original_size() : state_->original_size_;
 }
 
@@ -165,6 +193,8 @@ unsigned long long Client_IO::storage_size() const
 {
   if (state_->writer_)
     return state_->writer_->storage_size();
+  if (state_->random_)
+    return state_->random_->bytes_read();
   return state_->reader_ ? state_->reader_->storage_size() : state_->storage_size_;
 }
 
@@ -203,6 +233,49 @@ bool Client_IO_Ex::open(const std::string& name, int mode, int, int)
   } catch (const std::exception& failure) {
     return state_->fail(failure.what());
   }
+}
+
+bool Client_IO_Ex::name_taken() const
+{
+  return state_->name_taken_;
+}
+
+bool Client_IO_Ex::open_random(const std::string& name, bool& possible)
+{
+  try {
+    state_->forget_file();
+    return state_->back_end_ ? state_->open_random(name, possible)
+                             : state_->fail("the storage client is not connected");
+  } catch (const std::exception& failure) {
+    return state_->fail(failure.what());
+  }
+}
+
+int Client_IO_Ex::read_at(unsigned long long offset, void* data, unsigned n)
+{
+  if (!state_->random_) {
+    state_->fail("no file is open for reading at any place");
+    return -1;
+  }
+  const int count =
+      state_->random_->read_at(offset, data, std::min<unsigned>(n, std::numeric_limits<int>::max()));
+  if (count < 0)
+    state_->fail(state_->random_->error());
+  return count;
+}
+
+unsigned long long Client_IO_Ex::random_size() const
+{
+  return state_->random_ ? state_->random_->size() : 0;
+}
+
+bool Client_IO_Ex::discard()
+{
+  if (!state_->writer_)
+    return close();
+  state_->writer_->discard();
+  state_->forget_file();
+  return true;
 }
 
 bool Client_IO_Ex::close()

@@ -120,6 +120,23 @@ public:
   /// reserved and must be 0. A file still open is closed first (a written one is then left unfinished).
   bool open(const std::string& name, int mode, int, int);
 
+  /// After a failed open() for writing: true when the name is taken, so that another name may be tried: such
+  /// a file exists and Options::overwrite is false, or somebody else is writing it.
+  bool name_taken() const;
+
+  /// Opens the file for read_at() only. Nothing is read ahead, and the checksums of the whole file are not
+  /// verified: what is read must carry its own. True with `possible` false, and nothing open, when the file is
+  /// compressed or its storage cannot do it; open() can read it then.
+  bool open_random(const std::string& name, bool& possible);
+  /// The bytes at `offset`: n unless the file ends, negative on an error. original_size() is how many were
+  /// given out.
+  int read_at(unsigned long long offset, void* data, unsigned n);
+  /// Bytes of the file that open_random() opened.
+  unsigned long long random_size() const;
+
+  /// Writing: gives the file up and leaves nothing of it. Otherwise as close().
+  bool discard();
+
   /// Writing: hands over what is buffered, makes everything durable and gives the file its name; false leaves
   /// only the temporary file. Reading: stops at once. True when nothing is open.
   bool close();

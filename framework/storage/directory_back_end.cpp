@@ -140,6 +140,16 @@ public:
     return remove_old(error) && publish(side_file, error);
   }
 
+  // The lock is still held: a writer of the same name that comes now either fails on it or makes a new file.
+  void discard() override
+  {
+    if (fd_ < 0)
+      return;
+    ignore_result(unlink_if_there(partial_path_), "recognisable as unfinished, and the next writer's");
+    ignore_result(file_system().close(fd_), "nobody wants the bytes");
+    fd_ = -1;
+  }
+
 private:
   bool fail(std::string& error, const char* what, const std::string& path)
   {
@@ -315,6 +325,29 @@ public:
     return static_cast<int>(done);
   }
 
+  bool can_read_at() const override { return true; }
+
+  int read_at(uint64_t offset, void* data, unsigned n, std::string& error) override
+  {
+    if (direct_)
+      direct_ = !set_direct(fd_, false);
+    unsigned done = 0;
+    while (done < n) {
+      const ssize_t count = file_system().pread(fd_, static_cast<char*>(data) + done, n - done,
+                                                static_cast<off_t>(offset + done));
+      if (count < 0 && errno == EINTR)
+        continue;
+      if (count < 0) {
+        error = file_error("read", path_, errno);
+        return -1;
+      }
+      if (count == 0)
+        break;
+      done += static_cast<unsigned>(count);
+    }
+    return static_cast<int>(done);
+  }
+
 private:
   // Large reads into whole pages go past the page cache; for others the kernel's read-ahead does better.
   void switch_direct(const char* data, unsigned n)
@@ -335,7 +368,7 @@ private:
   std::string side_file_;
 };
 
-/// Opens and locks the unfinished file. -1 with `error` filled.
+/// Opens and locks the unfinished file. -1 with `error` and errno; EEXIST when another job writes it.
 int open_partial(const std::string& path, std::string& error)
 {
   const std::string partial_path = partial_file_path(path);
@@ -346,12 +379,19 @@ int open_partial(const std::string& path, std::string& error)
     const int fd =
         file_system().open(partial_path.c_str(), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOFOLLOW, FILE_MODE);
     if (fd < 0) {
+      const int failure = errno == EEXIST ? EIO : errno;
       error = file_error("create", partial_path, errno);
+      errno = failure;
       return -1;
     }
-    Scope_Guard close_file([&] { ignore_result(file_system().close(fd), "nothing was written yet"); });
+    int failure = EIO;
+    Scope_Guard close_file([&] {
+      ignore_result(file_system().close(fd), "nothing was written yet");
+      errno = failure;
+    });
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
       error = "cannot create " + partial_path + ": another job is writing this file; wait until it has ended";
+      failure = EEXIST;
       return -1;
     }
     struct stat opened;
@@ -375,7 +415,27 @@ int open_partial(const std::string& path, std::string& error)
     return fd;
   }
   error = "cannot create " + partial_path + ": other jobs keep writing this file";
+  errno = EEXIST;
   return -1;
+}
+
+/// False with `error` and errno when what has this path may not be replaced.
+bool may_create(const std::string& path, bool overwrite, std::string& error)
+{
+  struct stat status;
+  if (file_system().stat(path.c_str(), &status) != 0)
+    return true;
+  if (!overwrite) {
+    error = "cannot create " + path + ": a stored file of this name exists and may not be replaced";
+    errno = EEXIST;
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    error = "cannot create " + path + ": something of this name exists that is no file; move it away";
+    errno = EISDIR;
+    return false;
+  }
+  return true;
 }
 
 bool is_safe_folder(const std::string& folder)
@@ -475,23 +535,29 @@ bool Directory_Back_End::make_folder(std::string& error)
 std::unique_ptr<Stored_File_Writer> Directory_Back_End::create(const std::string& name, bool overwrite,
                                                                std::string& error)
 {
-  if (!is_stored_file_name(name, error) || !make_folder(error))
+  errno = EINVAL;
+  if (!is_stored_file_name(name, error))
     return nullptr;
-  const std::string path = location_ + "/" + name;
-  struct stat status;
-  if (file_system().stat(path.c_str(), &status) == 0) {
-    if (!overwrite) {
-      error = "cannot create " + path + ": a stored file of this name exists and may not be replaced";
-      return nullptr;
-    }
-    if (!S_ISREG(status.st_mode)) {
-      error = "cannot create " + path + ": something of this name exists that is no file; move it away";
-      return nullptr;
-    }
+  if (!make_folder(error)) {
+    errno = EIO;
+    return nullptr;
   }
+  const std::string path = location_ + "/" + name;
+  if (!may_create(path, overwrite, error))
+    return nullptr;
   const int fd = open_partial(path, error);
   if (fd < 0)
     return nullptr;
+  Scope_Guard close_file([&] {
+    const int failure = errno;
+    ignore_result(unlink_if_there(partial_file_path(path)), "it is empty");
+    ignore_result(file_system().close(fd), "nothing was written yet");
+    errno = failure;
+  });
+  // Whoever had the lock before may have finished the file since.
+  if (!overwrite && !may_create(path, false, error))
+    return nullptr;
+  close_file.cancel();
   // A limited stream comes in small pieces.
   const bool direct =
       options_.rate_limits.write_limit() == 0 && is_direct_file_system(fd) && set_direct(fd, true);

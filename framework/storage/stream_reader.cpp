@@ -1,5 +1,6 @@
 #include "storage/stream_reader.h"
 
+#include "storage/random_reader.h"
 #include "storage/stream_settings.h"
 
 #include <algorithm>
@@ -35,26 +36,13 @@ void Stream_Reader::stop()
 
 std::string Stream_Reader::damaged(const std::string& reason) const
 {
-  return file_->path() + " is damaged: " + reason + "; this copy cannot be used, take another backup";
+  return damaged_file(file_->path(), reason);
 }
 
 bool Stream_Reader::start()
 {
-  if (file_->side_file().empty()) {
-    error_ = "cannot verify " + file_->path() +
-             ": its side file is missing; bring it back from wherever the pool was copied from";
+  if (!load_side_file(*file_, side_, error_))
     return false;
-  }
-  std::string reason;
-  if (!parse_side_file(file_->side_file(), side_, reason)) {
-    error_ = "cannot verify " + file_->path() + ": its side file cannot be used: " + reason;
-    return false;
-  }
-  if (file_->size() != side_.storage_size) {
-    error_ = damaged("it has " + std::to_string(file_->size()) + " bytes instead of " +
-                     std::to_string(side_.storage_size));
-    return false;
-  }
   if (side_.method != COMPRESSION_NONE) {
     stored_.reset(new (std::nothrow) char[STORED_BYTES]);
     if (!stored_)

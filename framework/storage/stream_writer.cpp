@@ -113,6 +113,14 @@ bool Stream_Writer::close()
   return true;
 }
 
+void Stream_Writer::discard()
+{
+  stop();
+  if (file_)
+    file_->discard();
+  fail();
+}
+
 void Stream_Writer::run()
 {
   if (store_blocks())

@@ -30,6 +30,9 @@ public:
   /// Stores what is still on its way, then commits the file with its side file.
   [[nodiscard]] bool close();
 
+  /// Stops, and removes what was stored. Nothing works afterwards.
+  void discard();
+
   const std::string& error() const { return error_; }
   uint64_t original_size() const { return original_size_; }
   uint64_t storage_size() const { return storage_size_; }
