@@ -10,12 +10,11 @@
 #include "jobs/job_mutex.h"
 #include "oscar/brcmd_common.h"
 #include "oscar/brcmd_set_record.h"
+#include "oscar/brcmd_storage.h"
 #include "oscar/brcmd_tool_run.h"
 #include "oscar/oscar_job_creator.h"
-#include "oscar/storage_options.h"
 #include "oscar/stream_storage.h"
 #include "oscar/utils.h"
-#include "storage/pool.h"
 
 #include <ace/Guard_T.h>
 #include <ace/Log_Msg.h>
@@ -89,7 +88,7 @@ bool Oscar_Brcmd_Backup_Executor::execute_i(const Values*)
     return false;
   look_up_port();
   Stream_Fifo fifo(run.fifo);
-  if (!create_fifo(job_, fifo) || !find_pool(run))
+  if (!create_fifo(job_, fifo) || !find_pool(job_, tgt_.id(), run.pool))
     return false;
   build_names(run);
   bool archivelog = false;
@@ -99,10 +98,7 @@ bool Oscar_Brcmd_Backup_Executor::execute_i(const Values*)
     return back_up(run, fifo);
 
   // Without archive logging brcmd takes an offline backup.
-  const kestrel::Scope_Guard restart([this] {
-    kestrel::ignore_result(start_instance(_oscar_home.c_str(), _instance.c_str()),
-                           "it has logged why it failed");
-  });
+  const kestrel::Scope_Guard restart([this] { restart_instance(_oscar_home, _instance); });
   kestrel::ignore_result(stop_instance(), "brcmd decides whether it can work");
   return back_up(run, fifo);
 }
@@ -151,15 +147,6 @@ void Oscar_Brcmd_Backup_Executor::look_up_port()
   unsigned short port = 0;
   if (get_instance_port(_oscar_home.c_str(), _instance.c_str(), port))
     _port = port;
-}
-
-bool Oscar_Brcmd_Backup_Executor::find_pool(Run& run)
-{
-  if (get_pool_info(tgt_.id(), tgt_.device_id(), run.pool, false, 0, nullptr, true, nullptr, nullptr, false))
-    return true;
-  raise_physical_alert(job_, 11);
-  ACE_ERROR((LM_ERROR, "Failed to get pool info.\n"));
-  return false;
 }
 
 Compression_Method Oscar_Brcmd_Backup_Executor::compression_method() const
@@ -244,41 +231,19 @@ bool Oscar_Brcmd_Backup_Executor::back_up(Run& run, Stream_Fifo& fifo)
 
 bool Oscar_Brcmd_Backup_Executor::open_storage(const Run& run, Client_IO_Ex& storage)
 {
-  Client_IO_Base::Options options;
-  options.overwrite = true;
-  options.compression_method = compression_method();
+  Client_IO_Base::Options options = storage_options(Storage_Side::BACKUP, def_, compression_method());
   if (opts_)
     options.compression_level = opts_->compression_level();
-  options.dedup_chunk_size = 1;
-  set_options_by_job_def(options, def_, 1);
-  if (!set_options_by_pool(options, run.pool)) {
-    raise_physical_alert(job_, 12);
-    ACE_ERROR((LM_ERROR, "Failed to set extra options.\n"));
-    return false;
-  }
-  set_options_by_host(options);
-  if (!storage.connect(run.pool.storage_path + "/" + src_->id(), options)) {
-    raise_physical_alert(job_, 13);
-    ACE_ERROR((LM_ERROR, "Failed to connect to storage: %s.\n", storage.error()));
-    return false;
-  }
-  if (!storage.open(run.storage_file, Client_IO_Ex::MODE_WRITE, 0, 0)) {
-    raise_physical_alert(job_, 14);
-    ACE_ERROR((LM_ERROR, "Failed to open file %s: %s.\n", run.storage_file.c_str(), storage.error()));
-    return false;
-  }
-  return true;
+  return open_stored_file(job_, Storage_Side::BACKUP, run.pool, src_->id(), run.storage_file, options,
+                          storage);
 }
 
 bool Oscar_Brcmd_Backup_Executor::stream(const Run& run, Stream_Fifo& fifo, Brcmd_Tool_Run& tool,
                                          Client_IO_Ex& storage, Pumped_Stream& pumped)
 {
-  const kestrel::Auto_Fd reader(fifo.open_reader());
-  if (reader.get() < 0) {
-    raise_physical_alert(job_, 15);
-    ACE_ERROR((LM_ERROR, "Failed to open fifo %s, errno=%d, %m\n", fifo.path().c_str(), errno));
+  const kestrel::Auto_Fd reader(open_fifo(job_, fifo, Stream_Fifo::Side::READER));
+  if (reader.get() < 0)
     return false;
-  }
   Job_Pump_Host host(job_, *act_, evt_handler_, tool);
   Stored_File_Sink sink(storage, run.storage_file);
   Stream_Backup_Pump pump(host, sink,

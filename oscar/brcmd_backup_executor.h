@@ -51,7 +51,6 @@ private:
   bool find_instance();
   bool choose_level(Values& catalog);
   void look_up_port();
-  bool find_pool(Run& run);
   void build_names(Run& run);
   bool read_archive_mode(bool& archivelog);
   bool back_up(Run& run, Stream_Fifo& fifo);

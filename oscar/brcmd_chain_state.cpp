@@ -50,7 +50,8 @@ void take_chain_state_line(const std::string& line, const std::string& instance,
 bool read_chain_state(const std::string& path, const std::string& instance, Last_Backup_Info& info)
 {
   ACE_ifstream file(8192);
-  if (file.open(path.c_str(), O_RDONLY | O_CLOEXEC) != 0) {
+  // Without waiting: a FIFO of this name would hold the job until someone writes to it.
+  if (file.open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK) != 0) {
     ACE_ERROR((LM_ERROR, "Failed to open file %s: %m\n", path.c_str()));
     return false;
   }

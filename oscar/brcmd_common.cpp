@@ -61,6 +61,16 @@ std::string fifo_path(time_t start_time)
   return Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT/oscar").path(name.c_str());
 }
 
+int open_fifo(Job& job, Stream_Fifo& fifo, Stream_Fifo::Side side)
+{
+  const int descriptor = side == Stream_Fifo::Side::READER ? fifo.open_reader() : fifo.open_writer();
+  if (descriptor < 0) {
+    raise_physical_alert(job, 15);
+    ACE_ERROR((LM_ERROR, "Failed to open fifo %s, errno=%d, %m\n", fifo.path().c_str(), errno));
+  }
+  return descriptor;
+}
+
 std::string brcmd_log_path(const std::string& name)
 {
   return Path_Conf("/var/log/kestrel3", "brcmd").path(name.c_str());
@@ -111,6 +121,15 @@ bool find_instance_access(Job& job, const std::string& instance, Unknown_Instanc
     return false;
   }
   return true;
+}
+
+void restart_instance(const std::string& oscar_home, const std::string& instance)
+{
+  if (!start_instance(oscar_home.c_str(), instance.c_str()))
+    ACE_ERROR((LM_ERROR,
+               "(%P|%t) restart_instance: instance %s was stopped for this job and its start command failed; "
+               "start it by hand\n",
+               instance.c_str()));
 }
 
 bool Job_Pump_Host::canceled() const

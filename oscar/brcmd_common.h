@@ -4,6 +4,7 @@
 #include <string>
 
 #include "base/secure_allocator.h"
+#include "oscar/stream_fifo.h"
 #include "oscar/stream_pump.h"
 
 class Job;
@@ -13,7 +14,6 @@ struct Job_Activity;
 namespace oscar
 {
 class Brcmd_Tool_Run;
-class Stream_Fifo;
 
 /// What backup and restore by brcmd have in common.
 
@@ -32,6 +32,9 @@ bool job_is_canceled(const Job_Activity& activity);
 std::string fifo_path(time_t start_time);
 /// Makes the FIFO; false = failed, alert raised and logged.
 [[nodiscard]] bool create_fifo(Job& job, Stream_Fifo& fifo);
+/// Opens one end of the FIFO, which blocks until the tool opens or ends. -1 = failed, alert raised and
+/// logged.
+[[nodiscard]] int open_fifo(Job& job, Stream_Fifo& fifo, Stream_Fifo::Side side);
 /// Path of a log that brcmd writes.
 std::string brcmd_log_path(const std::string& name);
 
@@ -54,6 +57,10 @@ enum class Unknown_Instance { SILENT, ALERT };
 /// but for an unknown instance as asked.
 [[nodiscard]] bool find_instance_access(Job& job, const std::string& instance, Unknown_Instance unknown,
                                         Instance_Access& access);
+
+/// Starts the instance that was stopped for the job. A start that fails does not change the job's result: one
+/// line at LM_ERROR says what to do.
+void restart_instance(const std::string& oscar_home, const std::string& instance);
 
 /// Connects a pump to the job that it works for. Nothing is owned; all must outlive the object.
 class Job_Pump_Host : public Stream_Pump_Host

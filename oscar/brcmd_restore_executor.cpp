@@ -9,11 +9,10 @@
 #include "catalog/catalog_operator.h"
 #include "jobs/job_mutex.h"
 #include "oscar/brcmd_common.h"
+#include "oscar/brcmd_storage.h"
 #include "oscar/brcmd_tool_run.h"
-#include "oscar/storage_options.h"
 #include "oscar/stream_storage.h"
 #include "oscar/utils.h"
-#include "storage/pool.h"
 
 #include <ace/ACE.h>
 #include <ace/Guard_T.h>
@@ -69,13 +68,10 @@ bool Oscar_Brcmd_Restore_Executor::execute_i(const Values*)
   Stream_Fifo fifo(fifo_path(act_->start_time));
   if (!create_fifo(job_, fifo))
     return false;
-  const Client_IO_Base::Options options = storage_options();
+  const Client_IO_Base::Options options = storage_options(Storage_Side::RESTORE, def_, COMPRESSION_ZLIB);
   if (!read_sequence() || !stop_instance())
     return false;
-  const kestrel::Scope_Guard restart([this] {
-    kestrel::ignore_result(start_instance(_oscar_home.c_str(), _instance.c_str()),
-                           "it has logged why it failed");
-  });
+  const kestrel::Scope_Guard restart([this] { restart_instance(_oscar_home, _instance); });
   return restore_sets(options, fifo);
 }
 
@@ -141,18 +137,6 @@ bool Oscar_Brcmd_Restore_Executor::find_instance()
   return true;
 }
 
-Client_IO_Base::Options Oscar_Brcmd_Restore_Executor::storage_options() const
-{
-  Client_IO_Base::Options options;
-  options.overwrite = true;
-  // Stored files say themselves how they are compressed; a reader does not go by this.
-  options.compression_method = COMPRESSION_ZLIB;
-  options.dedup_chunk_size = 1;
-  set_options_by_job_def(options, def_, 1);
-  set_options_by_host(options);
-  return options;
-}
-
 bool Oscar_Brcmd_Restore_Executor::read_sequence()
 {
   Values query;
@@ -160,7 +144,8 @@ bool Oscar_Brcmd_Restore_Executor::read_sequence()
   query["order"] = "desc";
   json_spirit::Value result;
   if (!Catalog_Operator(-1, static_cast<int>(def_.max_seconds_retry()))
-           .get_view("oscar_brcmd", "catalog_sequences", query, result))
+           .get_view("oscar_brcmd", "catalog_sequences", query, result) ||
+      result.type() != json_spirit::obj_type)
     return false;
   try {
     _sets = read_restore_sequence(result, src_->pool_uuid(), _total_bytes);
@@ -219,8 +204,10 @@ bool Oscar_Brcmd_Restore_Executor::restore_sets(const Client_IO_Base::Options& o
 bool Oscar_Brcmd_Restore_Executor::restore_set(const Restore_Set& set, const Client_IO_Base::Options& options,
                                                Stream_Fifo& fifo, Stream_Progress& progress)
 {
+  Pool_Info pool;
   Client_IO_Ex storage;
-  if (!open_stored_file(set, options, storage))
+  if (!find_pool(job_, set.pool_uuid, pool) ||
+      !open_stored_file(job_, Storage_Side::RESTORE, pool, set.uri, set.backup_file, options, storage))
     return false;
   const std::string command = brcmd_command(fifo);
   Brcmd_Tool_Run tool(job_, fifo, Stream_Fifo::Side::WRITER, false,
@@ -239,34 +226,6 @@ bool Oscar_Brcmd_Restore_Executor::restore_set(const Restore_Set& set, const Cli
   return false;
 }
 
-bool Oscar_Brcmd_Restore_Executor::open_stored_file(const Restore_Set& set, Client_IO_Base::Options options,
-                                                    Client_IO_Ex& storage)
-{
-  Pool_Info pool;
-  if (!get_pool_info(set.pool_uuid, tgt_.device_id(), pool, false, 0, nullptr, true, nullptr, nullptr,
-                     false)) {
-    raise_physical_alert(job_, 11);
-    ACE_ERROR((LM_ERROR, "Failed to get pool info.\n"));
-    return false;
-  }
-  if (!set_options_by_pool(options, pool)) {
-    raise_physical_alert(job_, 12);
-    ACE_ERROR((LM_ERROR, "Failed to set client options.\n"));
-    return false;
-  }
-  if (!storage.connect(pool.storage_path + "/" + set.uri, options)) {
-    raise_physical_alert(job_, 13);
-    ACE_ERROR((LM_ERROR, "Failed to connect to storage: %s.\n", storage.error()));
-    return false;
-  }
-  if (!storage.open(set.backup_file, Client_IO_Ex::MODE_READ, 0, 0)) {
-    raise_physical_alert(job_, 14);
-    ACE_ERROR((LM_ERROR, "Failed to open file %s: %s\n", set.backup_file.c_str(), storage.error()));
-    return false;
-  }
-  return true;
-}
-
 std::string Oscar_Brcmd_Restore_Executor::brcmd_command(const Stream_Fifo& fifo) const
 {
   const std::string time = name_time_text(kestrel::clock().now());
@@ -281,12 +240,9 @@ std::string Oscar_Brcmd_Restore_Executor::brcmd_command(const Stream_Fifo& fifo)
 bool Oscar_Brcmd_Restore_Executor::feed_tool(const Restore_Set& set, Client_IO_Ex& storage, Stream_Fifo& fifo,
                                              Brcmd_Tool_Run& tool, Stream_Progress& progress)
 {
-  const kestrel::Auto_Fd writer(fifo.open_writer());
-  if (writer.get() < 0) {
-    raise_physical_alert(job_, 15);
-    ACE_ERROR((LM_ERROR, "Failed to open fifo %s, errno=%d, %m\n", fifo.path().c_str(), errno));
+  const kestrel::Auto_Fd writer(open_fifo(job_, fifo, Stream_Fifo::Side::WRITER));
+  if (writer.get() < 0)
     return false;
-  }
   Job_Pump_Host host(job_, *act_, evt_handler_, tool);
   Stored_File_Source source(storage, set.backup_file);
   Stream_Restore_Pump::Expected expected;

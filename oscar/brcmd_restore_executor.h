@@ -44,13 +44,11 @@ private:
   // The steps of a run, in the order in which they are taken.
   bool choose_backup();
   bool find_instance();
-  Client_IO_Base::Options storage_options() const;
   bool read_sequence();
   bool stop_instance();
   bool restore_sets(const Client_IO_Base::Options& options, Stream_Fifo& fifo);
   bool restore_set(const Restore_Set& set, const Client_IO_Base::Options& options, Stream_Fifo& fifo,
                    Stream_Progress& progress);
-  bool open_stored_file(const Restore_Set& set, Client_IO_Base::Options options, Client_IO_Ex& storage);
   bool feed_tool(const Restore_Set& set, Client_IO_Ex& storage, Stream_Fifo& fifo, Brcmd_Tool_Run& tool,
                  Stream_Progress& progress);
 

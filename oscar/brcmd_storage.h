@@ -1,0 +1,33 @@
+#pragma once
+
+#include "storage/client_io.h"
+#include "storage/pool.h"
+
+#include <string>
+
+class Job;
+class Job_Definition;
+
+namespace oscar
+{
+/// How backup and restore by brcmd reach the stored files.
+/// Threads: the job's.
+/// Errors:  false = failed, alert raised and logged. The two sides word some messages and order the options
+///          differently, which whoever watches the logs relies on.
+
+enum class Storage_Side { BACKUP, RESTORE };
+
+/// Address of the pool; `pool` is untouched on failure.
+[[nodiscard]] bool find_pool(Job& job, const std::string& pool_uuid, Pool_Info& pool);
+
+/// What the options hold before a pool is known. A reader does not go by the compression method: stored files
+/// say themselves how they are compressed.
+Client_IO_Base::Options storage_options(Storage_Side side, const Job_Definition& definition,
+                                        Compression_Method method);
+
+/// Connects to the folder `uri` of the pool and opens the file there: for writing in a backup, for reading in
+/// a restore.
+[[nodiscard]] bool open_stored_file(Job& job, Storage_Side side, const Pool_Info& pool,
+                                    const std::string& uri, const std::string& file,
+                                    Client_IO_Base::Options options, Client_IO_Ex& storage);
+} // namespace oscar
