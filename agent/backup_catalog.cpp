@@ -14,7 +14,7 @@ constexpr int64_t busy_limit_msec = 10000;
 constexpr int64_t retry_msec = 100;
 typedef std::map<std::string, json_spirit::Value> Query;
 
-bool query_rows(const char* view, const Query& query, json_spirit::Array& rows, std::string& error)
+bool query_view(const char* view, const Query& query, json_spirit::Object& object, std::string& error)
 {
   const int64_t give_up_msec = clock().monotonic_msec() + busy_limit_msec;
   json_spirit::Value result;
@@ -26,7 +26,7 @@ bool query_rows(const char* view, const Query& query, json_spirit::Array& rows, 
       return false;
     clock().sleep_msec(retry_msec);
   }
-  rows = required<json_spirit::Array>(result.get_obj(), "rows");
+  object = result.get_obj();
   return true;
 }
 
@@ -69,20 +69,27 @@ Backup_Entry entry_of(const json_spirit::Object& row)
   entry.full_backup_id = value_or_default<std::string>(row, "full_backup_id");
   entry.lsn = pattern_of(row, "backup_lsn");
   entry.scn = pattern_of(row, "backup_scn");
+  for (const json_spirit::Value& child : value_or_default<json_spirit::Array>(row, "children"))
+    entry.children.push_back(child.get_str());
+  entry.chain_length = pattern_of(row, "chain_length");
+  entry.chain_problem = value_or_default<std::string>(row, "chain_problem");
   return entry;
 }
 
-bool query_entries(const char* view, const Query& query, std::vector<Backup_Entry>& backups, std::string& error)
+/// `problem` may be null; it gets what the view says of an empty answer.
+bool query_entries(const char* view, const Query& query, std::vector<Backup_Entry>& backups,
+                   std::string& error, std::string* problem = nullptr)
 {
   try {
-    json_spirit::Array rows;
-    if (!query_rows(view, query, rows, error))
+    json_spirit::Object answer;
+    if (!query_view(view, query, answer, error))
       return false;
     std::vector<Backup_Entry> found;
-    found.reserve(rows.size());
-    for (const json_spirit::Value& row : rows)
+    for (const json_spirit::Value& row : required<json_spirit::Array>(answer, "rows"))
       found.push_back(entry_of(row.get_obj()));
     backups.swap(found);
+    if (problem)
+      *problem = value_or_default<std::string>(answer, "problem");
     return true;
   } catch (const std::exception& exception) {
     error = std::string("the catalog holds a record of the wrong shape: ") + exception.what();
@@ -120,14 +127,45 @@ bool list_backups(const std::map<std::string, json_spirit::Value>& fields, uint6
   Query query = fields;
   query["sort"] = "start_time";
   query["order"] = "desc";
+  query["with_chain"] = true;
   if (limit)
     query["limit"] = limit;
   return query_entries("catalogs", query, backups, error);
 }
 
-bool backup_sequence(const std::string& id, std::vector<Backup_Entry>& backups, std::string& error)
+bool last_committed_backup(const std::string& resource_uuid, std::vector<Backup_Entry>& backup,
+                           std::string& error)
 {
-  return query_entries("catalog_sequences", {{"backup_id", id}, {"order", "desc"}}, backups, error);
+  // Without a sort key the rows stand in commit order.
+  return query_entries(
+      "catalogs", {{"resource_uuid", resource_uuid}, {"order", "desc"}, {"limit", 1}, {"with_chain", true}},
+      backup, error);
+}
+
+bool backup_sequence(const Backup_Entry& backup, std::vector<Backup_Entry>& backups, std::string& problem,
+                     std::string& error)
+{
+  return query_entries("catalog_sequences",
+                       {{"backup_id", backup.id}, {"resource_uuid", backup.resource_uuid}, {"order", "desc"}},
+                       backups, error, &problem);
+}
+
+bool known_chain(const Backup_Entry& backup, std::vector<Backup_Entry>& backups, std::string& error)
+{
+  std::vector<Backup_Entry> newest_first = {backup};
+  std::set<std::string> seen = {backup.id};
+  while (!newest_first.back().predecessor_id.empty()) {
+    const std::string wanted = newest_first.back().predecessor_id;
+    std::vector<Backup_Entry> found;
+    if (!query_entries("catalogs", {{"backup_id", wanted}, {"resource_uuid", backup.resource_uuid}}, found,
+                       error))
+      return false;
+    if (found.empty() || !seen.insert(wanted).second)
+      break;
+    newest_first.push_back(found.front());
+  }
+  backups.assign(newest_first.rbegin(), newest_first.rend());
+  return true;
 }
 
 bool resolve_backup(const std::string& reference, const std::string& resource_uuid, Backup_Entry& backup,

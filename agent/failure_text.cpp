@@ -12,14 +12,22 @@ namespace
 /// Job logs are written by tools too: only so much of one is looked at.
 constexpr size_t longest_line_bytes = 16 * 1024;
 
-/// The text of an error record, "2026-01-31 10:00:00.123 [pid.tid] ERROR text"; false for other lines.
-bool error_text_of(const std::string& line, std::string& text)
+const std::vector<const char*> error_priorities = {"ERROR ", "CRITICAL ", "EMERGENCY "};
+const std::vector<const char*> info_priorities = {"INFO "};
+/// What a job says when it makes a full backup instead, and what stands before its reason where that is no
+/// error.
+const char fallback_line[] = "Lack of backup info, run full backup instead";
+const char fallback_reason_mark[] = "check_full_backup_set_state: ";
+
+/// The text of a record, "2026-01-31 10:00:00.123 [pid.tid] ERROR text"; false for other priorities and other
+/// lines.
+bool record_text_of(const std::string& line, const std::vector<const char*>& priorities, std::string& text)
 {
   const size_t bracket = line.find("] ");
   if (bracket == std::string::npos)
     return false;
   const std::string rest = line.substr(bracket + 2);
-  for (const char* priority : {"ERROR ", "CRITICAL ", "EMERGENCY "}) {
+  for (const char* priority : priorities) {
     if (!boost::starts_with(rest, priority))
       continue;
     text = rest.substr(rest.find(' ') + 1);
@@ -31,6 +39,46 @@ bool error_text_of(const std::string& line, std::string& text)
     return !text.empty();
   }
   return false;
+}
+
+/// What a job's log says of its errors and its level.
+struct Job_Log_Facts {
+  std::string first_error;
+  std::string last_error;
+  std::string fallback_reason; ///< empty: the level is the one asked for
+};
+
+void take_info(const std::string& text, std::string& reason, Job_Log_Facts& facts)
+{
+  const size_t mark = text.find(fallback_reason_mark);
+  if (mark != std::string::npos)
+    reason = text.substr(mark + sizeof fallback_reason_mark - 1);
+  if (text != fallback_line)
+    return;
+  // What led to it did not end the job.
+  facts.fallback_reason = reason.empty() ? "the chain cannot be continued" : reason;
+  facts.first_error.clear();
+  facts.last_error.clear();
+}
+
+Job_Log_Facts facts_of_job_log(const std::string& log_path)
+{
+  Job_Log_Facts facts;
+  std::ifstream log(log_path);
+  std::string line;
+  std::string reason;
+  while (std::getline(log, line)) {
+    line.resize(std::min(line.size(), longest_line_bytes));
+    std::string text;
+    if (record_text_of(line, error_priorities, text)) {
+      if (facts.first_error.empty())
+        facts.first_error = text;
+      facts.last_error = reason = text;
+    } else if (record_text_of(line, info_priorities, text)) {
+      take_info(text, reason, facts);
+    }
+  }
+  return facts;
 }
 
 struct Advice {
@@ -59,20 +107,14 @@ const Advice advices[] = {
 
 std::string reason_from_job_log(const std::string& log_path)
 {
-  std::ifstream log(log_path);
-  std::string line;
-  std::string first;
-  std::string last;
-  while (std::getline(log, line)) {
-    line.resize(std::min(line.size(), longest_line_bytes));
-    std::string text;
-    if (!error_text_of(line, text))
-      continue;
-    if (first.empty())
-      first = text;
-    last = text;
-  }
-  return first == last ? first : first + "; " + last;
+  const Job_Log_Facts facts = facts_of_job_log(log_path);
+  return facts.first_error == facts.last_error ? facts.first_error
+                                               : facts.first_error + "; " + facts.last_error;
+}
+
+std::string fallback_from_job_log(const std::string& log_path)
+{
+  return facts_of_job_log(log_path).fallback_reason;
 }
 
 std::string advice_for(const std::vector<Job_Alert>& alerts)

@@ -7,11 +7,17 @@
 
 namespace kestrel
 {
-/// What the user reads about a run that did not succeed. Plain functions; any thread; never fail.
+/// What the user reads about a run that did not do what it was asked for. Plain functions; any thread; never
+/// fail.
 
-/// The first error line of a job's log and, where it differs, the last one, joined by "; " and without time stamps and
-/// full stops at their ends. Empty when the log cannot be read or has no error.
+/// The first error line of a job's log and, where it differs, the last one, joined by "; " and without time
+/// stamps and full stops at their ends. Errors that only made the job a full backup do not count. Empty when
+/// the log cannot be read or has no error.
 std::string reason_from_job_log(const std::string& log_path);
+
+/// Why a backup job that was to continue a chain made a full backup instead, from its log; empty when it did
+/// not.
+std::string fallback_from_job_log(const std::string& log_path);
 
 /// What to do next, from the last alert that a run raised. Never empty.
 std::string advice_for(const std::vector<Job_Alert>& alerts);

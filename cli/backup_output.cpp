@@ -16,14 +16,19 @@ const char* state_word(const Backup_Entry& backup)
 {
   if (!backup.available)
     return "unusable";
-  return backup.predecessor_missing ? "chain_broken" : "available";
+  return backup.chain_length == 0 ? "chain_broken" : "available";
 }
 
 const char* state_text(const Backup_Entry& backup)
 {
   if (!backup.available)
     return "unusable";
-  return backup.predecessor_missing ? "no chain" : "ok";
+  return backup.chain_length == 0 ? "no chain" : "ok";
+}
+
+json_spirit::Value parent_of(const Backup_Entry& backup)
+{
+  return backup.predecessor_id.empty() ? json_spirit::Value() : json_spirit::Value(backup.predecessor_id);
 }
 
 json_spirit::Object json_of_backup(Session& session, const Backup_Entry& backup)
@@ -49,7 +54,11 @@ json_spirit::Object json_of_backup(Session& session, const Backup_Entry& backup)
   set_value(object, "original_checksum", backup.original_checksum);
   set_value(object, "storage_checksum", backup.storage_checksum);
   set_value(object, "full_backup_id", backup.full_backup_id);
-  set_value(object, "predecessor_id", backup.predecessor_id);
+  set_value(object, "parent", parent_of(backup));
+  set_value(object, "parent_missing", backup.predecessor_missing);
+  set_value(object, "children", json_spirit::Array(backup.children.begin(), backup.children.end()));
+  set_value(object, "chain_length", backup.chain_length);
+  set_value(object, "chain_problem", backup.chain_problem);
   set_value(object, "lsn", backup.lsn);
   set_value(object, "scn", backup.scn);
   return object;

@@ -1,8 +1,10 @@
+#include "cli/backup_output.h"
 #include "cli/definition_builder.h"
 #include "cli/job_command.h"
 #include "cli/text_format.h"
 
 #include "agent/backup_catalog.h"
+#include "agent/failure_text.h"
 #include "json/json_util.h"
 
 namespace kestrel
@@ -22,10 +24,59 @@ bool find_target(Session& session, Pool_Info& pool)
   return false;
 }
 
-/// The newest backup of the instance is the one that was just committed: jobs on one instance exclude each other.
+/// The set that the job has just committed: jobs on one instance exclude each other until then.
 bool committed_backup(const std::string& resource_uuid, Backup_Entry& backup, std::string& error)
 {
-  return resolve_backup("latest", resource_uuid, backup, error);
+  std::vector<Backup_Entry> last;
+  if (!last_committed_backup(resource_uuid, last, error))
+    return false;
+  error = "the catalog does not hold it";
+  if (last.empty())
+    return false;
+  backup = last.front();
+  return true;
+}
+
+/// What the user must know of a backup that is not what was asked for, or of no use.
+void warn(Session& session, const Backup_Entry& backup, const std::string& requested_level,
+          const std::string& fallback_reason)
+{
+  if (!fallback_reason.empty())
+    session.note("A full backup was made in place of the " + requested_level + " one: " + fallback_reason +
+                 ".");
+  if (backup.chain_length == 0)
+    session.note("This backup cannot be restored: " + backup.chain_problem +
+                 ". Make a full one: kestrel backup INSTANCE --level full");
+}
+
+int show_result(Session& session, const std::string& name, const std::string& pool, const Job_Report& job,
+                const Backup_Entry& backup)
+{
+  const std::string& requested_level = session.line().level;
+  const std::string fallback_reason =
+      backup.level == requested_level ? "" : fallback_from_job_log(job.run.log_path);
+  warn(session, backup, requested_level, fallback_reason);
+  json_spirit::Object json;
+  set_value(json, "backup", backup.id);
+  set_value(json, "instance", name);
+  set_value(json, "level", backup.level);
+  set_value(json, "requested_level", requested_level);
+  set_value(json, "fallback_reason", fallback_reason);
+  set_value(json, "parent", parent_of(backup));
+  set_value(json, "state", state_word(backup));
+  set_value(json, "pool", pool);
+  set_value(json, "file", backup.file);
+  set_value(json, "size", backup.size);
+  set_value(json, "stored_size", backup.stored_size);
+  set_value(json, "duration_msec", job.duration_msec);
+  set_value(json, "log", job.run.log_path);
+  const std::string level =
+      backup.level == requested_level ? backup.level : backup.level + ", not " + requested_level;
+  const std::string on = backup.predecessor_id.empty() ? "" : " on " + backup.predecessor_id;
+  session.result(json, "Backup " + backup.id + " of " + name + " (" + level + on + "): " +
+                           format_bytes(backup.size) + ", stored as " + format_bytes(backup.stored_size) +
+                           " in " + format_duration(job.duration_msec / 1000) + ".\n");
+  return EXIT_CODE_DONE;
 }
 } // namespace
 
@@ -38,7 +89,8 @@ int run_backup(Session& session)
     return EXIT_CODE_FAILED;
   const std::string& name = instance.instance.name;
   if (instance.accounts.empty())
-    return session.fail("there is no account for " + name + "; store one with: kestrel login " + name + " --user USER");
+    return session.fail("there is no account for " + name + "; store one with: kestrel login " + name +
+                        " --user USER");
 
   Backup_Request request;
   request.instance_name = name;
@@ -53,7 +105,8 @@ int run_backup(Session& session)
   if (!session.host().loader().load(backup_definition(session.host().identity(), request), definition, error))
     return session.fail("the backup of " + name + " cannot be defined: " + error);
 
-  session.note("Backing " + name + " up to pool " + pool.name + " (" + line.level + ", " + line.compression + ")");
+  session.note("Backing " + name + " up to pool " + pool.name + " (" + line.level + ", " + line.compression +
+               ")");
   const Job_Report job = run_job(session, definition, {name, "backup of " + name, "nothing of it was kept"});
   if (job.exit_code != EXIT_CODE_DONE)
     return job.exit_code;
@@ -61,19 +114,6 @@ int run_backup(Session& session)
   Backup_Entry backup;
   if (!committed_backup(instance.instance.uuid, backup, error))
     return session.fail("the backup of " + name + " is done, but cannot be shown: " + error);
-  json_spirit::Object json;
-  set_value(json, "backup", backup.id);
-  set_value(json, "instance", name);
-  set_value(json, "level", backup.level);
-  set_value(json, "pool", pool.name);
-  set_value(json, "file", backup.file);
-  set_value(json, "size", backup.size);
-  set_value(json, "stored_size", backup.stored_size);
-  set_value(json, "duration_msec", job.duration_msec);
-  set_value(json, "log", job.run.log_path);
-  session.result(json, "Backup " + backup.id + " of " + name + " (" + backup.level + "): " + format_bytes(backup.size) +
-                           ", stored as " + format_bytes(backup.stored_size) + " in " +
-                           format_duration(job.duration_msec / 1000) + ".\n");
-  return EXIT_CODE_DONE;
+  return show_result(session, name, pool.name, job, backup);
 }
 } // namespace kestrel

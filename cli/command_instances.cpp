@@ -14,7 +14,9 @@ namespace
 std::string option_text(const Instance& instance, const char* key)
 {
   const auto found = instance.options.find(key);
-  return found != instance.options.end() && found->second.type() == json_spirit::str_type ? found->second.get_str() : "";
+  return found != instance.options.end() && found->second.type() == json_spirit::str_type
+             ? found->second.get_str()
+             : "";
 }
 
 /// Null when the handler cannot tell.
@@ -64,13 +66,14 @@ int run_instances(Session& session)
       users.push_back(account.username);
     set_value(object, "users", users);
     list.push_back(object);
-    rows.push_back({instance.name, port.is_null() ? "-" : write_json(port), option_text(instance, "version"), state, users_of(entry),
-                    option_text(instance, "oscar_home")});
+    rows.push_back({instance.name, port.is_null() ? "-" : write_json(port), option_text(instance, "version"),
+                    state, users_of(entry), option_text(instance, "oscar_home")});
   }
   json_spirit::Object json;
   set_value(json, "instances", list);
-  session.result(json, entries.empty() ? "No OSCAR instance was found on this host. Start one and try again.\n"
-                                       : format_table(rows, {1}));
+  session.result(json, entries.empty()
+                           ? "No OSCAR instance was found on this host. Start one and try again.\n"
+                           : format_table(rows, {1}));
   return EXIT_CODE_DONE;
 }
 
@@ -87,21 +90,22 @@ int run_login(Session& session)
     return EXIT_CODE_FAILED;
 
   secure_string password;
-  if (!read_password(line.password_file, "Password of " + line.user + " at " + entry.instance.name + ": ", password,
-                     error))
+  if (!read_password(line.password_file, "Password of " + line.user + " at " + entry.instance.name + ": ",
+                     password, error))
     return session.fail("no password for " + line.user + " at " + entry.instance.name + ": " + error);
   std::string warning;
-  if (registry.logon(session.host().instance_handler(), entry.instance.name, "", line.user, password, warning, error) !=
-      0) {
+  if (registry.logon(session.host().instance_handler(), entry.instance.name, "", line.user, password, warning,
+                     error) != 0) {
     const bool awkward = password.find_first_of(" \t\"'") != secure_string::npos;
-    return session.fail("the login of " + line.user + " at " + entry.instance.name + " failed: " +
-                        (error.empty() ? "see the log" : error) +
+    return session.fail("the login of " + line.user + " at " + entry.instance.name +
+                        " failed: " + (error.empty() ? "see the log" : error) +
                         (awkward ? " (OSCAR's tools take no password with blanks or quotes)" : ""));
   }
   json_spirit::Object json;
   set_value(json, "instance", entry.instance.name);
   set_value(json, "user", line.user);
-  session.result(json, "The login works; the account of " + line.user + " at " + entry.instance.name + " is kept.\n");
+  session.result(json, "The login works; the account of " + line.user + " at " + entry.instance.name +
+                           " is kept.\n");
   return EXIT_CODE_DONE;
 }
 } // namespace kestrel

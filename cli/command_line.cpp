@@ -5,11 +5,14 @@
 
 #include <CLI/CLI.hpp>
 
+#include <map>
+
 namespace kestrel
 {
 namespace
 {
-const char* const backup_help = "id, a unique beginning of it, or 'latest' (with --instance, or when one instance has backups)";
+const char* const backup_help =
+    "id, a unique beginning of it, or 'latest' (with --instance, or when one instance has backups)";
 
 CLI::App* add_command(CLI::App& parent, Command_Line& line, const std::string& name, const std::string& help,
                       Command command)
@@ -26,8 +29,9 @@ void add_instance_commands(CLI::App& app, Command_Line& line)
   CLI::App* login = add_command(app, line, "login", "Test a login and keep the account", Command::login);
   login->add_option("INSTANCE", line.instance, "name of the instance")->required();
   login->add_option("--user,-u", line.user, "database user")->required();
-  login->add_option("--password-file", line.password_file,
-                    "file whose first line is the password; '-' reads standard input; asked for when not given");
+  login->add_option(
+      "--password-file", line.password_file,
+      "file whose first line is the password; '-' reads standard input; asked for when not given");
 }
 
 void add_pool_commands(CLI::App& app, Command_Line& line)
@@ -39,7 +43,8 @@ void add_pool_commands(CLI::App& app, Command_Line& line)
   add->add_option("--path", line.path, "existing directory that holds the pool's files")->required();
   add->add_flag("--default", line.make_default, "use this pool when a backup names none");
   add_command(*pool, line, "list", "List the storage pools", Command::pool_list);
-  CLI::App* remove = add_command(*pool, line, "remove", "Forget a pool that holds no backups", Command::pool_remove);
+  CLI::App* remove =
+      add_command(*pool, line, "remove", "Forget a pool that holds no backups", Command::pool_remove);
   remove->add_option("NAME", line.pool, "name of the pool")->required();
 }
 
@@ -53,12 +58,32 @@ CLI::Validator unsigned_number()
       "");
 }
 
+/// Accepts the long names of levels and turns them into the short ones.
+CLI::Validator backup_level()
+{
+  const std::map<std::string, std::string> names = {
+      {"incremental", "incr"}, {"differential", "diff"}, {"cumulative", "diff"}};
+  return CLI::Validator(
+      [names](std::string& level) {
+        const auto found = names.find(level);
+        if (found != names.end())
+          level = found->second;
+        return level == "full" || level == "incr" || level == "diff"
+                   ? std::string()
+                   : "'" + level + "' is not a level; there are full, incr and diff";
+      },
+      "full|incr|diff");
+}
+
 void add_backup_command(CLI::App& app, Command_Line& line)
 {
   CLI::App* backup = add_command(app, line, "backup", "Back an instance up", Command::backup);
   backup->add_option("INSTANCE", line.instance, "name of the instance")->required();
-  backup->add_option("--level", line.level, "level of the backup")
-      ->check(CLI::IsMember({"full"}))
+  backup
+      ->add_option("--level", line.level,
+                   "everything (full), what changed since the last backup (incr) or since the "
+                   "last full one (diff)")
+      ->transform(backup_level())
       ->capture_default_str();
   backup->add_option("--pool", line.pool, "pool to store it in; the default pool when not given");
   backup->add_option("--compression", line.compression, "compression method")
@@ -83,12 +108,18 @@ void add_catalog_commands(CLI::App& app, Command_Line& line)
   show->add_option("BACKUP", line.names, backup_help)->required()->expected(1);
   show->add_option("--instance", line.instance, "instance that 'latest' refers to");
 
-  CLI::App* verify = add_command(app, line, "verify",
-                                 "Read every stored byte of backups the way a restore does and check it", Command::verify);
-  verify->add_option("BACKUP", line.names, std::string(backup_help) + "; every backup when none is named");
-  verify->add_option("--instance", line.instance, "only backups of this instance; the one that 'latest' refers to");
+  CLI::App* verify =
+      add_command(app, line, "verify",
+                  "Read every stored byte of backups the way a restore does and check it", Command::verify);
+  CLI::Option* named = verify->add_option("BACKUP", line.names,
+                                          std::string(backup_help) +
+                                              "; with what they build on; every chain when none is named");
+  verify->add_flag("--all", line.all, "every chain")->excludes(named);
+  verify->add_option("--instance", line.instance,
+                     "only backups of this instance; the one that 'latest' refers to");
 
-  CLI::App* restore = add_command(app, line, "restore", "Restore an instance from a backup", Command::restore);
+  CLI::App* restore =
+      add_command(app, line, "restore", "Restore an instance from a backup", Command::restore);
   restore->add_option("BACKUP", line.names, backup_help)->required()->expected(1);
   restore->add_option("--instance", line.instance, "instance that 'latest' refers to");
   restore->add_option("--pool", line.pool, "read the stored files from this pool");

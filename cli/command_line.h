@@ -30,20 +30,21 @@ struct Command_Line {
   bool verbose = false;
   bool quiet = false;
 
-  std::string instance;            ///< backup, backups, login; for "latest" also show, verify, restore
-  std::vector<std::string> names;  ///< show, restore: one BACKUP; verify: any number
+  std::string instance;           ///< backup, backups, login; for "latest" also show, verify, restore
+  std::vector<std::string> names; ///< show, restore: one BACKUP; verify: any number
   std::string user;
   std::string password_file;
-  std::string pool;                ///< pool commands, backup, restore
+  std::string pool; ///< pool commands, backup, restore
   std::string path;
   bool make_default = false;
   std::string level = "full";
   std::string compression = "zstd";
   std::optional<int> compression_level;
   uint64_t rate_limit_bytes_per_second = 0;
-  uint64_t limit = 100;            ///< backups: newest N; 0 = all
+  bool all = false;     ///< verify: said for clearness; naming no backup means the same
+  uint64_t limit = 100; ///< backups: newest N; 0 = all
   bool assume_yes = false;
-  std::string file;                ///< run
+  std::string file; ///< run
 };
 
 /// Parses the words of the command line. Prints help, version or the error itself.

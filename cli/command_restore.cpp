@@ -24,23 +24,24 @@ struct Restore_Plan {
 bool find_target_instance(Session& session, const Backup_Entry& backup, Instance_Registry::Entry& instance)
 {
   const std::string& wanted = session.line().instance;
-  return session.find_instance(wanted.empty() ? session.instance_name(backup.resource_uuid) : wanted, instance);
+  return session.find_instance(wanted.empty() ? session.instance_name(backup.resource_uuid) : wanted,
+                               instance);
 }
 
 bool make_plan(Session& session, Restore_Plan& plan)
 {
+  std::string problem;
   std::string error;
   if (!find_backup(session, session.line().names.front(), plan.backup) ||
       !find_target_instance(session, plan.backup, plan.instance))
     return false;
-  if (!backup_sequence(plan.backup.id, plan.sequence, error)) {
+  if (!backup_sequence(plan.backup, plan.sequence, problem, error)) {
     session.fail("backup " + plan.backup.id + " cannot be restored: " + error);
     return false;
   }
   if (plan.sequence.empty()) {
-    session.fail("backup " + plan.backup.id +
-                 " cannot be restored: it, or a backup that it builds on, is missing or unusable; kestrel backups shows "
-                 "which");
+    session.fail("backup " + plan.backup.id + " cannot be restored: " + problem +
+                 "; kestrel backups shows what can be restored");
     return false;
   }
   for (const Backup_Entry& member : plan.sequence)
@@ -66,8 +67,11 @@ std::string describe(Session& session, const Restore_Plan& plan)
     text += "  " + std::to_string(step++) + ". backup " + member.id + " (" + member.level + ", " +
             format_bytes(member.size) + ") is read from pool " +
             pool_name(session, plan.pool_override.empty() ? member.pool_uuid : plan.pool_override) + "\n";
-  text += "  " + std::to_string(step) + ". its data takes the place of what " + name + " holds now, and " + name +
-          " is started\n";
+  if (plan.sequence.size() > 1)
+    text += "     that is " + format_bytes(plan.bytes) + " from " + std::to_string(plan.sequence.size()) +
+            " backups\n";
+  text += "  " + std::to_string(step) + ". this data takes the place of what " + name + " holds now, and " +
+          name + " is started\n";
   return text;
 }
 
@@ -107,11 +111,13 @@ int run_restore(Session& session)
   request.pool_override = plan.pool_override;
   Job_Definition_Ptr definition;
   std::string error;
-  if (!session.host().loader().load(restore_definition(session.host().identity(), request), definition, error))
+  if (!session.host().loader().load(restore_definition(session.host().identity(), request), definition,
+                                    error))
     return session.fail("the restore of " + request.instance_name + " cannot be defined: " + error);
-  const Job_Report job = run_job(session, definition,
-                                 {request.instance_name, "restore of " + request.instance_name,
-                                  "look at the instance's data before anybody works with it, or restore again"});
+  const Job_Report job =
+      run_job(session, definition,
+              {request.instance_name, "restore of " + request.instance_name,
+               "look at the instance's data before anybody works with it, or restore again"});
   if (job.exit_code != EXIT_CODE_DONE)
     return job.exit_code;
 
@@ -119,11 +125,16 @@ int run_restore(Session& session)
   set_value(json, "backup", plan.backup.id);
   set_value(json, "instance", request.instance_name);
   set_value(json, "sets", static_cast<uint64_t>(plan.sequence.size()));
+  json_spirit::Array chain;
+  for (const Backup_Entry& member : plan.sequence)
+    chain.push_back(member.id);
+  set_value(json, "chain", chain);
   set_value(json, "size", plan.bytes);
   set_value(json, "duration_msec", job.duration_msec);
   set_value(json, "log", job.run.log_path);
   session.result(json, request.instance_name + " is restored from backup " + plan.backup.id + ": " +
-                           format_bytes(plan.bytes) + " in " + format_duration(job.duration_msec / 1000) + ".\n");
+                           format_bytes(plan.bytes) + " in " + format_duration(job.duration_msec / 1000) +
+                           ".\n");
   return EXIT_CODE_DONE;
 }
 
@@ -135,7 +146,8 @@ int run_definition_file(Session& session)
   if (!session.host().loader().load_file(file == "-" ? "/dev/stdin" : file, definition, error))
     return session.fail("the job definition " + file + " is refused: " + error);
   const std::string name = definition->name().empty() ? definition->id() : definition->name();
-  const Job_Report job = run_job(session, definition, {name, "job " + name, "the job log says how far it came"});
+  const Job_Report job =
+      run_job(session, definition, {name, "job " + name, "the job log says how far it came"});
   if (job.exit_code != EXIT_CODE_DONE)
     return job.exit_code;
   json_spirit::Object json;

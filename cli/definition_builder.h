@@ -7,14 +7,15 @@
 
 namespace kestrel
 {
-/// Job definition documents as the command line makes them: the same form as 'kestrel run' reads. Plain functions.
-/// The ids of definitions are derived from the instance, so that every backup of one instance belongs to one definition.
+/// Job definition documents as the command line makes them: the same form as 'kestrel run' reads. Plain
+/// functions. The ids of definitions are derived from the instance, so that every backup of one instance
+/// belongs to one definition.
 
 struct Backup_Request {
   std::string instance_name;
   std::string instance_uuid;
   std::string pool_id;
-  std::string level; ///< "full"
+  std::string level; ///< "full", "incr" or "diff"
   std::string compression;
   int compression_level = 1;
   uint64_t rate_limit_bytes_per_second = 0;

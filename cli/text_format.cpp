@@ -49,7 +49,10 @@ std::string format_duration(int64_t seconds)
   return text;
 }
 
-std::string format_time(time_t time) { return time ? format_local(time, "%Y-%m-%d %H:%M:%S") : "-"; }
+std::string format_time(time_t time)
+{
+  return time ? format_local(time, "%Y-%m-%d %H:%M:%S") : "-";
+}
 
 std::string format_time_rfc3339(time_t time)
 {
@@ -67,17 +70,20 @@ std::string format_ratio(uint64_t original_bytes, uint64_t stored_bytes)
   if (!original_bytes || !stored_bytes)
     return "-";
   char text[32];
-  std::snprintf(text, sizeof text, "%.1f", static_cast<double>(original_bytes) / static_cast<double>(stored_bytes));
+  std::snprintf(text, sizeof text, "%.1f",
+                static_cast<double>(original_bytes) / static_cast<double>(stored_bytes));
   return text;
 }
 
 size_t display_width(const std::string& text)
 {
-  return static_cast<size_t>(std::count_if(text.begin(), text.end(),
-                                           [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) != 0x80; }));
+  return static_cast<size_t>(std::count_if(
+      text.begin(), text.end(), [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) != 0x80; }));
 }
 
-std::string format_table(const std::vector<std::vector<std::string>>& rows, const std::vector<size_t>& right_aligned)
+std::string format_table(const std::vector<std::vector<std::string>>& rows,
+                         const std::vector<size_t>& right_aligned,
+                         const std::multimap<size_t, std::string>& lines_before_row)
 {
   std::vector<size_t> widths;
   for (const auto& row : rows) {
@@ -86,7 +92,11 @@ std::string format_table(const std::vector<std::vector<std::string>>& rows, cons
       widths[column] = std::max(widths[column], display_width(row[column]));
   }
   std::string table;
-  for (const auto& row : rows) {
+  auto own_line = lines_before_row.begin();
+  for (size_t number = 0; number < rows.size(); ++number) {
+    for (; own_line != lines_before_row.end() && own_line->first <= number; ++own_line)
+      table += own_line->second + "\n";
+    const std::vector<std::string>& row = rows[number];
     std::string line;
     for (size_t column = 0; column < row.size(); ++column) {
       const std::string padding(widths[column] - display_width(row[column]), ' ');

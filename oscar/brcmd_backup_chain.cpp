@@ -20,20 +20,23 @@ namespace
 constexpr int STOP_POLLS = 60;
 constexpr int64_t STOP_POLL_MSEC = 1000;
 
-/// Whether the newest matching set can carry on a chain in this pool.
-bool usable_in_pool(const json_spirit::Value& result, const std::string& pool_id)
+/// Why the newest matching set cannot carry on a chain in this pool; null when it can.
+const char* obstacle_to_chain(const json_spirit::Value& result, const std::string& pool_id)
 {
   using namespace json_spirit;
   if (result.type() != obj_type)
-    return false;
+    return "the catalog's answer has the wrong shape";
   const Value& rows = find_value(result.get_obj(), "rows");
   if (rows.type() != array_type || rows.get_array().empty() || rows.get_array().front().type() != obj_type)
-    return false;
+    return "it is not in the catalog";
   const Object& newest = rows.get_array().front().get_obj();
   const Value& state = find_value(newest, "state");
   const Value& pool_uuid = find_value(newest, "pool_uuid");
-  return state.type() == array_type && !state.get_array().empty() && pool_uuid.type() == str_type &&
-         pool_uuid.get_str() == pool_id;
+  if (state.type() != array_type || state.get_array().empty())
+    return "its stored file cannot be used";
+  if (pool_uuid.type() != str_type || pool_uuid.get_str() != pool_id)
+    return "it lies in another pool";
+  return nullptr;
 }
 } // namespace
 
@@ -52,9 +55,17 @@ bool Oscar_Brcmd_Backup_Executor::check_full_backup_set_state(const Last_Backup_
   query["sort"] = "start_time";
   query["order"] = "desc";
   json_spirit::Value result;
-  return Catalog_Operator(-1, static_cast<int>(def_.max_seconds_retry()))
-             .get_view("oscar_brcmd", "catalogs", query, result) &&
-         usable_in_pool(result, tgt_.id());
+  if (!Catalog_Operator(-1, static_cast<int>(def_.max_seconds_retry()))
+           .get_view("oscar_brcmd", "catalogs", query, result))
+    return false;
+  const char* const obstacle = obstacle_to_chain(result, tgt_.id());
+  if (!obstacle)
+    return true;
+  ACE_DEBUG((LM_INFO,
+             "(%P|%t) Oscar_Brcmd_Backup_Executor::check_full_backup_set_state: full backup %s cannot be "
+             "continued: %s\n",
+             info.last_full_backup_id.c_str(), obstacle));
+  return false;
 }
 
 bool Oscar_Brcmd_Backup_Executor::put_chain_values(Values& catalog)

@@ -21,11 +21,12 @@ Job_Alert alert(int code)
 TEST(Failure_Text, takes_the_first_and_the_last_error_of_a_job_log)
 {
   const Temp_Dir dir;
-  const std::string log = dir.write("log", "2026-01-31 10:00:00.123 [1.2] INFO Oscar command:\n"
-                                           "/opt/oscar/bin/brcmd ERROR is part of this line\n"
-                                           "2026-01-31 10:00:01.000 [1.2] ERROR brcmd: no space.\n"
-                                           "2026-01-31 10:00:01.500 [1.2] ERROR between\n"
-                                           "2026-01-31 10:00:02.000 [1.2] ERROR Failed to get backup info head. \n");
+  const std::string log =
+      dir.write("log", "2026-01-31 10:00:00.123 [1.2] INFO Oscar command:\n"
+                       "/opt/oscar/bin/brcmd ERROR is part of this line\n"
+                       "2026-01-31 10:00:01.000 [1.2] ERROR brcmd: no space.\n"
+                       "2026-01-31 10:00:01.500 [1.2] ERROR between\n"
+                       "2026-01-31 10:00:02.000 [1.2] ERROR Failed to get backup info head. \n");
   EXPECT_EQ("brcmd: no space; Failed to get backup info head", reason_from_job_log(log));
 }
 
@@ -54,4 +55,47 @@ TEST(Failure_Text, advises_by_the_last_alert_and_never_says_nothing)
   EXPECT_NE(std::string::npos, advice_for({alert(15), alert(3)}).find("kestrel login"));
   EXPECT_EQ("read the job log", advice_for({}));
   EXPECT_EQ("read the job log", advice_for({alert(12345)}));
+}
+
+TEST(Failure_Text, says_why_a_chain_was_not_continued)
+{
+  const Temp_Dir dir;
+  EXPECT_EQ(
+      "full backup F1 cannot be continued: it lies in another pool",
+      fallback_from_job_log(dir.write(
+          "pool",
+          "2026-01-31 10:00:00.000 [1.2] INFO (1|2) "
+          "Oscar_Brcmd_Backup_Executor::check_full_backup_set_state: full backup F1 cannot be continued: "
+          "it lies in another pool\n"
+          "2026-01-31 10:00:00.000 [1.2] INFO Lack of backup info, run full backup instead.\n"
+          "2026-01-31 10:00:01.000 [1.2] INFO Oscar command:\n")));
+  EXPECT_EQ(
+      "Failed to open file /o/agent/lastlsn.dat: No such file or directory",
+      fallback_from_job_log(dir.write(
+          "file",
+          "2026-01-31 10:00:00.000 [1.2] ERROR Failed to open file /o/agent/lastlsn.dat: No such file or "
+          "directory\n"
+          "2026-01-31 10:00:00.000 [1.2] INFO Lack of backup info, run full backup instead.\n")));
+  EXPECT_EQ(
+      "the chain cannot be continued",
+      fallback_from_job_log(dir.write(
+          "bare", "2026-01-31 10:00:00.000 [1.2] INFO Lack of backup info, run full backup instead.\n")));
+}
+
+TEST(Failure_Text, a_chain_that_was_continued_has_no_reason)
+{
+  const Temp_Dir dir;
+  EXPECT_EQ("", fallback_from_job_log(dir.write("log", "2026-01-31 10:00:01.000 [1.2] ERROR something else\n"
+                                                       "2026-01-31 10:00:01.000 [1.2] INFO fine\n")));
+  EXPECT_EQ("", fallback_from_job_log(dir / "missing"));
+}
+
+TEST(Failure_Text, what_made_it_a_full_backup_is_not_what_it_failed_of)
+{
+  const Temp_Dir dir;
+  EXPECT_EQ("brcmd: no space",
+            reason_from_job_log(dir.write(
+                "log", "2026-01-31 10:00:00.000 [1.2] ERROR Failed to open file /o/agent/lastlsn.dat: gone\n"
+                       "2026-01-31 10:00:00.000 [1.2] INFO Lack of backup info, run full backup instead.\n"
+                       "2026-01-31 10:00:01.000 [1.2] ERROR brcmd: no space.\n")));
 }

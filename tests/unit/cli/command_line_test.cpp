@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 using namespace kestrel;
 
 namespace
@@ -46,8 +48,8 @@ TEST(Command_Line, takes_a_backup_with_its_defaults)
 
 TEST(Command_Line, takes_every_option_of_a_backup)
 {
-  const Parsed parsed = parse({"backup", "DB1", "--pool", "P", "--compression", "lz4", "--compression-level", "9",
-                               "--rate-limit", "10m", "--level", "full"});
+  const Parsed parsed = parse({"backup", "DB1", "--pool", "P", "--compression", "lz4", "--compression-level",
+                               "9", "--rate-limit", "10m", "--level", "full"});
   ASSERT_TRUE(parsed.ok) << parsed.err;
   EXPECT_EQ("P", parsed.line.pool);
   EXPECT_EQ("lz4", parsed.line.compression);
@@ -126,8 +128,41 @@ TEST(Command_Line, shows_help_and_version_with_success)
   const Parsed help = parse({"--help"});
   EXPECT_FALSE(help.ok);
   EXPECT_EQ(EXIT_CODE_DONE, help.exit_code);
-  EXPECT_NE(std::string::npos, help.out.find("Exit codes: 0 done, 1 failed, 2 usage, 3 canceled, 4 skipped."));
+  EXPECT_NE(std::string::npos,
+            help.out.find("Exit codes: 0 done, 1 failed, 2 usage, 3 canceled, 4 skipped."));
   const Parsed version = parse({"--version"});
   EXPECT_EQ(EXIT_CODE_DONE, version.exit_code);
   EXPECT_EQ(0u, version.out.find("kestrel "));
+}
+
+TEST(Command_Line, knows_the_levels_by_short_and_long_names)
+{
+  const std::map<std::string, std::string> levels = {{"full", "full"},         {"incr", "incr"},
+                                                     {"incremental", "incr"},  {"diff", "diff"},
+                                                     {"differential", "diff"}, {"cumulative", "diff"}};
+  for (const auto& [word, level] : levels) {
+    const Parsed parsed = parse({"backup", "DB1", "--level", word});
+    ASSERT_TRUE(parsed.ok) << parsed.err;
+    EXPECT_EQ(level, parsed.line.level);
+  }
+}
+
+TEST(Command_Line, refuses_other_levels_and_names_those_there_are)
+{
+  for (const char* word : {"export", "Full", "", "incr "}) {
+    const Parsed parsed = parse({"backup", "DB1", "--level", word});
+    EXPECT_FALSE(parsed.ok) << word;
+    EXPECT_EQ(EXIT_CODE_USAGE, parsed.exit_code);
+    EXPECT_NE(std::string::npos, parsed.err.find("full, incr and diff")) << parsed.err;
+  }
+}
+
+TEST(Command_Line, verifies_all_or_what_is_named)
+{
+  EXPECT_TRUE(parse({"verify", "--all"}).ok);
+  EXPECT_TRUE(parse({"verify", "--all", "--instance", "DB1"}).ok);
+  EXPECT_TRUE(parse({"verify", "B1", "B2"}).ok);
+  const Parsed both = parse({"verify", "--all", "B1"});
+  EXPECT_FALSE(both.ok);
+  EXPECT_EQ(EXIT_CODE_USAGE, both.exit_code);
 }

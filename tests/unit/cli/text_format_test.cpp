@@ -59,3 +59,16 @@ TEST(Text_Format, accepts_rows_of_different_lengths)
   EXPECT_EQ("a\nb  c\n", format_table({{"a"}, {"b", "c"}}));
   EXPECT_EQ("", format_table({}));
 }
+
+TEST(Text_Format, lines_of_their_own_do_not_count_for_the_columns)
+{
+  EXPECT_EQ(
+      "A  B\n"
+      "a line much longer than any column\n"
+      "and another\n"
+      "x  1\n"
+      "the end of it\n"
+      "y  2\n",
+      format_table({{"A", "B"}, {"x", "1"}, {"y", "2"}}, {},
+                   {{1, "a line much longer than any column"}, {1, "and another"}, {2, "the end of it"}}));
+}

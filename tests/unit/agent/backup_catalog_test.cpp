@@ -1,0 +1,131 @@
+#include "agent/backup_catalog.h"
+
+#include "catalog/catalog_admin.h"
+#include "catalog/catalog_operator.h"
+#include "support/log_capture.h"
+#include "support/scoped_env.h"
+#include "support/temp_dir.h"
+
+#include <gtest/gtest.h>
+
+using namespace kestrel;
+
+namespace
+{
+/// The chain F, I1, I2 and D on F, of resource R, in a catalog of its own.
+class Backup_Catalog : public ::testing::Test
+{
+protected:
+  void SetUp() override
+  {
+    commit("F", "full", "F", 100);
+    commit("I1", "incr", "F", 200);
+    commit("I2", "incr", "I1", 300);
+    commit("D", "diff", "I2", 400);
+  }
+  void commit(const std::string& id, const std::string& level, const std::string& last, time_t time)
+  {
+    Oscar_Brcmd_Backup_Set set;
+    set.set_uuid(id);
+    set.set_backup_id(id);
+    set.set_type(level);
+    set.set_resource_uuid("R");
+    set.set_uri("R");
+    set.set_last_backup_id(last);
+    set.set_last_full_backup_id("F");
+    set.set_full_backup_id("F");
+    set.set_backup_file(id + ".zst");
+    set.set_backup_set_size(1000);
+    set.set_start_time(time);
+    set.add_storage(Backup_Set_Storage("P", 500));
+    ASSERT_TRUE(Catalog_Operator(-1, 0).commit(set, true));
+  }
+  Backup_Entry find(const std::string& id)
+  {
+    Backup_Entry backup;
+    EXPECT_TRUE(resolve_backup(id, "", backup, error_)) << error_;
+    return backup;
+  }
+  static std::string ids(const std::vector<Backup_Entry>& backups)
+  {
+    std::string text;
+    for (const Backup_Entry& backup : backups)
+      text += (text.empty() ? "" : " ") + backup.id;
+    return text;
+  }
+  std::string sequence(const std::string& id)
+  {
+    std::vector<Backup_Entry> backups;
+    EXPECT_TRUE(backup_sequence(find(id), backups, problem_, error_)) << error_;
+    return ids(backups);
+  }
+
+  kestrel_test::Temp_Dir root_;
+  kestrel_test::Scoped_Env environment_{"KESTREL_ROOT", root_.path()};
+  kestrel_test::Log_Capture log_;
+  std::string problem_;
+  std::string error_;
+};
+} // namespace
+
+TEST_F(Backup_Catalog, knows_parents_and_children)
+{
+  const Backup_Entry full = find("F");
+  EXPECT_EQ("", full.predecessor_id);
+  EXPECT_EQ((std::vector<std::string>{"I1", "D"}), full.children);
+  EXPECT_EQ(1u, full.chain_length);
+  const Backup_Entry incremental = find("I2");
+  EXPECT_EQ("I1", incremental.predecessor_id);
+  EXPECT_EQ("F", incremental.full_backup_id);
+  EXPECT_TRUE(incremental.children.empty());
+  EXPECT_EQ(3u, incremental.chain_length);
+  EXPECT_EQ("F", find("D").predecessor_id);
+}
+
+TEST_F(Backup_Catalog, gives_what_a_restore_reads_in_order)
+{
+  EXPECT_EQ("F I1 I2", sequence("I2"));
+  EXPECT_EQ("F D", sequence("D"));
+  EXPECT_EQ("", problem_);
+}
+
+TEST_F(Backup_Catalog, says_where_a_chain_is_broken)
+{
+  ASSERT_TRUE(Catalog_Admin(0).set_state("I1", Set_State::unavailable, "it is cut", error_));
+  EXPECT_EQ("", sequence("I2"));
+  EXPECT_NE(std::string::npos, problem_.find("I1")) << problem_;
+  EXPECT_NE(std::string::npos, problem_.find("it is cut")) << problem_;
+  const Backup_Entry broken = find("I2");
+  EXPECT_TRUE(broken.available);
+  EXPECT_EQ(0u, broken.chain_length);
+  EXPECT_EQ(problem_, broken.chain_problem);
+  EXPECT_EQ("F D", sequence("D"));
+}
+
+TEST_F(Backup_Catalog, goes_through_unusable_members_of_a_known_chain)
+{
+  ASSERT_TRUE(Catalog_Admin(0).set_state("I1", Set_State::unavailable, "", error_));
+  std::vector<Backup_Entry> backups;
+  ASSERT_TRUE(known_chain(find("I2"), backups, error_)) << error_;
+  EXPECT_EQ("F I1 I2", ids(backups));
+}
+
+TEST_F(Backup_Catalog, a_known_chain_begins_after_a_gap)
+{
+  ASSERT_TRUE(Catalog_Admin(0).remove("I1", error_));
+  std::vector<Backup_Entry> backups;
+  ASSERT_TRUE(known_chain(find("I2"), backups, error_)) << error_;
+  EXPECT_EQ("I2", ids(backups));
+  EXPECT_TRUE(backups.front().predecessor_missing);
+}
+
+TEST_F(Backup_Catalog, the_last_committed_backup_may_have_an_older_time)
+{
+  commit("I3", "incr", "D", 50);
+  std::vector<Backup_Entry> last;
+  ASSERT_TRUE(last_committed_backup("R", last, error_)) << error_;
+  EXPECT_EQ("I3", ids(last));
+  EXPECT_EQ(3u, last.front().chain_length);
+  ASSERT_TRUE(last_committed_backup("S", last, error_)) << error_;
+  EXPECT_EQ("", ids(last));
+}
