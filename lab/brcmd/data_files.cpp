@@ -61,7 +61,22 @@ std::vector<std::string> names_in(const std::string& directory)
   return names;
 }
 
-void walk(Data_Files& files, std::uint16_t root, const std::string& relative)
+std::uint64_t nanoseconds(const timespec& time)
+{
+  return static_cast<std::uint64_t>(time.tv_sec) * 1000000000U + static_cast<std::uint64_t>(time.tv_nsec);
+}
+
+File_Note note_of(const struct stat& status)
+{
+  File_Note note;
+  note.bytes = static_cast<std::uint64_t>(status.st_size);
+  note.inode = status.st_ino;
+  note.modified_nsec = nanoseconds(status.st_mtim);
+  note.changed_nsec = nanoseconds(status.st_ctim);
+  return note;
+}
+
+void walk(Data_Files& files, std::uint16_t root, const std::string& relative, bool deep)
 {
   const std::string directory = files.root_path(root) + (relative.empty() ? "" : "/" + relative);
   for (const std::string& name : names_in(directory)) {
@@ -85,12 +100,13 @@ void walk(Data_Files& files, std::uint16_t root, const std::string& relative)
     if (in_log && !entry.is_directory)
       continue;
     if (!entry.is_directory) {
+      entry.note = note_of(status);
       entry.bytes = static_cast<std::uint64_t>(status.st_size);
       files.root_bytes[root] += entry.bytes;
     }
     files.entries.push_back(entry);
-    if (entry.is_directory && !(root == 0 && contains(emptied_directories, path)))
-      walk(files, root, path);
+    if (deep && entry.is_directory && !(root == 0 && contains(emptied_directories, path)))
+      walk(files, root, path, deep);
   }
 }
 
@@ -108,7 +124,16 @@ Data_Files list_data_files(const std::string& data_directory)
   files.tablespaces = tablespaces_of(data_directory);
   files.root_bytes.resize(files.tablespaces.size() + 1);
   for (std::size_t root = 0; root <= files.tablespaces.size(); ++root)
-    walk(files, static_cast<std::uint16_t>(root), "");
+    walk(files, static_cast<std::uint16_t>(root), "", true);
+  return files;
+}
+
+Data_Files list_top_files(const std::string& data_directory)
+{
+  Data_Files files;
+  files.data_directory = data_directory;
+  files.root_bytes.resize(1);
+  walk(files, 0, "", false);
   return files;
 }
 

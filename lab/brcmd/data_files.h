@@ -4,6 +4,7 @@
 /// caller. Threads: none. Errors: Failure; files that vanish while the list is made are left out.
 #pragma once
 
+#include "lab/brcmd/set_notes.h"
 #include "lab/common/instance_files.h"
 
 #include <cstdint>
@@ -19,6 +20,7 @@ struct Data_File {
   std::uint32_t mode = 0;
   std::uint64_t bytes = 0;
   bool is_directory = false;
+  File_Note note; // as found; not of directories
 };
 
 struct Data_Files {
@@ -31,5 +33,7 @@ struct Data_Files {
 };
 
 Data_Files list_data_files(const std::string& data_directory);
+/// The files at the top of the data directory only: the server's settings are among them.
+Data_Files list_top_files(const std::string& data_directory);
 
 } // namespace oscar_lab

@@ -24,6 +24,7 @@ constexpr std::size_t page_bytes = 4096;
 constexpr std::size_t frame_header_bytes = 32;
 constexpr std::size_t max_path_bytes = 4096;
 constexpr std::size_t max_text_bytes = 64 * 1024;
+static_assert(max_piece_bytes <= buffer_bytes, "a piece fits the buffer");
 const char frame_magic[4] = {'O', 'B', 'F', '1'};
 const char stream_magic[8] = {'O', 'S', 'C', 'A', 'R', 'B', 'R', '1'};
 
@@ -39,6 +40,26 @@ void store(char* place, std::uint64_t value, std::size_t size)
 {
   for (std::size_t i = 0; i < size; ++i)
     place[i] = static_cast<char>(value >> (8 * (size - 1 - i)));
+}
+
+bool is_frame_type(char letter)
+{
+  return letter != '\0' && std::strchr("HTDFPUWE", letter);
+}
+
+std::uint64_t most_payload_bytes(const Frame& frame)
+{
+  switch (frame.type) {
+  case Frame_Type::file:
+    return INT64_MAX;
+  case Frame_Type::pages:
+  case Frame_Type::log:
+    return max_piece_bytes;
+  case Frame_Type::unchanged:
+    return 0;
+  default:
+    return max_text_bytes;
+  }
 }
 
 std::uint64_t fetch(const char* place, std::size_t size)
@@ -184,6 +205,15 @@ void Image_Writer::file(const Frame& frame, const std::string& content)
   text_frame(frame, content);
 }
 
+void Image_Writer::piece(const Frame& frame, const std::string& payload)
+{
+  Frame complete = frame;
+  complete.payload_bytes = payload.size();
+  begin(complete);
+  put(payload.data(), payload.size());
+  end();
+}
+
 void Image_Writer::file(const Frame& frame, int fd)
 {
   begin(frame);
@@ -264,10 +294,9 @@ Frame Image_Reader::next()
   frame.mode = static_cast<std::uint32_t>(fetch(header + 8, 4));
   frame.payload_bytes = fetch(header + 16, 8);
   frame.file_bytes = fetch(header + 24, 8);
-  if (std::memcmp(header, frame_magic, sizeof frame_magic) != 0 || !std::strchr("HTDFE", header[4]) ||
-      header[4] == '\0' || path_bytes > max_path_bytes || frame.payload_bytes > frame.file_bytes ||
-      frame.file_bytes > INT64_MAX ||
-      (frame.type != Frame_Type::file && frame.payload_bytes > max_text_bytes))
+  if (std::memcmp(header, frame_magic, sizeof frame_magic) != 0 || !is_frame_type(header[4]) ||
+      path_bytes > max_path_bytes || frame.payload_bytes > frame.file_bytes || frame.file_bytes > INT64_MAX ||
+      frame.payload_bytes > most_payload_bytes(frame))
     throw Failure("the backup stream is damaged");
   frame.path.resize(static_cast<std::size_t>(path_bytes));
   take(&frame.path[0], frame.path.size());

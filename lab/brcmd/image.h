@@ -2,11 +2,18 @@
 ///
 /// Head (512 bytes):  info length (32 bits, head included), 4 zero bytes, "OSCARBR1", zeros
 /// Frame:             header (32 bytes), path, payload, XXH3-64 of all of these; numbers are big endian
-/// Header:            "OBF1", type, 0, root (16), mode (32), path length (32), payload length (64), file size
-/// (64) Types:             H text about the backup   T tablespace: root, location as path, oid as payload
+/// Header:            "OBF1", type, 0, root (16), mode or position (32), path length (32), payload length
+/// (64),
+///                    file size (64)
+/// Types:             H text about the backup   T tablespace: root, location as path, oid as payload
 ///                    D directory               F file; bytes from payload length to file size are zero
+///                    P pages of a file from block number "position" on; the file gets the given size
+///                    U file that is as in the backup before
+///                    W log: path is a segment's name, "position" the payload's offset in it
 ///                    E text about the end; nothing follows
-/// Root 0 is the data directory, root n the n-th tablespace; paths are relative to their root.
+/// A full backup has H T D F E. A backup that continues an online one has W, and F for settings files; one
+/// that continues an offline one names every file there is, as F, P or U: what it does not name is gone. Root
+/// 0 is the data directory, root n the n-th tablespace; paths are relative to their root.
 ///
 /// Threads:   one owner per object. Ownership: descriptors belong to the caller.
 /// Errors:    Failure. A writer whose reader went away fails; a reader refuses everything that does not fit.
@@ -25,13 +32,24 @@ namespace oscar_lab
 constexpr std::size_t info_head_bytes = 512;
 /// Agents keep the whole info block in one buffer of this size when they restore.
 constexpr std::size_t max_info_bytes = 8192;
+/// Most bytes of pages or log in one frame.
+constexpr std::size_t max_piece_bytes = 256 * 1024;
 
-enum class Frame_Type : char { head = 'H', tablespace = 'T', directory = 'D', file = 'F', end = 'E' };
+enum class Frame_Type : char {
+  head = 'H',
+  tablespace = 'T',
+  directory = 'D',
+  file = 'F',
+  pages = 'P',
+  unchanged = 'U',
+  log = 'W',
+  end = 'E'
+};
 
 struct Frame {
   Frame_Type type = Frame_Type::head;
   std::uint16_t root = 0;
-  std::uint32_t mode = 0;
+  std::uint32_t mode = 0; // of P and W frames: the position
   std::uint64_t payload_bytes = 0;
   std::uint64_t file_bytes = 0;
   std::string path;
@@ -70,6 +88,8 @@ public:
   /// while the server ran, and the log that goes with the backup knows.
   void file(const Frame& frame, int fd);
   void file(const Frame& frame, const std::string& content);
+  /// P, U and W frames. The size of the file stays as given in the frame.
+  void piece(const Frame& frame, const std::string& payload);
   void flush();
   std::uint64_t written_bytes() const { return written_bytes_; }
 
@@ -96,7 +116,7 @@ public:
   std::string info();
   /// The next frame's header and path. The payload must be taken completely before the next call.
   Frame next();
-  /// The payload as text, for frames that are not files. Verifies the checksum.
+  /// The payload as text, for all frames but F. Verifies the checksum.
   std::string text(const Frame& frame);
   static Properties parse_properties(const std::string& text);
   /// Writes the payload to the descriptor and verifies the checksum.

@@ -2,14 +2,12 @@
 
 #include "lab/brcmd/image.h"
 #include "lab/brcmd/pipe.h"
+#include "lab/brcmd/set_head.h"
+#include "lab/brcmd/side_tree.h"
+#include "lab/common/child.h"
 #include "lab/common/server_control.h"
 #include "lab/common/swap_journal.h"
 #include "lab/common/text.h"
-
-#include <algorithm>
-#include <fcntl.h>
-#include <set>
-#include <unistd.h>
 
 namespace oscar_lab
 {
@@ -18,209 +16,136 @@ namespace
 {
 
 constexpr int lock_timeout_msec = 2000;
-constexpr const char* postgres_major = "15";
-constexpr std::uint64_t early_write_back_bytes = 1024 * 1024;
 
-/// The directories that a restore fills before it swaps them in.
-class Side_Tree
+/// A chain of which one set failed is worth nothing: the instance keeps its old data.
+class Drop_On_Failure
 {
 public:
-  explicit Side_Tree(const Instance_Files& files);
-  /// Removes what was filled, unless keep() was called.
-  ~Side_Tree();
-  void add_tablespace(std::uint16_t root, const std::string& oid, const std::string& location);
-  void add_directory(const Frame& frame);
-  void add_file(const Frame& frame, Image_Reader& image);
-  /// Checks that the data directory is complete, links the tablespaces and brings everything to disk.
-  void finish();
-  /// Old tablespaces that the backup does not know go away with the old data.
-  Swap_Plan plan() const;
-  void make_placeholders() const;
+  explicit Drop_On_Failure(const Instance_Files& files) : files_(files) {}
+  ~Drop_On_Failure()
+  {
+    if (kept_)
+      return;
+    try {
+      drop_restore(files_);
+    } catch (const std::exception&) {
+      // The next restore or server start does it.
+    }
+  }
+  Drop_On_Failure(const Drop_On_Failure&) = delete;
+  Drop_On_Failure& operator=(const Drop_On_Failure&) = delete;
   void keep() { kept_ = true; }
 
 private:
-  struct Root {
-    std::string oid;
-    std::string target;
-  };
-  std::string path_of(const Frame& frame) const;
-  void make_root(const std::string& target);
-
   const Instance_Files& files_;
-  Owner owner_;
-  std::vector<Root> roots_;
   bool kept_ = false;
 };
 
-Side_Tree::Side_Tree(const Instance_Files& files) : files_(files), owner_(owner_of(files.directory()))
+/// The word behind "level" in an info block; empty when there is none.
+std::string level_of_info(const std::string& block)
 {
-  make_root(files.data());
-  roots_.push_back({"", files.data()});
+  for (const std::string& line : split_lines(block.substr(info_head_bytes)))
+    if (starts_with(line, "level "))
+      return line.substr(6);
+  return {};
 }
 
-Side_Tree::~Side_Tree()
+/// Creates what the log is going to need, and makes sure that it can be read up to its end.
+void read_ahead_in_log(Side_Tree& tree, const Instance_Files& files, const Set_Head& head, const Set_End& end)
 {
-  if (kept_)
-    return;
-  try {
-    recover_swap(files_); // no journal yet: this removes the side directories only
-  } catch (const std::exception&) {
-    // The next restore or server start removes them.
+  const Child_Result result = run_child(
+      {std::string(LAB_POSTGRES_BIN) + "/pg_waldump", "--path", tree.data() + "/pg_wal", "--timeline",
+       std::to_string(head.log_shape.timeline), "--start", format_lsn(end.log_part.first_lsn), "--end",
+       format_lsn(end.log_part.end_lsn), "--rmgr", "Tablespace"},
+      owner_of(files.directory()));
+  if (result.status != 0)
+    throw Failure("the log in the backup cannot be read: " + trim(result.output));
+  for (const std::string& line : split_lines(result.output)) {
+    const std::string mark = "desc: CREATE ";
+    const auto begin = line.find(mark);
+    const auto quote = line.find('"', begin);
+    if (begin == std::string::npos || quote == std::string::npos || line.rfind('"') == quote)
+      continue;
+    tree.future_tablespace(trim(line.substr(begin + mark.size(), quote - begin - mark.size())),
+                           line.substr(quote + 1, line.rfind('"') - quote - 1), head.directory);
   }
 }
 
-void Side_Tree::make_root(const std::string& target)
+/// What a set may hold besides head and end.
+bool belongs_into(const Frame& frame, const Set_Head& head)
 {
-  const std::string side = side_of(target);
-  note_side(files_, side);
-  remove_tree(side);
-  make_directory(side, 0700);
-  give_to(side, owner_);
-}
-
-bool is_safe_path(const std::string& path)
-{
-  if (path.empty() || path[0] == '/' || path.find('\0') != std::string::npos)
+  switch (frame.type) {
+  case Frame_Type::file:
+    return true;
+  case Frame_Type::tablespace:
+  case Frame_Type::directory:
+    return head.is_full();
+  case Frame_Type::log:
+    return !head.is_full();
+  default:
     return false;
-  for (std::size_t begin = 0; begin <= path.size();) {
-    const std::size_t end = std::min(path.find('/', begin), path.size());
-    const std::string part = path.substr(begin, end - begin);
-    if (part.empty() || part == "." || part == "..")
-      return false;
-    begin = end + 1;
-  }
-  return true;
-}
-
-void Side_Tree::add_tablespace(std::uint16_t root, const std::string& oid, const std::string& location)
-{
-  const bool own = starts_with(location, "@/");
-  if (root != roots_.size() || oid.empty() || oid.find_first_not_of("0123456789") != std::string::npos ||
-      !is_safe_path(own ? location.substr(2) : location.substr(std::min<std::size_t>(1, location.size()))))
-    throw Failure("the backup stream is damaged: bad tablespace");
-  const std::string target = own ? files_.directory() + location.substr(1) : location;
-  for (const Root& known : roots_)
-    if (known.target == target)
-      throw Failure("the backup stream is damaged: a tablespace occurs twice");
-  if (!is_directory(parent_directory(target)))
-    throw Failure("the directory of data file " + datafile_of(target) + " does not exist");
-  make_root(target);
-  roots_.push_back({oid, target});
-}
-
-std::string Side_Tree::path_of(const Frame& frame) const
-{
-  if (frame.root >= roots_.size() || !is_safe_path(frame.path))
-    throw Failure("the backup stream is damaged: bad path");
-  return side_of(roots_[frame.root].target) + "/" + frame.path;
-}
-
-void Side_Tree::add_directory(const Frame& frame)
-{
-  const std::string path = path_of(frame);
-  make_directory(path, frame.mode & 0777);
-  give_to(path, owner_);
-}
-
-void Side_Tree::add_file(const Frame& frame, Image_Reader& image)
-{
-  const std::string path = path_of(frame);
-  const Descriptor file = open_file(path, O_WRONLY | O_CREAT | O_EXCL, frame.mode & 0777);
-  if (::geteuid() == 0 && ::fchown(file.get(), owner_.uid, owner_.gid) != 0)
-    fail_errno("cannot change the owner of " + path);
-  image.copy_payload(frame, file.get(), path);
-  if (frame.file_bytes > frame.payload_bytes &&
-      ::ftruncate(file.get(), static_cast<off_t>(frame.file_bytes)) != 0)
-    fail_errno("cannot extend " + path);
-  // Lets the disk work while the next files come in; the final sync has less to wait for.
-  if (frame.payload_bytes >= early_write_back_bytes)
-    ::sync_file_range(file.get(), 0, 0, SYNC_FILE_RANGE_WRITE);
-}
-
-void Side_Tree::finish()
-{
-  const std::string data = side_of(files_.data());
-  if (!is_regular_file(data + "/PG_VERSION") || !is_regular_file(data + "/global/pg_control"))
-    throw Failure("the backup holds no complete database");
-  for (const Root& root : roots_) {
-    if (root.oid.empty())
-      continue;
-    const std::string link = data + "/pg_tblspc/" + root.oid;
-    if (::symlink(root.target.c_str(), link.c_str()) != 0)
-      fail_errno("cannot link " + link);
-    give_to(link, owner_);
-  }
-  for (const Root& root : roots_)
-    sync_file_system(side_of(root.target));
-}
-
-Swap_Plan Side_Tree::plan() const
-{
-  Swap_Plan plan;
-  std::set<std::string> targets;
-  for (const Root& root : roots_) {
-    plan.pairs.push_back({side_of(root.target), root.target});
-    targets.insert(root.target);
-  }
-  for (const Tablespace& old : tablespaces_of(files_.data()))
-    if (targets.count(old.location) == 0)
-      plan.pairs.push_back({"", old.location});
-  return plan;
-}
-
-void Side_Tree::make_placeholders() const
-{
-  for (const Root& root : roots_) {
-    const std::string datafile =
-        root.oid.empty() ? files_.directory() + "/SYSTEM.dbf" : datafile_of(root.target);
-    if (path_exists(datafile))
-      continue;
-    replace_file(datafile, "", 0640);
-    give_to(datafile, owner_);
   }
 }
 
-void check_head(const Properties& head)
+/// The frames between head and end; gives what the end says.
+Set_End read_frames(Image_Reader& image, Side_Tree& tree, const Set_Head& head)
 {
-  const auto value = [&head](const char* key) {
-    const auto found = head.find(key);
-    return found == head.end() ? std::string() : found->second;
-  };
-  if (value("format") != "1")
-    throw Failure("the backup has a format that this tool does not know");
-  if (value("level") != "full")
-    throw Failure("a restore must begin with a full backup");
-  if (value("version") != postgres_major)
-    throw Failure("the backup comes from another version of the server");
-}
-
-void read_image(Image_Reader& image, Side_Tree& tree)
-{
-  Frame frame = image.next();
-  if (frame.type != Frame_Type::head)
-    throw Failure("the backup stream is damaged: no head");
-  check_head(Image_Reader::parse_properties(image.text(frame)));
+  std::uint64_t log_end = head.first_lsn;
   for (;;) {
-    frame = image.next();
-    switch (frame.type) {
-    case Frame_Type::tablespace:
-      tree.add_tablespace(frame.root, image.text(frame), frame.path);
-      break;
-    case Frame_Type::directory:
-      image.text(frame);
-      tree.add_directory(frame);
-      break;
-    case Frame_Type::file:
-      tree.add_file(frame, image);
-      break;
-    case Frame_Type::end:
-      image.text(frame);
+    const Frame frame = image.next();
+    if (frame.type == Frame_Type::end) {
+      const Set_End end = parse_set_end(image.text(frame));
       image.require_end();
-      return;
-    case Frame_Type::head:
-      throw Failure("the backup stream is damaged: two heads");
+      if (!head.is_full() && log_end != end.log_part.end_lsn)
+        throw Failure("the backup stream is damaged: a piece of log is missing");
+      return end;
+    }
+    if (!belongs_into(frame, head))
+      throw Failure("the backup stream is damaged: unexpected frame");
+    if (frame.type == Frame_Type::tablespace) {
+      tree.tablespace(frame.root, image.text(frame), frame.path);
+    } else if (frame.type == Frame_Type::directory) {
+      image.text(frame);
+      tree.directory(frame);
+    } else if (frame.type == Frame_Type::file) {
+      tree.file(frame, image);
+    } else {
+      const std::string piece = image.text(frame);
+      if (tree.log(frame, piece, head.log_shape) != log_end)
+        throw Failure("the backup stream is damaged: a piece of log is missing");
+      log_end += piece.size();
     }
   }
+}
+
+void restore_set(const Instance_Files& files, Image_Reader& image, Side_Tree& tree, const Set_Head& head,
+                 Pending_Restore& pending)
+{
+  const Set_End end = read_frames(image, tree, head);
+  if (head.mode == "online")
+    read_ahead_in_log(tree, files, head, end);
+  tree.finish();
+  pending.complete = true;
+  pending.full_id = head.full_id;
+  pending.id = head.id;
+  pending.mode = head.mode;
+  pending.system = head.system;
+  pending.timeline = head.log_shape.timeline;
+  pending.segment_bytes = head.log_shape.segment_bytes;
+  pending.lsn = end.lsn;
+  pending.roots = tree.roots();
+  write_pending(files, pending);
+}
+
+Set_Head read_head(Image_Reader& image, const std::string& level)
+{
+  const Frame frame = image.next();
+  if (frame.type != Frame_Type::head)
+    throw Failure("the backup stream is damaged: no head");
+  const Set_Head head = parse_set_head(image.text(frame));
+  if (head.level != level)
+    throw Failure("the backup stream is damaged: its info block belongs to another backup");
+  return head;
 }
 
 } // namespace
@@ -234,24 +159,40 @@ void run_restore(const Instance_Files& files, const std::string& pipe_path, Run_
   const File_Lock lock(files.lock(), lock_timeout_msec);
   if (!lock.held())
     throw Failure("instance " + files.name + " is in use by a server, a backup or another restore");
-  if (recover_swap(files))
-    log.info("finished an earlier restore that was cut off");
+  const Settled settled = settle_cut_off(files);
+  if (settled != Settled::nothing)
+    log.info(settled == Settled::in_place ? "finished an earlier restore that was cut off"
+                                          : "dropped an earlier restore that was cut off");
   log.info("restore of " + files.name);
 
+  Drop_On_Failure dropping(files);
   const Descriptor pipe = open_pipe_for_reading(pipe_path);
   Image_Reader image(pipe.get());
   const std::string announced = image.info();
+  const std::string level = level_of_info(announced);
+  Pending_Restore pending;
+  if (level == "full") {
+    settle_restore(files); // an earlier restore that nobody started the server after is what was there before
+    pending = Pending_Restore();
+  } else {
+    require_continuation(level, read_pending(files, pending));
+    // From here on only the end of this set makes the side directories worth anything.
+    pending.complete = false;
+    write_pending(files, pending);
+  }
   if (image.info() != announced)
     throw Failure("the backup does not begin with the announced info block");
-  Side_Tree tree(files);
-  read_image(image, tree);
-  tree.finish();
-  const Swap_Plan plan = tree.plan();
-  tree.keep(); // from here on the journal decides
-  commit_swap(files, plan);
-  tree.make_placeholders();
-  remove_tree(files.incomplete_mark());
-  log.info("restore of " + files.name + " finished");
+  const Set_Head head = read_head(image, level);
+  if (head.is_full()) {
+    Side_Tree tree(files);
+    restore_set(files, image, tree, head, pending);
+  } else {
+    check_continuation(head, pending);
+    Side_Tree tree(files, pending.roots);
+    restore_set(files, image, tree, head, pending);
+  }
+  dropping.keep();
+  log.info("restored backup " + head.id + " (" + head.level + ") of " + files.name);
 }
 
 } // namespace oscar_lab

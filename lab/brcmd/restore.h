@@ -1,7 +1,9 @@
-/// brcmd -O restore: reads a backup from a pipe and puts it in the place of the instance's data.
+/// brcmd -O restore: reads a backup from a pipe and restores an instance from it.
 /// The stream brings the info block once for itself, then the whole backup from its first byte.
-/// Everything goes into side directories first; the old data stay untouched until the last byte was read,
-/// verified and on disk. Errors: Failure; the old data are in place then. Crash: see swap_journal.h.
+/// A chain is restored by one run for each set, the full backup first. Everything goes into side directories;
+/// the old data stay untouched until the server is started, which puts the last set that was restored
+/// completely in their place. When a run fails or is cut off, the whole chain restored so far is dropped and
+/// the old data stay. Errors: Failure. Crash: see swap_journal.h.
 #pragma once
 
 #include "lab/brcmd/run_log.h"

@@ -129,7 +129,8 @@ Owner owner_of(const std::string& path)
   return Owner{status.st_uid, status.st_gid};
 }
 
-namespace {
+namespace
+{
 
 void write_temporary(const std::string& temporary, const std::string& content, mode_t mode, bool sync)
 {

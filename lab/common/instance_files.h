@@ -2,7 +2,7 @@
 ///
 ///   bin/            the tools                    admin/NAME.conf  port and archive mode
 ///   agent/          lastlsn.dat                  admin/NAME.db    pid of the running server
-///   odbs/NAME/      pgdata, tablespaces, archive, run (the server's socket), server.log
+///   odbs/NAME/      pgdata, tablespaces, archive, chain, run (the server's socket), server.log
 ///
 /// Threads: values only. Errors: Failure. Names are always upper case, whatever was typed.
 #pragma once
@@ -33,6 +33,8 @@ struct Instance_Files {
   std::string directory() const { return home + "/odbs/" + name; }
   std::string data() const { return directory() + "/pgdata"; }
   std::string archive() const { return directory() + "/archive"; }
+  /// What brcmd remembers of the last backups beside lastlsn.dat.
+  std::string chain_notes() const { return directory() + "/chain"; }
   std::string run() const { return directory() + "/run"; }
   std::string log() const { return directory() + "/server.log"; }
   /// Held by the running server and all its processes, by an offline backup and by a restore.

@@ -1,10 +1,13 @@
 #include "lab/common/swap_journal.h"
 
 #include "lab/common/chain_file.h"
+#include "lab/common/pending_restore.h"
 #include "lab/common/text.h"
 
 #include <fcntl.h>
+#include <set>
 #include <unistd.h>
+#include <vector>
 
 namespace oscar_lab
 {
@@ -27,6 +30,29 @@ std::string old_of(const std::string& target)
   return target + ".old";
 }
 
+struct Swap_Plan {
+  struct Pair {
+    std::string side;   // complete and synced; empty when the target only goes away
+    std::string target; // may be missing
+  };
+  std::vector<Pair> pairs;
+};
+
+/// Old tablespaces that the restored data do not know go away with the old data.
+Swap_Plan plan_of(const Instance_Files& files, const std::vector<Restored_Root>& roots)
+{
+  Swap_Plan plan;
+  std::set<std::string> targets;
+  for (const Restored_Root& root : roots) {
+    plan.pairs.push_back({side_of(root.target), root.target});
+    targets.insert(root.target);
+  }
+  for (const Tablespace& old : tablespaces_of(files.data()))
+    if (targets.count(old.location) == 0)
+      plan.pairs.push_back({"", old.location});
+  return plan;
+}
+
 Swap_Plan read_journal(const Instance_Files& files)
 {
   Swap_Plan plan;
@@ -37,6 +63,16 @@ Swap_Plan read_journal(const Instance_Files& files)
     plan.pairs.push_back({line.substr(0, tab), line.substr(tab + 1)});
   }
   return plan;
+}
+
+void make_placeholder(const Instance_Files& files, const std::string& target)
+{
+  const std::string datafile =
+      target == files.data() ? files.directory() + "/SYSTEM.dbf" : datafile_of(target);
+  if (path_exists(datafile))
+    return;
+  replace_file(datafile, "", 0640);
+  give_to(datafile, owner_of(files.directory()));
 }
 
 /// Every step checks what an earlier, interrupted run already did.
@@ -53,6 +89,7 @@ void carry_through(const Instance_Files& files, const Swap_Plan& plan)
   }
   // The archived log and the chain belong to the replaced data.
   remove_tree(files.archive());
+  remove_tree(files.chain_notes());
   make_directory(files.archive(), 0700);
   give_to(files.archive(), owner_of(files.directory()));
   forget_chain(files);
@@ -60,8 +97,12 @@ void carry_through(const Instance_Files& files, const Swap_Plan& plan)
     remove_tree(old_of(pair.target));
     if (pair.side.empty())
       remove_tree(datafile_of(pair.target));
+    else
+      make_placeholder(files, pair.target);
   }
+  remove_tree(files.incomplete_mark());
   remove_tree(sides_path(files));
+  remove_pending(files);
   remove_tree(journal_path(files));
   sync_directory(files.directory());
 }
@@ -82,8 +123,12 @@ void note_side(const Instance_Files& files, const std::string& side)
     fail_errno("cannot sync " + sides_path(files));
 }
 
-void commit_swap(const Instance_Files& files, const Swap_Plan& plan)
+namespace
 {
+
+void put_in_place(const Instance_Files& files, const Pending_Restore& pending)
+{
+  const Swap_Plan plan = plan_of(files, pending.roots);
   std::string text;
   for (const Swap_Plan::Pair& pair : plan.pairs)
     text += pair.side + "\t" + pair.target + "\n";
@@ -91,18 +136,44 @@ void commit_swap(const Instance_Files& files, const Swap_Plan& plan)
   carry_through(files, plan);
 }
 
-bool recover_swap(const Instance_Files& files)
+} // namespace
+
+void drop_restore(const Instance_Files& files)
 {
-  const bool half_done = is_regular_file(journal_path(files));
-  if (half_done)
+  if (is_regular_file(journal_path(files)))
+    return;
+  // First, so that nobody takes directories for complete that are half removed.
+  remove_pending(files);
+  if (!is_regular_file(sides_path(files)))
+    return;
+  sync_directory(files.directory());
+  for (const std::string& side : split_lines(read_file(sides_path(files))))
+    if (ends_with(side, side_of(""))) // never anything but what note_side wrote
+      remove_tree(side);
+  remove_tree(sides_path(files));
+}
+
+Settled settle_cut_off(const Instance_Files& files)
+{
+  if (is_regular_file(journal_path(files))) {
     carry_through(files, read_journal(files));
-  if (is_regular_file(sides_path(files))) {
-    for (const std::string& side : split_lines(read_file(sides_path(files))))
-      if (ends_with(side, side_of(""))) // never anything but what note_side wrote
-        remove_tree(side);
-    remove_tree(sides_path(files));
+    return Settled::in_place;
   }
-  return half_done;
+  Pending_Restore pending;
+  if (!is_regular_file(sides_path(files)) || (read_pending(files, pending) && pending.complete))
+    return Settled::nothing;
+  drop_restore(files);
+  return Settled::dropped;
+}
+
+Settled settle_restore(const Instance_Files& files)
+{
+  const Settled cut_off = settle_cut_off(files);
+  Pending_Restore pending;
+  if (cut_off != Settled::nothing || !read_pending(files, pending))
+    return cut_off;
+  put_in_place(files, pending);
+  return Settled::in_place;
 }
 
 } // namespace oscar_lab

@@ -1,6 +1,7 @@
 #include "lab/oscar/supervisor.h"
 
 #include "lab/common/child.h"
+#include "lab/common/pending_restore.h"
 #include "lab/common/swap_journal.h"
 #include "lab/common/text.h"
 
@@ -122,12 +123,32 @@ int wait_for_server(const Instance_Files& files, pid_t server, const sigset_t& s
 
 } // namespace
 
+namespace
+{
+
+/// Into the server's log: whether the data are the ones from before a restore is not seen otherwise.
+void settle_and_tell(const Instance_Files& files)
+{
+  Pending_Restore pending;
+  std::string what;
+  if (read_pending(files, pending))
+    what = " (backup " + pending.id + ")";
+  const Settled settled = settle_restore(files);
+  if (settled == Settled::in_place)
+    std::fprintf(stderr, "oscar: the restored data of %s%s are in place\n", files.name.c_str(), what.c_str());
+  else if (settled == Settled::dropped)
+    std::fprintf(stderr, "oscar: a restore of %s was cut off; the data from before it stay\n",
+                 files.name.c_str());
+}
+
+} // namespace
+
 int supervise(const Instance_Files& files, int ready_fd)
 {
   const File_Lock lock(files.lock(), lock_timeout_msec);
   if (!lock.held())
     throw Failure("instance " + files.name + " is in use by a server, a backup or a restore");
-  recover_swap(files);
+  settle_and_tell(files);
   check_data_directory(files);
   const Instance_Conf conf = read_conf(files);
   const Owner owner = owner_of(files.data());
