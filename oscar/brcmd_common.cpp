@@ -49,12 +49,6 @@ void raise_physical_alert(Job& job, int code)
   errno = error;
 }
 
-bool job_is_canceled(const Job_Activity& activity)
-{
-  const Job_State state = activity.state;
-  return state == JOB_STATE_CANCELING || state == JOB_STATE_CANCELED || state == JOB_STATE_ABORTING;
-}
-
 std::string fifo_path(time_t start_time)
 {
   const std::string name = name_time_text(start_time) + "_fifo";

@@ -6,6 +6,7 @@
 #include "base/secure_allocator.h"
 #include "oscar/stream_fifo.h"
 #include "oscar/stream_pump.h"
+#include "oscar/utils_progress.h"
 
 class Job;
 class Job_Event_Handler;
@@ -24,9 +25,6 @@ std::string catalog_time_text(time_t time);
 
 /// Raises an alert of the physical jobs. errno stays, so that the message that follows can show it.
 void raise_physical_alert(Job& job, int code);
-
-/// True when the job was asked to cancel or to abort. One atomic read.
-bool job_is_canceled(const Job_Activity& activity);
 
 /// Path of the FIFO of a run that started at start_time.
 std::string fifo_path(time_t start_time);

@@ -209,6 +209,11 @@ bool get_user_tablespaces(const char* oscar_home, const char* instance, const ch
 {
   Oscar_Query_Handler query(text_of(oscar_home), text_of(instance), text_of(username), text_of(password),
                             port, "localhost");
+  return get_user_tablespaces(query, tablespaces);
+}
+
+bool get_user_tablespaces(Oscar_Query_Handler& query, std::vector<std::string>& tablespaces)
+{
   if (!query.select("select tsname from sys_tablespace where tsname not in ('SYSTEM', 'AUDIT', 'CDC')"
                     " and tskind not in ('u', 't')")) {
     ACE_ERROR((LM_ERROR, "%s\n", query.output().c_str()));

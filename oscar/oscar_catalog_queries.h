@@ -86,6 +86,8 @@ private:
 [[nodiscard]] bool get_user_tablespaces(const char* oscar_home, const char* instance, const char* username,
                                         const char* password, unsigned short port,
                                         std::vector<std::string>& tablespaces);
+/// The same through the caller's query, so that another thread can end an isql that hangs.
+[[nodiscard]] bool get_user_tablespaces(Oscar_Query_Handler& query, std::vector<std::string>& tablespaces);
 
 /// Appends the nodes of the cluster that answers at VIRTUAL_ADDRESS.
 [[nodiscard]] bool get_cluster_nodes_info(const char* oscar_home, const char* instance, const char* username,

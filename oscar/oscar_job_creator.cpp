@@ -2,10 +2,10 @@
 
 #include "base/key_value.h"
 #include "job/default_job_t.h"
+#include "oscar/backup_executor.h"
 #include "oscar/brcmd_backup_executor.h"
 #include "oscar/brcmd_restore_executor.h"
-
-#include <ace/Log_Msg.h>
+#include "oscar/restore_executor.h"
 
 #include <cerrno>
 #include <new>
@@ -30,16 +30,6 @@ template <class Executor> Job_Ptr make_job(const Job_Definition_Ptr& def)
   }
   return Job_Ptr(job, false); // takes over the reference that a new job has
 }
-
-Job_Ptr refuse(const Job_Definition& def)
-{
-  ACE_ERROR((LM_ERROR,
-             "(%P|%t) Oscar_Job_Creator::create: job definition %s (%s) is not run: this build of the module "
-             "has no export and import jobs; use a physical backup or restore\n",
-             def.id().c_str(), job_def_subtype_to_string(def.subtype())));
-  errno = ENOSYS;
-  return Job_Ptr();
-}
 } // namespace
 
 ACE_Intrusive_Auto_Ptr<Job>
@@ -48,10 +38,10 @@ Oscar_Job_Creator::create(ACE_Refcounted_Auto_Ptr<Job_Definition, ACE_Thread_Mut
   switch (def->type()) {
   case JOB_DEFINITION_BACKUP:
     // Every subtype but export is physical; the executor looks at the level itself.
-    return def->subtype() == JOB_DEFINITION_SUBTYPE_EXPORT ? refuse(*def)
+    return def->subtype() == JOB_DEFINITION_SUBTYPE_EXPORT ? make_job<Backup_Executor>(def)
                                                            : make_job<Oscar_Brcmd_Backup_Executor>(def);
   case JOB_DEFINITION_RESTORE:
-    return def->subtype() == JOB_DEFINITION_SUBTYPE_IMPORT ? refuse(*def)
+    return def->subtype() == JOB_DEFINITION_SUBTYPE_IMPORT ? make_job<Restore_Executor>(def)
                                                            : make_job<Oscar_Brcmd_Restore_Executor>(def);
   default:
     return Job_Ptr();

@@ -7,9 +7,8 @@ namespace oscar
 /// Makes the job object of a backup or restore definition.
 /// Threads:   create() from any thread; the object has no state.
 /// Ownership: the job starts with one reference, which the result holds.
-/// Errors:    an empty pointer: for a type that is neither backup nor restore (errno untouched), without
-///            memory (errno ENOMEM), and for the export and import subtypes, which this build cannot run
-///            (errno ENOSYS, logged once at LM_ERROR). Exceptions of a job's constructor pass on.
+/// Errors:    an empty pointer: for a type that is neither backup nor restore (errno untouched), and without
+///            memory (errno ENOMEM). Exceptions of a job's constructor pass on.
 class Oscar_Job_Creator : public Job_Creator
 {
 public:

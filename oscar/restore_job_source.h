@@ -22,7 +22,8 @@ public:
     std::string backup_file; // the dump file that holds it
   };
 
-  /// The names it gets; those left empty stay as they were.
+  /// Where it goes: without a database to where it came from; with one, the names count as they are, so that an
+  /// empty schema is a whole database.
   struct restore_as {
     std::string database;
     std::string schema;

@@ -64,6 +64,16 @@ void Job_Alert_Event::deliver(Job_Event_Listener& listener) const
   listener.handle_alert(*this);
 }
 
+Job_Item_Event::Job_Item_Event(const Job_Definition& def, std::string item, uint64_t number, uint64_t total)
+    : Job_Event(def), item_(std::move(item)), number_(number), total_(total)
+{
+}
+
+void Job_Item_Event::deliver(Job_Event_Listener& listener) const
+{
+  listener.handle_item(*this);
+}
+
 Job_End_Event::Job_End_Event(const Job_Definition& def, Job_State state) : Job_Event(def), state_(state) {}
 
 void Job_End_Event::deliver(Job_Event_Listener& listener) const

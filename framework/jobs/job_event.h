@@ -111,6 +111,22 @@ private:
   int code_;
 };
 
+/// A run that works through several objects, one after the other, turned to the next one.
+class Job_Item_Event : public Job_Event
+{
+public:
+  /// number counts from 1.
+  Job_Item_Event(const Job_Definition& def, std::string item, uint64_t number, uint64_t total);
+  void deliver(Job_Event_Listener& listener) const override;
+  const std::string& item() const { return item_; }
+  uint64_t number() const { return number_; }
+  uint64_t total() const { return total_; }
+
+private:
+  std::string item_;
+  uint64_t number_, total_;
+};
+
 /// A run is over; comes once for each run, whether it started its work or not, and after all its other
 /// events.
 class Job_End_Event : public Job_Event
@@ -133,6 +149,7 @@ public:
   virtual ~Job_Event_Listener();
   virtual void handle_start(const Job_Start_Event&) {}
   virtual void handle_progress(const Job_Progress_Event&) {}
+  virtual void handle_item(const Job_Item_Event&) {}
   virtual void handle_state(const Job_State_Event&) {}
   virtual void handle_alert(const Job_Alert_Event&) {}
   virtual void handle_outcome(const Job_Outcome_Event&) {}

@@ -131,13 +131,21 @@ bool Tool_Watch::State::tool_runs()
 
 void Tool_Watch::State::terminate(int64_t silence_msec)
 {
-  ACE_ERROR((LM_WARNING,
-             "(%P|%t) Tool_Watch: job %C is %C, but %C has been silent for %q seconds: terminating its "
-             "process group\n",
-             job.definition().id().c_str(), job_state_to_string(job.state()), tool.c_str(),
-             silence_msec / 1000));
+  const bool silent = grace_msec > 0;
+  if (silent) {
+    ACE_ERROR((LM_WARNING,
+               "(%P|%t) Tool_Watch: job %C is %C, but %C has been silent for %q seconds: terminating its "
+               "process group\n",
+               job.definition().id().c_str(), job_state_to_string(job.state()), tool.c_str(),
+               silence_msec / 1000));
+  } else {
+    ACE_DEBUG((LM_INFO, "(%P|%t) Tool_Watch: job %C is %C: terminating %C and its process group\n",
+               job.definition().id().c_str(), job_state_to_string(job.state()), tool.c_str()));
+  }
   if (handler.terminate(TERMINATE_SECONDS) == 0) {
-    ACE_ERROR((LM_WARNING, "(%P|%t) Tool_Watch: %C has been terminated\n", tool.c_str()));
+    // Ending a tool that works is what the user asked for; ending a hung one tells of a problem.
+    const ACE_Log_Priority priority = silent ? LM_WARNING : LM_INFO;
+    ACE_ERROR((priority, "(%P|%t) Tool_Watch: %C has been terminated\n", tool.c_str()));
     fired = true; // last: who sees it finds the whole story in the log
   } else {
     ACE_ERROR((LM_ERROR, "(%P|%t) Tool_Watch: %C could not be terminated: %m\n", tool.c_str()));

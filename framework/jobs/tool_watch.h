@@ -14,7 +14,8 @@ namespace kestrel
 /// An executor notices a cancel only while its tool moves data. When the job is canceling, canceled or
 /// aborting and the tool has neither moved a byte (touch()) nor printed a line for the grace time, the tool's
 /// process group is terminated; the executor then sees the end of the stream. The grace begins no earlier
-/// than the cancel. A job that nobody cancels is never disturbed.
+/// than the cancel; with a grace time of 0 the cancel ends the tool at once, whatever it does. A job that
+/// nobody cancels is never disturbed.
 ///
 /// Threads:   makes one thread, ended and joined by the destructor; touch() from any thread.
 /// Ownership: job and handler are not owned and must outlive the watch.

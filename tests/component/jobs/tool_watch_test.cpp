@@ -107,6 +107,23 @@ TEST_F(Tool_Watch_Of_A_Tool, looks_by_itself)
   EXPECT_TRUE(log.expect(LM_WARNING, "has been terminated"));
 }
 
+TEST_F(Tool_Watch_Of_A_Tool, without_a_grace_ends_a_busy_tool_at_the_cancel)
+{
+  Log_Capture log;
+  start_tool("out_lines 3 busy\nhang\n");
+  wait_until([&] { return handler_.lines == 3; });
+  kestrel::Tool_Watch watch(*job_, handler_, "osrexp", 0);
+  watch.touch();
+  watch.check();
+  EXPECT_FALSE(watch.fired());
+  job_->activity()->state = JOB_STATE_CANCELING;
+  watch.check();
+  EXPECT_TRUE(watch.fired());
+  EXPECT_EQ(-1, finish());
+  EXPECT_TRUE(log.expect(LM_INFO, "is canceling: terminating osrexp and its process group"));
+  EXPECT_EQ(0u, log.count(LM_WARNING, "")) << "ending it is what was asked for";
+}
+
 TEST_F(Tool_Watch_Of_A_Tool, kills_a_tool_that_ignores_the_request)
 {
   Log_Capture log;

@@ -2,8 +2,10 @@
 
 #include "job/default_job_t.h"
 #include "no_memory.h"
+#include "oscar/backup_executor.h"
 #include "oscar/brcmd_backup_executor.h"
 #include "oscar/brcmd_restore_executor.h"
+#include "oscar/restore_executor.h"
 #include "support/log_capture.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
@@ -18,6 +20,8 @@ namespace
 {
 typedef Controllable_Job_T<oscar::Oscar_Brcmd_Backup_Executor> Physical_Backup;
 typedef Controllable_Job_T<oscar::Oscar_Brcmd_Restore_Executor> Physical_Restore;
+typedef Controllable_Job_T<oscar::Backup_Executor> Logical_Backup;
+typedef Controllable_Job_T<oscar::Restore_Executor> Logical_Restore;
 
 class Oscar_Job_Creator : public testing::Test
 {
@@ -43,17 +47,6 @@ protected:
     EXPECT_NE(dynamic_cast<Kind*>(job.get()), nullptr) << "type " << type << " subtype " << subtype;
   }
 
-  void expect_refused(int type, int subtype, const std::string& name)
-  {
-    Log_Capture log;
-    errno = 0;
-    EXPECT_EQ(create(type, subtype).get(), nullptr);
-    EXPECT_EQ(errno, ENOSYS);
-    EXPECT_TRUE(log.expect(LM_ERROR,
-                           "job definition 0c9f6d1e-3b52-4f0a-9a57-1d2c3b4a5f60 (" + name + ") is not run"));
-    EXPECT_EQ(log.lines().size(), 1u);
-  }
-
   const kestrel_test::Temp_Dir root_;
   const kestrel_test::Scoped_Env env_{"KESTREL_ROOT", root_.path()};
 };
@@ -71,10 +64,10 @@ TEST_F(Oscar_Job_Creator, every_restore_subtype_but_import_is_physical)
     expect_kind<Physical_Restore>(JOB_DEFINITION_RESTORE, subtype);
 }
 
-TEST_F(Oscar_Job_Creator, export_and_import_are_refused_with_one_line)
+TEST_F(Oscar_Job_Creator, export_and_import_are_logical)
 {
-  expect_refused(JOB_DEFINITION_BACKUP, JOB_DEFINITION_SUBTYPE_EXPORT, "export");
-  expect_refused(JOB_DEFINITION_RESTORE, JOB_DEFINITION_SUBTYPE_IMPORT, "import");
+  expect_kind<Logical_Backup>(JOB_DEFINITION_BACKUP, JOB_DEFINITION_SUBTYPE_EXPORT);
+  expect_kind<Logical_Restore>(JOB_DEFINITION_RESTORE, JOB_DEFINITION_SUBTYPE_IMPORT);
 }
 
 TEST_F(Oscar_Job_Creator, another_type_gives_no_job_and_leaves_errno)

@@ -1,0 +1,32 @@
+#include "oscar/restore_action_handler.h"
+
+#include "oscar/oscar_argument_check.h"
+
+#include <cerrno>
+#include <new>
+
+bool Restore_Action_Handler::pre_action()
+{
+  return true;
+}
+
+bool Restore_Action_Handler::post_action()
+{
+  return OSCAR_POINTER_GIVEN(input_) && restore(input_);
+}
+
+namespace oscar
+{
+ACE_Refcounted_Auto_Ptr<Action_Handler, ACE_Recursive_Thread_Mutex>
+make_action_handler(Restore_Input const* input)
+{
+  typedef ACE_Refcounted_Auto_Ptr<Action_Handler, ACE_Recursive_Thread_Mutex> Handler_Ptr;
+  Action_Handler* const handler = new (std::nothrow) Restore_Action_Handler(input);
+  if (!handler) {
+    errno = ENOMEM;
+    return Handler_Ptr();
+  }
+  handler->ignore_post_action_failure(false);
+  return Handler_Ptr(handler);
+}
+} // namespace oscar
