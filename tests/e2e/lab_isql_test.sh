@@ -183,12 +183,4 @@ test_70_shutdown() {
   expect_status 1 isql -c "shutdown immediate"
 }
 
-test_80_export_and_import_fail_clearly() {
-  for tool in osrexp osrimp; do
-    expect_status 1 "$home/bin/$tool" -Usysdba/secret "-p$port" "-d$instance" "file=$work/x.dmp"
-    expect_match "$tool" "^$tool: ERROR, " "$err"
-    [[ $err != *secret* ]] || fail "a password was printed"
-  done
-}
-
 run_tests

@@ -1,0 +1,116 @@
+#include "lab/osrimp/script_runner.h"
+
+#include "lab/common/text.h"
+#include "lab/logical/client_program.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace oscar_lab
+{
+
+namespace
+{
+
+/// An object that others hold locked longer than this ends the import.
+constexpr const char* lock_limit = "set lock_timeout = 60000;";
+/// The server looks for a lost client, so that a killed import lets go of its locks.
+constexpr const char* client_check = "set client_connection_check_interval = 1000;\n";
+
+struct Pipe {
+  Descriptor read_end;
+  Descriptor write_end;
+};
+
+Pipe make_pipe()
+{
+  int ends[2];
+  if (::pipe2(ends, O_CLOEXEC) != 0)
+    fail_errno("cannot create a pipe");
+  return Pipe{Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+/// Passes the archive's script on. Its head switches the limit on lock waits off; that one line is changed.
+void pass_on(int from, int to)
+{
+  constexpr std::size_t head_bytes = 8192;
+  const std::string unlimited = "SET lock_timeout = 0;";
+  std::string head(head_bytes, '\0');
+  head.resize(read_full(from, &head[0], head_bytes, "the archive's script"));
+  const auto found = head.find(unlimited);
+  if (found != std::string::npos)
+    head.replace(found, unlimited.size(), lock_limit);
+  write_all(to, head.data(), head.size(), "the script");
+  for (;;) {
+    const ssize_t count = ::splice(from, nullptr, to, nullptr, 1 << 20, SPLICE_F_MOVE);
+    if (count == 0)
+      return;
+    if (count < 0 && errno != EINTR)
+      fail_errno("cannot pass the script on");
+  }
+}
+
+Descriptor list_file(const std::vector<Entry>& entries)
+{
+  Descriptor list = memory_file();
+  std::string text;
+  for (const Entry& entry : entries)
+    text += entry.line + "\n";
+  write_all(list.get(), text.data(), text.size(), "the list");
+  return list;
+}
+
+void send_archive(const Import_Script& script, int file, const Login& login, int to)
+{
+  const Descriptor list = list_file(script.entries);
+  Pipe pipe = make_pipe();
+  std::vector<std::string> arguments = {"--file=-", "--use-list=" + path_of_inherited(list.get())};
+  arguments.insert(arguments.end(), script.options.begin(), script.options.end());
+  arguments.push_back(path_of_inherited(file));
+  Client_Program restore("pg_restore", arguments, login, -1, pipe.write_end.get(), {list.get(), file});
+  pipe.write_end.reset();
+  pass_on(pipe.read_end.get(), to);
+  if (!restore.wait())
+    throw Failure("the file cannot be read: " + restore.error());
+}
+
+} // namespace
+
+std::vector<std::string> run_script(const Import_Script& script, int file, const Login& login)
+{
+  Pipe pipe = make_pipe();
+  Client_Program psql("psql", {"--no-psqlrc", "--quiet", "--set=ON_ERROR_STOP=1", "--file=-"}, login,
+                      pipe.read_end.get(), -1);
+  pipe.read_end.reset();
+  try {
+    const std::string before = "begin;\n" + std::string(client_check) + lock_limit + "\n" +
+                               "set maintenance_work_mem = '256MB';\nset search_path = '';\n" + script.before;
+    write_all(pipe.write_end.get(), before.data(), before.size(), "the script");
+    if (!script.entries.empty())
+      send_archive(script, file, login, pipe.write_end.get());
+    const std::string after = "\n" + std::string(lock_limit) + "\n" + script.after + "commit;\n";
+    write_all(pipe.write_end.get(), after.data(), after.size(), "the script");
+  } catch (const Failure& failure) {
+    // psql that went away first has the reason; one that waits for more is stopped before it sees an end.
+    const bool went_away = errno == EPIPE;
+    if (!went_away)
+      psql.kill();
+    pipe.write_end.reset();
+    if (went_away && !psql.wait())
+      throw Failure(psql.error());
+    throw;
+  }
+  pipe.write_end.reset();
+  if (!psql.wait())
+    throw Failure(psql.error());
+  std::vector<std::string> warnings;
+  for (const std::string& line : split_lines(psql.messages())) {
+    const auto found = line.find("WARNING:  ");
+    if (found != std::string::npos)
+      warnings.push_back(line.substr(found + 10));
+  }
+  return warnings;
+}
+
+} // namespace oscar_lab
