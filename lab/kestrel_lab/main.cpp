@@ -30,15 +30,20 @@ constexpr const char* usage =
     "  start    start the server; returns when logins work\n"
     "  stop     shut it down\n"
     "  load     --megabytes N [--seed S]   add about N MB of rows that depend on S only\n"
+    "  change   --percent N [--seed S]     change about N % of what load made: rows updated, added and\n"
+    "             deleted, a table created and an older one dropped; depends on the rows and S only\n"
     "  check    row count and checksum of every user table, as JSON\n"
     "  sql      STATEMENT   run a statement as the system user\n"
     "  destroy  stop the server and remove the instance with all its files\n"
     "Without systemd and without the start script, put HOME/systemctl-bin first on the PATH of an agent.\n";
 
-const std::vector<Option> options = {
-    {"--port", true},          {"--archive-log", true}, {"--user", true},
-    {"--password-file", true}, {"--os-user", true},     {"--no-init-script", false},
-    {"--megabytes", true},     {"--seed", true},        {"--help", false}};
+constexpr std::uint64_t default_seed = 1;
+
+const std::vector<Option> options = {{"--port", true},      {"--archive-log", true},
+                                     {"--user", true},      {"--password-file", true},
+                                     {"--os-user", true},   {"--no-init-script", false},
+                                     {"--megabytes", true}, {"--percent", true},
+                                     {"--seed", true},      {"--help", false}};
 
 int start_command(const Arguments& arguments)
 {
@@ -92,6 +97,8 @@ int run(int argc, char** argv)
     return stop_command(arguments);
   if (command == "load")
     return load_command(arguments);
+  if (command == "change")
+    return change_command(arguments);
   if (command == "check")
     return check_command(arguments);
   if (command == "destroy")
@@ -120,6 +127,19 @@ Instance_Files instance_operands(const Arguments& arguments)
   if (!std::all_of(home.begin(), home.end(), plain))
     throw Failure("HOME may hold letters, digits and the characters / . _ - + , @ only");
   return Instance_Files(home, arguments.operands()[2]);
+}
+
+std::uint64_t number_option(const Arguments& arguments, const char* name, std::uint64_t maximum)
+{
+  std::uint64_t value = 0;
+  if (!parse_number(arguments.required(name), maximum, value))
+    throw Usage_Failure(std::string("option ") + name + " needs a number");
+  return value;
+}
+
+std::uint64_t seed_option(const Arguments& arguments)
+{
+  return arguments.has("--seed") ? number_option(arguments, "--seed", UINT64_MAX) : default_seed;
 }
 
 } // namespace oscar_lab
