@@ -1,0 +1,58 @@
+#include "rpc/json_rpc.h"
+
+#include "json/json_util.h"
+
+#include <ace/Log_Msg.h>
+
+#include <exception>
+#include <utility>
+
+JSON_RPC_Object::~JSON_RPC_Object() = default;
+
+JSON_RPC_Request::JSON_RPC_Request(json_spirit::Value id, std::string method, json_spirit::Value params)
+    : id_(std::move(id)), method_(std::move(method)), params_(std::move(params))
+{
+}
+
+JSON_RPC_Response::JSON_RPC_Response(const JSON_RPC_Request& request) : id_(request.id()) {}
+
+JSON_RPC_Channel::~JSON_RPC_Channel() = default;
+
+int JSON_RPC_Channel::send_error(int code, const json_spirit::Value& id, const char* message,
+                                 const json_spirit::Value& data)
+{
+  json_spirit::Object error;
+  error.emplace_back("code", code);
+  error.emplace_back("message", message);
+  if (!data.is_null())
+    error.emplace_back("data", data);
+  json_spirit::Object text;
+  text.emplace_back("jsonrpc", "2.0");
+  text.emplace_back("id", id);
+  text.emplace_back("error", std::move(error));
+  return send_object(text);
+}
+
+int JSON_RPC_Channel::send(JSON_RPC_Object_Ptr object)
+{
+  const JSON_RPC_Response* response = object.get() ? object->response() : nullptr;
+  if (!response)
+    return -1;
+  json_spirit::Object text;
+  text.emplace_back("jsonrpc", "2.0");
+  text.emplace_back("id", response->id());
+  text.emplace_back("result", response->result());
+  return send_object(text);
+}
+
+int JSON_RPC_Channel::send_object(const json_spirit::Object& message)
+{
+  try {
+    return send_text(kestrel::write_json(message));
+  } catch (const std::exception& failure) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) JSON_RPC_Channel: the answer cannot be sent: %C\n", failure.what()));
+    return -1;
+  }
+}
+
+JSON_RPC_Handler::~JSON_RPC_Handler() = default;
