@@ -7,6 +7,9 @@
 #include "oscar/oscar_job_creator.h"
 #include "oscar/restore_job_options_parser.h"
 #include "oscar/restore_job_source_parser.h"
+#include "oscar/websvcs/list_handler.h"
+#include "oscar/websvcs/oscar_node_handler.h"
+#include "oscar/websvcs/oscar_notify_node_handler.h"
 
 #include <cerrno>
 #include <new>
@@ -35,14 +38,6 @@ template <class Base, class T> Base* make(Gobbler* gobbler, Gobbler gobble)
 template <class Parser> Parser_Creator* make_parser_creator(Gobbler* gobbler, Gobbler gobble)
 {
   return make<Parser_Creator, Object_Creator_Impl_T<Parser_Creator, Parser>>(gobbler, gobble);
-}
-
-JSON_RPC_Handler* refuse(Gobbler* gobbler, Gobbler gobble)
-{
-  if (gobbler)
-    *gobbler = gobble;
-  errno = ENOSYS;
-  return nullptr;
 }
 
 /// `object` is what make() returned, so it must be seen as the same base again.
@@ -117,25 +112,34 @@ void _gobble_Oscar_Restore_Job_Options_Parser_Creator(void* object)
 
 JSON_RPC_Handler* _make_JSON_RPC_Oscar_List_Handler(Gobbler* gobbler)
 {
-  return refuse(gobbler, &_gobble_JSON_RPC_Oscar_List_Handler);
+  return make<JSON_RPC_Handler, JSON_RPC_Oscar_List_Handler>(gobbler, &_gobble_JSON_RPC_Oscar_List_Handler);
+}
+
+void _gobble_JSON_RPC_Oscar_List_Handler(void* object)
+{
+  gobble<JSON_RPC_Handler>(object);
 }
 
 JSON_RPC_Handler* _make_JSON_RPC_Oscar_Node_Handler(Gobbler* gobbler)
 {
-  return refuse(gobbler, &_gobble_JSON_RPC_Oscar_Node_Handler);
+  return make<JSON_RPC_Handler, JSON_RPC_Oscar_Node_Handler>(gobbler, &_gobble_JSON_RPC_Oscar_Node_Handler);
+}
+
+void _gobble_JSON_RPC_Oscar_Node_Handler(void* object)
+{
+  gobble<JSON_RPC_Handler>(object);
 }
 
 JSON_RPC_Handler* _make_JSON_RPC_Oscar_Notify_Node_Handler(Gobbler* gobbler)
 {
-  return refuse(gobbler, &_gobble_JSON_RPC_Oscar_Notify_Node_Handler);
+  return make<JSON_RPC_Handler, JSON_RPC_Oscar_Notify_Node_Handler>(
+      gobbler, &_gobble_JSON_RPC_Oscar_Notify_Node_Handler);
 }
 
-// No such object can exist yet, so that there is nothing to release.
-void _gobble_JSON_RPC_Oscar_List_Handler(void*) {}
-
-void _gobble_JSON_RPC_Oscar_Node_Handler(void*) {}
-
-void _gobble_JSON_RPC_Oscar_Notify_Node_Handler(void*) {}
+void _gobble_JSON_RPC_Oscar_Notify_Node_Handler(void* object)
+{
+  gobble<JSON_RPC_Handler>(object);
+}
 
 Instance_Handler* _make_Oscar_Instance_Handler(Gobbler* gobbler)
 {

@@ -2,10 +2,9 @@
 
 #include "instances/instance_handler.h"
 #include "jobs/job_creator.h"
+#include "rpc/json_rpc.h"
 #include "json/object_creator.h"
 #include "json/yajl_handler.h"
-
-class JSON_RPC_Handler;
 
 /// The entry points of the module, found by their plain names; nothing else is visible outside. Each _make_
 /// function makes one service object and, when `gobbler` is not null, stores there the function that must be
@@ -13,8 +12,7 @@ class JSON_RPC_Handler;
 /// function.
 /// Threads:   any.
 /// Ownership: the caller owns the object. Only the parser creators get fini() before they are deleted.
-/// Errors:    null with errno ENOMEM, not logged. The JSON-RPC handlers are not part of this build: their
-///            factories return null with errno ENOSYS.
+/// Errors:    null with errno ENOMEM, not logged.
 extern "C" {
 Job_Creator* _make_Oscar_Job_Creator(void (**gobbler)(void*));
 void _gobble_Oscar_Job_Creator(void* object);
