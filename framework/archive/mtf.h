@@ -96,6 +96,7 @@ public:
   void pool_uuid(const std::string& id);
   void device_uuid(const std::string& id);
   void host_uuid(const std::string& id);
+  void definition_uuid(const std::string& id);
   /// Names the archive's folder in the pool. Must be set, to what a stored file's name may be.
   void minor_resource_id(const std::string& id);
   /// Of the backup; kept in the archive.
@@ -159,8 +160,8 @@ public:
   void action_handler(Action_Handler_Ptr handler);
   /// The pool is looked up with get_pool_info().
   void pool_uuid(const std::string& id);
+  /// What the archive says of its definition and host must be these; "", on either side, takes any.
   void definition_uuid(const std::string& id);
-  /// Must be the host that the archive names; "" takes any.
   void backup_host_uuid(const std::string& id);
   /// These two find the archive in the pool, and the archive must carry them.
   void backup_minor_resource_id(const std::string& id);
@@ -172,8 +173,9 @@ public:
   /// Chooses files: objects {"dir": <path as it was recorded>}. Without this call everything is restored.
   /// False, logged and with nothing chosen, when the list is empty or an entry has no text "dir".
   [[nodiscard]] bool restore_select(const json_spirit::Array& dirs);
-  /// `dir` must exist. Fails when a chosen file is not in the archive. An archive that is stored uncompressed
-  /// is read only where the chosen files lie, otherwise from its start to its end.
+  /// `dir` must exist. The post-action runs when every file has its name; when it fails the files stay. Fails
+  /// when a chosen file is not in the archive. An archive that is stored uncompressed is read only where the
+  /// chosen files lie, otherwise from its start to its end.
   [[nodiscard]] bool restore(const std::string& dir);
   /// Reads the whole archive as restore() does and compares everything, but writes nothing and runs no
   /// action.
@@ -186,12 +188,18 @@ public:
   const json_spirit::Value& metadata() const;
   /// The files that were restored or verified.
   const std::vector<MTF::Stored_Member>& members() const;
+  /// After verify(): bytes as stored and the storage's checksums.
+  unsigned long long set_storage_size() const;
+  const std::string& original_checksum() const;
+  const std::string& storage_checksum() const;
 
   const std::string& error() const;
   bool canceled() const;
 
 private:
   class Work;
+  bool run(const std::string* directory);
+
   std::unique_ptr<Work> work_;
 };
 
