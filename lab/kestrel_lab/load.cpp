@@ -1,6 +1,7 @@
 #include "lab/common/server_control.h"
 #include "lab/common/text.h"
 #include "lab/kestrel_lab/commands.h"
+#include "lab/kestrel_lab/rich.h"
 #include "lab/kestrel_lab/sample_data.h"
 
 #include <cstdio>
@@ -61,7 +62,7 @@ std::uint64_t fill_table(const Instance_Files& files, unsigned index, std::uint6
 
 int load_command(const Arguments& arguments)
 {
-  arguments.only({"--megabytes", "--seed"}, "with load");
+  arguments.only({"--megabytes", "--seed", "--rich"}, "with load");
   const Instance_Files files = instance_operands(arguments);
   const std::uint64_t megabytes = number_option(arguments, "--megabytes", max_megabytes);
   const std::uint64_t seed = seed_option(arguments);
@@ -93,6 +94,10 @@ int load_command(const Arguments& arguments)
   for (const std::exception_ptr& error : errors)
     if (error)
       std::rethrow_exception(error);
+  if (arguments.has("--rich")) {
+    Connection connection = connect_as_system(files);
+    add_rich_objects(connection, seed);
+  }
   for (unsigned i = 0; i < sample_table_count; ++i)
     std::printf("%s: %llu rows added\n", sample_table(i).name, static_cast<unsigned long long>(rows[i]));
   return 0;
