@@ -63,7 +63,7 @@ void Output_Stream::open(Auto_Fd& pipe, size_t max_line)
     ignore_result(::fcntl(pipe_.get(), F_SETFL, O_NONBLOCK), "poll says when there is something to read");
 }
 
-bool Output_Stream::read_some(std::vector<char>& buffer)
+bool Output_Stream::read_some(std::vector<char>& buffer, std::atomic<int64_t>& came_msec)
 {
   // One byte is kept for the NUL behind a line.
   const ssize_t count = read_write_trait::read(pipe_.get(), buffer.data(), buffer.size() - 1);
@@ -73,6 +73,8 @@ bool Output_Stream::read_some(std::vector<char>& buffer)
     close();
     return false;
   }
+  // Before the lines are handed out: whoever has seen one finds the time at which it came.
+  came_msec.store(now_msec());
   if (delivering_ && !splitter_->stopped())
     splitter_->feed(buffer.data(), static_cast<size_t>(count));
   return true;
@@ -279,13 +281,10 @@ void Process_Run::poll_pipes(int timeout_msec)
                       {wake_.get(), POLLIN, 0}};
   if (::poll(polled, 4, timeout_msec) <= 0)
     return;
-  bool moved = false;
   if (polled[0].revents != 0)
-    moved = stdout_.read_some(buffer_);
+    stdout_.read_some(buffer_, last_activity_msec_);
   if (polled[1].revents != 0)
-    moved = stderr_.read_some(buffer_) || moved;
-  if (moved)
-    last_activity_msec_.store(now_msec());
+    stderr_.read_some(buffer_, last_activity_msec_);
   uint64_t wakes;
   if (polled[3].revents != 0)
     ignore_result(::read(wake_.get(), &wakes, sizeof wakes), "whether anything was there does not matter");
@@ -335,7 +334,7 @@ void Process_Run::finish()
   // What the child left in the pipes came in time, also when a grandchild holds them open. Bounded, because
   // that grandchild may still be printing.
   for (Output_Stream* stream : {&stdout_, &stderr_})
-    for (size_t done = 0; done < most_left_in_pipe && stream->is_open() && stream->read_some(buffer_);)
+    for (size_t done = 0; done < most_left_in_pipe && stream->is_open() && stream->read_some(buffer_, last_activity_msec_);)
       done += read_buffer_bytes;
   stdout_.close();
   stderr_.close();

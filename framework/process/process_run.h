@@ -26,8 +26,9 @@ public:
   void open(Auto_Fd& pipe, size_t max_line);
   int fd() const { return pipe_.get(); }
   bool is_open() const { return pipe_.get() >= 0; }
-  /// Reads what is there, at most one buffer. True when something came; closes the stream at its end.
-  bool read_some(std::vector<char>& buffer);
+  /// Reads what is there, at most one buffer. True when something came, and came_msec tells when; closes the
+  /// stream at its end.
+  bool read_some(std::vector<char>& buffer, std::atomic<int64_t>& came_msec);
   /// Delivers what is left and closes the pipe. Nothing happens when it is closed already.
   void close();
   /// From now on nothing is delivered.

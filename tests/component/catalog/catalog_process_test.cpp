@@ -1,11 +1,11 @@
 #include "catalog/catalog_operator.h"
-#include "catalog/catalog_schema.h"
 #include "catalog/sql_back_end.h"
-#include "instances/instance_manager.h"
 #include "instances/instance_registry.h"
 #include "support/log_capture.h"
+#include "support/paths.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
+#include "support/waiting.h"
 
 #include <gtest/gtest.h>
 
@@ -18,8 +18,7 @@
 #include <unistd.h>
 #include <vector>
 
-// Several processes on one catalog and one registry. A child is this program again, told by the environment
-// to run one of the tests whose names begin with "DISABLED_child".
+// Several processes on one catalog and one registry: tests/tools/catalog_child.
 
 using json_spirit::find_value;
 
@@ -51,30 +50,24 @@ std::vector<std::string> committed_ids()
   return ids;
 }
 
-std::string child_name()
-{
-  return getenv("CHILD_NAME");
-}
-int child_count()
-{
-  return atoi(getenv("CHILD_COUNT"));
-}
-
 /// A child process; killed and reaped at the end of the scope if it still runs.
 class Child
 {
 public:
-  Child(const char* test, const std::string& name, int count, const std::string& output)
+  /// arguments: what tests/tools/catalog_child takes.
+  Child(const std::vector<std::string>& arguments, const std::string& output)
   {
-    kestrel_test::Scoped_Env child_name("CHILD_NAME", name);
-    kestrel_test::Scoped_Env child_count("CHILD_COUNT", std::to_string(count));
-    const std::string filter = std::string("--gtest_filter=Catalog_Process.DISABLED_child_") + test;
+    const std::string program = kestrel_test::bin_dir() + "/catalog_child";
+    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+    for (const std::string& argument : arguments)
+      argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
     pid_ = ::fork();
     if (pid_ == 0) {
       const int fd = ::open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
       ::dup2(fd, 1);
       ::dup2(fd, 2);
-      ::execl("/proc/self/exe", "child", filter.c_str(), "--gtest_also_run_disabled_tests", nullptr);
+      ::execv(argv[0], argv.data());
       ::_exit(127);
     }
   }
@@ -108,16 +101,10 @@ class Catalog_Process : public ::testing::Test
 {
 protected:
   kestrel_test::Temp_Dir root_;
-  // Children keep the directory of their parent.
-  kestrel_test::Scoped_Env environment_{
-      "KESTREL_ROOT", getenv("CHILD_NAME") ? std::string(getenv("KESTREL_ROOT")) : root_.path()};
+  kestrel_test::Scoped_Env environment_{"KESTREL_ROOT", root_.path()};
   const std::string output_ = root_ / "children.log";
 
   std::string output() const { return kestrel_test::exists(output_) ? kestrel_test::read_file(output_) : ""; }
-  static std::string file(const std::string& name)
-  {
-    return std::string(getenv("KESTREL_ROOT")) + "/" + name;
-  }
   void expect_integrity()
   {
     kestrel::Catalog_Database database(kestrel::default_catalog_place());
@@ -127,76 +114,15 @@ protected:
   }
 };
 
-TEST_F(Catalog_Process, DISABLED_child_commit)
-{
-  const std::string name = child_name();
-  for (int i = 0; i < child_count(); ++i) {
-    const std::string id = name + "-" + std::to_string(i);
-    ASSERT_TRUE(Catalog_Operator(-1, 120).commit(make_set(id), true));
-    std::ofstream(file(name + ".done"), std::ios::app) << id << std::endl;
-  }
-}
-
-TEST_F(Catalog_Process, DISABLED_child_read)
-{
-  size_t before = 0;
-  while (before < static_cast<size_t>(child_count())) {
-    const std::vector<std::string> ids = committed_ids();
-    ASSERT_GE(ids.size(), before) << "what was seen once stays";
-    before = ids.size();
-  }
-}
-
-TEST_F(Catalog_Process, DISABLED_child_hold)
-{
-  kestrel::Catalog_Database database(kestrel::default_catalog_place());
-  kestrel::Catalog_Transaction transaction(database.session(), kestrel::Catalog_Transaction::Kind::write);
-  database.session() << "UPDATE backup_set SET name = 'half done'";
-  std::ofstream(file("holding")) << "yes" << std::endl;
-  ::pause();
-}
-
-TEST_F(Catalog_Process, DISABLED_child_migrate)
-{
-  kestrel::Catalog_Migrations migrations = kestrel::catalog_migrations();
-  migrations.push_back({"ALTER TABLE backup_set ADD COLUMN note TEXT", "UPDATE backup_set SET note = 'old'"});
-  kestrel::Catalog_Place place = kestrel::default_catalog_place();
-  place.migrations = &migrations;
-  place.busy_timeout_msec = 60000;
-  kestrel::Catalog_Database database(place);
-  int version = 0;
-  database.session() << "SELECT version FROM schema_version", soci::into(version);
-  EXPECT_EQ(static_cast<int>(migrations.size()), version);
-}
-
-TEST_F(Catalog_Process, DISABLED_child_register)
-{
-  kestrel::Instance_Registry registry("host");
-  std::string error;
-  for (int i = 0; i < child_count(); ++i) {
-    auto instance = std::make_shared<Instance>();
-    instance->type = "oscar";
-    instance->name = child_name() + std::to_string(i);
-    instance->options["oscar_home"] = "/opt/oscar";
-    ASSERT_EQ(0, registry.merge_probe({{instance->name, instance}}, error)) << error;
-    ASSERT_EQ(0, registry.set_account("oscar", instance->name, "", "SYS", "secret", error)) << error;
-    std::string user;
-    secure_string password;
-    ASSERT_EQ(
-        0, Instance_Manager::instance()->get_account("oscar", instance->name, "", user, password, nullptr));
-    ASSERT_EQ("secret", password);
-  }
-}
-
 TEST_F(Catalog_Process, two_processes_commit_while_a_third_reads)
 {
   const int count = 30;
   {
-    Child first("commit", "first", count, output_);
-    Child second("commit", "second", count, output_);
-    Child reader("read", "reader", 2 * count, output_);
-    EXPECT_EQ(0, first.wait()) << output();
-    EXPECT_EQ(0, second.wait()) << output();
+    Child first({"commit", "first", std::to_string(count)}, output_);
+    Child second({"commit", "second", std::to_string(count)}, output_);
+    Child reader({"read", std::to_string(2 * count)}, output_);
+    ASSERT_EQ(0, first.wait()) << output(); // without all the sets the reader would not end
+    ASSERT_EQ(0, second.wait()) << output();
     EXPECT_EQ(0, reader.wait()) << output();
   }
   const std::vector<std::string> ids = committed_ids();
@@ -218,10 +144,9 @@ TEST_F(Catalog_Process, a_commit_that_was_reported_survives_a_kill)
   for (int round = 0; round < 8; ++round) {
     const std::string name = "round" + std::to_string(round);
     {
-      Child child("commit", name, 1000000, output_);
-      for (int i = 0; i < 3000 && (!kestrel_test::exists(root_ / (name + ".done")) || i % 97 < round * 11);
-           ++i)
-        ::usleep(10000); // real time: the child is a real process
+      Child child({"commit", name, "1000000"}, output_);
+      ASSERT_TRUE(kestrel_test::wait_for_file(root_ / (name + ".done"))) << output();
+      ::usleep(static_cast<useconds_t>(round) * 110000); // killed at another point of its work each time
     }
     std::ifstream done(root_ / (name + ".done"));
     for (std::string id; std::getline(done, id);)
@@ -240,10 +165,8 @@ TEST_F(Catalog_Process, a_writer_that_dies_half_way_leaves_nothing_and_blocks_no
 {
   ASSERT_TRUE(Catalog_Operator(-1, 60).commit(make_set("b1"), true));
   {
-    Child holder("hold", "holder", 0, output_);
-    for (int i = 0; i < 3000 && !kestrel_test::exists(root_ / "holding"); ++i)
-      ::usleep(10000);
-    ASSERT_TRUE(kestrel_test::exists(root_ / "holding")) << output();
+    Child holder({"hold"}, output_);
+    ASSERT_TRUE(kestrel_test::wait_for_file(root_ / "holding")) << output();
     EXPECT_EQ(1u, committed_ids().size()) << "readers go on";
   }
   EXPECT_TRUE(Catalog_Operator(-1, 60).commit(make_set("b2"), true));
@@ -257,7 +180,7 @@ TEST_F(Catalog_Process, processes_that_start_together_migrate_once)
   ASSERT_TRUE(Catalog_Operator(-1, 60).commit(make_set("b1"), true));
   std::vector<std::unique_ptr<Child>> children;
   for (int i = 0; i < 4; ++i)
-    children.push_back(std::make_unique<Child>("migrate", "migrator", 0, output_));
+    children.push_back(std::make_unique<Child>(std::vector<std::string>{"migrate"}, output_));
   for (const auto& child : children)
     EXPECT_EQ(0, child->wait()) << output();
   kestrel_test::Log_Capture log;
@@ -271,8 +194,8 @@ TEST_F(Catalog_Process, two_processes_register_instances_and_accounts)
 {
   const int count = 20;
   {
-    Child first("register", "A", count, output_);
-    Child second("register", "B", count, output_);
+    Child first({"register", "A", std::to_string(count)}, output_);
+    Child second({"register", "B", std::to_string(count)}, output_);
     EXPECT_EQ(0, first.wait()) << output();
     EXPECT_EQ(0, second.wait()) << output();
   }

@@ -2,13 +2,12 @@
 
 #include "base/uuid.h"
 #include "jobs/job_mutex.h"
-#include "jobs/start_time.h"
+#include "support/paths.h"
 
 #include <ace/Guard_T.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -248,27 +247,12 @@ TEST_F(Job_Lifetime, two_jobs_on_one_source_never_work_at_the_same_time)
   }
 }
 
-/// Run by the test below in processes of its own.
-TEST(Start_Time_Process, DISABLED_reserves)
-{
-  const char* const path = std::getenv("START_TIME_OUT");
-  ASSERT_NE(nullptr, path);
-  std::ofstream out(path, std::ios::app);
-  for (int i = 0; i < 50; ++i) {
-    std::ostringstream line;
-    line << kestrel::reserve_start_time() << "\n";
-    out << line.str() << std::flush;
-  }
-}
-
 TEST(Start_Time_Process, start_times_are_unique_among_processes)
 {
   const Temp_Dir root;
   const Scoped_Env env("KESTREL_ROOT", root.path());
-  const std::string command = "for i in 1 2 3; do START_TIME_OUT=" + (root / "$i") + " '" +
-                              std::string("/proc/") + std::to_string(::getpid()) +
-                              "/exe' --gtest_also_run_disabled_tests "
-                              "--gtest_filter=Start_Time_Process.DISABLED_reserves >/dev/null & done; wait";
+  const std::string command =
+      "for i in 1 2 3; do '" + bin_dir() + "/start_time_child' 50 >" + (root / "$i") + " & done; wait";
   ASSERT_EQ(0, std::system(command.c_str()));
   std::set<long> seen;
   for (const char* const file : {"1", "2", "3"}) {

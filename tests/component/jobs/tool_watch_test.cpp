@@ -2,11 +2,11 @@
 
 #include "process/text_process_handler.h"
 #include "support/fake_tool.h"
+#include "support/waiting.h"
 #include "unit/jobs/job_fixture.h"
 
 #include <ace/Process.h>
 
-#include <chrono>
 #include <csignal>
 #include <thread>
 
@@ -26,14 +26,6 @@ public:
   }
   std::atomic<int> lines{0};
 };
-
-void wait_until(const std::function<bool()>& holds)
-{
-  for (int i = 0; i < 10000 && !holds(); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  ASSERT_TRUE(holds());
-}
 } // namespace
 
 /// A real tool under a clock that only the test moves.
@@ -98,10 +90,10 @@ TEST_F(Tool_Watch_Of_A_Tool, looks_by_itself)
   start_tool("hang\n");
   kestrel::Tool_Watch watch(*job_, handler_, "brcmd", 1000);
   job_->activity()->state = JOB_STATE_CANCELING;
-  wait_until([&] {
+  ASSERT_TRUE(eventually([&] {
     clock_.advance_msec(20);
     return watch.fired();
-  });
+  }));
   EXPECT_EQ(-1, finish());
   EXPECT_TRUE(log.expect(LM_WARNING, "terminating its process group"));
   EXPECT_TRUE(log.expect(LM_WARNING, "has been terminated"));
@@ -128,13 +120,13 @@ TEST_F(Tool_Watch_Of_A_Tool, kills_a_tool_that_ignores_the_request)
 {
   Log_Capture log;
   start_tool("ignore TERM\nout ready\nhang\n");
-  wait_until([&] { return handler_.lines == 1; });
+  ASSERT_TRUE(eventually([&] { return handler_.lines == 1; }));
   kestrel::Tool_Watch watch(*job_, handler_, "brcmd", 1000);
   job_->activity()->state = JOB_STATE_CANCELING;
-  wait_until([&] {
+  ASSERT_TRUE(eventually([&] {
     clock_.advance_msec(20); // also from the request to the kill, and slowly enough for that one to work
     return watch.fired();
-  });
+  }));
   EXPECT_EQ(-1, finish());
   EXPECT_TRUE(log.expect(LM_WARNING, "terminating its process group"));
   EXPECT_TRUE(log.expect(LM_WARNING, "has been terminated"));
@@ -186,7 +178,7 @@ TEST_F(Tool_Watch_Of_A_Tool, takes_a_line_of_the_tool_as_a_sign_of_life)
   watch.check();
   clock_.advance_msec(59000);
   root_.write("say", "");
-  wait_until([&] { return handler_.lines == 1; });
+  ASSERT_TRUE(eventually([&] { return handler_.lines == 1; }));
   clock_.advance_msec(59000);
   watch.check();
   EXPECT_FALSE(watch.fired());

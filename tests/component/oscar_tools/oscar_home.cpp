@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <fstream>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
 
 namespace kestrel_test
@@ -101,16 +100,5 @@ std::string value_of(const std::vector<std::string>& lines, const std::string& n
   }
   EXPECT_LE(found, 1u) << name << " occurs more than once";
   return value;
-}
-
-bool wait_for_file(const std::string& path)
-{
-  for (int tries = 0; tries < 10000; ++tries) {
-    if (exists(path))
-      return true;
-    const timespec rest = {0, 2000000};
-    ::nanosleep(&rest, nullptr);
-  }
-  return false;
 }
 } // namespace kestrel_test

@@ -2,6 +2,7 @@
 
 #include "support/fake_tool.h"
 #include "support/temp_dir.h"
+#include "support/waiting.h"
 
 #include <string>
 #include <vector>
@@ -55,7 +56,4 @@ std::vector<std::string> lines_of(const std::string& path);
 
 /// The value of NAME=value among the lines, "-" when there is none; a name that occurs twice fails the test.
 std::string value_of(const std::vector<std::string>& lines, const std::string& name);
-
-/// True once the file exists, after 20 seconds at most.
-bool wait_for_file(const std::string& path);
 } // namespace kestrel_test

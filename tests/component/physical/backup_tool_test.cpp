@@ -15,6 +15,7 @@ typedef std::vector<int> Codes;
 
 /// Slow enough for a tool that ends at once to have ended within the pause after its start.
 const unsigned SLOW = 2;
+const unsigned FAST = 100;
 const char NO_DATA[] = "brcmd ended before it gave any data";
 
 std::string stream_with_info_length(Physical_Bench& bench, uint32_t length)
@@ -79,12 +80,16 @@ TEST(Physical_Backup_Tool, copies_the_output_of_brcmd_to_the_log)
 
 TEST(Physical_Backup_Tool, fails_when_brcmd_ends_later_without_opening_the_fifo)
 {
-  for (const char* const end : {"sleep 400\nexit 0", "sleep 400\nexit 5", "sleep 400\ndie TERM"}) {
-    Physical_Bench bench;
-    bench.set_brcmd(end);
-    Codes alerts;
-    EXPECT_EQ(JOB_STATE_ERROR, bench.run(bench.backup_fields(), &alerts)) << end;
-    EXPECT_EQ(Codes{16}, alerts);
+  for (const char* const end : {"exit 0", "exit 5", "die TERM"}) {
+    Physical_Bench bench(FAST);
+    bench.set_brcmd("wait_file " + (bench.dir / "go") + "\n" + end);
+    const Job_Ptr job = bench.make_job(bench.backup_fields());
+    ASSERT_EQ(0, job->start());
+    // The file is opened once brcmd has outlived the pause after its start.
+    EXPECT_TRUE(eventually([&bench] { return !bench.stored_files().empty(); }));
+    bench.dir.write("go", "");
+    EXPECT_EQ(JOB_STATE_ERROR, bench.wait_end(job)) << end;
+    EXPECT_EQ(Codes{16}, bench.alerts(job));
     bench.log.expect_exactly(LM_ERROR, "Failed to get backup info head, errno=0, Success\n");
     bench.log.expect_exactly(LM_INFO, "Process brcmd terminate.\n");
     bench.expect_recovery();
@@ -349,7 +354,8 @@ TEST(Physical_Backup_Cancel, ends_a_silent_shutdown)
   Physical_Bench bench(200);
   make_fake_tool(
       bench.dir, "home/bin/isql",
-      "if args_contain archivemode\nout a\nout -\nout NOARCHIVELOG\nout \"(1 row)\"\nelse\nwrite_file " +
+      "if args_contain archivemode\nout a\nout -\nout NOARCHIVELOG\nout \"(1 row)\"\nend\n"
+      "if args_contain shutdown\nwrite_file " + // and no other question: who lists the host's instances asks too
           (bench.dir / "up") + " x\nhang\nend\n");
   const Fake_Server server(bench.dir, "hang");
   const Job_Ptr job = bench.make_job(bench.backup_fields());

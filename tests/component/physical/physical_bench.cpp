@@ -8,6 +8,7 @@
 #include "process/process_api.h"
 #include "storage/pool_registry.h"
 #include "support/fake_tool.h"
+#include "support/waiting.h"
 
 #include <gtest/gtest.h>
 
@@ -38,6 +39,19 @@ uint32_t big_endian_byte(uint32_t value, int index)
 {
   return (value >> (24 - 8 * index)) & 0xff;
 }
+
+/// The same random bytes each time. Kept, because the fault loops want them hundreds of times, and a sanitizer
+/// makes them slow to come by.
+std::string image(size_t bytes)
+{
+  static std::string kept;
+  static uint32_t value = 1;
+  while (kept.size() < bytes) {
+    value = value * 1664525u + 1013904223u;
+    kept += static_cast<char>(value >> 24);
+  }
+  return kept.substr(0, bytes);
+}
 } // namespace
 
 Fake_Server::Fake_Server(const Temp_Dir& dir, const std::string& script)
@@ -50,8 +64,7 @@ Fake_Server::Fake_Server(const Temp_Dir& dir, const std::string& script)
   EXPECT_GT(pid_, 0);
   reaper_ = std::thread([this] { ::waitpid(pid_, nullptr, 0); });
   dir.write("home/admin/PHYS7.db", std::to_string(pid_) + "\n");
-  while (!exists(dir / "server_up"))
-    ::usleep(1000);
+  EXPECT_TRUE(wait_for_file(dir / "server_up"));
 }
 
 Fake_Server::~Fake_Server()
@@ -168,13 +181,7 @@ std::string Physical_Bench::make_good_stream(size_t image_bytes) const
   std::string stream(512, '\x5a');
   for (int i = 0; i < 4; ++i)
     stream[static_cast<size_t>(i)] = static_cast<char>(big_endian_byte(length, i));
-  stream += info;
-  uint32_t value = 1;
-  for (size_t i = 0; i < image_bytes; ++i) {
-    value = value * 1664525u + 1013904223u;
-    stream += static_cast<char>(value >> 24);
-  }
-  return stream;
+  return stream + info + image(image_bytes);
 }
 
 void Physical_Bench::set_next_state(const std::string& full, const std::string& last, unsigned number)
@@ -329,18 +336,9 @@ std::string Physical_Bench::brcmd_arguments() const
   return all;
 }
 
-bool Physical_Bench::wait_for(const std::string& path) const
-{
-  for (int i = 0; i < 30000 && !exists(path); ++i)
-    ::usleep(1000);
-  return exists(path);
-}
-
 bool Physical_Bench::wait_streamed(const Job_Ptr& job)
 {
-  for (int i = 0; i < 30000 && job->activity()->progress < 99; ++i)
-    ::usleep(1000);
-  return job->activity()->progress >= 99;
+  return eventually([&job] { return job->activity()->progress >= 99; });
 }
 
 std::vector<std::string> Physical_Bench::list(const std::string& directory)

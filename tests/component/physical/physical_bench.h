@@ -6,6 +6,7 @@
 #include "support/log_capture.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
+#include "support/waiting.h"
 #include "json/value.h"
 
 #include <string>
@@ -87,7 +88,7 @@ public:
   std::string stored_path(const std::string& name) const { return pool_dir + "/" + source_id + "/" + name; }
   /// The arguments of the last brcmd, joined by blanks.
   std::string brcmd_arguments() const;
-  bool wait_for(const std::string& path) const;
+  bool wait_for(const std::string& path) const { return wait_for_file(path); }
   /// Waits until all of a good stream of 100000 image bytes has been moved.
   static bool wait_streamed(const Job_Ptr& job);
 

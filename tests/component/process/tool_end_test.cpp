@@ -1,16 +1,18 @@
 #include "tool_runs.h"
 
 #include "support/clocks.h"
+#include "support/waiting.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <csignal>
 #include <dirent.h>
 #include <sys/wait.h>
 #include <thread>
 
 using namespace tool_runs;
+using kestrel_test::eventually;
+using kestrel_test::has_ended;
 using kestrel_test::make_fake_tool;
 using kestrel_test::Scaled_Clock;
 using kestrel_test::Temp_Dir;
@@ -110,16 +112,6 @@ TEST(Tool_End, kills_a_tool_that_ignores_the_request_to_end)
   EXPECT_EQ((Lines{"up"}), handler.out);
 }
 
-namespace
-{
-/// Gone, or a zombie that its new parent has not taken yet.
-bool has_ended(pid_t pid)
-{
-  const std::string path = "/proc/" + std::to_string(pid) + "/stat";
-  return !kestrel_test::exists(path) || kestrel_test::read_file(path).find(") Z ") != std::string::npos;
-}
-} // namespace
-
 TEST(Tool_End, terminates_the_whole_process_group)
 {
   Temp_Dir dir;
@@ -132,9 +124,7 @@ TEST(Tool_End, terminates_the_whole_process_group)
     std::this_thread::yield();
   EXPECT_EQ(0, handler.terminate(600));
   const pid_t grandchild = std::stoi(kestrel_test::read_file(dir / "pid"));
-  for (int tries = 0; tries < 1000 && !has_ended(grandchild); ++tries)
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  EXPECT_TRUE(has_ended(grandchild));
+  EXPECT_TRUE(eventually([grandchild] { return has_ended(grandchild); }));
 }
 
 TEST(Tool_End, kills_what_a_failed_tool_left_only_when_asked_to)
@@ -152,9 +142,10 @@ TEST(Tool_End, kills_what_a_failed_tool_left_only_when_asked_to)
       handler.kill_group_on_failure();
     run(handler, make_fake_tool(dir, "tool", "grandchild 600000 " + (dir / "pid") + "\n" + each.end));
     const pid_t grandchild = std::stoi(kestrel_test::read_file(dir / "pid"));
-    for (int tries = 0; each.killed && tries < 1000 && !has_ended(grandchild); ++tries)
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    EXPECT_EQ(each.killed, has_ended(grandchild)) << each.end;
+    if (each.killed)
+      EXPECT_TRUE(eventually([grandchild] { return has_ended(grandchild); })) << each.end;
+    else
+      EXPECT_FALSE(has_ended(grandchild)) << each.end;
     ::kill(grandchild, SIGKILL);
   }
 }
@@ -243,7 +234,8 @@ TEST(Tool_End, notes_when_output_last_came)
   const int64_t at_spawn = handler.last_activity_msec();
   EXPECT_GT(at_spawn, 0);
   const ACE_Time_Value seconds(20);
-  EXPECT_EQ(-1, handler.wait(&seconds));
+  while (handler.out.empty()) // delivered within the waits
+    ASSERT_EQ(-1, handler.wait(&seconds));
   const int64_t first = handler.last_activity_msec();
   EXPECT_GE(first, at_spawn);
   EXPECT_EQ(-1, handler.wait(&seconds));
