@@ -103,7 +103,7 @@ TEST_F(Tool_Watch_Of_A_Tool, without_a_grace_ends_a_busy_tool_at_the_cancel)
 {
   Log_Capture log;
   start_tool("out_lines 3 busy\nhang\n");
-  wait_until([&] { return handler_.lines == 3; });
+  ASSERT_TRUE(eventually([&] { return handler_.lines == 3; }));
   kestrel::Tool_Watch watch(*job_, handler_, "osrexp", 0);
   watch.touch();
   watch.check();
