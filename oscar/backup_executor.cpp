@@ -12,6 +12,7 @@
 #include "oscar/backup_action_handler.h"
 #include "oscar/backup_event_handler.h"
 #include "oscar/brcmd_common.h"
+#include "oscar/cluster_gate.h"
 #include "oscar/dump_directory.h"
 #include "oscar/logical_job.h"
 #include "oscar/storage_options.h"
@@ -47,8 +48,8 @@ std::string directory_name(const std::string& prefix, const std::string& databas
   return name;
 }
 
-std::string file_name(const Backup_Source_Collector::Source& source, const char* level, const std::string& time,
-                      unsigned seq)
+std::string file_name(const Backup_Source_Collector::Source& source, const char* level,
+                      const std::string& time, unsigned seq)
 {
   const int number = static_cast<int>(seq);
   std::string name;
@@ -89,7 +90,7 @@ struct Backup_Executor::Run {
   Oscar_Metadata metadata;
 };
 
-Backup_Executor::Backup_Executor(Job& job) : Job_Executor_T(job), cluster_(!def_.rsrc_form().empty()) {}
+Backup_Executor::Backup_Executor(Job& job) : Job_Executor_T(job) {}
 
 Backup_Executor::~Backup_Executor() = default;
 
@@ -99,16 +100,11 @@ bool Backup_Executor::is_active(const Values*)
                          "it has logged the entry; those before it still count");
   if (sources_.sources().empty())
     return fail(ALERT_NO_SOURCE, "No oscar database to backup.\n");
-  // A cluster job counts as active so that its run fails in sight of the user instead of being skipped.
-  return true;
+  return cluster_lets_backup_run(def_, sources_.sources().back().servername, false);
 }
 
 bool Backup_Executor::execute_i(const Values*)
 {
-  if (cluster_) {
-    report_cluster_job(job_);
-    return false;
-  }
   const std::shared_ptr<ACE_Thread_Mutex> mutex = Job_Mutex::get(src_->id());
   if (!mutex)
     return false;
@@ -218,15 +214,15 @@ void Backup_Executor::init_destination_files(const std::string& prefix, unsigned
     string_sprintf(directory, "%s/%s", root.c_str(), directory_name(prefix, source.dbname).c_str());
     if (make_dirs(directory.c_str(), Dump_Directory::MODE) != 0)
       ACE_ERROR((LM_ERROR, "Failed to create directory %s, errno=%d, %m\n", directory.c_str(), errno));
-    files.push_back({source.dbname, source.schema, source.table,
-                     directory + file_name(source, level, time, seq)});
+    files.push_back(
+        {source.dbname, source.schema, source.table, directory + file_name(source, level, time, seq)});
   }
 }
 
 bool Backup_Executor::find_login(Instance_Manager& manager, Run& run)
 {
-  if (manager.get_account("oscar", server_name(), def_.uid(), run.input.username, run.input.password, nullptr) <
-      0)
+  if (manager.get_account("oscar", server_name(), def_.uid(), run.input.username, run.input.password,
+                          nullptr) < 0)
     return fail(ALERT_ACCOUNT, "Fail to get oscar login info.\n");
   if (run.input.username.empty() || run.input.password.empty())
     return fail(ALERT_ACCOUNT, "The username or password of oscar is empty.\n");
@@ -290,7 +286,8 @@ bool Backup_Executor::put_tablespaces(Run& run)
   if (!get_instance_port(input.oscar_home.c_str(), input.instance.c_str(), port))
     return fail(ALERT_STEP, "Failed to get port\n");
   std::vector<std::string> names;
-  if (!read_tablespaces(job_, input.oscar_home, input.instance, input.username, input.password, port, names)) {
+  if (!read_tablespaces(job_, input.oscar_home, input.instance, input.username, input.password, port,
+                        names)) {
     raise_logical_alert(job_, ALERT_STEP); // logged there; without the list the set could not be restored
     return false;
   }

@@ -68,7 +68,6 @@ private:
   std::string server_name() const;
 
   Backup_Source_Collector sources_;
-  const bool cluster_;
   std::string uuid_;
   std::vector<MTF::Stored_Member> members_; // of the stored archive
   JSON_HTTP_Session session_;

@@ -12,6 +12,7 @@
 #include "oscar/brcmd_set_record.h"
 #include "oscar/brcmd_storage.h"
 #include "oscar/brcmd_tool_run.h"
+#include "oscar/cluster_gate.h"
 #include "oscar/oscar_job_creator.h"
 #include "oscar/stream_storage.h"
 #include "oscar/utils.h"
@@ -43,7 +44,7 @@ struct Oscar_Brcmd_Backup_Executor::Run {
 };
 
 Oscar_Brcmd_Backup_Executor::Oscar_Brcmd_Backup_Executor(Job& job)
-    : Job_Executor_T(job), _port(DEFAULT_PORT), _job_type(def_.subtype()), _cluster(!def_.rsrc_form().empty())
+    : Job_Executor_T(job), _port(DEFAULT_PORT), _job_type(def_.subtype())
 {
 }
 
@@ -66,16 +67,11 @@ bool Oscar_Brcmd_Backup_Executor::is_active(const Values*)
     ACE_ERROR((LM_ERROR, "Source entry is empty.\n"));
     return false;
   }
-  // A cluster job counts as active so that its run fails in sight of the user instead of being skipped.
-  return true;
+  return cluster_lets_backup_run(def_, _collector.sources().back().servername, true);
 }
 
 bool Oscar_Brcmd_Backup_Executor::execute_i(const Values*)
 {
-  if (_cluster) {
-    report_cluster_job(job_);
-    return false;
-  }
   const std::shared_ptr<ACE_Thread_Mutex> mutex = Job_Mutex::get(src_->id());
   if (!mutex)
     return false;

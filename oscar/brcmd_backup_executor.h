@@ -76,7 +76,6 @@ private:
   secure_string _password;
   unsigned short _port;
   Job_Definition_Subtype _job_type;
-  bool _cluster;
   Backup_Source_Collector _collector;
 };
 } // namespace oscar

@@ -79,14 +79,6 @@ bool create_fifo(Job& job, Stream_Fifo& fifo)
   return false;
 }
 
-void report_cluster_job(Job& job)
-{
-  ACE_ERROR((LM_ERROR,
-             "(%P|%t) job %s addresses a cluster resource (rsrc_form \"%s\"); this release "
-             "backs up and restores single instances only, so name the instance and leave rsrc_form out\n",
-             job.definition().id().c_str(), job.definition().rsrc_form().c_str()));
-}
-
 bool find_instance_access(Job& job, const std::string& instance, Unknown_Instance unknown,
                           Instance_Access& access)
 {

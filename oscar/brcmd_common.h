@@ -36,10 +36,6 @@ std::string fifo_path(time_t start_time);
 /// Path of a log that brcmd writes.
 std::string brcmd_log_path(const std::string& name);
 
-/// One line at LM_ERROR for a job that addresses a cluster resource: which node would run it cannot be agreed
-/// here.
-void report_cluster_job(Job& job);
-
 /// What is needed to run tools on an instance.
 struct Instance_Access {
   std::string oscar_home;

@@ -11,6 +11,7 @@
 #include "oscar/brcmd_common.h"
 #include "oscar/brcmd_storage.h"
 #include "oscar/brcmd_tool_run.h"
+#include "oscar/cluster_gate.h"
 #include "oscar/stream_storage.h"
 #include "oscar/utils.h"
 
@@ -46,16 +47,11 @@ bool Oscar_Brcmd_Restore_Executor::is_canceled() const
 
 bool Oscar_Brcmd_Restore_Executor::is_active(const Values*)
 {
-  // A cluster job counts as active so that its run fails in sight of the user instead of being skipped.
-  return true;
+  return cluster_lets_restore_run(def_, target_instance());
 }
 
 bool Oscar_Brcmd_Restore_Executor::execute_i(const Values*)
 {
-  if (!def_.rsrc_form().empty()) {
-    report_cluster_job(job_);
-    return false;
-  }
   const std::shared_ptr<ACE_Thread_Mutex> mutex = Job_Mutex::get(src_->id());
   if (!mutex)
     return false;

@@ -7,6 +7,7 @@
 #include "catalog/catalog_operator.h"
 #include "instances/instance_manager.h"
 #include "oscar/brcmd_common.h"
+#include "oscar/cluster_gate.h"
 #include "oscar/dump_directory.h"
 #include "oscar/logical_job.h"
 #include "oscar/oscar_catalog_queries.h"
@@ -40,16 +41,11 @@ Restore_Executor::~Restore_Executor() = default;
 
 bool Restore_Executor::is_active(const Values*)
 {
-  // A cluster job counts as active so that its run fails in sight of the user instead of being skipped.
-  return true;
+  return cluster_lets_restore_run(def_, target_instance());
 }
 
 bool Restore_Executor::execute_i(const Values*)
 {
-  if (!def_.rsrc_form().empty()) {
-    report_cluster_job(job_);
-    return false;
-  }
   if (!get_latest_info_from_catalog())
     return fail(ALERT_LATEST_INFO, "Failed to get latest info from catalog\n");
   if (!find_instance())
@@ -97,11 +93,12 @@ bool Restore_Executor::get_latest_info_from_catalog()
     return false;
   const Object* const row = choose_logical_row(rows.get_array(), *src_);
   if (!row) {
-    ACE_ERROR((LM_ERROR,
-               "(%P|%t) Restore_Executor: the catalog has no such backup of the %C %C; kestrel backups lists "
-               "what there is\n",
-               object_grade(src_->original()),
-               object_text(src_->original().database, src_->original().schema, src_->original().table).c_str()));
+    ACE_ERROR(
+        (LM_ERROR,
+         "(%P|%t) Restore_Executor: the catalog has no such backup of the %C %C; kestrel backups lists "
+         "what there is\n",
+         object_grade(src_->original()),
+         object_text(src_->original().database, src_->original().schema, src_->original().table).c_str()));
     return false;
   }
   try {

@@ -236,13 +236,15 @@ TEST(Physical_Restore, fails_without_account_instance_or_home)
   bench.log.expect_exactly(LM_ERROR, "Failed to get oscar home.\n");
 }
 
-TEST(Physical_Restore, refuses_a_cluster_job)
+TEST(Physical_Restore, skips_a_cluster_job_that_is_not_chosen_for_this_node)
 {
   Physical_Bench bench;
   kestrel::Job_Definition_Fields fields = bench.restore_fields("full-1");
   fields.rsrc_form = "oscar_cluster";
-  EXPECT_EQ(JOB_STATE_ERROR, bench.run(fields));
-  bench.log.expect(LM_ERROR, "addresses a cluster resource");
+  bench.log.allow(LM_ERROR, "Failed to get ");
+  EXPECT_EQ(JOB_STATE_SKIPPED, bench.run(fields));
+  bench.log.expect_exactly(LM_ERROR, "Failed to get node info of instance PHYS7\n");
+  bench.log.expect_exactly(LM_ERROR, "Wrong node selection state: \n");
 }
 
 TEST(Physical_Restore, kills_a_server_that_ignores_the_request_to_end)
