@@ -90,8 +90,6 @@ bool lock_source(const std::string& source_id, const Job_Run_Hooks& hooks, File_
 const char* refusal_reason(int error_number)
 {
   switch (error_number) {
-  case ENOSYS:
-    return "this version does not run jobs of this type and subtype yet";
   case ENOMEM:
     return "out of memory";
   default:

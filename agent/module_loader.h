@@ -22,7 +22,7 @@ public:
 
   /// Makes the service object `name` ("Oscar_Job_Creator"): calls _make_<name>. `release` receives the function
   /// that must be given the object at the end. Null when the module lacks the factory or the factory refused;
-  /// errno then says why (ENOSYS: this build of the module does not have it).
+  /// errno then says why (ENOMEM, or ENOENT: it has no such function).
   template <class T> T* make(const char* name, void (**release)(void*))
   {
     using Factory = T* (*)(void (**)(void*));
