@@ -58,6 +58,22 @@ void shut_down(const Instance_Files& files)
     throw Failure("the server does not end");
 }
 
+/// How the database keeps a new object's name. Agents write names without quotes, as the catalog shows them:
+/// capitals among small letters are meant, a word in one case is an ordinary name.
+std::string stored_name(const std::string& word)
+{
+  if (word[0] == '"') {
+    std::string name;
+    for (std::size_t i = 1; i + 1 < word.size(); ++i) {
+      name += word[i];
+      if (word[i] == '"')
+        ++i;
+    }
+    return name;
+  }
+  return word == to_upper(word) ? to_lower(word) : word;
+}
+
 /// OSCAR keeps a tablespace in a data file, PostgreSQL in a directory: PATH becomes an empty file that stands
 /// for the data file, and the data go into the directory PATH.d.
 void create_tablespace(Connection& connection, const Instance_Files& files, const std::string& name,
@@ -66,6 +82,10 @@ void create_tablespace(Connection& connection, const Instance_Files& files, cons
   if (datafile.empty() || datafile[0] != '/')
     throw Failure("the path of a data file must be absolute");
   const std::string location = datafile + ".d";
+  // OSCAR's own tablespaces, USERS among them, are not all tablespaces of the server.
+  if (connection.query("select 1 from oscar_sys.sys_tablespace where tsname = oscar_sys.fold($1)", {name})
+          .rows() != 0)
+    throw Failure("tablespace \"" + name + "\" already exists");
   if (path_exists(datafile) || path_exists(location))
     throw Failure("data file " + datafile + " already exists");
   const Owner owner = owner_of(files.data());
@@ -74,7 +94,7 @@ void create_tablespace(Connection& connection, const Instance_Files& files, cons
     give_to(datafile, owner);
     make_directory(location, 0700);
     give_to(location, owner);
-    connection.query("create tablespace " + name + " location " + quote_literal(location));
+    connection.query("create tablespace " + quote_identifier(name) + " location " + quote_literal(location));
   } catch (...) {
     ::rmdir(location.c_str());
     ::unlink(datafile.c_str());
@@ -86,7 +106,11 @@ std::string run_statement(Connection& connection, const Instance_Files& files, c
 {
   static const std::regex shutdown_form(R"(\s*shutdown(\s+immediate)?\s*;?\s*)", std::regex::icase);
   static const std::regex tablespace_form(
-      R"re(\s*create\s+tablespace\s+("[^"]+"|\w+)\s+datafile\s+'([^']*)'\s*;?\s*)re", std::regex::icase);
+      R"re(\s*create\s+tablespace\s+("(?:[^"]|"")+"|[^\s"';]+)\s+datafile\s+'([^']*)'\s*;?\s*)re",
+      std::regex::icase);
+  static const std::regex schema_form(
+      R"re(\s*create\s+schema\s+(if\s+not\s+exists\s+)?("(?:[^"]|"")+"|[^\s"';]+)\s*;?\s*)re",
+      std::regex::icase);
   std::smatch match;
   if (std::regex_match(statement, shutdown_form)) {
     if (connection.value("select pg_catalog.current_setting('is_superuser')") != "on")
@@ -95,8 +119,13 @@ std::string run_statement(Connection& connection, const Instance_Files& files, c
     return "SHUTDOWN\n";
   }
   if (std::regex_match(statement, match, tablespace_form)) {
-    create_tablespace(connection, files, match[1], match[2]);
+    create_tablespace(connection, files, stored_name(match[1]), match[2]);
     return "CREATE TABLESPACE\n";
+  }
+  if (std::regex_match(statement, match, schema_form)) {
+    connection.query(std::string("create schema ") + (match[1].matched ? "if not exists " : "") +
+                     quote_identifier(stored_name(match[2])));
+    return "CREATE SCHEMA\n";
   }
   return format_result(connection.query(statement));
 }

@@ -34,6 +34,7 @@ create view oscar_sys.sys_tablespace as
   select case spcname when 'pg_global' then 'SYSTEM' when 'pg_default' then 'USERS'
                       else oscar_sys.fold(spcname::text) end as tsname, 'p'::text as tskind
   from pg_catalog.pg_tablespace
+  where spcname <> 'pg_default' or pg_catalog.current_setting('oscar.users_tablespace', true) is distinct from 'none'
   union all values ('AUDIT', 'p'), ('CDC', 'p'), ('UNDO', 'u'), ('TEMP', 't');
 
 create table oscar_sys.ha_node (node_id integer primary key, address text not null, status text not null);

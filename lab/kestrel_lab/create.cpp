@@ -192,7 +192,7 @@ void initialise_cluster(const Instance_Files& files, const Owner& owner)
   give_to(files.data() + "/pg_hba.conf", owner);
 }
 
-void fill_database(const Instance_Files& files, const Account& account)
+void fill_database(const Instance_Files& files, const Account& account, bool users_tablespace)
 {
   {
     Connection connection = connect_as_system(files, "postgres");
@@ -206,12 +206,15 @@ void fill_database(const Instance_Files& files, const Account& account)
     connection.query("create role " + quote_identifier(account.user) + " superuser login password " + secret);
     connection.query("create role guest login");
     connection.query(std::string("create database ") + database_name);
+    if (!users_tablespace)
+      connection.query(std::string("alter database ") + database_name +
+                       " set oscar.users_tablespace = 'none'");
   }
   connect_as_system(files).query(catalog_sql);
 }
 
 void make_instance(const Instance_Files& files, const Instance_Conf& conf, const Account& account,
-                   const Owner& owner)
+                   const Owner& owner, bool users_tablespace)
 {
   make_directory(files.directory(), 0750);
   give_to(files.directory(), owner);
@@ -228,7 +231,7 @@ void make_instance(const Instance_Files& files, const Instance_Conf& conf, const
   write_conf(files, conf);
   remove_tree(files.incomplete_mark());
   start_server(files);
-  fill_database(files, account);
+  fill_database(files, account, users_tablespace);
   stop_server(files);
 }
 
@@ -254,7 +257,8 @@ void remove_instance(const Instance_Files& files)
 
 int create_command(const Arguments& arguments)
 {
-  arguments.only({"--port", "--archive-log", "--user", "--password-file", "--os-user", "--no-init-script"},
+  arguments.only({"--port", "--archive-log", "--user", "--password-file", "--os-user", "--no-init-script",
+                  "--no-users-tablespace"},
                  "with create");
   const Instance_Files files = instance_operands(arguments);
   const std::string mode = arguments.value("--archive-log", "on");
@@ -275,7 +279,7 @@ int create_command(const Arguments& arguments)
   require_reachable(files, owner, account_name);
   make_home(files);
   try {
-    make_instance(files, conf, account, owner);
+    make_instance(files, conf, account, owner, !arguments.has("--no-users-tablespace"));
     if (account.generated)
       replace_file(files.home + "/admin/" + files.name + ".password", account.password + "\n", 0600);
     if (init_script)

@@ -27,6 +27,7 @@ constexpr const char* usage =
     "                                 HOME/admin/INSTANCE.password\n"
     "             --os-user NAME      account of the server when run as root, default postgres\n"
     "             --no-init-script    as root: no /etc/init.d/oscardb_INSTANCEd\n"
+    "             --no-users-tablespace  the tablespace USERS does not exist until somebody creates it\n"
     "  start    start the server; returns when logins work\n"
     "  stop     shut it down\n"
     "  load     --megabytes N [--seed S]   add about N MB of rows that depend on S only\n"
@@ -35,20 +36,29 @@ constexpr const char* usage =
     "             deleted, a table created and an older one dropped; depends on the rows and S only\n"
     "  check    row count and checksum of every user table and schema, as JSON\n"
     "             --objects           and how many objects of each kind a schema has\n"
-    "             --schema NAME       tables of this schema only, without its name and their places: two "
-    "schemas\n"
-    "                                 with the same rows give the same text; NAME as the database keeps it\n"
+    "             --schema NAME       tables of this schema only, without its name and their places: two\n"
+    "                                 schemas with the same rows give the same text; NAME as the database "
+    "keeps it\n"
     "  sql      STATEMENT   run a statement as the system user\n"
     "  destroy  stop the server and remove the instance with all its files\n"
     "Without systemd and without the start script, put HOME/systemctl-bin first on the PATH of an agent.\n";
 
 constexpr std::uint64_t default_seed = 1;
 
-const std::vector<Option> options = {
-    {"--port", true},    {"--archive-log", true},     {"--user", true},      {"--password-file", true},
-    {"--os-user", true}, {"--no-init-script", false}, {"--megabytes", true}, {"--percent", true},
-    {"--seed", true},    {"--rich", false},           {"--schema", true},    {"--objects", false},
-    {"--help", false}};
+const std::vector<Option> options = {{"--port", true},
+                                     {"--archive-log", true},
+                                     {"--user", true},
+                                     {"--password-file", true},
+                                     {"--os-user", true},
+                                     {"--no-init-script", false},
+                                     {"--no-users-tablespace", false},
+                                     {"--megabytes", true},
+                                     {"--percent", true},
+                                     {"--seed", true},
+                                     {"--rich", false},
+                                     {"--schema", true},
+                                     {"--objects", false},
+                                     {"--help", false}};
 
 int start_command(const Arguments& arguments)
 {

@@ -308,8 +308,11 @@ void Import::plan_table()
   drop_check_constraints({record_.schema});
   if (!in_place)
     plan_table_move(!relation_kind(connection_, record_.schema, record_.table).empty());
-  else if (!schema_exists(connection_, schema_))
-    throw Failure("schema " + shown_name(schema_) + " does not exist; create it first");
+  else if (!schema_exists(connection_, schema_)) {
+    if (!request_.recreate_schema)
+      throw Failure("schema " + shown_name(schema_) + " does not exist; create it first");
+    script_.before += "create schema " + quote_identifier(schema_) + ";\n";
+  }
 }
 
 std::string Import::run(const std::string& instance)

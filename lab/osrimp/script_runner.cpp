@@ -18,6 +18,13 @@ constexpr const char* lock_limit = "set lock_timeout = 60000;";
 /// The server looks for a lost client, so that a killed import lets go of its locks.
 constexpr const char* client_check = "set client_connection_check_interval = 1000;\n";
 
+/// psql went away; it knows why.
+class Reader_Gone : public Failure
+{
+public:
+  using Failure::Failure;
+};
+
 struct Pipe {
   Descriptor read_end;
   Descriptor write_end;
@@ -31,6 +38,20 @@ Pipe make_pipe()
   return Pipe{Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
+void send(int to, const std::string& text)
+{
+  std::size_t sent = 0;
+  while (sent < text.size()) {
+    const ssize_t count = ::write(to, text.data() + sent, text.size() - sent);
+    if (count < 0 && errno == EPIPE)
+      throw Reader_Gone("psql ended early");
+    if (count < 0 && errno != EINTR)
+      fail_errno("cannot write the script");
+    if (count > 0)
+      sent += static_cast<std::size_t>(count);
+  }
+}
+
 /// Passes the archive's script on. Its head switches the limit on lock waits off; that one line is changed.
 void pass_on(int from, int to)
 {
@@ -41,11 +62,13 @@ void pass_on(int from, int to)
   const auto found = head.find(unlimited);
   if (found != std::string::npos)
     head.replace(found, unlimited.size(), lock_limit);
-  write_all(to, head.data(), head.size(), "the script");
+  send(to, head);
   for (;;) {
     const ssize_t count = ::splice(from, nullptr, to, nullptr, 1 << 20, SPLICE_F_MOVE);
     if (count == 0)
       return;
+    if (count < 0 && errno == EPIPE)
+      throw Reader_Gone("psql ended early");
     if (count < 0 && errno != EINTR)
       fail_errno("cannot pass the script on");
   }
@@ -84,21 +107,18 @@ std::vector<std::string> run_script(const Import_Script& script, int file, const
                       pipe.read_end.get(), -1);
   pipe.read_end.reset();
   try {
-    const std::string before = "begin;\n" + std::string(client_check) + lock_limit + "\n" +
-                               "set maintenance_work_mem = '256MB';\nset search_path = '';\n" + script.before;
-    write_all(pipe.write_end.get(), before.data(), before.size(), "the script");
+    send(pipe.write_end.get(), "begin;\n" + std::string(client_check) + lock_limit + "\n" +
+                                   "set maintenance_work_mem = '256MB';\nset search_path = '';\n" +
+                                   script.before);
     if (!script.entries.empty())
       send_archive(script, file, login, pipe.write_end.get());
-    const std::string after = "\n" + std::string(lock_limit) + "\n" + script.after + "commit;\n";
-    write_all(pipe.write_end.get(), after.data(), after.size(), "the script");
-  } catch (const Failure& failure) {
-    // psql that went away first has the reason; one that waits for more is stopped before it sees an end.
-    const bool went_away = errno == EPIPE;
-    if (!went_away)
-      psql.kill();
-    pipe.write_end.reset();
-    if (went_away && !psql.wait())
-      throw Failure(psql.error());
+    send(pipe.write_end.get(), "\n" + std::string(lock_limit) + "\n" + script.after + "commit;\n");
+  } catch (const Reader_Gone&) {
+    if (psql.wait())
+      throw;
+    throw Failure(psql.error());
+  } catch (const Failure&) {
+    psql.kill(); // before it sees an end of the script
     throw;
   }
   pipe.write_end.reset();
