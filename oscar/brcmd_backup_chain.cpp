@@ -1,6 +1,5 @@
 #include "oscar/brcmd_backup_executor.h"
 
-#include "base/clock.h"
 #include "base/snprintf_t.h"
 #include "catalog/catalog_operator.h"
 #include "jobs/tool_watch.h"
@@ -8,7 +7,6 @@
 #include "oscar/oscar_cmd_handler.h"
 #include "oscar/utils.h"
 
-#include <ace/ACE.h>
 #include <ace/Log_Msg.h>
 
 // The part of a backup that deals with the chain: where it stands before and after, and whether it can be
@@ -18,7 +16,6 @@ namespace oscar
 namespace
 {
 constexpr int STOP_POLLS = 60;
-constexpr int64_t STOP_POLL_MSEC = 1000;
 
 /// Why the newest matching set cannot carry on a chain in this pool; null when it can.
 const char* obstacle_to_chain(const json_spirit::Value& result, const std::string& pool_id)
@@ -116,11 +113,6 @@ bool Oscar_Brcmd_Backup_Executor::stop_instance()
     ACE_ERROR((LM_ERROR, "Failed to to shutdown instance.\n"));
     return false;
   }
-  for (int poll = 0; poll < STOP_POLLS; ++poll) {
-    kestrel::clock().sleep_msec(STOP_POLL_MSEC);
-    if (ACE::process_active(pid) == 0)
-      return true;
-  }
-  return false;
+  return wait_process_gone(pid, STOP_POLLS);
 }
 } // namespace oscar

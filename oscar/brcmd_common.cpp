@@ -2,8 +2,10 @@
 
 #include <memory>
 
+#include <ace/ACE.h>
 #include <ace/Log_Msg.h>
 
+#include "base/clock.h"
 #include "base/ignore_result.h"
 #include "base/path_conf.h"
 #include "instances/instance_manager.h"
@@ -18,6 +20,7 @@ namespace oscar
 namespace
 {
 constexpr int ALERT_CATEGORY = 7;
+constexpr int64_t GONE_POLL_MSEC = 1000;
 
 struct tm local_time(time_t time)
 {
@@ -107,6 +110,16 @@ bool find_instance_access(Job& job, const std::string& instance, Unknown_Instanc
     return false;
   }
   return true;
+}
+
+bool wait_process_gone(int pid, int polls)
+{
+  for (int poll = 0; poll < polls; ++poll) {
+    kestrel::clock().sleep_msec(GONE_POLL_MSEC);
+    if (ACE::process_active(pid) == 0)
+      return true;
+  }
+  return false;
 }
 
 void restart_instance(const std::string& oscar_home, const std::string& instance)

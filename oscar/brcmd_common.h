@@ -52,6 +52,9 @@ enum class Unknown_Instance { SILENT, ALERT };
 [[nodiscard]] bool find_instance_access(Job& job, const std::string& instance, Unknown_Instance unknown,
                                         Instance_Access& access);
 
+/// Looks once a second, at most that many times, whether the process is gone; true as soon as it is. One that
+/// may not be signalled counts as there.
+[[nodiscard]] bool wait_process_gone(int pid, int polls);
 /// Starts the instance that was stopped for the job. A start that fails does not change the job's result: one
 /// line at LM_ERROR says what to do.
 void restart_instance(const std::string& oscar_home, const std::string& instance);

@@ -27,7 +27,6 @@ namespace
 {
 constexpr unsigned short DEFAULT_PORT = 2003;
 constexpr int STOP_POLLS = 10;
-constexpr int64_t STOP_POLL_MSEC = 1000;
 } // namespace
 
 Oscar_Brcmd_Restore_Executor::Oscar_Brcmd_Restore_Executor(Job& job)
@@ -167,24 +166,14 @@ bool Oscar_Brcmd_Restore_Executor::stop_instance()
     ACE_ERROR((LM_ERROR, "Failed to kill pid %d with SIGTERM, errno=%d, %m\n", pid, errno));
     return false;
   }
-  if (wait_gone(pid))
+  if (wait_process_gone(pid, STOP_POLLS))
     return true;
   if (ACE::terminate_process(pid) != 0 && errno != ESRCH) {
     raise_physical_alert(job_, 19);
     ACE_ERROR((LM_ERROR, "Failed to kill pid %d with SIGKILL, errno=%d, %m\n", pid, errno));
     return false;
   }
-  return wait_gone(pid);
-}
-
-bool Oscar_Brcmd_Restore_Executor::wait_gone(int pid) const
-{
-  for (int poll = 0; poll < STOP_POLLS; ++poll) {
-    kestrel::clock().sleep_msec(STOP_POLL_MSEC);
-    if (ACE::process_active(pid) == 0)
-      return true;
-  }
-  return false;
+  return wait_process_gone(pid, STOP_POLLS);
 }
 
 bool Oscar_Brcmd_Restore_Executor::restore_sets(const Client_IO_Base::Options& options, Stream_Fifo& fifo)

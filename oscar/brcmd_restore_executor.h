@@ -53,7 +53,6 @@ private:
                  Stream_Progress& progress);
 
   bool get_latest_info_from_catalog();
-  bool wait_gone(int pid) const;
   std::string brcmd_command(const Stream_Fifo& fifo) const;
   /// The instance that is restored.
   std::string target_instance() const;
