@@ -1,5 +1,6 @@
 #include "oscar/restore_executor.h"
 
+#include "archive/archive_format.h"
 #include "archive/mtf.h"
 #include "base/ignore_result.h"
 #include "base/snprintf_t.h"
@@ -153,9 +154,9 @@ bool Restore_Executor::set_dump_file(const std::string& dump_directory)
 {
   const Oscar_Backup_File* const file = choose_backup_file(backup_, src_->original());
   const std::string name = file ? kestrel::archive_member_name(file->file) : std::string();
-  if (name.empty()) {
-    ACE_ERROR((LM_ERROR, "Invalid catalog data: %s\n",
-               file ? "the dump file's name is none" : "no dump file holds the object"));
+  std::string reason = "no dump file holds the object";
+  if (!file || !kestrel::is_archive_member_name(name, reason)) {
+    ACE_ERROR((LM_ERROR, "Invalid catalog data: %s\n", reason.c_str()));
     return false;
   }
   recorded_file_ = file->file;

@@ -41,9 +41,8 @@ public:
   /// Something of enum Event happened. The result is not used; the base returns 0.
   virtual int notify_event(unsigned event, const Opts& opts);
   /// Called whenever the percentage changes, at the start with 0 and at the end of a good transfer with 100:
-  /// `a` bytes of the files have moved, out of `b`; a backup has stored `c` bytes so far, a restore has read
-  /// `c` bytes of the archive.
-  /// The result is not used; the base returns 0.
+  /// of `a` bytes of files `b` have moved; `c` bytes have entered or left the storage. The result is not
+  /// used; the base returns 0.
   virtual int handle_progress(int progress, unsigned long long a, unsigned long long b, unsigned long long c);
   /// Asked between blocks; true ends the transfer with failure and without its post-action. The base: false.
   virtual bool canceling();

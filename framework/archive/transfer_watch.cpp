@@ -46,7 +46,7 @@ void Transfer_Watch::moved(uint64_t done, uint64_t total, uint64_t file_bytes, u
   if (handler_ == nullptr || percent == percent_)
     return;
   percent_ = percent;
-  ignore_result(handler_->handle_progress(percent, file_bytes, all_file_bytes, other_bytes),
+  ignore_result(handler_->handle_progress(percent, all_file_bytes, file_bytes, other_bytes),
                 "a transfer goes on without anybody looking");
 }
 

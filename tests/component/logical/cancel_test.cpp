@@ -40,8 +40,8 @@ const Stage backup_stages[] = {
        bench.set_tool("osrexp", "write_file " + (bench.dir / "up") + " x\nout_lines 100000000 row\n");
      }},
     {"transfer", [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
-       bench.set_tool("osrexp", "write_pattern ${prefix:file=} 40000000\nwrite_file " + (bench.dir / "up") + " x\n");
-       fields.rate_limits.write_limit(20000);
+       bench.set_tool("osrexp", "write_pattern ${prefix:file=} 4000000\nwrite_file " + (bench.dir / "up") + " x\n");
+       fields.rate_limits.write_limit(5000);
      }},
     {"list of tablespaces", [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
        bench.set_tool("isql", hang(bench));
@@ -60,7 +60,7 @@ const Stage restore_stages[] = {
      }},
     {"transfer", [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
        fields.pre_action = "touch " + (bench.dir / "up");
-       fields.rate_limits.read_limit(20000);
+       fields.rate_limits.read_limit(5000);
      }},
     {"import", [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
        bench.set_osrimp("2.6.0", hang(bench));
@@ -113,7 +113,7 @@ TEST(Logical_Cancel, at_every_stage_of_a_restore_leaves_no_dump_and_the_next_one
     for (const Stage& stage : restore_stages) {
       SCOPED_TRACE(stage.name);
       Logical_Bench bench(100);
-      bench.set_osrexp(40000000);
+      bench.set_osrexp(4000000);
       bench.set_tablespaces({"TS1"});
       bench.back_up(LEVELS);
       kestrel::Job_Definition_Fields fields = bench.restore_fields("S");
