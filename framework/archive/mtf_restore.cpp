@@ -65,6 +65,7 @@ private:
   bool choosing_ = false;
   std::set<std::string> chosen_; // paths as the record has them
   uint64_t chosen_size_ = 0;
+  uint64_t archive_bytes_ = 0; // read so far
 };
 
 bool MTF_Restore::Work::fail(const std::string& reason)
@@ -162,6 +163,7 @@ bool MTF_Restore::Work::check_record(const kestrel::Archive_Record& record)
 
 void MTF_Restore::Work::moved(uint64_t done, uint64_t total, uint64_t archive_bytes)
 {
+  archive_bytes_ = archive_bytes;
   watch_.moved(done, total, size_, chosen_size_, archive_bytes);
 }
 
@@ -227,6 +229,7 @@ bool MTF_Restore::Work::read_all(kestrel::Restored_Files* files)
     if (is_chosen(file.member.path))
       members_.push_back(file.member);
   set_size_ = client_.original_size();
+  archive_bytes_ = set_size_;
   set_storage_size_ = client_.storage_size();
   original_checksum_ = client_.original_checksum();
   storage_checksum_ = client_.storage_checksum();
@@ -305,7 +308,7 @@ bool MTF_Restore::Work::run(const std::string* directory)
   if (verifying_) {
     if (!go_on() || !connect() || !read_all(nullptr))
       return false;
-    watch_.finish(size_, set_size_);
+    watch_.finish(size_, archive_bytes_);
     return true;
   }
   if (!kestrel::run_pre_action(action_, error_))
@@ -319,7 +322,7 @@ bool MTF_Restore::Work::run(const std::string* directory)
   }
   if (!kestrel::run_post_action(action_, error_))
     return false;
-  watch_.finish(size_, set_size_);
+  watch_.finish(size_, archive_bytes_);
   return true;
 }
 

@@ -6,18 +6,6 @@
 
 namespace kestrel_test
 {
-int Hasty_File_System::fsync(int fd)
-{
-  struct stat status;
-  return fstat(fd, &status);
-}
-
-int Hasty_File_System::fsync_directory(const char* path)
-{
-  struct stat status;
-  return stat(path, &status);
-}
-
 bool Storage_Fixture::store(const std::string& name, const std::string& content, std::string& error,
                             unsigned piece)
 {

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "base/file_system.h"
 #include "storage/client_io.h"
+#include "support/hasty_file_system.h"
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -11,18 +11,6 @@
 
 namespace kestrel_test
 {
-/// The real file system without the waiting for the disk: what a power failure would leave is nothing that a
-/// test sees.
-class Hasty_File_System : public kestrel::File_System
-{
-public:
-  int fsync(int fd) override;
-  int fsync_directory(const char* path) override;
-
-private:
-  kestrel::Scoped_File_System scope_{*this};
-};
-
 /// A pool in a temporary directory, with the short forms that most storage tests need.
 class Storage_Fixture : public testing::Test
 {
