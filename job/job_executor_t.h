@@ -2,6 +2,7 @@
 
 #include "jobs/job.h"
 #include "jobs/job_event.h"
+#include "jobs/tool_watch.h"
 #include "process/script.h"
 
 #include <ace/Log_Msg.h>
@@ -12,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 /// The base of every executor: the sequence that each run of a job goes through, around the executor's own
 /// work. An executor lives for one call only (one run, one removal, one update...), so it keeps nothing
@@ -48,7 +50,7 @@ protected:
   /// A job that was cancelled or paused while the script ran does not go on to its work.
   virtual bool execute_pre_action()
   {
-    const bool ok = execute_script(def_.pre_action(), false, job_.log_msg_callback());
+    const bool ok = run_script(def_.pre_action(), job_.log_msg_callback());
     return (ok || def_.ignore_pre_action_failure()) && act_->state == JOB_STATE_RUNNING;
   }
 
@@ -63,7 +65,7 @@ protected:
       kestrel::ignore_result(job_.state(JOB_STATE_COMPLETING),
                              "the record is set even if nobody hears of it");
     }
-    const bool ok = execute_script(def_.post_action(), false, job_.log_msg_callback());
+    const bool ok = run_script(def_.post_action(), job_.log_msg_callback());
     return ok || def_.ignore_post_action_failure();
   }
 
@@ -103,10 +105,18 @@ public:
   /// log.
   bool execute_precondition()
   {
-    return execute_script(def_.precondition(), false, std::shared_ptr<ACE_Log_Msg_Callback>());
+    return run_script(def_.precondition(), std::shared_ptr<ACE_Log_Msg_Callback>());
   }
 
 private:
+  /// A script that hangs is ended once its job is cancelled.
+  bool run_script(const std::string& script, std::shared_ptr<ACE_Log_Msg_Callback> callback)
+  {
+    return kestrel::execute_watched_script(script, std::move(callback), [this](Text_Process_Handler& handler) {
+      return std::make_shared<kestrel::Tool_Watch>(job_, handler, "script");
+    });
+  }
+
   void end_idle()
   {
     const time_t now = kestrel::clock().now();

@@ -7,6 +7,8 @@
 
 #include <ace/OS_NS_sys_stat.h>
 
+#include "base/descriptor.h"
+
 namespace oscar
 {
 namespace
@@ -66,6 +68,22 @@ void Stream_Fifo::release_open(Side opener_side)
     if (fd >= 0)
       ::close(fd);
     changed_.wait_for(lock, RELEASE_RETRY, [this] { return past_open_; });
+  }
+}
+
+void Stream_Fifo::disturb_stream(Side opener_side)
+{
+  const int flags = (opener_side == Side::READER ? O_WRONLY : O_RDONLY) | O_NONBLOCK | O_CLOEXEC;
+  const kestrel::Auto_Fd fd(::open(path_.c_str(), flags));
+  if (fd.get() < 0)
+    return;
+  // As much as a pipe holds, so that a reader that waits for more than one piece goes on too.
+  char block[4096] = {};
+  for (unsigned blocks = 0; blocks < 16; ++blocks) {
+    const ssize_t count = opener_side == Side::READER ? ::write(fd.get(), block, sizeof block)
+                                                      : ::read(fd.get(), block, sizeof block);
+    if (count <= 0)
+      return;
   }
 }
 } // namespace oscar

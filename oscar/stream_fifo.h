@@ -43,6 +43,10 @@ public:
   /// Returns once the opener, which opens the given side, is past its open or has given up. By then no
   /// descriptor of ours is left on the other side.
   void release_open(Side opener_side);
+  /// Moves an opener that is past its open and stands still in a read or a write, because a process that has
+  /// gone silent holds the other side: a reader gets zeros, a writer is relieved of what it has written. The
+  /// stream is worth nothing from then on. Does nothing when nobody stands there.
+  void disturb_stream(Side opener_side);
 
 private:
   int open_end(Side side);

@@ -34,8 +34,9 @@ bool cancelled(Job_State state)
 } // namespace
 
 struct Tool_Watch::State {
-  State(Job& job, Text_Process_Handler& handler, std::string tool, int64_t grace_msec)
-      : job(job), handler(handler), tool(std::move(tool)), grace_msec(grace_msec),
+  State(Job& job, Text_Process_Handler& handler, std::string tool, int64_t grace_msec,
+        std::function<void()> free_job)
+      : job(job), handler(handler), tool(std::move(tool)), grace_msec(grace_msec), free_job(std::move(free_job)),
         touched_msec(clock().monotonic_msec())
   {
   }
@@ -48,6 +49,7 @@ struct Tool_Watch::State {
   Text_Process_Handler& handler;
   const std::string tool;
   const int64_t grace_msec;
+  const std::function<void()> free_job;
   std::atomic<int64_t> touched_msec;
   std::atomic<bool> fired{false};
   std::mutex check_mutex;   // one look at a time
@@ -58,8 +60,9 @@ struct Tool_Watch::State {
   std::thread thread;
 };
 
-Tool_Watch::Tool_Watch(Job& job, Text_Process_Handler& handler, std::string tool, int64_t grace_msec)
-    : state_(new State(job, handler, std::move(tool), grace_msec))
+Tool_Watch::Tool_Watch(Job& job, Text_Process_Handler& handler, std::string tool, int64_t grace_msec,
+                       std::function<void()> free_job)
+    : state_(new State(job, handler, std::move(tool), grace_msec, std::move(free_job)))
 {
   try {
     state_->thread = std::thread([this] { state_->run(*this); });
@@ -105,10 +108,14 @@ void Tool_Watch::check()
   const int64_t output_msec = state.handler.last_activity_msec();
   const int64_t last = std::max(state.touched_msec.load(std::memory_order_relaxed), output_msec);
   const int64_t silence_msec = now - last;
-  if (silence_msec < state.grace_msec || now - state.cancel_msec < state.grace_msec || !state.tool_runs()) {
+  if (silence_msec < state.grace_msec || now - state.cancel_msec < state.grace_msec) {
     return;
   }
-  state.terminate(silence_msec);
+  if (state.tool_runs()) {
+    state.terminate(silence_msec);
+  } else if (state.free_job) {
+    state.free_job();
+  }
 }
 
 void Tool_Watch::State::run(Tool_Watch& watch)

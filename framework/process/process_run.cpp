@@ -128,8 +128,10 @@ Process_Run::Process_Run(Text_Process_Handler& handler, unsigned int max_line, i
 Process_Run::~Process_Run()
 {
   Lock lock(mutex_);
+  release_group();
   if (phase_ != Phase::RUNNING)
     return;
+  keeps_group_ = false;
   // The derived handler is gone already.
   stdout_.drop_everything();
   stderr_.drop_everything();
@@ -147,6 +149,7 @@ int Process_Run::spawn(ACE_Process_Ex& process, ACE_Process_Options& options, AC
     errno = EBUSY;
     return -1;
   }
+  release_group();
   phase_ = Phase::NONE;
   result_ = -1;
   result_errno_ = ECHILD;
@@ -358,18 +361,36 @@ void Process_Run::finish()
   changed_.notify_all();
 }
 
-/// Takes the exit status; from here on the pid may be anybody's.
+void Process_Run::kill_group()
+{
+  const Lock lock(mutex_);
+  if (kept_group_ > 1)
+    ignore_result(::kill(-kept_group_, SIGKILL), "nobody may be left in it");
+}
+
+/// From here on the number of the last child's group may be anybody's.
+void Process_Run::release_group()
+{
+  siginfo_t info;
+  while (kept_group_ > 1 && ::waitid(P_PID, static_cast<id_t>(kept_group_), &info, WEXITED) != 0 && errno == EINTR)
+    continue;
+  kept_group_ = -1;
+}
+
+/// Takes the exit status; from here on the pid may be anybody's, unless the group is kept.
 void Process_Run::reap()
 {
+  const bool keep = keeps_group_ && own_group_;
   siginfo_t info;
   info.si_code = 0;
   int result = -1;
   if (!lost_) {
     do
-      result = ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED);
+      result = ::waitid(P_PID, static_cast<id_t>(pid_), &info, keep ? WEXITED | WNOWAIT : WEXITED);
     while (result != 0 && errno == EINTR);
   }
   lost_ = result != 0;
+  kept_group_ = keep && !lost_ ? pid_ : -1;
   pid_ = -1;
   result_ = result == 0 && info.si_code == CLD_EXITED ? info.si_status : -1;
   result_errno_ = lost_ ? ECHILD : result_ < 0 ? ECANCELED : 0;

@@ -65,6 +65,8 @@ public:
   int wait(const ACE_Time_Value* timeout);
   int terminate(unsigned int seconds);
   void kill_group_on_failure() { kills_group_on_failure_ = true; }
+  void keep_group() { keeps_group_ = true; }
+  void kill_group();
   int64_t last_activity_msec() const { return last_activity_msec_.load(); }
 
 private:
@@ -83,17 +85,20 @@ private:
   bool run_is_over();
   void finish();
   void reap();
+  void release_group();
   void signal_child(int signal);
   void wake_pump();
 
   const size_t max_line_;
   const int64_t eof_msec_;
   std::atomic<bool> kills_group_on_failure_{false};
+  std::atomic<bool> keeps_group_{false};
 
   std::mutex mutex_;
   std::condition_variable changed_;
   Phase phase_ = Phase::NONE;
   pid_t pid_ = -1;
+  pid_t kept_group_ = -1; ///< of the last child, which is a zombie still
   bool own_group_ = false;
   bool lost_ = false; ///< somebody else reaped the child: its pid means nothing any more
   int64_t kill_deadline_msec_ = NEVER;

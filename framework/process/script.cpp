@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <unistd.h>
+#include <utility>
 
 namespace
 {
@@ -49,6 +50,12 @@ private:
 
 bool execute_script(const std::string& script, bool /*unused*/, std::shared_ptr<ACE_Log_Msg_Callback> cb)
 {
+  return kestrel::execute_watched_script(script, std::move(cb), kestrel::Script_Watch());
+}
+
+bool kestrel::execute_watched_script(const std::string& script, std::shared_ptr<ACE_Log_Msg_Callback> cb,
+                                     const Script_Watch& watch)
+{
   if (script.empty())
     return true;
   ACE_Process_Options options;
@@ -57,6 +64,7 @@ bool execute_script(const std::string& script, bool /*unused*/, std::shared_ptr<
   ACE_Process_Ex process(PROCESS_STDOUT_PIPE | PROCESS_STDERR_PIPE, nullptr, cb);
   process.arguments({"/bin/sh", "-c", script});
   Script_Output output(cb.get());
+  const std::shared_ptr<void> watching = watch ? watch(output) : nullptr;
   if (output.spawn(&process, options, nullptr) == 0)
     return output.wait(nullptr) == 0;
   const int error = errno;

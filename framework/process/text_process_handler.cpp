@@ -81,6 +81,16 @@ void Text_Process_Handler::kill_group_on_failure()
   run_->kill_group_on_failure();
 }
 
+void Text_Process_Handler::keep_group()
+{
+  run_->keep_group();
+}
+
+void Text_Process_Handler::kill_group()
+{
+  run_->kill_group();
+}
+
 int64_t Text_Process_Handler::last_activity_msec() const
 {
   return run_->last_activity_msec();

@@ -1,4 +1,8 @@
+#include "support/waiting.h"
 #include "unit/jobs/job_fixture.h"
+
+#include <csignal>
+#include <unistd.h>
 
 namespace kestrel_test
 {
@@ -100,6 +104,41 @@ TEST_F(Job_Scripts, the_post_action_runs_always_when_told_so_and_the_result_stay
               fields.run_post_action_always = true;
             }));
   EXPECT_EQ("post\n", marks());
+}
+
+TEST_F(Job_Scripts, that_hang_are_ended_once_their_job_is_canceled)
+{
+  const std::string hanging = "echo $$ >" + (root_ / "shell") + "; exec 2>/dev/null; sleep 600 & wait";
+  const struct {
+    const char* name;
+    std::string kestrel::Job_Definition_Fields::*script;
+    Job_State end;
+  } cases[] = {{"precondition", &kestrel::Job_Definition_Fields::precondition, JOB_STATE_IDLE},
+               {"pre-action", &kestrel::Job_Definition_Fields::pre_action, JOB_STATE_CANCELED},
+               {"post-action", &kestrel::Job_Definition_Fields::post_action, JOB_STATE_CANCELED}};
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.name);
+    kestrel::Job_Definition_Fields fields = plain_fields();
+    fields.*each.script = hanging;
+    job_ = make_job(std::move(fields));
+    ASSERT_EQ(0, job_->start());
+    ASSERT_TRUE(eventually([this] { return exists(root_ / "shell") && !read_file(root_ / "shell").empty(); }));
+    clock_.advance_msec(3600 * 1000);
+    EXPECT_FALSE(job_->wait_end(300)) << "nobody has canceled it yet";
+    EXPECT_EQ(0, job_->stop());
+    ASSERT_TRUE(eventually([this] {
+      clock_.advance_msec(1000);
+      return !job_->running();
+    }));
+    EXPECT_EQ(each.end, job_->state()) << kestrel::job_state_to_string(job_->state());
+    EXPECT_TRUE(log_.expect(LM_WARNING, "but script has been silent for "));
+    EXPECT_TRUE(log_.expect(LM_WARNING, "script has been terminated"));
+    const pid_t shell = std::stoi(read_file(root_ / "shell"));
+    EXPECT_TRUE(eventually([shell] { return ::kill(-shell, 0) != 0; })) << "its children went along";
+    ASSERT_EQ(0, ::unlink((root_ / "shell").c_str()));
+    job_ = Job_Ptr();
+    ASSERT_TRUE(Job::wait_all_runs(30000));
+  }
 }
 
 TEST_F(Job_Scripts, a_stop_during_the_pre_action_is_a_cancel)

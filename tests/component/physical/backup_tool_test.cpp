@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdio>
 
 using namespace kestrel_test;
@@ -399,5 +400,36 @@ TEST(Physical_Backup_Cancel, ends_a_silent_brcmd)
     bench.log.allow(LM_ERROR, "Failed to get backup info head");
     bench.log.allow(LM_ERROR, "brcmd reported a failure");
     bench.expect_recovery();
+  }
+}
+
+TEST(Physical_Backup_Cancel, frees_the_job_from_a_process_that_a_brcmd_without_fault_left_with_the_fifo)
+{
+  for (const char* const given : {"", "put_file STREAM\n"}) {
+    for (const char* const session : {"", " own"}) {
+      SCOPED_TRACE(std::string(given) + session);
+      Physical_Bench bench(200);
+      std::string script = std::string("begin ${option:-f}\n") + given;
+      const size_t at = script.find("STREAM");
+      if (at != std::string::npos)
+        script.replace(at, 6, bench.dir / "stream");
+      bench.set_brcmd(script + "grandchild 600000 " + (bench.dir / "left") + session + "\nexit 0");
+      const Job_Ptr job = bench.make_job(bench.backup_fields());
+      ASSERT_EQ(0, job->start());
+      ASSERT_TRUE(bench.wait_for(bench.dir / "left"));
+      if (at != std::string::npos) {
+        ASSERT_TRUE(bench.wait_streamed(job));
+      }
+      EXPECT_EQ(0, job->stop());
+      EXPECT_EQ(JOB_STATE_CANCELED, bench.wait_end(job));
+      bench.log.expect(LM_WARNING, "brcmd has ended, but a process that it left behind holds the FIFO");
+      bench.log.allow(LM_ERROR, "Failed to get backup info ");
+      bench.log.allow(LM_ERROR, "brcmd reported a failure");
+      const pid_t left = std::stoi(read_file(bench.dir / "left"));
+      if (*session)
+        ::kill(left, SIGKILL); // out of the product's reach
+      EXPECT_TRUE(eventually([left] { return has_ended(left); }));
+      bench.expect_recovery();
+    }
   }
 }

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <unistd.h>
 
@@ -317,6 +318,30 @@ TEST(Physical_Restore_Cancel, ends_a_silent_brcmd)
     bench.log.allow(LM_WARNING, "Tool_Watch: brcmd has been terminated");
     bench.log.allow(LM_ERROR, "Failed to write backup ");
     bench.log.allow(LM_ERROR, "brcmd read all of file ");
+    EXPECT_EQ(1u, bench.starts());
+  }
+}
+
+TEST(Physical_Restore_Cancel, frees_the_job_from_a_process_that_a_brcmd_without_fault_left_with_the_fifo)
+{
+  for (const char* const session : {"", " own"}) {
+    SCOPED_TRACE(session);
+    Physical_Bench bench(200);
+    bench.set_stream(bench.make_good_stream(5000000));
+    bench.back_up();
+    bench.set_brcmd("exit 99", "hold ${option:-f}\ngrandchild 600000 " + (bench.dir / "left") + session + "\nexit 0");
+    const Job_Ptr job = bench.make_job(bench.restore_fields("full-1"));
+    ASSERT_EQ(0, job->start());
+    ASSERT_TRUE(bench.wait_for(bench.dir / "left"));
+    EXPECT_EQ(0, job->stop());
+    EXPECT_EQ(JOB_STATE_CANCELED, bench.wait_end(job));
+    bench.log.allow(LM_WARNING, "brcmd has ended, but a process that it left behind holds the FIFO");
+    bench.log.allow(LM_ERROR, "Failed to write backup ");
+    bench.log.allow(LM_ERROR, "brcmd read all of file ");
+    const pid_t left = std::stoi(read_file(bench.dir / "left"));
+    if (*session)
+      ::kill(left, SIGKILL);
+    EXPECT_TRUE(eventually([left] { return has_ended(left); }));
     EXPECT_EQ(1u, bench.starts());
   }
 }

@@ -127,6 +127,64 @@ TEST(Tool_End, terminates_the_whole_process_group)
   EXPECT_TRUE(eventually([grandchild] { return has_ended(grandchild); }));
 }
 
+TEST(Tool_End, kills_members_of_the_group_that_outlive_a_terminated_leader)
+{
+  Scaled_Clock clock(100); // for the wait for the pipes, which the grandchild holds
+  Temp_Dir dir;
+  Tool_Options options(make_fake_tool(dir, "tool",
+                                      "ignore TERM\ngrandchild 600000 " + (dir / "new") + "\ndefault TERM\ncopy " +
+                                          (dir / "new") + " " + (dir / "pid") + "\nout up\nhang\n"));
+  ACE_Process_Ex process(6, nullptr, no_callback);
+  Collecting_Handler handler;
+  ASSERT_EQ(0, handler.spawn(&process, options, nullptr));
+  ASSERT_TRUE(kestrel_test::wait_for_file(dir / "pid"));
+  const pid_t grandchild = std::stoi(kestrel_test::read_file(dir / "new"));
+  EXPECT_EQ(0, handler.terminate(600));
+  EXPECT_EQ(-1, handler.wait(nullptr));
+  EXPECT_TRUE(eventually([grandchild] { return has_ended(grandchild); }));
+}
+
+TEST(Tool_End, takes_the_whole_group_with_it_when_it_goes)
+{
+  Temp_Dir dir;
+  pid_t grandchild = -1;
+  {
+    Tool_Options options(make_fake_tool(dir, "tool",
+                                        "ignore TERM\ngrandchild 600000 " + (dir / "new") + "\ncopy " +
+                                            (dir / "new") + " " + (dir / "pid") + "\nhang\n"));
+    ACE_Process_Ex process(6, nullptr, no_callback);
+    Collecting_Handler handler;
+    ASSERT_EQ(0, handler.spawn(&process, options, nullptr));
+    ASSERT_TRUE(kestrel_test::wait_for_file(dir / "pid"));
+    grandchild = std::stoi(kestrel_test::read_file(dir / "new"));
+  }
+  EXPECT_TRUE(eventually([grandchild] { return has_ended(grandchild); }));
+}
+
+TEST(Tool_End, can_reach_what_a_tool_left_behind_while_its_group_is_kept)
+{
+  Temp_Dir dir;
+  const std::string tool = make_fake_tool(dir, "tool", "grandchild 600000 " + (dir / "pid_${run}") + "\n");
+  std::vector<pid_t> left;
+  {
+    Collecting_Handler handler(0, 0);
+    handler.keep_group();
+    handler.kill_group(); // nothing ran yet
+    for (int run_number = 1; run_number <= 2; ++run_number) {
+      EXPECT_EQ(0, run(handler, tool));
+      left.push_back(std::stoi(kestrel_test::read_file(dir / ("pid_" + std::to_string(run_number)))));
+      EXPECT_FALSE(has_ended(left.back())) << "a tool that succeeds leaves behind what it likes";
+    }
+    handler.kill_group();
+    EXPECT_TRUE(eventually([&left] { return has_ended(left[1]); }));
+    EXPECT_FALSE(has_ended(left[0])) << "the group of an earlier run was let go";
+    EXPECT_EQ(0, handler.wait(nullptr)) << "the result stays";
+  }
+  ::kill(left[0], SIGKILL);
+  EXPECT_EQ(-1, ::waitpid(-1, nullptr, WNOHANG));
+  EXPECT_EQ(ECHILD, errno) << "the zombie goes with its handler";
+}
+
 TEST(Tool_End, kills_what_a_failed_tool_left_only_when_asked_to)
 {
   struct {

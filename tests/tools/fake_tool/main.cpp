@@ -297,6 +297,11 @@ private:
     ::close(from);
   }
 
+  void hold(const Words& words)
+  {
+    must(::open(words[1].c_str(), O_RDONLY | O_CLOEXEC) >= 0, "cannot read " + words[1]);
+  }
+
   void store(const std::string& path, const std::string& text, int how) const
   {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | how, 0644);
@@ -362,6 +367,8 @@ private:
     const pid_t pid = ::fork();
     must(pid >= 0, "cannot fork");
     if (pid == 0) {
+      if (words.size() > 3)
+        ::setsid();
       sleep_msec(number(words[1]));
       ::_exit(0);
     }
@@ -409,6 +416,7 @@ const std::map<std::string, Player::Entry>& Player::actions()
       {"write_pattern", {3, &Player::write_pattern}},
       {"read_to", {3, &Player::read_to}},
       {"read_some", {3, &Player::read_some}},
+      {"hold", {2, &Player::hold}},
       {"write_file", {3, &Player::write_file}},
       {"append_file", {3, &Player::append_file}},
       {"copy", {3, &Player::copy}},
