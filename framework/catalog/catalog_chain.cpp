@@ -4,26 +4,19 @@
 
 namespace kestrel
 {
-std::string chain_link_missing(const std::string& backup_id, bool is_end)
+namespace
+{
+std::string link_missing(const std::string& backup_id, bool is_end)
 {
   return "Backup " + backup_id + (is_end ? "" : ", on which a later one builds,") + " is not in the catalog";
 }
 
-std::string chain_link_unavailable(const std::string& backup_id, const std::string& reason)
-{
-  return "Backup " + backup_id + " is not available: " + reason;
-}
-
-std::string chain_circle(const std::string& backup_id, const std::string& at)
-{
-  return "The chain of backup " + backup_id + " runs in a circle at " + at;
-}
-
-std::string chain_base_not_full(const std::string& backup_id, const std::string& base_id)
+std::string base_not_full(const std::string& backup_id, const std::string& base_id)
 {
   return "Backup " + base_id + ", on which the differential backup " + backup_id +
          " builds, is not a full backup";
 }
+} // namespace
 
 /// One set as far as its chain goes.
 struct Chain_Judge::Link {
@@ -47,7 +40,7 @@ struct Chain_Judge::Statements {
     bind(link);
     child.alloc();
     child.prepare("SELECT backup_id" + of_set + "predecessor_id = :b ORDER BY id");
-    child.exchange(soci::into(child_id));
+    child.exchange(soci::into(child_id, child_is));
     bind(child);
   }
 
@@ -64,6 +57,7 @@ struct Chain_Judge::Statements {
   soci::indicator type_is = soci::i_null;
   soci::indicator predecessor_is = soci::i_null;
   std::string child_id;
+  soci::indicator child_is = soci::i_null;
   soci::statement link;
   soci::statement child;
 };
@@ -95,27 +89,27 @@ Chain_Judge::Verdict Chain_Judge::judge(const std::string& resource_uuid, const 
   Verdict verdict;
   std::string differential_id; // the set above the present one, when it needs a full backup below it
   for (Key key(resource_uuid, backup_id);;) {
-    Link link;
     if (!seen.insert(key).second) {
-      verdict.problem = chain_circle(backup_id, key.second);
-      break;
-    }
-    if (!find(key, link)) {
-      verdict.problem = chain_link_missing(key.second, way.empty());
-      break;
-    }
-    if (!differential_id.empty() && link.type != "full") {
-      verdict.problem = chain_base_not_full(differential_id, key.second);
+      verdict.problem = "The chain of backup " + backup_id + " runs in a circle at " + key.second;
       break;
     }
     const auto known = verdicts_.find(key);
-    if (known != verdicts_.end()) {
+    if (known != verdicts_.end() && differential_id.empty()) {
       verdict = known->second;
+      break;
+    }
+    Link link;
+    if (!find(key, link)) {
+      verdict.problem = link_missing(key.second, way.empty());
+      break;
+    }
+    if (!differential_id.empty() && link.type != "full") {
+      verdict.problem = base_not_full(differential_id, key.second);
       break;
     }
     way.push_back(key);
     if (link.state != "available") {
-      verdict.problem = chain_link_unavailable(key.second, link.state_reason);
+      verdict.problem = "Backup " + key.second + " is not available: " + link.state_reason;
       break;
     }
     if (link.predecessor_id.empty())
@@ -137,7 +131,8 @@ std::vector<std::string> Chain_Judge::children(const std::string& resource_uuid,
   std::vector<std::string> ids;
   statements_->child.execute(false);
   while (statements_->child.fetch())
-    ids.push_back(statements_->child_id);
+    if (statements_->child_is == soci::i_ok)
+      ids.push_back(statements_->child_id);
   return ids;
 }
 } // namespace kestrel

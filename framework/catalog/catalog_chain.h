@@ -9,12 +9,6 @@
 
 namespace kestrel
 {
-/// What can be said of a chain that cannot be restored; the sentences stand in rows and in the log.
-std::string chain_link_missing(const std::string& backup_id, bool is_end);
-std::string chain_link_unavailable(const std::string& backup_id, const std::string& reason);
-std::string chain_circle(const std::string& backup_id, const std::string& at);
-std::string chain_base_not_full(const std::string& backup_id, const std::string& base_id);
-
 /// Judges the chains of the physical sets of an open catalog. What was looked up is kept, so that judging all
 /// sets of a chain reads each of its links once.
 /// Not thread-safe; sees one state of the catalog only within one transaction. Throws soci::soci_error.
@@ -31,6 +25,8 @@ public:
   Chain_Judge(const Chain_Judge&) = delete;
   Chain_Judge& operator=(const Chain_Judge&) = delete;
 
+  /// Can be restored: every link is there and available, a differential set stands on a full one, and the
+  /// chain does not run in a circle.
   Verdict judge(const std::string& resource_uuid, const std::string& backup_id);
   /// Backup ids of the sets that need this one directly, in commit order.
   std::vector<std::string> children(const std::string& resource_uuid, const std::string& backup_id);

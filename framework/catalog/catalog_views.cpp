@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <set>
 #include <stdexcept>
 
 namespace kestrel
@@ -61,60 +60,57 @@ std::string query_text(const std::map<std::string, json_spirit::Value>& query, c
   return found->second.get_str();
 }
 
-bool is_ambiguous(soci::session& session, const std::string& catalog, const std::string& backup_id)
+/// The resource that has this backup, "" when none has. False when several have one of this id.
+bool find_resource(soci::session& session, const std::string& catalog, const std::string& backup_id,
+                   std::string& resource)
 {
   long long number = 0;
-  session << "SELECT count(*) FROM backup_set WHERE catalog = :c AND backup_id = :b", soci::use(catalog, "c"),
-      soci::use(backup_id, "b"), soci::into(number);
-  return number > 1;
+  soci::indicator found = soci::i_null;
+  session << "SELECT count(*), max(resource_uuid) FROM backup_set WHERE catalog = :c AND backup_id = :b",
+      soci::use(catalog, "c"), soci::use(backup_id, "b"), soci::into(number), soci::into(resource, found);
+  if (found != soci::i_ok)
+    resource.clear();
+  return number < 2;
 }
 
 /// Follows the chain from its end to the full backup. Returns why it cannot be restored; empty when it can.
 std::string walk_chain(soci::session& session, const std::string& catalog, const std::string& backup_id,
-                       const std::string& resource_uuid, json_spirit::Array& newest_first)
+                       std::string resource_uuid, json_spirit::Array& newest_first)
 {
-  if (resource_uuid.empty() && is_ambiguous(session, catalog, backup_id))
+  if (resource_uuid.empty() && !find_resource(session, catalog, backup_id, resource_uuid))
     return "Several resources have a backup " + backup_id + ": say which with resource_uuid";
+  const std::string problem = Chain_Judge(session).judge(resource_uuid, backup_id).problem;
+  if (!problem.empty())
+    return problem;
   const unsigned bit = catalog_bit(catalog);
-  const std::string sql =
-      "SELECT " + catalog_row_columns(bit) + " FROM backup_set s WHERE s.catalog = :v0 AND s.backup_id = :v1";
-  const std::string of_resource = " AND s.resource_uuid = :v2";
-  std::vector<Sql_Value> values = {{true, catalog, 0}, {true, backup_id, 0}};
-  if (!resource_uuid.empty())
-    values.push_back({true, resource_uuid, 0});
-  Catalog_Row_Reader end(session, bit, sql + (resource_uuid.empty() ? "" : of_resource), values);
-  std::unique_ptr<Catalog_Row_Reader> links;
-  Catalog_Row_Reader* current = &end;
-  std::set<long long> seen;
-  std::string wanted = backup_id;
-  std::string differential_id; // the set read before, when it needs a full backup
-  for (;;) {
-    if (!current->fetch())
-      return chain_link_missing(wanted, newest_first.empty());
-    if (!seen.insert(current->set_id()).second)
-      return chain_circle(backup_id, wanted);
-    if (!differential_id.empty() && current->text("type") != "full")
-      return chain_base_not_full(differential_id, wanted);
-    if (current->text("state") != "available")
-      return chain_link_unavailable(wanted, current->text("state_reason"));
-    newest_first.push_back(current->row());
-    differential_id = current->text("type") == "diff" ? wanted : std::string();
-    wanted = current->text("predecessor_id");
-    if (wanted.empty())
-      return std::string();
-    values = {{true, catalog, 0}, {true, wanted, 0}, {true, current->text("resource_uuid"), 0}};
-    if (links)
-      links->execute(values);
-    else
-      links = std::make_unique<Catalog_Row_Reader>(session, bit, sql + of_resource, values);
-    current = links.get();
+  std::vector<Sql_Value> values = {{true, catalog, 0}, {true, backup_id, 0}, {true, resource_uuid, 0}};
+  Catalog_Row_Reader link(session, bit,
+                          "SELECT " + catalog_row_columns(bit) +
+                              " FROM backup_set s WHERE s.catalog = :v0 AND s.backup_id = :v1 AND "
+                              "s.resource_uuid = :v2",
+                          values);
+  while (link.fetch()) {
+    newest_first.push_back(link.row());
+    values[1].text = link.text("predecessor_id");
+    if (values[1].text.empty())
+      break;
+    link.execute(values);
   }
+  return std::string();
 }
+
+/// "" when the row has no such text.
+std::string row_text(const json_spirit::Object& row, const char* key)
+{
+  const json_spirit::Value& value = json_spirit::find_value(row, key);
+  return value.type() == json_spirit::str_type ? value.get_str() : std::string();
+}
+
 /// What "with_chain" adds to a row.
 void add_chain(Chain_Judge& judge, json_spirit::Object& row)
 {
-  const std::string resource = json_spirit::find_value(row, "resource_uuid").get_str();
-  const std::string backup_id = json_spirit::find_value(row, "backup_id").get_str();
+  const std::string resource = row_text(row, "resource_uuid");
+  const std::string backup_id = row_text(row, "backup_id");
   json_spirit::Array children;
   for (const std::string& id : judge.children(resource, backup_id))
     children.push_back(id);

@@ -1,6 +1,8 @@
 #include "catalog_fixture.h"
 
 #include "catalog/catalog_admin.h"
+#include "catalog/catalog_database.h"
+#include "catalog/sql_back_end.h"
 
 using json_spirit::find_value;
 
@@ -257,4 +259,30 @@ TEST_F(Catalog_Sequence, with_chain_is_for_physical_sets_and_a_flag)
   log_.expect(LM_ERROR, "'with_chain' is not a field to select by");
   EXPECT_FALSE(view({{"with_chain", 1}}, result));
   log_.expect(LM_ERROR, "'with_chain' must be true or false");
+}
+
+// Records that this code does not write, but another writer might.
+TEST_F(Catalog_Sequence, survives_foreign_records)
+{
+  commit_tree();
+  const auto change = [](const std::string& set, const std::string& id) {
+    kestrel::Catalog_Database database(kestrel::default_catalog_place());
+    kestrel::Catalog_Transaction transaction(database.session(), kestrel::Catalog_Transaction::Kind::write);
+    database.session() << "UPDATE backup_set SET " + set + " WHERE uuid = '" + id + "'";
+    transaction.commit();
+  };
+  change("state = 'expired', state_reason = ''", "I1");
+  EXPECT_EQ("Backup I1 is not available: ", problem("I2"));
+  change("state = ''", "I1");
+  EXPECT_EQ("Backup I1 is not available: ", problem("I2"));
+  change("type = NULL", "F");
+  EXPECT_EQ("Backup F, on which the differential backup D builds, is not a full backup", problem("DI"));
+  change("predecessor_id = ''", "I1");
+  change("state = 'available'", "I1");
+  EXPECT_EQ("I1 I2", chain("I2"));
+  change("backup_id = NULL", "I1");
+  EXPECT_EQ("Backup I1, on which a later one builds, is not in the catalog", problem("I2"));
+  const json_spirit::Array all = rows({{"with_chain", true}});
+  ASSERT_EQ(5u, all.size());
+  EXPECT_EQ(0u, find_value(all[1].get_obj(), "chain_length").get_uint64());
 }
