@@ -1,8 +1,6 @@
 #include "agent/backup_catalog.h"
 
-#include "base/clock.h"
-#include "catalog/catalog_back_end.h"
-#include "json/json_util.h"
+#include "agent/catalog_view.h"
 
 #include <set>
 
@@ -10,38 +8,7 @@ namespace kestrel
 {
 namespace
 {
-constexpr int64_t busy_limit_msec = 10000;
-constexpr int64_t retry_msec = 100;
-typedef std::map<std::string, json_spirit::Value> Query;
-
-bool query_view(const char* view, const Query& query, json_spirit::Object& object, std::string& error)
-{
-  const int64_t give_up_msec = clock().monotonic_msec() + busy_limit_msec;
-  json_spirit::Value result;
-  for (;;) {
-    const Catalog_Status status = catalog_back_end()->get_view("oscar_brcmd", view, query, result, error);
-    if (status == Catalog_Status::done)
-      break;
-    if (status == Catalog_Status::failed || clock().monotonic_msec() >= give_up_msec)
-      return false;
-    clock().sleep_msec(retry_msec);
-  }
-  object = result.get_obj();
-  return true;
-}
-
-template <class T> T value_or_default(const json_spirit::Object& row, const char* key)
-{
-  T value{};
-  optional(row, key, value);
-  return value;
-}
-
-uint64_t pattern_of(const json_spirit::Object& row, const char* key)
-{
-  const json_spirit::Value& value = json_spirit::find_value(row, key);
-  return value.type() == json_spirit::int_type ? value.get_uint64() : 0;
-}
+typedef Catalog_View_Query Query;
 
 Backup_Entry entry_of(const json_spirit::Object& row)
 {
@@ -54,9 +21,9 @@ Backup_Entry entry_of(const json_spirit::Object& row)
   entry.pool_uuid = required<std::string>(row, "pool_uuid");
   entry.file = required<std::string>(row, "backup_file");
   entry.compression = value_or_default<std::string>(row, "compression");
-  entry.size = pattern_of(row, "backup_set_size");
-  entry.stored_size = pattern_of(row, "backup_set_storage_size");
-  entry.pump_size = pattern_of(row, "pump_size");
+  entry.size = number_of_row(row, "backup_set_size");
+  entry.stored_size = number_of_row(row, "backup_set_storage_size");
+  entry.pump_size = number_of_row(row, "pump_size");
   entry.pump_checksum = value_or_default<std::string>(row, "pump_checksum");
   entry.original_checksum = value_or_default<std::string>(row, "original_checksum");
   entry.storage_checksum = value_or_default<std::string>(row, "storage_checksum");
@@ -67,11 +34,11 @@ Backup_Entry entry_of(const json_spirit::Object& row)
   entry.predecessor_missing = value_or_default<bool>(row, "predecessor_missing");
   entry.predecessor_id = value_or_default<std::string>(row, "predecessor_id");
   entry.full_backup_id = value_or_default<std::string>(row, "full_backup_id");
-  entry.lsn = pattern_of(row, "backup_lsn");
-  entry.scn = pattern_of(row, "backup_scn");
+  entry.lsn = number_of_row(row, "backup_lsn");
+  entry.scn = number_of_row(row, "backup_scn");
   for (const json_spirit::Value& child : value_or_default<json_spirit::Array>(row, "children"))
     entry.children.push_back(child.get_str());
-  entry.chain_length = pattern_of(row, "chain_length");
+  entry.chain_length = number_of_row(row, "chain_length");
   entry.chain_problem = value_or_default<std::string>(row, "chain_problem");
   return entry;
 }
@@ -82,7 +49,7 @@ bool query_entries(const char* view, const Query& query, std::vector<Backup_Entr
 {
   try {
     json_spirit::Object answer;
-    if (!query_view(view, query, answer, error))
+    if (!query_catalog("oscar_brcmd", view, query, answer, error))
       return false;
     std::vector<Backup_Entry> found;
     for (const json_spirit::Value& row : required<json_spirit::Array>(answer, "rows"))

@@ -56,15 +56,26 @@ std::string disagreement_with_catalog(const Backup_Entry& backup, const Client_I
     return "the stored file's checksum differs from the catalog's";
   return "";
 }
-
-bool directory_exists(const std::string& path)
-{
-  struct stat status;
-  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
-}
-/// A file that this user may not read says nothing about its content.
-bool may_not_read(const std::string& path) { return ::access(path.c_str(), R_OK) != 0 && errno == EACCES; }
 } // namespace
+
+bool find_pool_of_backup(const std::string& pool_uuid, Pool_Info& pool, std::string& problem)
+{
+  Client_IO_Base::Options options;
+  struct stat status;
+  if (!get_pool_info(pool_uuid, "", pool, false, 0, nullptr, true, nullptr, nullptr, false) ||
+      !set_options_by_pool(options, pool))
+    problem = "its pool " + pool_uuid + " is not known here";
+  else if (::stat(pool.storage_path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+    problem = "the directory " + pool.storage_path + " of pool " + pool.name + " is not there";
+  else
+    return true;
+  return false;
+}
+
+bool may_not_read(const std::string& path)
+{
+  return ::access(path.c_str(), R_OK) != 0 && errno == EACCES;
+}
 
 Verification verify_backup(const Backup_Entry& backup,
                            const std::function<void(uint64_t done_bytes, uint64_t total_bytes)>& progress,
@@ -73,11 +84,9 @@ Verification verify_backup(const Backup_Entry& backup,
   using Outcome = Verification::Outcome;
   Pool_Info pool;
   Client_IO_Base::Options options;
-  if (!get_pool_info(backup.pool_uuid, "", pool, false, 0, nullptr, true, nullptr, nullptr, false) ||
-      !set_options_by_pool(options, pool))
-    return judged(Outcome::unknown, "its pool " + backup.pool_uuid + " is not known here", 0);
-  if (!directory_exists(pool.storage_path))
-    return judged(Outcome::unknown, "the directory " + pool.storage_path + " of pool " + pool.name + " is not there", 0);
+  std::string unreachable;
+  if (!find_pool_of_backup(backup.pool_uuid, pool, unreachable) || !set_options_by_pool(options, pool))
+    return judged(Outcome::unknown, unreachable, 0);
 
   Client_IO_Ex client;
   if (!client.connect(pool.storage_path + "/" + backup.uri, options))

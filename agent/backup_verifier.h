@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/backup_catalog.h"
+#include "storage/pool.h"
 
 #include <functional>
 #include <string>
@@ -27,4 +28,11 @@ struct Verification {
 Verification verify_backup(const Backup_Entry& backup,
                            const std::function<void(uint64_t done_bytes, uint64_t total_bytes)>& progress,
                            const std::function<bool()>& cancel_requested);
+
+/// The pool that a backup lies in. False with one sentence in `problem` when nothing can be said of its backups here:
+/// the pool is not known, or its directory is not there.
+[[nodiscard]] bool find_pool_of_backup(const std::string& pool_uuid, Pool_Info& pool, std::string& problem);
+
+/// A file that this user may not read says nothing about its content.
+bool may_not_read(const std::string& path);
 } // namespace kestrel

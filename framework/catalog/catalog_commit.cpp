@@ -144,6 +144,22 @@ bool Commit_Row::is_recorded(soci::session& session) const
   return known != 0;
 }
 
+bool Commit_Row::is_archive_recorded(soci::session& session) const
+{
+  const auto seq = record_.fields.find("seq");
+  if (catalog_ != logical_catalog || seq == record_.fields.end() || record_.storages.empty())
+    return false;
+  const std::string minor_id = field_text("minor_resource_id");
+  const long long number = seq->second.get_int64();
+  long long known = 0;
+  if (number != 0)
+    session << "SELECT count(*) FROM backup_set WHERE minor_resource_id = :m AND seq = :s AND pool_uuid = :p"
+               " AND seq <> 0",
+        soci::use(minor_id, "m"), soci::use(number, "s"), soci::use(record_.storages.front().pool_uuid, "p"),
+        soci::into(known);
+  return known != 0;
+}
+
 bool Commit_Row::insert(soci::session& session) const
 {
   const bool missing = predecessor_missing(session);

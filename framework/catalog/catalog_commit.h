@@ -24,6 +24,8 @@ public:
 
   /// True when the resource already has a set of this uuid.
   bool is_recorded(soci::session& session) const;
+  /// True when another set already has this set's archive: the same number of the same kind in the same pool.
+  bool is_archive_recorded(soci::session& session) const;
   /// Inserts the set and what belongs to it; the caller holds a write transaction. True when the set has a
   /// predecessor that the catalog does not have. Throws soci::soci_error.
   bool insert(soci::session& session) const;

@@ -115,6 +115,10 @@ Catalog_Status Sql_Back_End::commit(const Backup_Record& record, bool must_be_ne
                 "one cannot be told from the first; run a full backup");
       return;
     }
+    if (row.is_archive_recorded(session))
+      throw Catalog_Error(Catalog_Status::failed,
+                          "The catalog " + place_.name() + " already has a backup set for the archive of '" +
+                              row.uuid() + "': its number was given twice. Run the backup again");
     const bool missing = row.insert(session);
     std::string problem;
     if (!missing && !row.predecessor_id().empty())

@@ -273,6 +273,28 @@ TEST_F(Catalog_Database_Test, brings_an_older_schema_up_to_date)
   EXPECT_EQ("", open_error(place)) << "and only once";
 }
 
+TEST_F(Catalog_Database_Test, of_the_first_release_keeps_its_files)
+{
+  const kestrel::Catalog_Migrations first(kestrel::catalog_migrations().begin(),
+                                          kestrel::catalog_migrations().begin() + 1);
+  Catalog_Place place = kestrel::default_catalog_place();
+  place.migrations = &first;
+  {
+    Catalog_Database database(place);
+    database.session() << "INSERT INTO backup_set (catalog, uuid, seq) VALUES ('oscar', 'u1', 1)";
+    database.session() << "INSERT INTO backup_set_file (set_id, position, database_name, schema_name, "
+                          "table_name, file_name, grade) SELECT id, 0, 'DB', '', '', '/f', 'database' FROM "
+                          "backup_set";
+  }
+  const json_spirit::Array found = rows({{"database", "DB"}, {"with_files", true}}, "oscar");
+  ASSERT_EQ(1u, found.size());
+  const json_spirit::Array& files = json_spirit::find_value(found[0].get_obj(), "backup_files").get_array();
+  ASSERT_EQ(1u, files.size());
+  EXPECT_EQ("/f", json_spirit::find_value(files[0].get_obj(), "file").get_str());
+  EXPECT_EQ(0u, json_spirit::find_value(files[0].get_obj(), "size").get_uint64());
+  log_.expect(LM_NOTICE, "was brought from schema 1 to");
+}
+
 TEST_F(Catalog_Database_Test, a_migration_that_fails_half_way_is_not_visible)
 {
   ASSERT_TRUE(commit(make_set("b1")));
