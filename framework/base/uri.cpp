@@ -1,17 +1,10 @@
 #include "base/uri.h"
 
+#include "base/hex.h"
+
 namespace
 {
-int hex_digit(char c)
-{
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  if (c >= 'a' && c <= 'f')
-    return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F')
-    return c - 'A' + 10;
-  return -1;
-}
+using kestrel::hex_digit;
 
 std::string decode_escapes(const std::string& segment)
 {

@@ -1,6 +1,7 @@
 #include "base/uuid.h"
 
 #include "base/checksum.h"
+#include "base/hex.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -9,18 +10,9 @@
 
 namespace
 {
-const size_t uuid_length = 36;
+using kestrel::hex_digit;
 
-int hex_digit(char c)
-{
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  if (c >= 'a' && c <= 'f')
-    return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F')
-    return c - 'A' + 10;
-  return -1;
-}
+const size_t uuid_length = 36;
 
 bool is_hyphen_place(size_t i)
 {

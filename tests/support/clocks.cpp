@@ -68,8 +68,16 @@ Scaled_Clock::~Scaled_Clock()
   latest_time = now();
 }
 
+void Scaled_Clock::stand_still()
+{
+  stands_at_ = scaled_msec();
+}
+
 int64_t Scaled_Clock::scaled_msec()
 {
+  const int64_t stands_at = stands_at_;
+  if (stands_at >= 0)
+    return stands_at;
   return (kestrel::Clock::monotonic_msec() - origin_) * factor_;
 }
 

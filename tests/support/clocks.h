@@ -2,6 +2,7 @@
 
 #include "base/clock.h"
 
+#include <atomic>
 #include <mutex>
 
 namespace kestrel_test
@@ -43,9 +44,14 @@ public:
   int64_t monotonic_msec() override;
   void sleep_msec(int64_t msec) override;
 
+  /// The time stands still from here on; sleeps go on to last as before. For what must not run out of time
+  /// however slow the machine is.
+  void stand_still();
+
 private:
   int64_t scaled_msec();
 
+  std::atomic<int64_t> stands_at_{-1};
   const unsigned factor_;
   const time_t start_;
   const int64_t origin_;

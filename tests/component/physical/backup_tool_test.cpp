@@ -264,6 +264,7 @@ TEST(Physical_Backup_Cancel, before_the_stream_begins_is_seen_once_data_flows)
   const Job_Ptr job = bench.make_job(bench.backup_fields());
   ASSERT_EQ(0, job->start());
   ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
+  bench.clock.stand_still(); // not to be taken for silent
   EXPECT_EQ(0, job->stop());
   bench.dir.write("go", "");
   EXPECT_EQ(JOB_STATE_CANCELED, bench.wait_end(job));
@@ -281,6 +282,7 @@ TEST(Physical_Backup_Cancel, within_the_stream_removes_the_file)
   const Job_Ptr job = bench.make_job(bench.backup_fields());
   ASSERT_EQ(0, job->start());
   ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
+  bench.clock.stand_still(); // not to be taken for silent
   EXPECT_EQ(0, job->stop());
   EXPECT_EQ(JOB_STATE_CANCELED, bench.wait_end(job));
   bench.log.expect_exactly(LM_INFO, "Job(" + job->definition().id() + ") has been canceled.\n");
@@ -297,6 +299,7 @@ TEST(Physical_Backup_Cancel, by_abort_ends_as_an_error)
   const Job_Ptr job = bench.make_job(bench.backup_fields());
   ASSERT_EQ(0, job->start());
   ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
+  bench.clock.stand_still(); // not to be taken for silent
   EXPECT_EQ(0, job->abort());
   EXPECT_EQ(JOB_STATE_ERROR, bench.wait_end(job));
   bench.log.expect_exactly(LM_INFO, "Job(" + job->definition().id() + ") has been canceled.\n");
@@ -311,6 +314,7 @@ TEST(Physical_Backup_Cancel, after_the_last_byte_comes_too_late)
   const Job_Ptr job = bench.make_job(bench.backup_fields());
   ASSERT_EQ(0, job->start());
   ASSERT_TRUE(bench.wait_streamed(job));
+  bench.clock.stand_still(); // not to be taken for silent
   EXPECT_EQ(0, job->stop());
   bench.dir.write("go", "");
   EXPECT_EQ(JOB_STATE_COMPLETED, bench.wait_end(job));
@@ -327,6 +331,7 @@ TEST(Physical_Backup_Cancel, while_the_log_mode_is_asked_lets_no_data_be_kept)
   const Job_Ptr job = bench.make_job(bench.backup_fields());
   ASSERT_EQ(0, job->start());
   ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
+  bench.clock.stand_still(); // not to be taken for silent
   EXPECT_EQ(0, job->stop());
   bench.dir.write("go", "");
   EXPECT_EQ(JOB_STATE_CANCELED, bench.wait_end(job));

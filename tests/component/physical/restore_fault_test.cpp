@@ -285,6 +285,7 @@ TEST(Physical_Restore_Cancel, within_the_stream_ends_brcmd)
     const Job_Ptr job = bench.make_job(bench.restore_fields("full-1"));
     ASSERT_EQ(0, job->start());
     ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
+    bench.clock.stand_still(); // not to be taken for silent
     EXPECT_EQ(0, abort ? job->abort() : job->stop());
     bench.dir.write("go", "");
     EXPECT_EQ(abort ? JOB_STATE_ERROR : JOB_STATE_CANCELED, bench.wait_end(job));

@@ -1,174 +1,255 @@
 #include "physical_bench.h"
 
+#include "jobs/job_mutex.h"
 #include "support/fake_tool.h"
 
+#include <ace/Guard_T.h>
 #include <gtest/gtest.h>
 
-#include <unistd.h>
+#include <functional>
+#include <memory>
+
+// A request to stop, to abort, or to pause and resume, at every stage of a run: each tool and script waits at its
+// stage until the request has been made.
 
 using namespace kestrel_test;
 
-// What a request to stop does, by the stage in which it comes. It is seen only while data flows; what comes
-// earlier waits for the first data, and what comes after the last byte is too late.
 namespace
 {
 const unsigned FAST = 100;
 
-/// Tells that the stage is reached and holds the tool there until the test has asked for the stop.
-std::string hold(const Physical_Bench& bench)
+enum class Request { STOP, ABORT, PAUSE_AND_RESUME };
+
+/// Makes the tools of the bench such that the run waits at this stage.
+typedef std::function<void(Physical_Bench&, kestrel::Job_Definition_Fields&)> Preparation;
+
+struct Stage {
+  const char* name;
+  Preparation prepare;
+  bool too_late;    ///< the work is done: a request changes nothing any more
+  unsigned starts;  ///< of the instance's server, that the run owes
+  bool is_streamed; ///< all bytes have moved by then
+};
+
+/// The steps that tell of the stage and wait there.
+std::string here(const Physical_Bench& bench)
 {
   return "write_file " + (bench.dir / "up") + " x\nwait_file " + (bench.dir / "go") + "\n";
 }
 
-struct Stage {
-  const char* name;
-  Job_State after_stop;
-  Job_State after_abort;
+std::string here_in_shell(const Physical_Bench& bench)
+{
+  return "echo x >" + (bench.dir / "up") + "; while [ ! -e " + (bench.dir / "go") + " ]; do sleep 0.01; done";
+}
+
+void ask_isql(Physical_Bench& bench, const std::string& log_mode_steps, const std::string& shutdown_steps)
+{
+  make_fake_tool(bench.dir, "home/bin/isql",
+                 "if args_contain archivemode\n" + log_mode_steps + "end\nif args_contain shutdown\n" + shutdown_steps +
+                     "end\n");
+}
+
+std::string log_mode(const std::string& mode)
+{
+  return "out archivemode\nout -\nout " + mode + "\nout \"(1 row)\"\n";
+}
+
+/// A brcmd that waits after so many bytes of its stream.
+Preparation backup_waits_after(size_t bytes)
+{
+  return [bytes](Physical_Bench& bench, kestrel::Job_Definition_Fields&) {
+    const std::string stream = bench.make_good_stream(100000);
+    bench.dir.write("first", stream.substr(0, bytes));
+    bench.dir.write("rest", stream.substr(bytes));
+    bench.set_brcmd("begin ${option:-f}\nput_file " + (bench.dir / "first") + "\n" + here(bench) + "put_file " +
+                        (bench.dir / "rest") + "\nfinish\ncopy " + (bench.dir / "next_state") + " " + bench.home +
+                        "/agent/lastlsn.dat\n",
+                    bench.good_restore());
+  };
+}
+
+void start_waits(Physical_Bench& bench)
+{
+  bench.dir.write("sys/systemctl",
+                  "#!/bin/sh\necho \"$*\" >>" + (bench.dir / "starts") + "\n" + here_in_shell(bench) + "\n", 0755);
+}
+
+const Stage BACKUP_STAGES[] = {
+    {"the pre-action",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) { fields.pre_action = here_in_shell(bench); },
+     false, 0, false},
+    {"the question for the log mode",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) {
+       ask_isql(bench, here(bench) + log_mode("ARCHIVELOG"), "");
+     },
+     false, 0, false},
+    {"the shutdown of the server",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) {
+       ask_isql(bench, log_mode("NOARCHIVELOG"), here(bench));
+     },
+     false, 1, false},
+    {"the start of brcmd",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) {
+       bench.set_brcmd(here(bench) + bench.good_backup(), bench.good_restore());
+     },
+     false, 0, false},
+    {"the head of the stream", backup_waits_after(100), false, 0, false},
+    {"the info block", backup_waits_after(520), false, 0, false},
+    {"the image", backup_waits_after(50000), false, 0, false},
+    {"the end of brcmd",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) {
+       bench.set_brcmd(bench.good_backup() + here(bench), bench.good_restore());
+     },
+     true, 0, true},
+    {"the start of the server",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) {
+       ask_isql(bench, log_mode("NOARCHIVELOG"), "");
+       start_waits(bench);
+     },
+     true, 1, true},
+    {"the post-action",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) { fields.post_action = here_in_shell(bench); },
+     true, 0, true},
 };
 
-/// Runs the job, asks it to stop or to abort once the stage is reached, and checks its end.
-void expect_end(Physical_Bench& bench, const Job_Ptr& job, const Stage& stage, bool abort)
+const Stage RESTORE_STAGES[] = {
+    {"the pre-action",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) { fields.pre_action = here_in_shell(bench); },
+     false, 0, false},
+    {"the start of brcmd",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) {
+       bench.set_brcmd(bench.good_backup(), here(bench) + bench.good_restore() + "write_file " +
+                                                (bench.dir / "restored") + " x\n");
+     },
+     false, 1, false},
+    {"the stream",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) {
+       bench.set_brcmd(bench.good_backup(), "hold ${option:-f}\n" + here(bench) + bench.good_restore() +
+                                                "write_file " + (bench.dir / "restored") + " x\n");
+     },
+     false, 1, false},
+    {"the end of brcmd",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) {
+       bench.set_brcmd(bench.good_backup(), bench.good_restore() + here(bench) + "write_file " +
+                                                (bench.dir / "restored") + " x\n");
+     },
+     true, 1, false},
+    {"the start of the server", [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) { start_waits(bench); },
+     true, 1, false},
+    {"the post-action",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) { fields.post_action = here_in_shell(bench); },
+     true, 1, false},
+};
+
+const struct {
+  const char* name;
+  Request request;
+  Job_State end;
+} REQUESTS[] = {{"stop", Request::STOP, JOB_STATE_CANCELED},
+                {"abort", Request::ABORT, JOB_STATE_ERROR},
+                {"pause and resume", Request::PAUSE_AND_RESUME, JOB_STATE_COMPLETED}};
+
+void make_request(Job& job, Request request)
 {
-  ASSERT_EQ(0, job->start());
-  ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
-  EXPECT_EQ(0, abort ? job->abort() : job->stop());
-  bench.dir.write("go", "");
-  const Job_State expected = abort ? stage.after_abort : stage.after_stop;
-  EXPECT_EQ(expected, bench.wait_end(job));
-  EXPECT_TRUE(bench.alerts(job).empty());
-  EXPECT_EQ(expected == JOB_STATE_COMPLETED ? 0u : 1u,
-            bench.log.count(LM_INFO, "Job(" + job->definition().id() + ") has been canceled.\n"));
+  if (request == Request::STOP) {
+    EXPECT_EQ(0, job.stop());
+  } else if (request == Request::ABORT) {
+    EXPECT_EQ(0, job.abort());
+  } else {
+    EXPECT_EQ(0, job.pause());
+    EXPECT_EQ(JOB_STATE_PAUSING, job.state());
+    EXPECT_EQ(0, job.resume());
+  }
 }
-/// A brcmd that reads a part, keeps the pipe open, and reads the rest once the stop was asked for.
-void set_partial_reader(const Physical_Bench& bench)
+
+/// The run up to its stage, the request, and the rest of the run. Gives its end.
+Job_State request_at(const Stage& stage, Physical_Bench& bench, const Job_Ptr& job, Request request)
 {
-  EXPECT_EQ(0, ::unlink((bench.home + "/bin/brcmd").c_str())); // a link to the fake tool
-  bench.dir.write("home/bin/brcmd",
-                  "#!/bin/sh\nwhile [ \"$1\" != -f ]; do shift; done\nexec 3<\"$2\"\nhead -c 100000 <&3 "
-                  ">/dev/null\necho x >" +
-                      (bench.dir / "up") + "\nwhile [ ! -e " + (bench.dir / "go") +
-                      " ]; do sleep 0.01; done\ncat <&3 >/dev/null && echo x >" + (bench.dir / "restored") +
-                      "\n",
-                  0755);
+  EXPECT_EQ(0, job->start());
+  EXPECT_TRUE(bench.wait_for(bench.dir / "up"));
+  if (stage.is_streamed) {
+    EXPECT_TRUE(bench.wait_streamed(job));
+  }
+  bench.clock.stand_still(); // what waits here is not silent
+  make_request(*job, request);
+  bench.dir.write("go", "");
+  return bench.wait_end(job);
 }
 } // namespace
 
-TEST(Physical_Stop_Request, ends_a_backup_by_its_stage)
+TEST(Physical_Backup_Request, ends_the_run_as_it_must_at_every_stage)
 {
-  const Stage stages[] = {
-      {"log mode", JOB_STATE_CANCELED, JOB_STATE_ERROR},
-      {"shutdown", JOB_STATE_CANCELED, JOB_STATE_ERROR},
-      {"brcmd started", JOB_STATE_CANCELED, JOB_STATE_ERROR},
-      {"pipe opened", JOB_STATE_CANCELED, JOB_STATE_ERROR},
-      {"within the stream", JOB_STATE_CANCELED, JOB_STATE_ERROR},
-      {"after the last byte", JOB_STATE_COMPLETED, JOB_STATE_COMPLETED},
-      {"chain state written", JOB_STATE_COMPLETED, JOB_STATE_COMPLETED},
-      {"start", JOB_STATE_COMPLETED, JOB_STATE_COMPLETED},
-  };
-  for (const Stage& stage : stages)
-    for (const bool abort : {false, true}) {
-      SCOPED_TRACE(std::string(stage.name) + (abort ? ", abort" : ", stop"));
-      const std::string name = stage.name;
+  for (const Stage& stage : BACKUP_STAGES) {
+    for (const auto& each : REQUESTS) {
+      SCOPED_TRACE(std::string(each.name) + " at " + stage.name);
       Physical_Bench bench(FAST);
-      // The hold comes before or behind the step that belongs to the stage.
-      const auto held = [&](const char* at) { return name == at ? hold(bench) : std::string(); };
-      make_fake_tool(bench.dir, "home/bin/isql",
-                     "if args_contain archivemode\n" + held("log mode") +
-                         "out a\nout -\nout NOARCHIVELOG\nout \"(1 row)\"\nelse\n" + held("shutdown") +
-                         "write_file " + (bench.dir / "shutdown") + " x\nend\n");
-      const std::string state = bench.home + "/agent/lastlsn.dat";
-      bench.set_brcmd(held("brcmd started") + "begin ${option:-f}\n" + held("pipe opened") + "put_file " +
-                      (bench.dir / "stream") + "\n" + held("within the stream") +
-                      (name == "within the stream" ? "put_slow 100000000 8192 1\n" : "") + "finish\n" +
-                      held("after the last byte") + "copy " + (bench.dir / "next_state") + " " + state +
-                      "\n" + held("chain state written"));
-      if (name == "start")
-        bench.dir.write("sys/systemctl",
-                        "#!/bin/sh\necho x >" + (bench.dir / "up") + "\nwhile [ ! -e " + (bench.dir / "go") +
-                            " ]; do sleep 0.01; done\necho \"$*\" >>" + (bench.dir / "starts") + "\n",
-                        0755);
-      const Fake_Server server(bench.dir, "wait_file " + (bench.dir / "shutdown"));
-      const Job_Ptr job = bench.make_job(bench.backup_fields());
-      // The last byte counts as moved when all of the stream was read here.
-      if (name == "after the last byte" || name == "chain state written") {
-        ASSERT_EQ(0, job->start());
-        ASSERT_TRUE(bench.wait_streamed(job));
-        ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
-        EXPECT_EQ(0, abort ? job->abort() : job->stop());
-        bench.dir.write("go", "");
-        EXPECT_EQ(JOB_STATE_COMPLETED, bench.wait_end(job));
-      } else
-        expect_end(bench, job, stage, abort);
-      const bool done = job->state() == JOB_STATE_COMPLETED;
-      EXPECT_EQ(done ? 1u : 0u, bench.rows().size());
-      EXPECT_EQ(done ? 1u : 0u, bench.whole_files().size());
-      EXPECT_FALSE(server.running());
-      EXPECT_EQ(1u, bench.starts());
+      std::unique_ptr<Fake_Server> server;
+      if (std::string(stage.name) == "the shutdown of the server") {
+        server.reset(new Fake_Server(bench.dir, "wait_file " + (bench.dir / "go")));
+      }
+      kestrel::Job_Definition_Fields fields = bench.backup_fields();
+      stage.prepare(bench, fields);
+      const Job_Ptr job = bench.make_job(fields);
+      const Job_State end = stage.too_late ? JOB_STATE_COMPLETED : each.end;
+      EXPECT_EQ(end, request_at(stage, bench, job, each.request));
+      EXPECT_EQ(stage.starts, bench.starts());
+      const size_t sets = end == JOB_STATE_COMPLETED ? 1 : 0;
+      EXPECT_EQ(sets, bench.rows().size());
+      EXPECT_EQ(sets, bench.whole_files().size());
+      EXPECT_TRUE(bench.fifos().empty());
+      EXPECT_TRUE(bench.alerts(job).empty());
+      EXPECT_EQ(each.request == Request::PAUSE_AND_RESUME || stage.too_late ||
+                        std::string(stage.name) == "the pre-action"
+                    ? 0u
+                    : 1u,
+                bench.log.count("has been canceled."));
     }
+  }
 }
 
-TEST(Physical_Stop_Request, ends_a_restore_by_its_stage)
+TEST(Physical_Restore_Request, ends_the_run_as_it_must_at_every_stage)
 {
-  const Stage stages[] = {
-      {"brcmd started", JOB_STATE_CANCELED, JOB_STATE_ERROR},
-      {"within the stream", JOB_STATE_CANCELED, JOB_STATE_ERROR},
-      {"last byte of the first set", JOB_STATE_CANCELED, JOB_STATE_ERROR},
-      {"last byte of the last set", JOB_STATE_COMPLETED, JOB_STATE_COMPLETED},
-      {"start", JOB_STATE_COMPLETED, JOB_STATE_COMPLETED},
-  };
-  for (const Stage& stage : stages)
-    for (const bool abort : {false, true}) {
-      SCOPED_TRACE(std::string(stage.name) + (abort ? ", abort" : ", stop"));
-      const std::string name = stage.name;
+  for (const Stage& stage : RESTORE_STAGES) {
+    for (const auto& each : REQUESTS) {
+      SCOPED_TRACE(std::string(each.name) + " at " + stage.name);
       Physical_Bench bench(FAST);
-      bench.set_stream(bench.make_good_stream(4000000));
+      bench.set_stream(bench.make_good_stream(1000000)); // more than a pipe holds
+      bench.set_brcmd(bench.good_backup(),
+                      bench.good_restore() + "write_file " + (bench.dir / "restored") + " x\n");
       bench.back_up();
-      bench.set_next_state("full-1", "incr-1", 20);
-      bench.back_up(JOB_DEFINITION_SUBTYPE_INCREMENTAL);
-
-      const auto held = [&](const char* at) { return name == at ? hold(bench) : std::string(); };
-      const std::string read = "read_to ${option:-f} " + (bench.dir / "fed") + "\n";
-      bench.set_brcmd("exit 99", held("brcmd started") + read + "append_file " + (bench.dir / "restored") +
-                                     " x\n" + held("last byte of the first set") + "if exists " +
-                                     (bench.dir / "first") + "\n" + held("last byte of the last set") +
-                                     "end\nwrite_file " + (bench.dir / "first") + " x\n");
-      if (name == "within the stream")
-        set_partial_reader(bench);
-      if (name == "start")
-        bench.dir.write("sys/systemctl",
-                        "#!/bin/sh\necho x >" + (bench.dir / "up") + "\nwhile [ ! -e " + (bench.dir / "go") +
-                            " ]; do sleep 0.01; done\necho \"$*\" >>" + (bench.dir / "starts") + "\n",
-                        0755);
       const Fake_Server server(bench.dir, "hang");
-      const Job_Ptr job = bench.make_job(bench.restore_fields("incr-1"));
-      expect_end(bench, job, stage, abort);
-      const std::string restored = exists(bench.dir / "restored") ? read_file(bench.dir / "restored") : "";
-      EXPECT_EQ(job->state() == JOB_STATE_COMPLETED                 ? "xx"
-                : name == std::string("last byte of the first set") ? "x"
-                                                                    : "",
-                restored);
-      EXPECT_FALSE(server.running());
-      EXPECT_EQ(1u, bench.starts());
+      kestrel::Job_Definition_Fields fields = bench.restore_fields("full-1");
+      stage.prepare(bench, fields);
+      const Job_Ptr job = bench.make_job(fields);
+      const Job_State end = stage.too_late ? JOB_STATE_COMPLETED : each.end;
+      EXPECT_EQ(end, request_at(stage, bench, job, each.request));
+      // A run that ends before its work leaves the server alone; every other one stops it and starts it again.
+      const bool worked = end == JOB_STATE_COMPLETED || stage.starts > 0;
+      EXPECT_EQ(worked ? 1u : 0u, bench.starts());
+      EXPECT_EQ(!worked, server.running());
+      EXPECT_EQ(end == JOB_STATE_COMPLETED, exists(bench.dir / "restored")) << "brcmd took half a stream for a whole";
+      EXPECT_TRUE(bench.fifos().empty());
+      EXPECT_TRUE(bench.alerts(job).empty());
     }
+  }
 }
 
-TEST(Physical_Stop_Request, of_a_job_that_waits_for_another_is_seen_when_its_turn_comes)
+TEST(Physical_Backup_Request, reaches_a_run_that_waits_for_another_job_on_its_source)
 {
-  Physical_Bench bench(FAST);
-  bench.set_brcmd("if run 1\n" + hold(bench) + "end\n" + bench.good_backup());
-  kestrel::Job_Definition_Fields fields = bench.backup_fields();
-  fields.id = "7d3a1c52-0000-4000-8000-0000000000d2";
-  const Job_Ptr first = bench.make_job(bench.backup_fields());
-  const Job_Ptr second = bench.make_job(fields);
-  ASSERT_EQ(0, first->start());
-  ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
-  ASSERT_EQ(0, second->start());
-  EXPECT_EQ(0, second->stop());
-  bench.dir.write("go", "");
-  ASSERT_TRUE(first->wait_end(60000));
-  ASSERT_TRUE(second->wait_end(60000));
-  EXPECT_TRUE(Job::wait_all_runs(60000));
-  EXPECT_EQ(JOB_STATE_COMPLETED, first->state());
-  EXPECT_EQ(JOB_STATE_CANCELED, second->state());
-  EXPECT_EQ(1u, bench.rows().size());
+  for (const auto& each : REQUESTS) {
+    SCOPED_TRACE(each.name);
+    Physical_Bench bench(FAST);
+    const Job_Ptr job = bench.make_job(bench.backup_fields());
+    const std::shared_ptr<ACE_Thread_Mutex> source = Job_Mutex::get(bench.source_id);
+    {
+      ACE_Guard<ACE_Thread_Mutex> other_job(*source);
+      ASSERT_EQ(0, job->start());
+      EXPECT_TRUE(eventually([&job] { return job->state() == JOB_STATE_RUNNING; }));
+      make_request(*job, each.request);
+      EXPECT_FALSE(job->wait_end(20));
+    }
+    EXPECT_EQ(each.end, bench.wait_end(job));
+    EXPECT_EQ(each.end == JOB_STATE_COMPLETED ? 1u : 0u, bench.rows().size());
+    EXPECT_EQ(bench.rows().size(), bench.whole_files().size());
+  }
 }

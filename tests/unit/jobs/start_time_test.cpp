@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <ctime>
 #include <mutex>
 #include <set>
 #include <string>
@@ -67,6 +68,35 @@ TEST_F(Start_Times, begin_anew_after_a_clock_that_ran_ahead)
   EXPECT_EQ(clock_.now(), kestrel::reserve_start_time());
   EXPECT_TRUE(log.expect(LM_WARNING, "is 86400 seconds ahead"));
   EXPECT_EQ(clock_.now() + 1, kestrel::reserve_start_time());
+}
+
+TEST_F(Start_Times, go_on_after_the_last_one_when_the_clock_was_set_back_a_little)
+{
+  const time_t before = kestrel::reserve_start_time();
+  clock_.advance_msec(-60 * 1000);
+  EXPECT_EQ(before + 1, kestrel::reserve_start_time());
+  EXPECT_EQ(before + 2, kestrel::reserve_start_time());
+}
+
+TEST_F(Start_Times, are_the_same_seconds_on_either_side_of_a_change_of_the_local_time)
+{
+  // Daylight saving time ends two seconds from now.
+  const time_t end = clock_.now() + 2;
+  struct tm utc;
+  ::gmtime_r(&end, &utc);
+  const int second = utc.tm_hour * 3600 + utc.tm_min * 60 + utc.tm_sec + 3600; // of the day, in summer time
+  char text[64];
+  snprintf(text, sizeof text, "CET0CEST-1,0/0,%d/%d:%02d:%02d", utc.tm_yday, second / 3600, second / 60 % 60,
+           second % 60);
+  const Scoped_Env zone("TZ", text);
+  ::tzset();
+  const time_t before = end - 1;
+  ASSERT_EQ(1, ::localtime(&before)->tm_isdst) << text;
+  ASSERT_EQ(0, ::localtime(&end)->tm_isdst) << text;
+  for (time_t now = clock_.now(); now < end + 3; ++now) {
+    EXPECT_EQ(now, kestrel::reserve_start_time());
+    clock_.advance_msec(1000);
+  }
 }
 
 TEST_F(Start_Times, do_not_trip_over_a_damaged_file)
