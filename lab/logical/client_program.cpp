@@ -25,18 +25,12 @@ constexpr std::size_t kept_messages = 64 * 1024;
 /// out.
 std::vector<std::string> environment_of(const Login& login)
 {
-  return {"PATH=/usr/bin:/bin",
-          "LC_ALL=C",
-          "PGHOST=" + login.host,
-          "PGPORT=" + std::to_string(login.port),
-          "PGUSER=" + login.user,
-          "PGPASSWORD=" + login.password,
-          "PGDATABASE=" + login.database,
-          "PGCONNECT_TIMEOUT=" + std::to_string(login.timeout_seconds),
-          "PGSSLMODE=disable",
-          "PGGSSENCMODE=disable",
-          "PGPASSFILE=/dev/null/none",
-          "PGOPTIONS=-c client_min_messages=warning"};
+  return {"PATH=/usr/bin:/bin", "LC_ALL=C", "PGHOST=" + login.host, "PGPORT=" + std::to_string(login.port),
+          "PGUSER=" + login.user, "PGPASSWORD=" + login.password, "PGDATABASE=" + login.database,
+          "PGCONNECT_TIMEOUT=" + std::to_string(login.timeout_seconds), "PGSSLMODE=disable",
+          "PGGSSENCMODE=disable", "PGPASSFILE=/dev/null/none",
+          // The server looks for a lost client, so that the session of a killed tool lets go of its locks.
+          "PGOPTIONS=-c client_min_messages=warning -c client_connection_check_interval=1000"};
 }
 
 std::vector<char*> pointers(const std::vector<std::string>& texts)
@@ -91,6 +85,7 @@ Client_Program::Client_Program(const std::string& name, const std::vector<std::s
   if (pid_ != 0)
     return;
   reset_signals();
+  ::signal(SIGXFSZ, SIG_IGN); // a limit on file sizes is an error with a message, not a silent death
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (::getppid() != parent)
     ::_exit(126);

@@ -69,6 +69,10 @@ std::string record_text(const Export_Record& record)
     text += line({"schema", schema});
   for (const std::string& role : record.roles)
     text += line({"role", role});
+  for (const std::string& tablespace : record.tablespaces)
+    text += line({"tablespace", tablespace});
+  for (const std::string& tablespace : record.index_tablespaces)
+    text += line({"index-tablespace", tablespace});
   for (const Reference& key : record.foreign_keys)
     text += line({"foreign-key", key.schema, key.table, key.name, key.needed_schema, key.needed_name});
   for (const Reference& trigger : record.triggers)
@@ -76,6 +80,8 @@ std::string record_text(const Export_Record& record)
         {"trigger", trigger.schema, trigger.table, trigger.name, trigger.needed_schema, trigger.needed_name});
   for (const auto& sequence : record.free_sequences)
     text += line({"sequence", sequence.first, sequence.second});
+  for (const auto& view : record.keyed_views)
+    text += line({"keyed-view", view.first, view.second});
   return text;
 }
 
@@ -109,11 +115,17 @@ void read_line(const std::vector<std::string>& words, Export_Record& record)
     record.schemas.push_back(words.at(1));
   } else if (key == "role") {
     record.roles.push_back(words.at(1));
+  } else if (key == "tablespace") {
+    record.tablespaces.insert(words.at(1));
+  } else if (key == "index-tablespace") {
+    record.index_tablespaces.insert(words.at(1));
   } else if (key == "foreign-key" || key == "trigger") {
     auto& list = key == "trigger" ? record.triggers : record.foreign_keys;
     list.push_back(Reference{words.at(1), words.at(2), words.at(3), words.at(4), words.at(5)});
   } else if (key == "sequence") {
     record.free_sequences.emplace_back(words.at(1), words.at(2));
+  } else if (key == "keyed-view") {
+    record.keyed_views.emplace_back(words.at(1), words.at(2));
   } else {
     throw Failure("bad record");
   }

@@ -38,9 +38,12 @@ struct Export_Record {
   std::set<Object_Kind> left_out;
   std::vector<std::string> schemas; // whose objects the archive holds
   std::vector<std::string> roles;   // owners and holders of privileges
+  std::set<std::string> tablespaces;       // that tables are in
+  std::set<std::string> index_tablespaces; // that indexes are in
   std::vector<Reference> foreign_keys;
   std::vector<Reference> triggers;
   std::vector<std::pair<std::string, std::string>> free_sequences; // schema, name: not a column's own
+  std::vector<std::pair<std::string, std::string>> keyed_views;    // schema, name: they need a primary key
 };
 
 /// Appends record and end to the archive in the open file.

@@ -121,6 +121,27 @@ void describe(Connection& connection, Export_Record& record)
       "and d.refobjsubid > 0 and d.deptype in ('a', 'i'))");
   for (int r = 0; r < sequences.rows() && record.level != Level::table; ++r)
     record.free_sequences.emplace_back(sequences.text(r, 0), sequences.text(r, 1));
+  const Result views = connection.query(
+      "with recursive v(oid) as (select r.ev_class from pg_depend d join pg_rewrite r on r.oid = d.objid "
+      "where "
+      "d.classid = 'pg_rewrite'::regclass and d.refclassid = 'pg_constraint'::regclass union select "
+      "r.ev_class "
+      "from v join pg_depend d on d.refclassid = 'pg_class'::regclass and d.refobjid = v.oid and d.classid = "
+      "'pg_rewrite'::regclass join pg_rewrite r on r.oid = d.objid where r.ev_class <> v.oid) select "
+      "n.nspname, "
+      "c.relname from v join pg_class c on c.oid = v.oid join pg_namespace n on n.oid = c.relnamespace where "
+      "c.relnamespace" +
+      among + table + " order by 1, 2");
+  for (int r = 0; r < views.rows(); ++r)
+    record.keyed_views.emplace_back(views.text(r, 0), views.text(r, 1));
+  const Result tablespaces = connection.query(
+      "select distinct s.spcname, i.indexrelid is not null from pg_class r join pg_tablespace s on s.oid = "
+      "r.reltablespace left join pg_index i on i.indexrelid = r.oid join pg_class c on c.oid = "
+      "coalesce(i.indrelid, r.oid) where c.relnamespace" +
+      among + table);
+  for (int r = 0; r < tablespaces.rows(); ++r)
+    (tablespaces.text(r, 1) == "t" ? record.index_tablespaces : record.tablespaces)
+        .insert(tablespaces.text(r, 0));
   const Result roles = connection.query(
       "select distinct r.rolname from pg_shdepend d join pg_roles r on r.oid = d.refobjid where d.dbid = "
       "(select oid from pg_database where datname = current_database()) and d.refclassid = "

@@ -49,6 +49,7 @@ int run(int argc, char** argv)
 int main(int argc, char** argv)
 {
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
   try {
     return run(argc, argv);
   } catch (const oscar_lab::Usage_Failure& failure) {

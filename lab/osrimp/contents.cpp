@@ -4,6 +4,7 @@
 #include "lab/logical/client_program.h"
 
 #include <algorithm>
+#include <functional>
 
 namespace oscar_lab
 {
@@ -139,6 +140,22 @@ bool belongs_to(const Entry& entry, const Entry& gone)
   return false;
 }
 
+/// Without the entries that leave() names, and what belongs to those only.
+std::vector<Entry> without(const std::vector<Entry>& entries, const std::function<bool(const Entry&)>& leave)
+{
+  std::vector<Entry> kept, gone;
+  for (const Entry& entry : entries)
+    (leave(entry) ? gone : kept).push_back(entry);
+  kept.erase(std::remove_if(kept.begin(), kept.end(),
+                            [&gone](const Entry& entry) {
+                              return std::any_of(gone.begin(), gone.end(), [&entry](const Entry& object) {
+                                return belongs_to(entry, object);
+                              });
+                            }),
+             kept.end());
+  return kept;
+}
+
 } // namespace
 
 std::vector<Entry> list_contents(int file, const Export_Record& record, const Login& login)
@@ -166,20 +183,21 @@ std::vector<Entry> list_contents(int file, const Export_Record& record, const Lo
 std::vector<Entry> without_kinds(const std::vector<Entry>& entries, const std::set<Object_Kind>& left_out,
                                  const Export_Record& record)
 {
-  std::vector<Entry> kept, gone;
-  for (const Entry& entry : entries) {
-    const bool leave = std::any_of(left_out.begin(), left_out.end(),
-                                   [&](Object_Kind kind) { return is_kind(entry, kind, record); });
-    (leave ? gone : kept).push_back(entry);
-  }
-  kept.erase(std::remove_if(kept.begin(), kept.end(),
-                            [&gone](const Entry& entry) {
-                              return std::any_of(gone.begin(), gone.end(), [&entry](const Entry& object) {
-                                return belongs_to(entry, object);
-                              });
-                            }),
-             kept.end());
-  return kept;
+  return without(entries, [&](const Entry& entry) {
+    return std::any_of(left_out.begin(), left_out.end(),
+                       [&](Object_Kind kind) { return is_kind(entry, kind, record); });
+  });
+}
+
+std::vector<Entry> without_keyed_views(const std::vector<Entry>& entries, const Export_Record& record)
+{
+  return without(entries, [&record](const Entry& entry) {
+    if (!is_kind(entry, Object_Kind::view, record))
+      return false;
+    return std::any_of(record.keyed_views.begin(), record.keyed_views.end(), [&entry](const auto& view) {
+      return entry.schema == view.first && starts_with(entry.name, as_listed(view.second) + " ");
+    });
+  });
 }
 
 bool is_reference(const Entry& entry, const char* type, const Reference& reference)

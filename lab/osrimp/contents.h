@@ -24,6 +24,9 @@ std::vector<Entry> list_contents(int file, const Export_Record& record, const Lo
 std::vector<Entry> without_kinds(const std::vector<Entry>& entries, const std::set<Object_Kind>& left_out,
                                  const Export_Record& record);
 
+/// Without the views that need a primary key, and without what belongs to those only.
+std::vector<Entry> without_keyed_views(const std::vector<Entry>& entries, const Export_Record& record);
+
 /// The entry is this foreign key or trigger.
 bool is_reference(const Entry& entry, const char* type, const Reference& reference);
 

@@ -36,6 +36,7 @@ private:
   void leave_out_dangling(const char* type, const std::vector<Reference>& references);
   bool reference_will_exist(const Reference& reference, bool is_trigger);
   void keep_or_drop_owners();
+  void keep_or_drop_tablespaces();
   void lock_target();
   void plan_schemas(const std::vector<std::string>& schemas);
   void plan_schema_rename();
@@ -139,6 +140,11 @@ void Import::leave_out_dangling(const char* type, const std::vector<Reference>& 
 void Import::take_entries()
 {
   script_.entries = without_kinds(list_contents(file_, record_, login_), left_out_, record_);
+  if (left_out_.count(Object_Kind::constraint) != 0 && left_out_.count(Object_Kind::view) == 0) {
+    script_.entries = without_keyed_views(script_.entries, record_);
+    for (const auto& view : record_.keyed_views)
+      note("view " + shown_object(view.first, view.second) + " is left out: it needs a primary key");
+  }
   leave_out_dangling("FK CONSTRAINT", record_.foreign_keys);
   leave_out_dangling("TRIGGER", record_.triggers);
   // The schema that every database has from its start is made here, before the script.
@@ -158,6 +164,21 @@ void Import::keep_or_drop_owners()
       note("user " + shown_name(role) + " does not exist here: owners and privileges are left out");
       return;
     }
+}
+
+void Import::keep_or_drop_tablespaces()
+{
+  if (!request_.tablespaces) {
+    script_.options.push_back("--no-tablespaces");
+    return;
+  }
+  std::set<std::string> needed = record_.tablespaces;
+  if (left_out_.count(Object_Kind::index) == 0 || left_out_.count(Object_Kind::constraint) == 0)
+    needed.insert(record_.index_tablespaces.begin(), record_.index_tablespaces.end());
+  for (const std::string& tablespace : needed)
+    if (connection_.query("select 1 from pg_tablespace where spcname = $1", {tablespace}).rows() == 0)
+      throw Failure("tablespace " + shown_name(tablespace) +
+                    " does not exist; create it first, or import with tablespace=false");
 }
 
 void Import::lock_target()
@@ -319,9 +340,8 @@ std::string Import::run(const std::string& instance)
 {
   require_instance(connection_, instance);
   find_target();
-  if (!request_.tablespaces)
-    script_.options.push_back("--no-tablespaces");
   take_entries();
+  keep_or_drop_tablespaces();
   keep_or_drop_owners();
   lock_target();
   if (record_.level == Level::table) {
@@ -353,6 +373,8 @@ std::string import_objects(const Import_Request& request, const Login& login, co
   Import import(request, login, record, file.get());
   try {
     return import.run(instance);
+  } catch (const Unknown_Outcome&) {
+    throw;
   } catch (const Failure& failure) {
     throw Failure(std::string(failure.what()) + "; nothing was changed");
   }

@@ -15,8 +15,8 @@ namespace
 
 /// An object that others hold locked longer than this ends the import.
 constexpr const char* lock_limit = "set lock_timeout = 60000;";
-/// The server looks for a lost client, so that a killed import lets go of its locks.
-constexpr const char* client_check = "set client_connection_check_interval = 1000;\n";
+/// psql says this before the last statement.
+constexpr const char* committing = "osrimp-committing";
 
 /// psql went away; it knows why.
 class Reader_Gone : public Failure
@@ -98,6 +98,14 @@ void send_archive(const Import_Script& script, int file, const Login& login, int
     throw Failure("the file cannot be read: " + restore.error());
 }
 
+[[noreturn]] void fail_with_reason(const Client_Program& psql)
+{
+  const std::string text = psql.messages();
+  if (text.find(committing) != std::string::npos && text.find("ERROR:  ") == std::string::npos)
+    throw Unknown_Outcome("the connection was lost during the commit: look at the data before trying again");
+  throw Failure(psql.error());
+}
+
 } // namespace
 
 std::vector<std::string> run_script(const Import_Script& script, int file, const Login& login)
@@ -107,23 +115,24 @@ std::vector<std::string> run_script(const Import_Script& script, int file, const
                       pipe.read_end.get(), -1);
   pipe.read_end.reset();
   try {
-    send(pipe.write_end.get(), "begin;\n" + std::string(client_check) + lock_limit + "\n" +
+    send(pipe.write_end.get(), "begin;\n" + std::string(lock_limit) + "\n" +
                                    "set maintenance_work_mem = '256MB';\nset search_path = '';\n" +
                                    script.before);
     if (!script.entries.empty())
       send_archive(script, file, login, pipe.write_end.get());
-    send(pipe.write_end.get(), "\n" + std::string(lock_limit) + "\n" + script.after + "commit;\n");
+    send(pipe.write_end.get(),
+         "\n" + std::string(lock_limit) + "\n" + script.after + "\\warn " + committing + "\ncommit;\n");
   } catch (const Reader_Gone&) {
     if (psql.wait())
       throw;
-    throw Failure(psql.error());
+    fail_with_reason(psql);
   } catch (const Failure&) {
     psql.kill(); // before it sees an end of the script
     throw;
   }
   pipe.write_end.reset();
   if (!psql.wait())
-    throw Failure(psql.error());
+    fail_with_reason(psql);
   std::vector<std::string> warnings;
   for (const std::string& line : split_lines(psql.messages())) {
     const auto found = line.find("WARNING:  ");

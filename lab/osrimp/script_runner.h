@@ -3,6 +3,7 @@
 /// or the program's reason.
 #pragma once
 
+#include "lab/common/text.h"
 #include "lab/osrimp/contents.h"
 
 #include <string>
@@ -10,6 +11,13 @@
 
 namespace oscar_lab
 {
+
+/// Nobody can say whether the server took the commit.
+class Unknown_Outcome : public Failure
+{
+public:
+  using Failure::Failure;
+};
 
 struct Import_Script {
   std::string before;

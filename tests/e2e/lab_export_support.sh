@@ -38,3 +38,24 @@ no_leftovers() { # no schema of an import, no half-written file
   expect_equal "leftover schemas" 0 "$(value "select count(*) from pg_namespace where nspname like 'osrimp%'")"
   expect_equal "half-written files" "" "$(find "$work" -name '*.part')"
 }
+
+# Imports of crm with this table stop at its rows while hold_imports has the lock, which they need for its check.
+make_slow_table() {
+  change "create function crm.slow(i int) returns int language sql immutable as 'select i from pg_advisory_xact_lock_shared(4711)'"
+  change "create table crm.slow (i int check (crm.slow(i) = i))"
+  change "insert into crm.slow values (1)"
+}
+hold_imports() {
+  "$lab" sql "$home" "$instance" "select pg_advisory_lock(4711), pg_sleep(900)" >/dev/null 2>&1 &
+  background+=("$!")
+  wait_for 30 imports_are_held || fail "the lock is not taken"
+}
+imports_are_held() {
+  [ "$(value "select count(*) from pg_locks where locktype = 'advisory' and objid = 4711 and granted")" = 1 ]
+}
+import_waits() {
+  [ "$(value "select count(*) from pg_locks where locktype = 'advisory' and objid = 4711 and not granted")" = 1 ]
+}
+let_imports_go() {
+  change "select pg_terminate_backend(pid) from pg_locks where locktype = 'advisory' and objid = 4711 and granted"
+}
