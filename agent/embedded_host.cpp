@@ -59,16 +59,31 @@ public:
       hooks_.progress(event.b(), event.a());
   }
 
+  void handle_item(const Job_Item_Event& event) override
+  {
+    if (hooks_.item && event.definition_id() == definition_id_)
+      hooks_.item(event.item(), event.number(), event.total());
+  }
+
 private:
   const Job_Run_Hooks& hooks_;
   const std::string definition_id_;
 };
 
-/// Waits for the runs of other processes on the same source. False when a cancel came first.
-bool lock_source(const std::string& source_id, const Job_Run_Hooks& hooks, File_Lock& lock, std::string& error)
+/// Runs with the same key exclude each other. An import may run beside everything else on its source, but two
+/// runs of one definition would share the directory of their files.
+std::string lock_key(const Job_Definition& definition)
+{
+  const bool import =
+      definition.type() == JOB_DEFINITION_RESTORE && definition.subtype() == JOB_DEFINITION_SUBTYPE_IMPORT;
+  return definition.source() && !import ? definition.source()->id() : definition.id();
+}
+
+/// Waits for the runs of other processes with the same key. False when a cancel came first.
+bool lock_runs(const std::string& key, const Job_Run_Hooks& hooks, File_Lock& lock, std::string& error)
 {
   const std::string path =
-      Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT", "locks").path((name_uuid(source_id) + ".lock").c_str());
+      Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT", "locks").path((name_uuid(key) + ".lock").c_str());
   bool noted = false;
   while (!lock.try_lock(path)) {
     if (errno != EWOULDBLOCK) {
@@ -145,8 +160,7 @@ bool Embedded_Host::run(const Job_Definition_Ptr& definition, const Job_Run_Hook
     return false;
   }
   File_Lock source_lock;
-  const std::string source_id = definition->source() ? definition->source()->id() : definition->id();
-  if (!lock_source(source_id, hooks, source_lock, error)) {
+  if (!lock_runs(lock_key(*definition), hooks, source_lock, error)) {
     if (!error.empty())
       return false;
     result.state = JOB_STATE_CANCELED;

@@ -31,6 +31,8 @@ struct Job_Run_Hooks {
   std::function<void()> started;
   /// Bytes moved of the bytes announced, at most once a percent. On the event thread.
   std::function<void(uint64_t done_bytes, uint64_t total_bytes)> progress;
+  /// The run turned to the next of its objects; number from 1. On the event thread.
+  std::function<void(const std::string& item, uint64_t number, uint64_t total)> item;
   /// A remark for the user, such as what the run waits for. On the thread that called run().
   std::function<void(const std::string& text)> note;
   /// Polled ten times a second on the thread that called run(); true sends one stop request to the job.
@@ -65,7 +67,7 @@ public:
   const Job_Definition_Loader& loader() const { return loader_; }
 
   /// Runs one job to its end. True when it ran, whatever came of it: `result` tells. Runs of several processes on one
-  /// source wait for each other.
+  /// source wait for each other; imports wait for runs of their own definition only.
   [[nodiscard]] bool run(const Job_Definition_Ptr& definition, const Job_Run_Hooks& hooks, Job_Run_Result& result,
                          std::string& error);
 

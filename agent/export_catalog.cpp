@@ -50,17 +50,10 @@ Export_Entry entry_of(const json_spirit::Object& row)
     entry.files.push_back(file_of(file.get_obj()));
   return entry;
 }
-} // namespace
 
-bool list_exports(const std::map<std::string, json_spirit::Value>& fields, uint64_t limit,
-                  std::vector<Export_Entry>& backups, std::string& error)
+bool query_exports(Catalog_View_Query query, std::vector<Export_Entry>& backups, std::string& error)
 {
-  Catalog_View_Query query = fields;
   query["with_files"] = true;
-  query["sort"] = "start_time";
-  query["order"] = "desc";
-  if (limit)
-    query["limit"] = limit;
   try {
     json_spirit::Object answer;
     if (!query_catalog("oscar", "catalogs", query, answer, error))
@@ -74,5 +67,41 @@ bool list_exports(const std::map<std::string, json_spirit::Value>& fields, uint6
     error = std::string("the catalog holds a record of the wrong shape: ") + exception.what();
     return false;
   }
+}
+} // namespace
+
+bool list_exports(const std::map<std::string, json_spirit::Value>& fields, uint64_t limit,
+                  std::vector<Export_Entry>& backups, std::string& error)
+{
+  Catalog_View_Query query = fields;
+  query["sort"] = "start_time";
+  query["order"] = "desc";
+  if (limit)
+    query["limit"] = limit;
+  return query_exports(query, backups, error);
+}
+
+bool last_committed_export(const std::string& resource_uuid, std::vector<Export_Entry>& backup,
+                           std::string& error)
+{
+  // Without a sort key the rows stand in commit order.
+  return query_exports({{"resource_uuid", resource_uuid}, {"order", "desc"}, {"limit", 1}}, backup, error);
+}
+
+bool find_exports(const std::string& reference, std::vector<Export_Entry>& backups, std::string& error)
+{
+  if (reference == "latest")
+    return list_exports({}, 1, backups, error);
+  std::vector<Export_Entry> found;
+  if (!list_exports({{"uuid", reference}}, 0, found, error))
+    return false;
+  std::vector<Export_Entry> all;
+  if (found.empty() && !reference.empty() && !list_exports({}, 0, all, error))
+    return false;
+  for (Export_Entry& backup : all)
+    if (backup.id.compare(0, reference.size(), reference) == 0)
+      found.push_back(std::move(backup));
+  backups.swap(found);
+  return true;
 }
 } // namespace kestrel

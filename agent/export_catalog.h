@@ -52,4 +52,13 @@ struct Export_Entry {
 /// Backups that match every given field, newest first; `limit` 0 = all.
 [[nodiscard]] bool list_exports(const std::map<std::string, json_spirit::Value>& fields, uint64_t limit,
                                 std::vector<Export_Entry>& backups, std::string& error);
+
+/// The backup committed last of a resource, whatever the clock said; none when there is no backup.
+[[nodiscard]] bool last_committed_export(const std::string& resource_uuid, std::vector<Export_Entry>& backup,
+                                         std::string& error);
+
+/// The backups that `reference` may mean: the one with this id, else those whose id begins so; the newest for
+/// "latest".
+[[nodiscard]] bool find_exports(const std::string& reference, std::vector<Export_Entry>& backups,
+                                std::string& error);
 } // namespace kestrel

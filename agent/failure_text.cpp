@@ -98,7 +98,7 @@ const Advice advices[] = {
     {15, "check the permissions and the free space below the product's state directory"},
     {16, "read what the tool said in the job log"},
     {17, "check the free space and the health of the pool's disk"},
-    {18, "check that the catalog and the instance's chain state are readable"},
+    {18, "read in the job log which step failed"},
     {19, "check the instance's server process"},
     {20, "run 'kestrel instances' while the instance is up"},
     {24, "check that the instance is up and that the stored account can log in"},

@@ -1,6 +1,9 @@
 #include "agent/job_presence.h"
 
+#include "base/files.h"
+#include "base/ignore_result.h"
 #include "base/path_conf.h"
+#include "base/uuid.h"
 
 #include <cerrno>
 #include <cstring>
@@ -26,6 +29,17 @@ void remove_stale_fifos(const std::filesystem::path& state_directory)
     }
   }
 }
+
+/// What killed exports and imports left: data that lies nowhere else in clear. Only directories named like a
+/// definition are theirs.
+void remove_stale_dumps()
+{
+  std::error_code failure;
+  const std::string root = product_path("/var/cache/tarnvik/kestrel3/oscar/dump");
+  for (const auto& folder : std::filesystem::directory_iterator(root, failure))
+    if (is_uuid(folder.path().filename()))
+      ignore_result(rm_rf(folder.path().c_str()), "the definition's next run tries again, and tells");
+}
 } // namespace
 
 bool Job_Presence::enter(std::string& error)
@@ -36,9 +50,12 @@ bool Job_Presence::enter(std::string& error)
     error = "cannot open " + path + ": " + std::strerror(errno);
     return false;
   }
-  // Alone: nobody else can be using a pipe, and nobody can start to before the lock is shared again.
-  if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0)
+  // Alone: nobody else can be using a pipe or a dump file, and nobody can start to before the lock is shared
+  // again.
+  if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) {
     remove_stale_fifos(std::filesystem::path(path).parent_path());
+    remove_stale_dumps();
+  }
   if (::flock(lock.get(), LOCK_SH) != 0) {
     error = "cannot lock " + path + ": " + std::strerror(errno);
     return false;

@@ -7,7 +7,7 @@
 namespace kestrel
 {
 /// Tells the processes of one installation whether others of them may be running jobs, and lets the first one
-/// clear away the named pipes that a killed process left behind.
+/// clear away the named pipes and dump files that a killed process left behind.
 /// Threads:   one owner.
 /// Ownership: holds a shared lock on jobs.lock of the state directory until it is destroyed.
 /// Errors:    false with `error`; nothing is held then.

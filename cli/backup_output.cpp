@@ -1,5 +1,6 @@
 #include "cli/backup_output.h"
 
+#include "cli/export_output.h"
 #include "cli/text_format.h"
 #include "json/json_util.h"
 
@@ -72,6 +73,9 @@ bool find_backup(Session& session, const std::string& reference, Backup_Entry& b
   std::string error;
   if (resolve_backup(reference, resource_uuid, backup, error))
     return true;
+  Export_Entry exported;
+  if (means_export(reference, exported))
+    error = exported.id + " is an export; bring it back with: kestrel import " + exported.id;
   session.fail(error);
   return false;
 }

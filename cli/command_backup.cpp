@@ -1,6 +1,7 @@
 #include "cli/backup_output.h"
 #include "cli/definition_builder.h"
 #include "cli/job_command.h"
+#include "cli/pool_choice.h"
 #include "cli/text_format.h"
 
 #include "agent/backup_catalog.h"
@@ -11,19 +12,6 @@ namespace kestrel
 {
 namespace
 {
-bool find_target(Session& session, Pool_Info& pool)
-{
-  const std::string& wanted = session.line().pool;
-  std::string error;
-  Pool_Registry& pools = session.host().pools();
-  if (wanted.empty() ? pools.default_pool(pool, error) : pools.find(wanted, pool, error))
-    return true;
-  session.fail(wanted.empty() ? "there is no pool to back up to: " + error +
-                                    "; add one: kestrel pool add NAME --path DIR --default"
-                              : "the pool " + wanted + " cannot be used: " + error);
-  return false;
-}
-
 /// The set that the job has just committed: jobs on one instance exclude each other until then.
 bool committed_backup(const std::string& resource_uuid, Backup_Entry& backup, std::string& error)
 {
@@ -85,7 +73,7 @@ int run_backup(Session& session)
   const Command_Line& line = session.line();
   Instance_Registry::Entry instance;
   Pool_Info pool;
-  if (!session.find_instance(line.instance, instance) || !find_target(session, pool))
+  if (!session.find_instance(line.instance, instance) || !choose_target_pool(session, pool))
     return EXIT_CODE_FAILED;
   const std::string& name = instance.instance.name;
   if (instance.accounts.empty())

@@ -1,5 +1,6 @@
 #include "cli/backup_output.h"
 #include "cli/chain_tree.h"
+#include "cli/export_output.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
 
@@ -15,6 +16,8 @@ namespace
 struct Page {
   std::vector<Backup_Entry> backups; ///< newest first
   bool more = false;                 ///< older ones were left out
+  std::vector<Export_Entry> exports; ///< newest first
+  bool more_exports = false;
 };
 
 bool read_page(Session& session, Page& page)
@@ -35,6 +38,13 @@ bool read_page(Session& session, Page& page)
   page.more = limit && page.backups.size() > limit;
   if (page.more)
     page.backups.resize(limit);
+  if (!list_exports(fields, limit ? limit + 1 : 0, page.exports, error)) {
+    session.fail("the exports cannot be listed: " + error);
+    return false;
+  }
+  page.more_exports = limit && page.exports.size() > limit;
+  if (page.more_exports)
+    page.exports.resize(limit);
   return true;
 }
 
@@ -56,6 +66,16 @@ std::string tree_of(Session& session, const std::vector<Backup_Entry>& backups)
   }
   return format_table(rows, {3, 4}, lines_before_row);
 }
+
+std::string text_of(Session& session, const Page& page)
+{
+  if (page.backups.empty() && page.exports.empty())
+    return "There is no backup yet. Make one: kestrel backup INSTANCE\n";
+  std::string text = page.backups.empty() ? "" : tree_of(session, page.backups);
+  if (!page.exports.empty())
+    text += (text.empty() ? "" : "\n") + table_of_exports(page.exports);
+  return text;
+}
 } // namespace
 
 int run_backups(Session& session)
@@ -70,11 +90,14 @@ int run_backups(Session& session)
       list.push_back(json_of_backup(session, backup));
     set_value(json, "backups", list);
     set_value(json, "more", page.more);
+    json_spirit::Array exports;
+    for (const Export_Entry& entry : page.exports)
+      exports.push_back(json_of_export(session, entry));
+    set_value(json, "exports", exports);
+    set_value(json, "more_exports", page.more_exports);
   }
-  session.result(json, session.line().json    ? ""
-                       : page.backups.empty() ? "There is no backup yet. Make one: kestrel backup INSTANCE\n"
-                                              : tree_of(session, page.backups));
-  if (page.more)
+  session.result(json, session.line().json ? "" : text_of(session, page));
+  if (page.more || page.more_exports)
     session.note("The newest " + std::to_string(session.line().limit) + " are shown; --limit 0 lists all.");
   size_t broken = 0;
   for (const Backup_Entry& backup : page.backups)

@@ -75,6 +75,21 @@ CLI::Validator backup_level()
       "full|incr|diff");
 }
 
+void add_storage_options(CLI::App& command, Command_Line& line)
+{
+  command.add_option("--pool", line.pool, "pool to store it in; the default pool when not given");
+  command.add_option("--compression", line.compression, "compression method")
+      ->check(CLI::IsMember({"none", "zlib", "lz4", "zstd"}))
+      ->capture_default_str();
+  command.add_option("--compression-level", line.compression_level, "level of the method; 1 when not given")
+      ->check(CLI::Range(1, 22));
+  command
+      .add_option("--rate-limit", line.rate_limit_bytes_per_second,
+                  "bytes a second at the most; k, m and g (1024 based) may follow the number")
+      ->transform(CLI::AsSizeValue(false))
+      ->transform(unsigned_number()); // runs first: the size parser would wrap "-1" around
+}
+
 void add_backup_command(CLI::App& app, Command_Line& line)
 {
   CLI::App* backup = add_command(app, line, "backup", "Back an instance up", Command::backup);
@@ -85,17 +100,7 @@ void add_backup_command(CLI::App& app, Command_Line& line)
                    "last full one (diff)")
       ->transform(backup_level())
       ->capture_default_str();
-  backup->add_option("--pool", line.pool, "pool to store it in; the default pool when not given");
-  backup->add_option("--compression", line.compression, "compression method")
-      ->check(CLI::IsMember({"none", "zlib", "lz4", "zstd"}))
-      ->capture_default_str();
-  backup->add_option("--compression-level", line.compression_level, "level of the method; 1 when not given")
-      ->check(CLI::Range(1, 22));
-  backup
-      ->add_option("--rate-limit", line.rate_limit_bytes_per_second,
-                   "bytes a second at the most; k, m and g (1024 based) may follow the number")
-      ->transform(CLI::AsSizeValue(false))
-      ->transform(unsigned_number()); // runs first: the size parser would wrap "-1" around
+  add_storage_options(*backup, line);
 }
 
 void add_catalog_commands(CLI::App& app, Command_Line& line)
@@ -125,6 +130,33 @@ void add_catalog_commands(CLI::App& app, Command_Line& line)
   restore->add_option("--pool", line.pool, "read the stored files from this pool");
   restore->add_flag("--yes,-y", line.assume_yes, "do not ask");
 }
+
+void add_logical_commands(CLI::App& app, Command_Line& line)
+{
+  CLI::App* const exporter =
+      add_command(app, line, "export", "Export databases, schemas and tables; the instance stays up",
+                  Command::export_objects);
+  exporter
+      ->add_option(
+          "OBJECT", line.names,
+          "INSTANCE (its database), INSTANCE/DATABASE/SCHEMA or INSTANCE/DATABASE/SCHEMA/TABLE; several of "
+          "one instance make one export")
+      ->required();
+  add_storage_options(*exporter, line);
+
+  CLI::App* const importer =
+      add_command(app, line, "import", "Import an object of an export, replacing the one of that name",
+                  Command::import_object);
+  importer->add_option("BACKUP", line.names, "id of an export, a unique beginning of it, or 'latest'")
+      ->required()
+      ->expected(1);
+  importer->add_option("--original", line.original,
+                       "which object of the export; not needed when it holds only one");
+  importer->add_option("--as", line.target,
+                       "where to: INSTANCE[/DATABASE[/SCHEMA[/TABLE]]]; names left off stay as they were");
+  importer->add_option("--pool", line.pool, "read the archive from this pool");
+  importer->add_flag("--yes,-y", line.assume_yes, "do not ask");
+}
 } // namespace
 
 bool parse_command_line(int argc, char** argv, Command_Line& line, int& exit_code)
@@ -145,6 +177,7 @@ bool parse_command_line(int argc, char** argv, Command_Line& line, int& exit_cod
   add_pool_commands(app, line);
   add_backup_command(app, line);
   add_catalog_commands(app, line);
+  add_logical_commands(app, line);
   CLI::App* run = add_command(app, line, "run", "Run a job definition document", Command::run);
   run->add_option("FILE", line.file, "job definition (JSON); '-' reads standard input")->required();
 

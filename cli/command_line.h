@@ -19,6 +19,8 @@ enum class Command {
   show,
   verify,
   restore,
+  export_objects,
+  import_object,
   run
 };
 
@@ -30,8 +32,9 @@ struct Command_Line {
   bool verbose = false;
   bool quiet = false;
 
-  std::string instance;           ///< backup, backups, login; for "latest" also show, verify, restore
-  std::vector<std::string> names; ///< show, restore: one BACKUP; verify: any number
+  std::string instance; ///< backup, backups, login; for "latest" also show, verify, restore
+  /// show, restore, import: one BACKUP; verify: any number; export: OBJECTs
+  std::vector<std::string> names;
   std::string user;
   std::string password_file;
   std::string pool; ///< pool commands, backup, restore
@@ -44,7 +47,9 @@ struct Command_Line {
   bool all = false;     ///< verify: said for clearness; naming no backup means the same
   uint64_t limit = 100; ///< backups: newest N; 0 = all
   bool assume_yes = false;
-  std::string file; ///< run
+  std::string original; ///< import: the object in the export
+  std::string target;   ///< import: what it becomes
+  std::string file;     ///< run
 };
 
 /// Parses the words of the command line. Prints help, version or the error itself.

@@ -1,4 +1,5 @@
 #include "cli/backup_output.h"
+#include "cli/confirmation.h"
 #include "cli/definition_builder.h"
 #include "cli/job_command.h"
 #include "cli/text_format.h"
@@ -6,8 +7,6 @@
 #include "json/json_util.h"
 
 #include <cstdio>
-#include <iostream>
-#include <unistd.h>
 
 namespace kestrel
 {
@@ -75,22 +74,6 @@ std::string describe(Session& session, const Restore_Plan& plan)
   return text;
 }
 
-/// Asks on the terminal; without one nobody can answer, so nothing is done.
-bool confirmed(Session& session)
-{
-  if (session.line().assume_yes)
-    return true;
-  if (!::isatty(STDIN_FILENO)) {
-    session.fail("nobody is there to confirm the restore; give --yes", EXIT_CODE_USAGE);
-    return false;
-  }
-  std::fputs("Go on? [y/N] ", stderr);
-  std::string answer;
-  if (std::getline(std::cin, answer) && (answer == "y" || answer == "Y" || answer == "yes"))
-    return true;
-  session.fail("nothing was done", EXIT_CODE_CANCELED);
-  return false;
-}
 } // namespace
 
 int run_restore(Session& session)
@@ -100,8 +83,9 @@ int run_restore(Session& session)
     return EXIT_CODE_FAILED;
   if (!session.line().json)
     std::fputs(describe(session, plan).c_str(), stderr);
-  if (!confirmed(session))
-    return session.line().assume_yes || ::isatty(STDIN_FILENO) ? EXIT_CODE_CANCELED : EXIT_CODE_USAGE;
+  const int answer = ask_to_go_on(session, "restore");
+  if (answer != EXIT_CODE_DONE)
+    return answer;
 
   Restore_Request request;
   request.instance_name = plan.instance.instance.name;

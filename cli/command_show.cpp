@@ -1,4 +1,5 @@
 #include "cli/backup_output.h"
+#include "cli/export_output.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
 
@@ -78,6 +79,11 @@ Rows describe(Session& session, const Backup_Entry& backup, const std::vector<Ba
 
 int run_show(Session& session)
 {
+  Export_Entry exported;
+  if (means_export(session.line().names.front(), exported)) {
+    session.result(json_of_export(session, exported), text_of_export(session, exported));
+    return EXIT_CODE_DONE;
+  }
   Backup_Entry backup;
   if (!find_backup(session, session.line().names.front(), backup))
     return EXIT_CODE_FAILED;

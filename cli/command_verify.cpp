@@ -1,4 +1,5 @@
 #include "cli/backup_output.h"
+#include "cli/export_verification.h"
 #include "cli/progress_display.h"
 #include "cli/text_format.h"
 
@@ -30,10 +31,10 @@ bool all_backups(Session& session, std::vector<Backup_Entry>& backups)
 }
 
 /// What restores of the named backups would read, each set once, newest first.
-bool named_chains(Session& session, std::vector<Backup_Entry>& backups)
+bool named_chains(Session& session, const std::vector<std::string>& names, std::vector<Backup_Entry>& backups)
 {
   std::set<std::pair<std::string, std::string>> taken;
-  for (const std::string& reference : session.line().names) {
+  for (const std::string& reference : names) {
     Backup_Entry backup;
     std::vector<Backup_Entry> chain;
     std::string error;
@@ -113,7 +114,8 @@ int show_results(Session& session, const std::vector<Chain_Verification>& result
   if (bad_count == 0)
     return EXIT_CODE_DONE;
   std::fprintf(stderr,
-               "kestrel: %zu of %zu backups could not be verified; make a full backup of their instances\n",
+               "kestrel: %zu of %zu backups could not be verified; make a full backup of their "
+               "instances, or export their objects again\n",
                bad_count, results.size());
   return EXIT_CODE_FAILED;
 }
@@ -122,18 +124,27 @@ int show_results(Session& session, const std::vector<Chain_Verification>& result
 int run_verify(Session& session)
 {
   std::vector<Backup_Entry> backups;
-  if (!(session.line().names.empty() ? all_backups(session, backups) : named_chains(session, backups)))
+  std::vector<Export_Entry> exports;
+  std::vector<std::string> chains; // the names that mean no export
+  if (!choose_exports(session, exports, chains) ||
+      !(session.line().names.empty() ? all_backups(session, backups)
+                                     : named_chains(session, chains, backups)))
     return EXIT_CODE_FAILED;
 
   const Cancel_Signals signals;
   std::string error;
   bool kept = true;
-  const std::vector<Chain_Verification> results = verify_chains(
+  std::vector<Chain_Verification> results = verify_chains(
       backups, [&session](const Backup_Entry& backup) { return verify_one(session, backup); },
       [&](const Chain_Verification& result) {
         kept = Cancel_Signals::requested() || record_outcome(result.backup, result.file, error);
         return kept && !Cancel_Signals::requested();
       });
+  for (auto entry = exports.begin(); kept && !Cancel_Signals::requested() && entry != exports.end();
+       ++entry) {
+    results.push_back(verify_one_export(session, *entry));
+    kept = Cancel_Signals::requested() || record_outcome(results.back().backup, results.back().file, error);
+  }
   if (Cancel_Signals::requested())
     return session.fail("the verification was canceled at backup " + results.back().backup.id,
                         EXIT_CODE_CANCELED);

@@ -66,6 +66,10 @@ Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const
     bytes = done_bytes;
     display.update(done_bytes, total_bytes);
   };
+  hooks.item = [&](const std::string& item, uint64_t number, uint64_t total) {
+    const std::lock_guard<std::mutex> guard(display_mutex);
+    display.note(item + " (" + std::to_string(number) + " of " + std::to_string(total) + ")");
+  };
   hooks.note = [&](const std::string& text) {
     const std::lock_guard<std::mutex> guard(display_mutex);
     display.note(text);

@@ -31,6 +31,10 @@ int run_command(kestrel::Session& session)
     return kestrel::run_verify(session);
   case Command::restore:
     return kestrel::run_restore(session);
+  case Command::export_objects:
+    return kestrel::run_export(session);
+  case Command::import_object:
+    return kestrel::run_import(session);
   case Command::run:
     return kestrel::run_definition_file(session);
   case Command::none:

@@ -66,6 +66,7 @@ void Session::note(const std::string& text)
 
 int Session::fail(const std::string& what, int code, const std::string& log_path)
 {
+  last_code_ = code;
   if (line_.json) {
     json_spirit::Object error;
     set_value(error, "message", what);

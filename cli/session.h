@@ -29,6 +29,9 @@ public:
   /// The one line that ends a failure: `what` failed and why, and what to do next. Returns `code`.
   int fail(const std::string& what, int code = EXIT_CODE_FAILED, const std::string& log_path = std::string());
 
+  /// The code of the last fail().
+  int last_code() const { return last_code_; }
+
   /// Name of the instance with this uuid, or a shortened uuid when it is not registered any more.
   std::string instance_name(const std::string& resource_uuid);
   /// Looks an instance up by name, in the case given or in upper case, after a look at what runs on this host when it
@@ -42,6 +45,7 @@ private:
 
   const Command_Line& line_;
   Embedded_Host host_;
+  int last_code_ = EXIT_CODE_DONE;
 };
 
 /// While it lives, SIGINT and SIGTERM do not end the process but set a flag that jobs poll.
@@ -66,5 +70,7 @@ int run_backups(Session& session);
 int run_show(Session& session);
 int run_verify(Session& session);
 int run_restore(Session& session);
+int run_export(Session& session);
+int run_import(Session& session);
 int run_definition_file(Session& session);
 } // namespace kestrel

@@ -253,6 +253,7 @@ void Backup_Executor::set_archive(MTF_Backup& archive)
   archive.pool_uuid(tgt_.id());
   archive.device_uuid(tgt_.device_id());
   archive.host_uuid(def_.host_id());
+  archive.definition_uuid(def_.id());
   archive.uuid(uuid_);
   archive.compression(compression_to_mtf(opts_ ? opts_->compression() : COMPRESSION_NONE));
   if (opts_)

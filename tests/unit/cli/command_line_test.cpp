@@ -166,3 +166,32 @@ TEST(Command_Line, verifies_all_or_what_is_named)
   EXPECT_FALSE(both.ok);
   EXPECT_EQ(EXIT_CODE_USAGE, both.exit_code);
 }
+
+TEST(Command_Line, takes_an_export_of_several_objects_with_the_options_of_a_backup)
+{
+  const Parsed parsed = parse({"export", "DB1", "DB1/DB1/S/T", "--pool", "P", "--compression", "lz4",
+                               "--compression-level", "9", "--rate-limit", "10m"});
+  ASSERT_TRUE(parsed.ok) << parsed.err;
+  EXPECT_EQ(Command::export_objects, parsed.line.command);
+  EXPECT_EQ((std::vector<std::string>{"DB1", "DB1/DB1/S/T"}), parsed.line.names);
+  EXPECT_EQ("P", parsed.line.pool);
+  EXPECT_EQ("lz4", parsed.line.compression);
+  EXPECT_EQ(9, parsed.line.compression_level.value());
+  EXPECT_EQ(10u * 1024 * 1024, parsed.line.rate_limit_bytes_per_second);
+  EXPECT_FALSE(parse({"export"}).ok);
+  EXPECT_FALSE(parse({"export", "DB1", "--level", "full"}).ok);
+}
+
+TEST(Command_Line, takes_an_import_with_its_names)
+{
+  const Parsed parsed =
+      parse({"import", "latest", "--original", "DB1/DB1/S", "--as", "DB2/DB2/S2", "--pool", "P", "--yes"});
+  ASSERT_TRUE(parsed.ok) << parsed.err;
+  EXPECT_EQ(Command::import_object, parsed.line.command);
+  EXPECT_EQ(std::vector<std::string>{"latest"}, parsed.line.names);
+  EXPECT_EQ("DB1/DB1/S", parsed.line.original);
+  EXPECT_EQ("DB2/DB2/S2", parsed.line.target);
+  EXPECT_TRUE(parsed.line.assume_yes);
+  EXPECT_FALSE(parse({"import"}).ok);
+  EXPECT_FALSE(parse({"import", "A", "B"}).ok);
+}
