@@ -44,6 +44,11 @@ bool read_at(int fd, std::uint64_t offset, std::string& piece)
   return true;
 }
 
+bool is_blank(const char* bytes, std::size_t count)
+{
+  return std::all_of(bytes, bytes + count, [](char byte) { return byte == 0; });
+}
+
 } // namespace
 
 std::string segment_name(const Log_Shape& shape, std::uint64_t segment)
@@ -69,14 +74,21 @@ std::uint64_t segment_of_name(const Log_Shape& shape, const std::string& name)
 void check_log_pages(const Log_Shape& shape, std::uint64_t lsn, const std::string& piece)
 {
   const std::uint64_t end = lsn + piece.size();
+  // A server that begins a new segment early leaves the rest of the old one blank, up to its end.
+  bool blank = false;
   for (std::uint64_t page = (lsn + log_page_bytes - 1) / log_page_bytes * log_page_bytes;
        page + page_header_bytes <= end; page += log_page_bytes) {
     const char* const header = piece.data() + (page - lsn);
+    blank = blank && page % shape.segment_bytes != 0;
+    if (is_blank(header, std::min<std::uint64_t>(log_page_bytes, end - page))) {
+      blank = true;
+      continue;
+    }
     std::uint32_t timeline = 0;
     std::uint64_t position = 0;
     std::memcpy(&timeline, header + page_timeline_offset, sizeof timeline);
     std::memcpy(&position, header + page_position_offset, sizeof position);
-    if (position != page || timeline != shape.timeline)
+    if (blank || position != page || timeline != shape.timeline)
       throw Failure("the log is damaged at " + format_lsn(page));
   }
 }

@@ -31,7 +31,7 @@ std::string segment_name(const Log_Shape& shape, std::uint64_t segment);
 std::uint64_t segment_of_name(const Log_Shape& shape, const std::string& name);
 
 /// Every page of the log says where it belongs. Throws when a page that begins in the piece belongs
-/// elsewhere: a segment file that was used again, or was never filled.
+/// elsewhere: a segment file that was used again, or has a gap. The blank rest of a segment is none.
 void check_log_pages(const Log_Shape& shape, std::uint64_t lsn, const std::string& piece);
 
 /// Reads log that a running server may move from its own directory to the archive meanwhile.

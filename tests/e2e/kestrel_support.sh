@@ -11,6 +11,7 @@ export KESTREL_ROOT=$work/root
 home=$work/oscar
 pool=$work/pool
 instances=()
+places=() # HOME/NAME of each, whatever $home is at the end
 password=s3cret.pass
 mkdir -p "$KESTREL_ROOT" "$pool"
 printf '%s\n' "$password" >"$work/password"
@@ -21,7 +22,8 @@ unset SZ_OSCAR_HOME
 cleanup() {
   local status=$?
   trap - EXIT
-  for name in "${instances[@]}"; do "$lab" destroy "$home" "$name" >/dev/null 2>&1 || true; done
+  local place
+  for place in "${places[@]}"; do "$lab" destroy "${place%/*}" "${place##*/}" >/dev/null 2>&1 || true; done
   ! mountpoint -q "$work/tmpfs" 2>/dev/null || umount -l "$work/tmpfs"
   if [ "$status" -ne 0 ] && [ -n "${KESTREL_KEEP:-}" ]; then
     echo "kept: $work" >&2
@@ -66,6 +68,7 @@ make_instance() {
     "$lab" create "$home" "$1" --port "$port" --archive-log "${3:-on}" --user sysdba --password-file "$work/password" \
       >"$work/lab.log" 2>&1 || fail "$(cat "$work/lab.log")"
     instances+=("$1")
+    places+=("$home/$1")
     "$lab" start "$home" "$1" >"$work/lab.log" 2>&1 && break
     "$lab" destroy "$home" "$1" >/dev/null
   done
@@ -97,3 +100,36 @@ backup_count() { "$kestrel" --json backups 2>/dev/null | jq -r '.backups | lengt
 job_logs_hide_password() {
   ! grep -rqF -- "$password" "$KESTREL_ROOT/var" || fail "the password stands in: $(grep -rlF -- "$password" "$KESTREL_ROOT/var" | head -3)"
 }
+
+# change NAME: rows come, change and go, in several tables.
+changes=0
+change() {
+  changes=$((changes + 1))
+  "$lab" sql "$home" "$1" "insert into sales.orders (id, customer, placed, amount, status, note)
+    select max(id) + 1, 1, now(), $changes, 1, 'change $changes' from sales.orders" >/dev/null
+  "$lab" sql "$home" "$1" "update sales.customers set name = name || '$changes' where id % 50 = $changes % 50" >/dev/null
+  "$lab" sql "$home" "$1" "delete from docs.documents where id % 40 = $changes % 40" >/dev/null
+  "$lab" sql "$home" "$1" "create table sales.change_$changes as select * from sales.orders where id % 10 = 3" >/dev/null
+}
+# take NAME LEVEL [OPTION...]: a backup whose record must have that level; $taken is its id, $work/data.ID what the tables
+# held.
+take() {
+  local name=$1 level=$2
+  shift 2
+  run 0 "$kestrel" --json backup "$name" --level "$level" "$@"
+  equal "$(value .level)" "$level" "level of the record"
+  taken=$(value .backup)
+  check_data "$name" "$work/data.$taken"
+}
+# restored_to NAME ID: after a bad day the restore brings back what the tables held when the backup was taken.
+restored_to() {
+  damage "$1"
+  run_timeout=300 run 0 "$kestrel" --json restore "$2" --yes
+  check_data "$1" "$work/after"
+  same_data "$work/data.$2" "$work/after"
+  nothing_left
+}
+# stored_file ID: where its bytes lie in the pool.
+stored_file() { printf '%s/%s' "$pool" "$("$kestrel" --json show "$1" | jq -r '.folder + "/" + .file')"; }
+catalog_sql() { sqlite3 "$KESTREL_ROOT/var/opt/tarnvik/kestrel3/agent/catalog.db" ".timeout 10000" "pragma foreign_keys = on; $1" >/dev/null; }
+state_of() { "$kestrel" --json instances | jq -r ".instances[] | select(.name == \"$1\") | .state"; }
