@@ -1,9 +1,12 @@
 #include "agent/backup_verifier.h"
 
+#include "storage/back_end.h"
 #include "storage/client_io.h"
 #include "storage/pool.h"
+#include "storage/side_file.h"
 
 #include <cerrno>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -26,7 +29,8 @@ Verification judged(Verification::Outcome outcome, const std::string& problem, u
   return verification;
 }
 
-/// The stream begins with its own length of the info block, big-endian. Empty text when a restore would accept it.
+/// The stream begins with its own length of the info block, big-endian. Empty text when a restore would
+/// accept it.
 std::string info_block_problem(const std::vector<unsigned char>& first_block, size_t count)
 {
   if (count < head_bytes)
@@ -44,7 +48,8 @@ std::string info_block_problem(const std::vector<unsigned char>& first_block, si
 std::string disagreement_with_catalog(const Backup_Entry& backup, const Client_IO_Ex& client, uint64_t bytes)
 {
   if (bytes != backup.size)
-    return "the stream has " + std::to_string(bytes) + " bytes, the catalog says " + std::to_string(backup.size);
+    return "the stream has " + std::to_string(bytes) + " bytes, the catalog says " +
+           std::to_string(backup.size);
   if (client.storage_size() != backup.stored_size)
     return "the stored file has " + std::to_string(client.storage_size()) + " bytes, the catalog says " +
            std::to_string(backup.stored_size);
@@ -54,6 +59,22 @@ std::string disagreement_with_catalog(const Backup_Entry& backup, const Client_I
     return "the stream's checksum differs from the one taken when the tool wrote it";
   if (!backup.storage_checksum.empty() && client.storage_checksum() != backup.storage_checksum)
     return "the stored file's checksum differs from the catalog's";
+  return "";
+}
+
+/// What the side file says against the catalog; a file without one is judged when it is read.
+std::string side_file_problem(const std::string& text, const Backup_Entry& backup)
+{
+  if (text.empty())
+    return "";
+  Side_File side_file;
+  std::string error;
+  if (!parse_side_file(text, side_file, error))
+    return error;
+  if (side_file.storage_size != backup.stored_size || side_file.original_size != backup.size)
+    return "its side file tells of another file than the catalog";
+  if (!backup.storage_checksum.empty() && side_file.storage_checksum != backup.storage_checksum)
+    return "its side file has another checksum than the catalog";
   return "";
 }
 } // namespace
@@ -77,23 +98,39 @@ bool may_not_read(const std::string& path)
   return ::access(path.c_str(), R_OK) != 0 && errno == EACCES;
 }
 
+namespace
+{
+/// Where the stored file of a backup is looked for.
+struct Stored_Place {
+  Client_IO_Base::Options options;
+  std::string folder;
+  std::string problem; ///< why there is no such place
+};
+
+bool find_place(const std::string& pool_uuid, const Backup_Entry& backup, Stored_Place& place)
+{
+  Pool_Info pool;
+  if (!find_pool_of_backup(pool_uuid, pool, place.problem) || !set_options_by_pool(place.options, pool))
+    return false;
+  place.folder = pool.storage_path + "/" + backup.uri;
+  return true;
+}
+} // namespace
+
 Verification verify_backup(const Backup_Entry& backup,
                            const std::function<void(uint64_t done_bytes, uint64_t total_bytes)>& progress,
                            const std::function<bool()>& cancel_requested)
 {
   using Outcome = Verification::Outcome;
-  Pool_Info pool;
-  Client_IO_Base::Options options;
-  std::string unreachable;
-  if (!find_pool_of_backup(backup.pool_uuid, pool, unreachable) || !set_options_by_pool(options, pool))
-    return judged(Outcome::unknown, unreachable, 0);
+  Stored_Place place;
+  if (!find_place(backup.pool_uuid, backup, place))
+    return judged(Outcome::unknown, place.problem, 0);
 
   Client_IO_Ex client;
-  if (!client.connect(pool.storage_path + "/" + backup.uri, options))
+  if (!client.connect(place.folder, place.options))
     return judged(Outcome::unknown, client.error(), 0);
   if (!client.open(backup.file, Client_IO_Ex::MODE_READ, 0, 0))
-    return judged(may_not_read(pool.storage_path + "/" + backup.uri + "/" + backup.file) ? Outcome::unknown
-                                                                                         : Outcome::damaged,
+    return judged(may_not_read(place.folder + "/" + backup.file) ? Outcome::unknown : Outcome::damaged,
                   client.error(), 0);
 
   std::vector<unsigned char> block(block_bytes);
@@ -117,5 +154,27 @@ Verification verify_backup(const Backup_Entry& backup,
   }
   const std::string problem = disagreement_with_catalog(backup, client, bytes);
   return judged(problem.empty() ? Outcome::good : Outcome::damaged, problem, bytes);
+}
+
+Verification probe_backup(const Backup_Entry& backup, const std::string& pool_uuid)
+{
+  using Outcome = Verification::Outcome;
+  Stored_Place place;
+  if (!find_place(pool_uuid, backup, place))
+    return judged(Outcome::unknown, place.problem, 0);
+  std::string error;
+  const std::unique_ptr<Storage_Back_End> back_end = make_storage_back_end(place.options.back_end, error);
+  if (!back_end || !back_end->connect(place.folder, place.options, error))
+    return judged(Outcome::unknown, error, 0);
+  const std::unique_ptr<Stored_File_Reader> file = back_end->open(backup.file, error);
+  if (!file)
+    return judged(Outcome::damaged, error, 0);
+  if (file->size() != backup.stored_size)
+    return judged(Outcome::damaged,
+                  "the stored file has " + std::to_string(file->size()) + " bytes, the catalog says " +
+                      std::to_string(backup.stored_size),
+                  0);
+  const std::string problem = side_file_problem(file->side_file(), backup);
+  return judged(problem.empty() ? Outcome::good : Outcome::damaged, problem, 0);
 }
 } // namespace kestrel

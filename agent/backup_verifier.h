@@ -20,8 +20,8 @@ struct Verification {
   uint64_t bytes = 0;  ///< of the original stream that were read
 };
 
-/// Reads every stored byte of a backup through the same client as a restore and checks: both checksums, the sizes and
-/// checksums that the catalog keeps, and the structure of the stream (info head and info data).
+/// Reads every stored byte of a backup through the same client as a restore and checks: both checksums, the
+/// sizes and checksums that the catalog keeps, and the structure of the stream (info head and info data).
 /// Needs no database server and changes nothing.
 /// Threads: any; blocks for as long as the reading takes.
 /// `progress` and `cancel_requested` may be empty; they are called on the calling thread.
@@ -35,4 +35,9 @@ Verification verify_backup(const Backup_Entry& backup,
 
 /// A file that this user may not read says nothing about its content.
 bool may_not_read(const std::string& path);
+
+/// Looks at the stored file without reading it: whether it is there, as long as the catalog says, and, by its
+/// side file, the one that was stored. What this finds would make a restore fail half-way; good does not mean
+/// undamaged. `pool_uuid` is the pool to look in. Threads: any; costs no more than opening two files.
+Verification probe_backup(const Backup_Entry& backup, const std::string& pool_uuid);
 } // namespace kestrel

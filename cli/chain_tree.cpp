@@ -89,6 +89,7 @@ private:
 
   void remark(const std::string& text) { lines_.push_back({Tree_Line::Kind::remark, 0, text}); }
 
+  /// What builds on something that is not there hangs below a remark, a full backup stands at the margin.
   void draw_root(size_t position)
   {
     const Backup_Entry& backup = backups_[position];
@@ -96,8 +97,12 @@ private:
       remark("? builds on " + backup.predecessor_id + ", which builds on it");
     else if (backup.predecessor_missing)
       remark("? builds on " + backup.predecessor_id + ", which is not in the catalog");
-    lines_.push_back({Tree_Line::Kind::backup, position, ""});
-    draw_branches(forest_.children[position], "");
+    else {
+      lines_.push_back({Tree_Line::Kind::backup, position, ""});
+      draw_branches(forest_.children[position], "");
+      return;
+    }
+    draw_branches({position}, "");
   }
 
   void draw_rest_of_chain(const Chain& chain)

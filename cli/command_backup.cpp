@@ -95,7 +95,8 @@ int run_backup(Session& session)
 
   session.note("Backing " + name + " up to pool " + pool.name + " (" + line.level + ", " + line.compression +
                ")");
-  const Job_Report job = run_job(session, definition, {name, "backup of " + name, "nothing of it was kept"});
+  const Job_Report job =
+      run_job(session, definition, {name, "backup of " + name, "nothing of it was kept", ""});
   if (job.exit_code != EXIT_CODE_DONE)
     return job.exit_code;
 

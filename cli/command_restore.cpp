@@ -4,6 +4,7 @@
 #include "cli/job_command.h"
 #include "cli/text_format.h"
 
+#include "agent/backup_verifier.h"
 #include "json/json_util.h"
 
 #include <cstdio>
@@ -25,6 +26,21 @@ bool find_target_instance(Session& session, const Backup_Entry& backup, Instance
   const std::string& wanted = session.line().instance;
   return session.find_instance(wanted.empty() ? session.instance_name(backup.resource_uuid) : wanted,
                                instance);
+}
+
+/// A chain of which a file is missing must not cost the instance the data that it holds.
+bool files_are_there(Session& session, const Restore_Plan& plan)
+{
+  for (const Backup_Entry& member : plan.sequence) {
+    const Verification file =
+        probe_backup(member, plan.pool_override.empty() ? member.pool_uuid : plan.pool_override);
+    if (file.outcome == Verification::Outcome::good)
+      continue;
+    session.fail("backup " + plan.backup.id + " cannot be restored: of backup " + member.id + ", " +
+                 file.problem + "; nothing was changed");
+    return false;
+  }
+  return true;
 }
 
 bool make_plan(Session& session, Restore_Plan& plan)
@@ -53,7 +69,7 @@ bool make_plan(Session& session, Restore_Plan& plan)
     }
     plan.pool_override = pool.pool_id;
   }
-  return true;
+  return files_are_there(session, plan);
 }
 
 std::string describe(Session& session, const Restore_Plan& plan)
@@ -98,10 +114,13 @@ int run_restore(Session& session)
   if (!session.host().loader().load(restore_definition(session.host().identity(), request), definition,
                                     error))
     return session.fail("the restore of " + request.instance_name + " cannot be defined: " + error);
-  const Job_Report job =
-      run_job(session, definition,
-              {request.instance_name, "restore of " + request.instance_name,
-               "look at the instance's data before anybody works with it, or restore again"});
+  const Job_Report job = run_job(
+      session, definition,
+      {request.instance_name, "restore of " + request.instance_name,
+       "look at the instance's data before anybody works with it, or restore again",
+       plan.sequence.size() > 1
+           ? "the instance may hold the data of an earlier backup of the chain: restore again, or another one"
+           : ""});
   if (job.exit_code != EXIT_CODE_DONE)
     return job.exit_code;
 
@@ -131,7 +150,7 @@ int run_definition_file(Session& session)
     return session.fail("the job definition " + file + " is refused: " + error);
   const std::string name = definition->name().empty() ? definition->id() : definition->name();
   const Job_Report job =
-      run_job(session, definition, {name, "job " + name, "the job log says how far it came"});
+      run_job(session, definition, {name, "job " + name, "the job log says how far it came", ""});
   if (job.exit_code != EXIT_CODE_DONE)
     return job.exit_code;
   json_spirit::Object json;

@@ -45,7 +45,9 @@ void report(Session& session, const Job_Words& words, const Job_Report& report)
                  report.exit_code, run.log_path);
     return;
   default:
-    session.fail("the " + what + " failed" + reason + "; " + advice_for(run.alerts), report.exit_code, run.log_path);
+    session.fail("the " + what + " failed" + reason + "; " + advice_for(run.alerts) +
+                     (words.after_failure.empty() ? "" : "; " + words.after_failure),
+                 report.exit_code, run.log_path);
   }
 }
 } // namespace
@@ -53,7 +55,8 @@ void report(Session& session, const Job_Words& words, const Job_Report& report)
 Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const Job_Words& words)
 {
   const bool silent = session.line().quiet || session.line().json;
-  Progress_Display display(stderr, silent ? Progress_Display::Mode::quiet : progress_mode_of(stderr), words.label);
+  Progress_Display display(stderr, silent ? Progress_Display::Mode::quiet : progress_mode_of(stderr),
+                           words.label);
   std::mutex display_mutex; // progress comes from the event thread, notes from this one
   Job_Report job;
   uint64_t bytes = 0;

@@ -20,6 +20,7 @@ struct Job_Words {
   std::string label;        ///< stands before the bar
   std::string what;         ///< names the work in messages: "backup of DB1"
   std::string after_cancel; ///< what a cancel leaves behind: "nothing of it was kept"
+  std::string after_failure; ///< what a failure leaves behind; empty: nothing that matters
 };
 Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const Job_Words& words);
 } // namespace kestrel

@@ -165,8 +165,8 @@ TEST_F(Chain_Tree, says_that_a_predecessor_is_not_in_the_catalog)
   backups_.front().predecessor_missing = true;
   add("I3", "I2", "F");
   EXPECT_EQ("? builds on I1, which is not in the catalog\n"
-            "I2\n"
-            "└─ I3\n"
+            "└┬ I2\n"
+            " └ I3\n"
             "F\n",
             drawn());
 }
@@ -177,10 +177,10 @@ TEST_F(Chain_Tree, shows_backups_that_build_on_each_other_in_a_circle)
   add("B", "A", "A");
   add("C", "C", "C");
   EXPECT_EQ("? builds on C, which builds on it\n"
-            "C\n"
+            "└─ C\n"
             "? builds on B, which builds on it\n"
-            "A\n"
-            "└─ B\n",
+            "└┬ A\n"
+            " └ B\n",
             drawn());
 }
 
