@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# A backup and a restore on real data, from nothing: installs what is needed, builds, makes a stand-in OSCAR instance
-# with about 200 MB on a real PostgreSQL, backs it up, damages it, restores it, and proves by SQL that all is back.
+# Backup chains on real data, from nothing: installs what is needed, builds, makes a stand-in OSCAR instance with about
+# 200 MB on a real PostgreSQL, backs it up full, incremental and differential while it changes, damages it, restores one
+# chosen backup of the chain, and proves by SQL that exactly the data of that moment is back. Then an instance without
+# archive logging, which is stopped for its backup.
 # Everything happens below one private directory, which is removed at the end (KESTREL_DEMO_KEEP=1 keeps it).
 set -euo pipefail
 cd "$(dirname "$0")"
@@ -9,6 +11,7 @@ megabytes=${KESTREL_DEMO_MEGABYTES:-200}
 if [ -t 1 ]; then bold=$(printf '\033[1m') plain=$(printf '\033[0m'); else bold='' plain=''; fi
 say() { printf '\n%s== %s%s\n' "$bold" "$*" "$plain"; }
 show() { printf '%s$ %s%s\n' "$bold" "$*" "$plain"; }
+give_up() { echo "demo: $*" >&2; exit 1; }
 
 ./tools/install-deps.sh
 say "Building (the first time takes some minutes)"
@@ -21,10 +24,13 @@ export KESTREL_ROOT=$work/kestrel
 unset SZ_OSCAR_HOME
 home=$work/oscar
 instance=DEMO$$
+offline_instance=DEMOX$$
 cleanup() {
-  local status=$?
+  local status=$? name
   trap - EXIT
-  "$bin/kestrel-lab" destroy "$home" "$instance" >/dev/null 2>&1 || true
+  for name in "$instance" "$offline_instance"; do
+    "$bin/kestrel-lab" destroy "$home" "$name" >/dev/null 2>&1 || true
+  done
   if [ -n "${KESTREL_DEMO_KEEP:-}" ]; then echo "kept: $work"; else rm -rf --one-file-system "$work"; fi
   [ "$status" -eq 0 ] || echo "demo: failed (exit $status)" >&2
   exit "$status"
@@ -35,78 +41,146 @@ mkdir -p "$KESTREL_ROOT" "$work/backups"
 
 # Without the right to install the start script, the stand-in's own systemctl starts the server.
 [ "$(id -u)" -eq 0 ] || export PATH="$home/systemctl-bin:$PATH"
+# The drawing of the chains needs UTF-8.
+export LC_ALL=C.UTF-8
+
 kestrel() { show "kestrel $*"; "$bin/kestrel" "$@"; }
+lab() { "$bin/kestrel-lab" "$1" "$home" "${@:2}"; }
+newest_backup() { "$bin/kestrel" --json backups "$1" --limit 1 | jq -r ".backups[0].$2"; }
 phases=()
-# timed NAME MEGABYTES COMMAND...
+# timed NAME COMMAND...: and a line in the table at the end.
 timed() {
-  local name=$1 begin end
+  local name=$1 begin
   shift
   begin=$(date +%s.%N)
   "$@"
-  end=$(date +%s.%N)
-  phases+=("$(awk -v n="$name" -v b="$begin" -v e="$end" 'BEGIN {printf "%s|%.1f s", n, e - b}')")
+  phases+=("$(awk -v n="$name" -v b="$begin" -v e="$(date +%s.%N)" 'BEGIN {printf "%s|%.1f s", n, e - b}')")
+}
+# The row counts and checksums of every table, by SQL.
+checksums() { lab check "$1" >"$2"; }
+show_checksums() {
+  jq -r '["TABLE", "TABLESPACE", "ROWS", "CHECKSUM"],
+         (.tables[] | ["\(.schema).\(.table)", .tablespace, .rows, .checksum]) | @tsv' "$1" | column -t -s "$(printf '\t')"
 }
 
-say "A stand-in OSCAR installation with one instance, $instance, on a real PostgreSQL"
-head -c 18 /dev/urandom | base64 | tr '+/' 'xy' >"$work/password"
-chmod 600 "$work/password"
+# make_instance NAME MEGABYTES ARCHIVE_LOG
 make_instance() {
-  "$bin/kestrel-lab" create "$home" "$instance" --user sysdba --password-file "$work/password"
-  "$bin/kestrel-lab" start "$home" "$instance"
-  "$bin/kestrel-lab" load "$home" "$instance" --megabytes "$megabytes"
+  lab create "$1" --archive-log "$3" --user sysdba --password-file "$work/password"
+  lab start "$1"
+  lab load "$1" --megabytes "$2"
 }
-timed "create and load the instance" make_instance
-check() { "$bin/kestrel-lab" check "$home" "$instance" >"$1"; }
-timed "checksums before, by SQL" check "$work/before.json"
 
-say "Discover it, log in, choose where backups go"
-kestrel instances
-kestrel login "$instance" --user sysdba --password-file "$work/password"
-kestrel pool add demo --path "$work/backups" --default
+chapter_installation() {
+  say "A stand-in OSCAR installation with one instance, $instance, on a real PostgreSQL"
+  head -c 18 /dev/urandom | base64 | tr '+/' 'xy' >"$work/password"
+  chmod 600 "$work/password"
+  timed "create and load the instance" make_instance "$instance" "$megabytes" on
+}
 
-say "Back it up"
-timed "full backup (zstd)" kestrel backup "$instance" --compression zstd
-kestrel backups
-kestrel show latest
-timed "verify" kestrel verify
+chapter_first_contact() {
+  say "Discover it, log in, choose where backups go"
+  kestrel instances
+  kestrel login "$instance" --user sysdba --password-file "$work/password"
+  kestrel pool add demo --path "$work/backups" --default
+}
 
-say "A bad day: a table is dropped, the rows of another are deleted"
-for statement in "drop table sales.orders cascade" "delete from docs.documents"; do
-  show "isql: $statement"
-  "$bin/kestrel-lab" sql "$home" "$instance" "$statement"
-done
-check "$work/damaged.json"
-if cmp -s "$work/before.json" "$work/damaged.json"; then echo "demo: the damage did not show" >&2; exit 1; fi
+# back_up LEVEL LABEL: and what the tables hold at that moment.
+back_up() {
+  timed "$2" kestrel backup "$instance" --level "$1"
+  checksums "$instance" "$work/data.$(newest_backup "$instance" id)"
+}
+change() {
+  changes=$((${changes:-0} + 1))
+  lab change "$instance" --percent 1 --seed "$changes"
+}
+chapter_chain() {
+  say "Back it up, and again while it changes"
+  back_up full "full backup"
+  change
+  back_up incr "incremental backup"
+  change
+  back_up diff "differential backup"
+  chosen=$(newest_backup "$instance" id)
+  change
+  back_up incr "incremental backup"
 
-say "Bring it back"
-timed "restore" kestrel restore latest --yes
-timed "checksums after, by SQL" check "$work/after.json"
-diff "$work/before.json" "$work/after.json" || { echo "demo: the tables differ after the restore" >&2; exit 1; }
+  say "The chain: what stands below a backup builds on it"
+  kestrel backups
+  kestrel show latest
+  timed "verify every backup" kestrel verify --all --quiet
+}
 
-say "Every table is back: the same row counts and checksums before and after"
-jq -r '["TABLE", "TABLESPACE", "ROWS", "CHECKSUM"], (.tables[] | ["\(.schema).\(.table)", .tablespace, .rows, .checksum]) | @tsv' \
-  "$work/after.json" | column -t -s "$(printf '\t')"
+chapter_damage() {
+  say "A bad day: a table is dropped, the rows of another are deleted"
+  local statement
+  for statement in "drop table sales.orders cascade" "delete from docs.documents"; do
+    show "isql: $statement"
+    lab sql "$instance" "$statement"
+  done
+  checksums "$instance" "$work/damaged.json"
+  ! cmp -s "$work/data.$chosen" "$work/damaged.json" || give_up "the damage did not show"
+}
 
-say "What was done"
-"$bin/kestrel" --json backups >"$work/backups.json"
-size=$(jq -r '.backups[0].size' "$work/backups.json")
-stored=$(jq -r '.backups[0].stored_size' "$work/backups.json")
-{
-  echo "PHASE|TIME"
-  printf '%s\n' "${phases[@]}"
-} | column -t -s '|'
-echo
-awk -v s="$size" -v t="$stored" 'BEGIN {
-  printf "Bytes moved: %.1f MB out of the database, stored as %.1f MB (%.1f to 1); %.1f MB back into it.\n",
-         s / 1e6, t / 1e6, s / t, s / 1e6 }'
-echo "A backup and each backup set of a restore include 3 s of waiting that OSCAR's tools ask for."
+chapter_restore() {
+  say "Bring back the moment of the differential backup, $chosen"
+  timed "restore of two sets" kestrel restore "$chosen" --yes
+  checksums "$instance" "$work/after.json"
+  diff "$work/data.$chosen" "$work/after.json" || give_up "the tables differ after the restore"
+  ! cmp -s "$work/data.$(newest_backup "$instance" id)" "$work/after.json" || give_up "that is another moment"
+  say "Every table is as it was when that backup was made: the same row counts and checksums"
+  show_checksums "$work/after.json"
+}
 
-cat <<'END'
+chapter_offline() {
+  say "An instance without archive logging, $offline_instance: stopped for its backup, started again whatever happens"
+  make_instance "$offline_instance" 20 off
+  checksums "$offline_instance" "$work/offline.before"
+  kestrel instances
+  local pid_before
+  pid_before=$(cat "$home/admin/$offline_instance.db")
+  kestrel login "$offline_instance" --user sysdba --password-file "$work/password"
+  timed "full backup without archive logging" kestrel backup "$offline_instance"
+  [ "$(cat "$home/admin/$offline_instance.db")" != "$pid_before" ] || give_up "the instance was not stopped"
+  checksums "$offline_instance" "$work/offline.after"
+  diff "$work/offline.before" "$work/offline.after" || give_up "the backup changed the data"
+  kestrel backups "$offline_instance"
+}
+
+chapter_summary() {
+  say "What was done"
+  {
+    echo "PHASE|TIME"
+    printf '%s\n' "${phases[@]}"
+  } | column -t -s '|'
+  echo
+  "$bin/kestrel" --json backups "$instance" | jq -r '
+    def mb: . / 1e6 * 10 | round / 10;
+    (.backups | reverse | .[] | "\(.level)|\(.size | mb) MB|\(.stored_size | mb) MB stored")' | column -t -s '|'
+  echo
+  echo "A backup and each backup set of a restore include 3 s of waiting that OSCAR's tools ask for."
+}
+
+chapter_yourself() {
+  cat <<'END'
 
 To do it yourself:
   kestrel instances                                   what runs on this host
   kestrel login INSTANCE --user USER                  keep an account
   kestrel pool add NAME --path DIR --default          where backups go
-  kestrel backup INSTANCE                             make one
-  kestrel restore latest                              bring it back
+  kestrel backup INSTANCE [--level full|incr|diff]    make one
+  kestrel backups                                     the chains
+  kestrel verify                                      read them back
+  kestrel restore BACKUP                              bring one back; "latest" is the newest
 END
+}
+
+begin_seconds=$SECONDS
+chapter_installation
+chapter_first_contact
+chapter_chain
+chapter_damage
+chapter_restore
+chapter_offline
+chapter_summary
+echo "All of it took $((SECONDS - begin_seconds)) s, without building."
+chapter_yourself
