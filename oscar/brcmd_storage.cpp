@@ -1,5 +1,6 @@
 #include "oscar/brcmd_storage.h"
 
+#include "base/ignore_result.h"
 #include "jobs/job.h"
 #include "oscar/brcmd_common.h"
 #include "oscar/storage_options.h"
@@ -8,6 +9,26 @@
 
 namespace oscar
 {
+namespace
+{
+/// A whole file of this name is there. Names carry local time, which comes again when summer time ends or the
+/// clock is set back: a backup must not take the place of an earlier one, on which others may build.
+bool is_stored(Client_IO_Ex& storage, const std::string& file)
+{
+  bool possible = false;
+  const bool stored = storage.open_random(file, possible);
+  kestrel::ignore_result(storage.close(), "nothing was written");
+  return stored;
+}
+
+bool open_failed(Job& job, const std::string& file, const std::string& why)
+{
+  raise_physical_alert(job, 14);
+  ACE_ERROR((LM_ERROR, "Failed to open file %s: %s\n", file.c_str(), why.c_str()));
+  return false;
+}
+} // namespace
+
 bool find_pool(Job& job, const std::string& pool_uuid, Pool_Info& pool)
 {
   if (get_pool_info(pool_uuid, job.definition().target().device_id(), pool, false, 0, nullptr, true, nullptr,
@@ -47,11 +68,11 @@ bool open_stored_file(Job& job, Storage_Side side, const Pool_Info& pool, const 
     ACE_ERROR((LM_ERROR, "Failed to connect to storage: %s.\n", storage.error()));
     return false;
   }
-  if (!storage.open(file, backup ? Client_IO_Ex::MODE_WRITE : Client_IO_Ex::MODE_READ, 0, 0)) {
-    raise_physical_alert(job, 14);
-    ACE_ERROR((LM_ERROR, "Failed to open file %s: %s%s\n", file.c_str(), storage.error(), backup ? "." : ""));
-    return false;
-  }
+  if (backup && is_stored(storage, file))
+    return open_failed(
+        job, file, "a backup of this name is stored already. Its time has come a second time: run again.");
+  if (!storage.open(file, backup ? Client_IO_Ex::MODE_WRITE : Client_IO_Ex::MODE_READ, 0, 0))
+    return open_failed(job, file, storage.error() + std::string(backup ? "." : ""));
   return true;
 }
 } // namespace oscar

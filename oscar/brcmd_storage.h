@@ -26,7 +26,7 @@ Client_IO_Base::Options storage_options(Storage_Side side, const Job_Definition&
                                         Compression_Method method);
 
 /// Connects to the folder `uri` of the pool and opens the file there: for writing in a backup, for reading in
-/// a restore.
+/// a restore. A backup refuses to replace a whole file of the same name.
 [[nodiscard]] bool open_stored_file(Job& job, Storage_Side side, const Pool_Info& pool,
                                     const std::string& uri, const std::string& file,
                                     Client_IO_Base::Options options, Client_IO_Ex& storage);
