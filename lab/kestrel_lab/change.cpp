@@ -64,13 +64,22 @@ bool exists(Connection& connection, const Sample_Table& table)
   return connection.value("select to_regclass($1) is not null", {table.name}) == "t";
 }
 
-Done change_table(Connection& connection, unsigned index, std::uint64_t percent, std::uint64_t seed)
+std::uint64_t bytes_of(Connection& connection, const Sample_Table& table)
 {
-  const std::string name = sample_table(index).name;
+  if (!exists(connection, table))
+    return 0;
+  return std::stoull(connection.value(std::string("select count(*) from ") + table.name)) *
+         table.bytes_per_row;
+}
+
+/// bytes: about how much of all tables is to change.
+Done change_table(Connection& connection, unsigned index, std::uint64_t bytes, std::uint64_t seed)
+{
+  const Sample_Table& table = sample_table(index);
   Done done;
-  const std::uint64_t rows = std::stoull(connection.value("select count(*) from " + name));
-  const std::int64_t highest = std::stoll(connection.value("select coalesce(max(id), 0) from " + name));
-  const std::uint64_t wanted = rows * percent / 100;
+  const std::int64_t highest =
+      std::stoll(connection.value(std::string("select coalesce(max(id), 0) from ") + table.name));
+  const std::uint64_t wanted = bytes * table.change_percent / 100 / table.bytes_per_row;
   const std::uint64_t added = wanted * added_percent / 100;
   if (highest > 0 && wanted > added)
     change_runs(connection, index, seed, highest, wanted - added, done);
@@ -114,18 +123,19 @@ int change_command(const Arguments& arguments)
   if (running_server(files) == 0)
     throw Failure("instance " + files.name + " is not running");
   Connection connection = connect_as_system(files);
-  bool any = false;
+  std::uint64_t loaded = 0;
+  for (unsigned i = 0; i < sample_table_count; ++i)
+    loaded += bytes_of(connection, sample_table(i));
+  if (loaded == 0)
+    throw Failure("instance " + files.name + " holds no sample data; run load first");
   for (unsigned i = 0; i < sample_table_count; ++i) {
     if (!exists(connection, sample_table(i)))
       continue;
-    any = true;
-    const Done done = change_table(connection, i, percent, seed);
+    const Done done = change_table(connection, i, loaded / 100 * percent, seed);
     std::printf("%s: %llu rows updated, %llu added, %llu deleted\n", sample_table(i).name,
                 static_cast<unsigned long long>(done.updated), static_cast<unsigned long long>(done.added),
                 static_cast<unsigned long long>(done.deleted));
   }
-  if (!any)
-    throw Failure("instance " + files.name + " holds no sample data; run load first");
   change_tables(connection, seed);
   return 0;
 }

@@ -42,7 +42,8 @@ struct Sample_Table {
   unsigned share_percent; // of the wanted megabytes
   unsigned bytes_per_row; // measured, with the indexes' part
   void (*make_row)(Copy_Stream&, Row_Random&, std::int64_t);
-  const char* change; // assignments that change a row; $1 stands for a short text
+  unsigned change_percent; // of the bytes that change
+  const char* change;      // assignments that change a row; $1 stands for a short text
 };
 
 constexpr unsigned sample_table_count = 4;
