@@ -6,8 +6,8 @@
 #include "lab/brcmd/data_files.h"
 #include "lab/brcmd/image.h"
 #include "lab/brcmd/log_segments.h"
-#include "lab/brcmd/set_notes.h"
 #include "lab/common/chain_file.h"
+#include "lab/common/set_notes.h"
 
 #include <string>
 #include <vector>

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <dirent.h>
 #include <sys/stat.h>
 
 namespace oscar_lab
@@ -40,25 +39,6 @@ bool left_out(std::uint16_t root, const std::string& path, const std::string& na
   if (starts_with(name, "pgsql_tmp") || starts_with(name, "pg_internal.init") || is_temporary_relation(name))
     return true;
   return root == 0 && contains(left_out_files, path);
-}
-
-std::vector<std::string> names_in(const std::string& directory)
-{
-  std::vector<std::string> names;
-  DIR* const handle = ::opendir(directory.c_str());
-  if (!handle) {
-    if (errno == ENOENT)
-      return names;
-    fail_errno("cannot list " + directory);
-  }
-  while (const dirent* const entry = ::readdir(handle)) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..")
-      names.push_back(name);
-  }
-  ::closedir(handle);
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 std::uint64_t nanoseconds(const timespec& time)

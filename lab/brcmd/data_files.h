@@ -4,8 +4,8 @@
 /// caller. Threads: none. Errors: Failure; files that vanish while the list is made are left out.
 #pragma once
 
-#include "lab/brcmd/set_notes.h"
 #include "lab/common/instance_files.h"
+#include "lab/common/set_notes.h"
 
 #include <cstdint>
 #include <string>

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,6 +27,12 @@ bool is_segment_name(const std::string& name)
   return name.size() == segment_name_bytes && name.find_first_not_of("0123456789ABCDEF") == std::string::npos;
 }
 
+bool is_zero(const std::string& piece, std::size_t begin, std::size_t size)
+{
+  const std::size_t end = std::min(piece.size(), begin + size);
+  return piece.find_first_not_of('\0', begin) >= end;
+}
+
 bool read_at(int fd, std::uint64_t offset, std::string& piece)
 {
   std::size_t done = 0;
@@ -42,11 +47,6 @@ bool read_at(int fd, std::uint64_t offset, std::string& piece)
     done += static_cast<std::size_t>(count);
   }
   return true;
-}
-
-bool is_blank(const char* bytes, std::size_t count)
-{
-  return std::all_of(bytes, bytes + count, [](char byte) { return byte == 0; });
 }
 
 } // namespace
@@ -74,21 +74,17 @@ std::uint64_t segment_of_name(const Log_Shape& shape, const std::string& name)
 void check_log_pages(const Log_Shape& shape, std::uint64_t lsn, const std::string& piece)
 {
   const std::uint64_t end = lsn + piece.size();
-  // A server that begins a new segment early leaves the rest of the old one blank, up to its end.
-  bool blank = false;
   for (std::uint64_t page = (lsn + log_page_bytes - 1) / log_page_bytes * log_page_bytes;
        page + page_header_bytes <= end; page += log_page_bytes) {
-    const char* const header = piece.data() + (page - lsn);
-    blank = blank && page % shape.segment_bytes != 0;
-    if (is_blank(header, std::min<std::uint64_t>(log_page_bytes, end - page))) {
-      blank = true;
-      continue;
-    }
+    const std::size_t place = static_cast<std::size_t>(page - lsn);
     std::uint32_t timeline = 0;
     std::uint64_t position = 0;
-    std::memcpy(&timeline, header + page_timeline_offset, sizeof timeline);
-    std::memcpy(&position, header + page_position_offset, sizeof position);
-    if (blank || position != page || timeline != shape.timeline)
+    std::memcpy(&timeline, &piece[place + page_timeline_offset], sizeof timeline);
+    std::memcpy(&position, &piece[place + page_position_offset], sizeof position);
+    if (position == page && timeline == shape.timeline)
+      continue;
+    // Behind the record that switches to the next segment the server leaves pages of zeros.
+    if (page % shape.segment_bytes == 0 || !is_zero(piece, place, log_page_bytes))
       throw Failure("the log is damaged at " + format_lsn(page));
   }
 }
@@ -123,6 +119,16 @@ bool Log_Reader::read_from_server(const std::string& name, std::uint64_t offset,
          opened.st_ino == current.st_ino;
 }
 
+bool Log_Reader::has(std::uint64_t lsn, std::size_t size) const
+{
+  try {
+    read(lsn, size);
+    return true;
+  } catch (const Failure&) {
+    return false; // never written, or left from the time before the segment was used again
+  }
+}
+
 std::string Log_Reader::read(std::uint64_t lsn, std::size_t size) const
 {
   const std::string name = segment_name(shape_, lsn / shape_.segment_bytes);
@@ -146,7 +152,9 @@ void write_log_bytes(Image_Writer& image, const Log_Reader& reader, const Log_Sh
     frame.path = segment_name(shape, lsn / shape.segment_bytes);
     frame.mode = static_cast<std::uint32_t>(lsn % shape.segment_bytes);
     frame.file_bytes = shape.segment_bytes;
-    image.piece(frame, reader.read(lsn, static_cast<std::size_t>(next - lsn)));
+    const std::string piece = reader.read(lsn, static_cast<std::size_t>(next - lsn));
+    if (frame.mode == 0 || !is_zero(piece, 0, piece.size()))
+      image.piece(frame, piece);
     lsn = next;
   }
 }
@@ -155,16 +163,13 @@ void trim_archive(const Instance_Files& files, const Log_Shape& shape, std::uint
 {
   // Without the first eight characters, which name the timeline.
   const std::string first_needed = segment_name(shape, lsn / shape.segment_bytes).substr(8);
-  DIR* const directory = ::opendir(files.archive().c_str());
-  if (!directory)
-    return;
-  while (const dirent* const entry = ::readdir(directory)) {
-    const std::string name = entry->d_name;
-    if (is_segment_name(name) && name.substr(8) < first_needed &&
-        ::unlink((files.archive() + "/" + name).c_str()) != 0)
+  for (const std::string& name : names_in(files.archive())) {
+    // "SEGMENT.POSITION.backup": the server's note of an earlier full backup.
+    const bool ours = is_segment_name(name) ||
+                      (is_segment_name(name.substr(0, segment_name_bytes)) && ends_with(name, ".backup"));
+    if (ours && name.substr(8) < first_needed && ::unlink((files.archive() + "/" + name).c_str()) != 0)
       log.line("WARNING", "cannot remove " + name + " from the archive");
   }
-  ::closedir(directory);
 }
 
 } // namespace oscar_lab

@@ -41,6 +41,8 @@ public:
   Log_Reader(const Instance_Files& files, const Log_Shape& shape) : files_(files), shape_(shape) {}
   /// Throws unless every segment of the range is there.
   void require(const Log_Range& range) const;
+  /// Whether the server has written these bytes.
+  bool has(std::uint64_t lsn, std::size_t size) const;
   /// The bytes from lsn on; they must not go beyond the segment. Checks the pages.
   std::string read(std::uint64_t lsn, std::size_t size) const;
 
@@ -52,7 +54,8 @@ private:
   Log_Shape shape_;
 };
 
-/// W frames with exactly the bytes of the range.
+/// W frames with the bytes of the range. What is left of a segment after a switch to the next one is not sent
+/// where it is zeros.
 void write_log_bytes(Image_Writer& image, const Log_Reader& reader, const Log_Shape& shape,
                      const Log_Range& range);
 

@@ -1,4 +1,5 @@
 #include "lab/brcmd/backup_parts.h"
+#include "lab/brcmd/page_delta.h"
 #include "lab/brcmd/pipe.h"
 #include "lab/common/child.h"
 #include "lab/common/server_control.h"
@@ -6,6 +7,8 @@
 #include "lab/common/text.h"
 
 #include <algorithm>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace oscar_lab
 {
@@ -49,6 +52,74 @@ Stopped_State read_stopped_state(const Instance_Files& files)
   return state;
 }
 
+/// By root; the control file, which always goes along, counts for the data directory.
+std::vector<std::uint64_t> bytes_to_send(const Data_Files& data, const std::vector<File_Change>& changes)
+{
+  std::vector<std::uint64_t> bytes(data.root_bytes.size());
+  bytes[0] = data_page_bytes;
+  for (std::size_t i = 0; i < data.entries.size(); ++i)
+    if (!data.entries[i].is_directory)
+      bytes[data.entries[i].root] +=
+          changes[i].kind == Change::whole ? data.entries[i].bytes : changes[i].bytes;
+  return bytes;
+}
+
+void write_pages(Image_Writer& image, const Data_Files& data, const Data_File& entry,
+                 const File_Change& change)
+{
+  const std::string path = data.root_path(entry.root) + "/" + entry.path;
+  const Descriptor file = open_file(path, O_RDONLY);
+  Frame frame;
+  frame.type = Frame_Type::pages;
+  frame.root = entry.root;
+  frame.path = entry.path;
+  frame.file_bytes = entry.bytes;
+  if (change.runs.empty()) // its size may have changed all the same
+    image.piece(frame, "");
+  for (const Page_Run& run : change.runs) {
+    std::string pages(run.count * data_page_bytes, '\0');
+    frame.mode = run.first;
+    if (::lseek(file.get(), static_cast<off_t>(run.first * data_page_bytes), SEEK_SET) < 0 ||
+        read_full(file.get(), &pages[0], pages.size(), path) != pages.size())
+      throw Failure("cannot read the pages of " + path);
+    image.piece(frame, pages);
+  }
+}
+
+void write_change(Image_Writer& image, const Data_Files& data, const Data_File& entry,
+                  const File_Change& change)
+{
+  if (entry.is_directory || change.kind == Change::whole) {
+    write_entry(image, data, entry, false);
+    return;
+  }
+  if (change.kind == Change::pages) {
+    write_pages(image, data, entry, change);
+    return;
+  }
+  Frame frame;
+  frame.type = Frame_Type::unchanged;
+  frame.root = entry.root;
+  frame.mode = entry.mode;
+  frame.path = entry.path;
+  frame.file_bytes = entry.bytes;
+  image.piece(frame, "");
+}
+
+/// All that a server needs to see that it was shut down: the page with the record that says so, the one
+/// behind it, into which the record may reach, and the first page of the segment.
+void write_checkpoint_log(Image_Writer& image, const Log_Reader& reader, const Log_Shape& shape,
+                          std::uint64_t lsn)
+{
+  const std::uint64_t page = lsn / log_page_bytes * log_page_bytes;
+  const std::uint64_t first = lsn / shape.segment_bytes * shape.segment_bytes;
+  if (first != page)
+    write_log_bytes(image, reader, shape, {first, first + log_page_bytes});
+  write_log_bytes(image, reader, shape, {page, page + log_page_bytes});
+  if (reader.has(page + log_page_bytes, log_page_bytes))
+    write_log_bytes(image, reader, shape, {page + log_page_bytes, page + 2 * log_page_bytes});
+}
+
 } // namespace
 
 void back_up_offline(const Instance_Files& files, const Backup_Request& request, Run_Log& log)
@@ -70,20 +141,23 @@ void back_up_offline(const Instance_Files& files, const Backup_Request& request,
   set.point.lsn = state.range.first_lsn;
   set.point.scn = std::max(state.next_transaction, set.chain.last.scn + 1);
   if (!set.is_full())
-    throw Failure("backup level " + request.level + " is not available without archive logging yet");
+    find_base(files, set);
   const Descriptor pipe = open_pipe_for_writing(request.pipe, [] {});
 
   const Data_Files data = list_data_files(files.data());
   for (const Data_File& entry : data.entries)
     if (!entry.is_directory)
       set.notes.files[note_key_of(data, entry)] = entry.note;
+  const std::vector<File_Change> changes = set.is_full()
+                                               ? std::vector<File_Change>(data.entries.size())
+                                               : find_changes(data, set.base, set.log_shape.segment_bytes);
   set.point.id = new_backup_id();
   Image_Writer image(pipe.get());
-  write_head(image, files, set, info_text(files, set, data.tablespaces, data.root_bytes));
+  write_head(image, files, set, info_text(files, set, data.tablespaces, bytes_to_send(data, changes)));
   write_roots(image, files, data);
-  for (const Data_File& entry : data.entries)
-    write_entry(image, data, entry, false);
-  write_log_files(image, files.data(), set.log_shape, state.range);
+  for (std::size_t i = 0; i < data.entries.size(); ++i)
+    write_change(image, data, data.entries[i], changes[i]);
+  write_checkpoint_log(image, Log_Reader(files, set.log_shape), set.log_shape, state.range.first_lsn);
   write_control_file(image, files.data());
   conclude(image, pipe.get(), files, set, state.range, log);
 }

@@ -74,54 +74,106 @@ void read_ahead_in_log(Side_Tree& tree, const Instance_Files& files, const Set_H
 /// What a set may hold besides head and end.
 bool belongs_into(const Frame& frame, const Set_Head& head)
 {
+  const bool online = head.mode == "online";
   switch (frame.type) {
   case Frame_Type::file:
     return true;
   case Frame_Type::tablespace:
   case Frame_Type::directory:
-    return head.is_full();
+    return head.is_full() || !online;
+  case Frame_Type::pages:
+  case Frame_Type::unchanged:
+    return !head.is_full() && !online;
   case Frame_Type::log:
-    return !head.is_full();
+    return !head.is_full() || !online;
   default:
     return false;
   }
 }
 
-/// The frames between head and end; gives what the end says.
-Set_End read_frames(Image_Reader& image, Side_Tree& tree, const Set_Head& head)
+/// Takes the frames of one set into the side directories.
+class Set_Reader
 {
-  std::uint64_t log_end = head.first_lsn;
+public:
+  Set_Reader(Image_Reader& image, Side_Tree& tree, const Set_Head& head)
+      : image_(image), tree_(tree), head_(head), log_end_(head.first_lsn),
+        exact_log_(head.mode == "online" && !head.is_full())
+  {
+  }
+  /// All frames between head and end; gives what the end says.
+  Set_End read();
+
+private:
+  void take(const Frame& frame);
+  void take_log(const Frame& frame);
+
+  Image_Reader& image_;
+  Side_Tree& tree_;
+  const Set_Head& head_;
+  std::uint64_t log_end_;
+  bool exact_log_; // without a gap
+};
+
+Set_End Set_Reader::read()
+{
   for (;;) {
-    const Frame frame = image.next();
+    const Frame frame = image_.next();
     if (frame.type == Frame_Type::end) {
-      const Set_End end = parse_set_end(image.text(frame));
-      image.require_end();
-      if (!head.is_full() && log_end != end.log_part.end_lsn)
+      const Set_End end = parse_set_end(image_.text(frame));
+      image_.require_end();
+      if (exact_log_ && log_end_ != end.log_part.end_lsn)
         throw Failure("the backup stream is damaged: a piece of log is missing");
       return end;
     }
-    if (!belongs_into(frame, head))
+    if (!belongs_into(frame, head_))
       throw Failure("the backup stream is damaged: unexpected frame");
-    if (frame.type == Frame_Type::tablespace) {
-      tree.tablespace(frame.root, image.text(frame), frame.path);
-    } else if (frame.type == Frame_Type::directory) {
-      image.text(frame);
-      tree.directory(frame);
-    } else if (frame.type == Frame_Type::file) {
-      tree.file(frame, image);
-    } else {
-      const std::string piece = image.text(frame);
-      if (tree.log(frame, piece, head.log_shape) != log_end)
-        throw Failure("the backup stream is damaged: a piece of log is missing");
-      log_end += piece.size();
-    }
+    take(frame);
   }
+}
+
+void Set_Reader::take(const Frame& frame)
+{
+  switch (frame.type) {
+  case Frame_Type::tablespace:
+    tree_.tablespace(frame.root, image_.text(frame), frame.path);
+    break;
+  case Frame_Type::directory:
+    image_.text(frame);
+    tree_.directory(frame);
+    break;
+  case Frame_Type::file:
+    tree_.file(frame, image_);
+    break;
+  case Frame_Type::pages:
+    tree_.pages(frame, image_.text(frame));
+    break;
+  case Frame_Type::unchanged:
+    image_.text(frame);
+    tree_.unchanged(frame);
+    break;
+  default:
+    take_log(frame);
+  }
+}
+
+void Set_Reader::take_log(const Frame& frame)
+{
+  const std::string piece = image_.text(frame);
+  const std::uint64_t lsn = tree_.log(frame, piece, head_.log_shape);
+  // Only the zeros at the end of a segment may be left out.
+  const std::uint64_t next_segment =
+      (log_end_ / head_.log_shape.segment_bytes + 1) * head_.log_shape.segment_bytes;
+  if (exact_log_ && lsn != log_end_ && lsn != next_segment)
+    throw Failure("the backup stream is damaged: a piece of log is missing");
+  log_end_ = lsn + piece.size();
 }
 
 void restore_set(const Instance_Files& files, Image_Reader& image, Side_Tree& tree, const Set_Head& head,
                  Pending_Restore& pending)
 {
-  const Set_End end = read_frames(image, tree, head);
+  if (head.mode == "offline" && !head.is_full())
+    tree.expect_everything();
+  const Set_End end = Set_Reader(image, tree, head).read();
   if (head.mode == "online")
     read_ahead_in_log(tree, files, head, end);
   tree.finish();

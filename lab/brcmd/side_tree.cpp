@@ -1,5 +1,6 @@
 #include "lab/brcmd/side_tree.h"
 
+#include "lab/brcmd/page_delta.h"
 #include "lab/common/swap_journal.h"
 #include "lab/common/text.h"
 
@@ -29,6 +30,17 @@ bool is_safe_path(const std::string& path)
     begin = end + 1;
   }
   return true;
+}
+
+void remove_unnamed_in(const std::string& directory, const std::set<std::string>& named)
+{
+  for (const std::string& entry : names_in(directory)) {
+    const std::string path = directory + "/" + entry;
+    if (named.count(path) == 0)
+      remove_tree(path);
+    else if (is_directory(path))
+      remove_unnamed_in(path, named);
+  }
 }
 
 bool is_number(const std::string& text)
@@ -70,14 +82,25 @@ void Side_Tree::tablespace(std::uint16_t root, const std::string& oid, const std
       !is_safe_path(own ? location.substr(2) : location.substr(std::min<std::size_t>(1, location.size()))))
     throw Failure("the backup stream is damaged: bad tablespace");
   const std::string target = own ? files_.directory() + location.substr(1) : location;
-  for (const Restored_Root& known : roots_)
-    if (known.target == target)
+  for (std::size_t i = 0; i < roots_.size(); ++i) {
+    if (roots_[i].target != target)
+      continue;
+    if (!everything_named_ || named_.count(side_of(target)) != 0)
       throw Failure("the backup stream is damaged: a tablespace occurs twice");
+    if (roots_[i].oid != oid) { // dropped, and another one created in its place
+      make_root(target);
+      roots_[i].oid = oid;
+    }
+    numbers_.push_back(i);
+    name(side_of(target));
+    return;
+  }
   if (!is_directory(parent_directory(target)))
     throw Failure("the directory of data file " + datafile_of(target) + " does not exist");
   make_root(target);
   numbers_.push_back(roots_.size());
   roots_.push_back({oid, target});
+  name(side_of(target));
 }
 
 void Side_Tree::future_tablespace(const std::string& oid, const std::string& location,
@@ -115,6 +138,7 @@ Descriptor Side_Tree::open_for_writing(const std::string& path, int flags) const
 void Side_Tree::directory(const Frame& frame)
 {
   const std::string path = path_of(frame);
+  name(path);
   make_directory(path, frame.mode & 0777);
   give_to(path, owner_);
 }
@@ -122,6 +146,7 @@ void Side_Tree::directory(const Frame& frame)
 void Side_Tree::file(const Frame& frame, Image_Reader& image)
 {
   const std::string path = path_of(frame);
+  name(path);
   const Descriptor file = open_for_writing(path, O_CREAT | O_TRUNC);
   if (::fchmod(file.get(), frame.mode & 0777) != 0)
     fail_errno("cannot set the mode of " + path);
@@ -141,6 +166,7 @@ std::uint64_t Side_Tree::log(const Frame& frame, const std::string& piece, const
     throw Failure("the backup stream is damaged: log beyond its segment");
   check_log_pages(shape, lsn, piece);
   const std::string path = data() + "/pg_wal/" + frame.path;
+  name(path);
   const Descriptor file = open_for_writing(path, O_CREAT);
   // The rest of the segment stays zero, which is where the server finds the end of the log.
   if (::ftruncate(file.get(), static_cast<off_t>(shape.segment_bytes)) != 0 ||
@@ -150,8 +176,67 @@ std::uint64_t Side_Tree::log(const Frame& frame, const std::string& piece, const
   return lsn;
 }
 
+void Side_Tree::pages(const Frame& frame, const std::string& pages)
+{
+  const std::string path = path_of(frame);
+  const std::uint64_t offset = frame.mode * data_page_bytes;
+  name(path);
+  if (pages.size() % data_page_bytes != 0 || offset + pages.size() > frame.file_bytes)
+    throw Failure("the backup stream is damaged: pages beyond their file");
+  if (!is_regular_file(path))
+    throw Failure("the restored data lack " + frame.path + ": a set is missing");
+  const Descriptor file = open_for_writing(path, 0);
+  if (::ftruncate(file.get(), static_cast<off_t>(frame.file_bytes)) != 0 ||
+      ::lseek(file.get(), static_cast<off_t>(offset), SEEK_SET) < 0)
+    fail_errno("cannot extend " + path);
+  write_all(file.get(), pages.data(), pages.size(), path);
+}
+
+void Side_Tree::unchanged(const Frame& frame)
+{
+  const std::string path = path_of(frame);
+  struct stat status;
+  name(path);
+  if (::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
+      static_cast<std::uint64_t>(status.st_size) != frame.file_bytes)
+    throw Failure("the restored data lack " + frame.path + " or have another one: a set is missing");
+}
+
+void Side_Tree::expect_everything()
+{
+  everything_named_ = true;
+  name(data());
+  for (const std::string& file : names_in(data() + "/pg_wal"))
+    if (is_regular_file(data() + "/pg_wal/" + file))
+      remove_tree(data() + "/pg_wal/" + file);
+}
+
+void Side_Tree::name(const std::string& path)
+{
+  if (everything_named_)
+    named_.insert(path);
+}
+
+void Side_Tree::remove_unnamed()
+{
+  std::vector<Restored_Root> kept;
+  for (const Restored_Root& root : roots_) {
+    const std::string side = side_of(root.target);
+    if (named_.count(side) == 0) {
+      remove_tree(side);
+      continue;
+    }
+    kept.push_back(root);
+    remove_unnamed_in(side, named_);
+  }
+  roots_ = kept;
+  numbers_.assign(1, 0);
+}
+
 void Side_Tree::finish()
 {
+  if (everything_named_)
+    remove_unnamed();
   if (!is_regular_file(data() + "/PG_VERSION") || !is_regular_file(data() + "/global/pg_control"))
     throw Failure("the backup holds no complete database");
   const std::string links = data() + "/pg_tblspc";

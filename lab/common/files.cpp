@@ -2,9 +2,11 @@
 
 #include "lab/common/text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/file.h>
@@ -191,6 +193,25 @@ void remove_tree(const std::string& path)
   std::filesystem::remove_all(path, error);
   if (error)
     throw Failure("cannot remove " + path + ": " + error.message());
+}
+
+std::vector<std::string> names_in(const std::string& directory)
+{
+  std::vector<std::string> names;
+  DIR* const handle = ::opendir(directory.c_str());
+  if (!handle) {
+    if (errno == ENOENT)
+      return names;
+    fail_errno("cannot list " + directory);
+  }
+  while (const dirent* const entry = ::readdir(handle)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..")
+      names.push_back(name);
+  }
+  ::closedir(handle);
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 void sync_directory(const std::string& path)

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace oscar_lab
 {
@@ -65,6 +66,8 @@ void make_directory(const std::string& path, mode_t mode);
 void give_to(const std::string& path, const Owner& owner);
 /// Removes a file or a whole tree; a missing path is no error. Symbolic links are removed, not followed.
 void remove_tree(const std::string& path);
+/// Sorted; "." and ".." are not among them. A missing directory is empty.
+std::vector<std::string> names_in(const std::string& directory);
 void sync_directory(const std::string& path);
 /// Brings everything written to the file system that holds path onto the disk.
 void sync_file_system(const std::string& path);

@@ -1,7 +1,9 @@
 #include "lab/oscar/supervisor.h"
 
+#include "lab/common/chain_file.h"
 #include "lab/common/child.h"
 #include "lab/common/pending_restore.h"
+#include "lab/common/set_notes.h"
 #include "lab/common/swap_journal.h"
 #include "lab/common/text.h"
 
@@ -28,20 +30,13 @@ constexpr int lock_timeout_msec = 6 * 1000;
 std::vector<std::string> server_command(const Instance_Files& files, const Instance_Conf& conf)
 {
   // Paths relative to the data directory, where the server works: no length limit, nothing to quote.
-  return {std::string(LAB_POSTGRES_BIN) + "/postgres",
-          "-D",
-          files.data(),
-          "-c",
-          "port=" + std::to_string(conf.port),
-          "-c",
-          "oscar.instance=" + files.name,
-          "-c",
-          "recovery_init_sync_method=syncfs",
-          "-c",
-          "unix_socket_directories=../run",
-          "-c",
-          std::string("archive_mode=") + (conf.archive_log ? "on" : "off"),
-          "-c",
+  return {std::string(LAB_POSTGRES_BIN) + "/postgres", "-D", files.data(), "-c",
+          "port=" + std::to_string(conf.port), "-c", "oscar.instance=" + files.name, "-c",
+          "recovery_init_sync_method=syncfs", "-c", "unix_socket_directories=../run", "-c",
+          std::string("archive_mode=") + (conf.archive_log ? "on" : "off"), "-c",
+          // Offline backups find changed pages by their position in the log; without this some changes leave
+          // none.
+          std::string("wal_log_hints=") + (conf.archive_log ? "off" : "on"), "-c",
           "archive_command=cp %p ../archive/%f.part && mv ../archive/%f.part ../archive/%f"};
 }
 
@@ -141,6 +136,25 @@ void settle_and_tell(const Instance_Files& files)
                  files.name.c_str());
 }
 
+/// A server that runs without archive logging drops log that backups of the other mode would continue with,
+/// and one that runs with it does not mark pages as the others need it. So the chain of backups ends here.
+void end_chain_of_other_mode(const Instance_Files& files, const Instance_Conf& conf)
+{
+  const Chain chain = read_chain(files);
+  if (!chain.complete())
+    return;
+  try {
+    if (read_notes(files, chain.last_full.id).mode == (conf.archive_log ? "online" : "offline"))
+      return;
+  } catch (const Failure&) {
+    return; // brcmd will say what is wrong
+  }
+  forget_chain(files);
+  remove_notes_except(files, {});
+  std::fprintf(stderr, "oscar: archive logging of %s was switched; the next backup must be a full one\n",
+               files.name.c_str());
+}
+
 } // namespace
 
 int supervise(const Instance_Files& files, int ready_fd)
@@ -151,6 +165,7 @@ int supervise(const Instance_Files& files, int ready_fd)
   settle_and_tell(files);
   check_data_directory(files);
   const Instance_Conf conf = read_conf(files);
+  end_chain_of_other_mode(files, conf);
   const Owner owner = owner_of(files.data());
   if (owner.uid == 0)
     throw Failure("the server cannot run as root; give " + files.data() + " to another account");

@@ -1,9 +1,7 @@
-#include "lab/brcmd/set_notes.h"
+#include "lab/common/set_notes.h"
 
 #include "lab/common/text.h"
 
-#include <dirent.h>
-#include <unistd.h>
 #include <vector>
 
 namespace oscar_lab
@@ -115,16 +113,9 @@ Set_Notes read_notes(const Instance_Files& files, const std::string& id)
 
 void remove_notes_except(const Instance_Files& files, const std::set<std::string>& ids)
 {
-  DIR* const directory = ::opendir(files.chain_notes().c_str());
-  if (!directory)
-    return;
-  std::vector<std::string> names;
-  while (const dirent* const entry = ::readdir(directory))
-    if (entry->d_name[0] != '.' && ids.count(entry->d_name) == 0)
-      names.push_back(entry->d_name);
-  ::closedir(directory);
-  for (const std::string& name : names)
-    remove_tree(files.chain_notes() + "/" + name);
+  for (const std::string& name : names_in(files.chain_notes()))
+    if (ids.count(name) == 0)
+      remove_tree(files.chain_notes() + "/" + name);
 }
 
 } // namespace oscar_lab
