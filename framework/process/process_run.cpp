@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
@@ -138,7 +139,7 @@ Process_Run::~Process_Run()
   exit_handler_ = nullptr;
   terminating_ = true;
   signal_child(SIGKILL);
-  if (!wait_until(lock, later(now_msec(), after_kill_msec)))
+  if (!wait_for_end(lock, now_msec()))
     ACE_ERROR((LM_ERROR, "A tool (pid %d) cannot be killed and is left behind\n", static_cast<int>(pid_)));
 }
 
@@ -207,7 +208,7 @@ int Process_Run::terminate(unsigned int seconds)
     errno = EDEADLK;
     return -1;
   }
-  if (wait_until(lock, later(kill_deadline_msec_, after_kill_msec)))
+  if (wait_for_end(lock, kill_deadline_msec_))
     return 0;
   errno = ETIME;
   return -1;
@@ -233,6 +234,20 @@ bool Process_Run::wait_until(Lock& lock, int64_t deadline_msec)
     // Only now, so that a timeout of zero sees a child that has ended.
     if (phase_ == Phase::RUNNING && deadline_msec != NEVER && now_msec() >= deadline_msec)
       return false;
+  }
+  return true;
+}
+
+/// Waits for the end of a child that is to be killed at that time. The kernel takes real time for a kill, so the
+/// limit holds in real time, too, whatever clock the product goes by.
+bool Process_Run::wait_for_end(Lock& lock, int64_t kill_msec)
+{
+  const auto least = std::chrono::steady_clock::now() + std::chrono::milliseconds(after_kill_msec);
+  int64_t deadline = later(kill_msec, after_kill_msec);
+  while (!wait_until(lock, deadline)) {
+    if (std::chrono::steady_clock::now() >= least)
+      return false;
+    deadline = later(now_msec(), deadline_slice_msec);
   }
   return true;
 }

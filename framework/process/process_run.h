@@ -76,6 +76,7 @@ private:
 
   bool inside_callback() const { return pumping_ && pump_thread_ == std::this_thread::get_id(); }
   bool wait_until(Lock& lock, int64_t deadline_msec);
+  bool wait_for_end(Lock& lock, int64_t kill_msec);
   void pump(int64_t deadline_msec);
   bool pump_once(int64_t deadline_msec);
   void poll_pipes(int timeout_msec);

@@ -53,6 +53,10 @@ unsigned Fake_Clock::sleeps() const
 
 namespace
 {
+/// Who sleeps for a second or more waits for somebody else, such as a process that is to end. That one gets this much
+/// of real time, so that a few polls are enough for it on a busy machine.
+const int64_t LEAST_PAUSE_MSEC = 50;
+
 /// The latest time that a scaled clock of this process may have told.
 std::atomic<time_t> latest_time{0};
 } // namespace
@@ -93,7 +97,9 @@ int64_t Scaled_Clock::monotonic_msec()
 
 void Scaled_Clock::sleep_msec(int64_t msec)
 {
-  if (msec > 0)
-    kestrel::Clock::sleep_msec((msec + factor_ - 1) / factor_);
+  if (msec <= 0)
+    return;
+  const int64_t real_msec = (msec + factor_ - 1) / factor_;
+  kestrel::Clock::sleep_msec(msec < 1000 ? real_msec : std::max(real_msec, LEAST_PAUSE_MSEC));
 }
 } // namespace kestrel_test
