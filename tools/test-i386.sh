@@ -23,12 +23,18 @@ if [ ! -e "$env_dir/.kestrel-ready" ]; then
     { tail -20 "$env_dir.log"; exit 1; }
   cp -a /etc/apt/apt.conf.d/. "$env_dir/etc/apt/apt.conf.d/"
   cp /etc/resolv.conf "$env_dir/etc/resolv.conf" 2>/dev/null || true
-  inside env DEBIAN_FRONTEND=noninteractive apt-get update -q >>"$env_dir.log" 2>&1 || true
-  inside env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
-    g++ cmake ninja-build pkg-config libace-dev libboost-dev libboost-regex-dev libyajl-dev libzstd-dev liblz4-dev zlib1g-dev \
-    libxxhash-dev libarchive-dev libssl-dev libsoci-dev libsqlite3-dev libcli11-dev libgtest-dev libgmock-dev zstd lz4 gzip procps \
-    >>"$env_dir.log" 2>&1 || { tail -20 "$env_dir.log"; exit 1; }
   touch "$env_dir/.kestrel-ready"
+fi
+
+packages="g++ cmake ninja-build pkg-config libace-dev libboost-dev libboost-regex-dev libyajl-dev libzstd-dev liblz4-dev
+  zlib1g-dev libxxhash-dev libarchive-dev libssl-dev libsoci-dev libsqlite3-dev libcli11-dev libgtest-dev libgmock-dev zstd
+  lz4 gzip procps"
+# An environment that was kept may lack what the tree has come to need since.
+if [ "$(cat "$env_dir/.kestrel-ready" 2>/dev/null)" != "$packages" ]; then
+  inside env DEBIAN_FRONTEND=noninteractive apt-get update -q >>"$env_dir.log" 2>&1 || true
+  inside env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $packages >>"$env_dir.log" 2>&1 ||
+    { tail -20 "$env_dir.log"; exit 1; }
+  echo "$packages" >"$env_dir/.kestrel-ready"
 fi
 
 cleanup() { umount "$env_dir/dev/shm" "$env_dir/dev/pts" "$env_dir/proc" 2>/dev/null || true; }
