@@ -43,6 +43,9 @@ public:
   /// The bytes at `offset` as stored: n unless the file ends, negative with `error` filled. Does not move the
   /// place where read() goes on.
   virtual int read_at(uint64_t offset, void* data, unsigned n, std::string& error);
+  /// Whether most of the file was in this host's memory when it was opened, so that reading it need not wait
+  /// for a disk. False where that cannot be told.
+  virtual bool in_memory() const { return false; }
   /// How error texts name the file.
   virtual const std::string& path() const = 0;
 };

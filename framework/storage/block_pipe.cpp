@@ -1,5 +1,6 @@
 #include "storage/block_pipe.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace kestrel
@@ -33,10 +34,11 @@ Block* Block_Pipe::make_block()
   if (data == nullptr) {
     stopped_ = true;
     failure_ = "not enough memory for the buffers of a stored file";
+    freed_.notify_all();
     filled_.notify_all();
     return nullptr;
   }
-  blocks_.push_back(std::make_unique<Block>(Block{static_cast<char*>(data), block_bytes_, 0}));
+  blocks_.push_back(std::make_unique<Block>(Block{static_cast<char*>(data), block_bytes_, 0, 0}));
   return blocks_.back().get();
 }
 
@@ -57,9 +59,23 @@ Block* Block_Pipe::take_free()
 
 void Block_Pipe::put(Block* block)
 {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::unique_lock<std::mutex> guard(lock_);
+  block->number = next_put_++;
   full_.push_back(block);
+  guard.unlock();
   filled_.notify_one();
+}
+
+void Block_Pipe::put(Block* block, uint64_t number)
+{
+  std::unique_lock<std::mutex> guard(lock_);
+  block->number = number;
+  const auto behind = std::find_if(full_.begin(), full_.end(), [&](Block* each) { return each->number > number; });
+  full_.insert(behind, block);
+  const bool wanted = number == next_taken_;
+  guard.unlock();
+  if (wanted)
+    filled_.notify_one();
 }
 
 void Block_Pipe::finish()
@@ -72,18 +88,28 @@ void Block_Pipe::finish()
 Block* Block_Pipe::take_full()
 {
   std::unique_lock<std::mutex> guard(lock_);
-  filled_.wait(guard, [this] { return stopped_ || finished_ || !full_.empty(); });
+  filled_.wait(guard, [this] { return stopped_ || next_is_here() || (finished_ && full_.empty()); });
   if (stopped_ || full_.empty())
     return nullptr;
   Block* block = full_.front();
   full_.pop_front();
+  ++next_taken_;
+  const bool another = next_is_here();
+  const bool last = finished_ && full_.empty();
+  guard.unlock();
+  // A block that was put early woke nobody; and every consumer is to learn of the end.
+  if (last)
+    filled_.notify_all();
+  else if (another)
+    filled_.notify_one();
   return block;
 }
 
 void Block_Pipe::give_back(Block* block)
 {
-  std::lock_guard<std::mutex> guard(lock_);
+  std::unique_lock<std::mutex> guard(lock_);
   free_.push_back(block);
+  guard.unlock();
   freed_.notify_one();
 }
 

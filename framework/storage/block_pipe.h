@@ -1,6 +1,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -9,18 +10,20 @@
 
 namespace kestrel
 {
-/// A page-aligned buffer that travels through a Block_Pipe.
+/// A page-aligned buffer that travels through a Block_Pipe. Its number is its place in the stream, from 0.
 struct Block {
   char* data;
   unsigned capacity;
   unsigned size;
+  uint64_t number;
 };
 
-/// A bounded queue of large blocks between one producing and one consuming thread. Blocks are made on first
-/// use and go round, so the memory is bounded by count * bytes and a short stream uses little of it.
+/// A bounded queue of large blocks between threads that produce and threads that consume. Blocks are made on
+/// first use and go round, so the memory is bounded by count * bytes and a short stream uses little of it.
 ///
-/// Threads:   one producer (take_free, put, finish), one consumer (take_full, give_back); stop() and fail()
-///            from any.
+/// Threads:   producers (take_free, put, finish) and consumers (take_full, give_back), any number of each;
+///            stop() and fail() from any. Who hands over blocks by number takes the free block before it
+///            learns the number: otherwise all blocks may be filled while the next number waits for one.
 /// Ownership: owns every block; a block in the hands of a thread must not be used after the pipe is gone.
 /// Units:     bytes.
 /// Errors:    a null block: stopped, failed or (take_full) at the end; failure() tells which.
@@ -35,8 +38,11 @@ public:
   /// An empty block to fill; waits while all are in use. Null when stopped or failed, or without memory (then
   /// failed).
   Block* take_free();
-  /// Hands a filled block to the consumer.
+  /// Hands a filled block over, behind those already put.
   void put(Block* block);
+  /// Hands a filled block over as the one of this number; consumers get them in the order of their numbers.
+  /// Not to be mixed with the other put().
+  void put(Block* block, uint64_t number);
   /// No more blocks will come; the consumer still gets those already put.
   void finish();
 
@@ -57,6 +63,7 @@ public:
 
 private:
   Block* make_block();
+  bool next_is_here() const { return !full_.empty() && full_.front()->number == next_taken_; }
 
   const unsigned block_count_;
   const unsigned block_bytes_;
@@ -65,7 +72,10 @@ private:
   std::condition_variable filled_;
   std::vector<std::unique_ptr<Block>> blocks_;
   std::vector<Block*> free_;
+  // By number.
   std::deque<Block*> full_;
+  uint64_t next_put_ = 0;
+  uint64_t next_taken_ = 0;
   bool finished_ = false;
   bool stopped_ = false;
   std::string failure_;

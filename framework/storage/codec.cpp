@@ -4,11 +4,19 @@
 
 namespace kestrel
 {
+namespace
+{
+// From level 3 on frames of a megabyte cost some percent of the ratio; up to here about one.
+const int MOST_FRAME_LEVEL = 2;
+} // namespace
+
 Byte_Sink::~Byte_Sink() = default;
 
 Byte_Source::~Byte_Source() = default;
 
 Compressor::~Compressor() = default;
+
+Frame_Compressor::~Frame_Compressor() = default;
 
 Decompressor::~Decompressor() = default;
 
@@ -60,6 +68,19 @@ std::unique_ptr<Compressor> make_compressor(Compression_Method method, int level
     return make_zstd_compressor(used_level, workers, error);
   }
   error = "compression method " + std::to_string(method) + " is unknown";
+  return nullptr;
+}
+
+bool compresses_in_frames(Compression_Method method, int level)
+{
+  return method == COMPRESSION_ZSTD && effective_compression_level(method, level) <= MOST_FRAME_LEVEL;
+}
+
+std::unique_ptr<Frame_Compressor> make_frame_compressor(Compression_Method method, int level, std::string& error)
+{
+  if (compresses_in_frames(method, level))
+    return make_zstd_frame_compressor(effective_compression_level(method, level), error);
+  error = "compression method " + std::to_string(method) + " is not used in frames at level " + std::to_string(level);
   return nullptr;
 }
 

@@ -18,24 +18,63 @@ const int MOST_WINDOW_LOG = 21;
 const int MOST_TABLE_LOG = 19;
 const int JOB_BYTES = 2 * 1024 * 1024;
 
-class Zstd_Compressor : public Compressor
+/// The library's compressing context, with the settings that every stored stream has.
+class Zstd_Context
 {
 public:
-  ~Zstd_Compressor() override { ZSTD_freeCCtx(context_); }
+  Zstd_Context() = default;
+  ~Zstd_Context() { ZSTD_freeCCtx(context_); }
+  Zstd_Context(const Zstd_Context&) = delete;
+  Zstd_Context& operator=(const Zstd_Context&) = delete;
 
-  bool init(int level, unsigned workers, std::string& error)
+  bool init(int level, std::string& error)
   {
-    output_.resize(OUTPUT_BYTES);
     context_ = ZSTD_createCCtx();
     if (context_ == nullptr) {
       error = "the zstd compressor cannot start: not enough memory";
       return false;
     }
-    if (!set(ZSTD_c_compressionLevel, level) || !set(ZSTD_c_checksumFlag, 1) || !bound_memory(level))
-      return fail_init(error);
-    if (workers > 0 && (!set(ZSTD_c_nbWorkers, static_cast<int>(workers)) || !set(ZSTD_c_jobSize, JOB_BYTES)))
-      return fail_init(error);
-    return true;
+    return set(ZSTD_c_compressionLevel, level, error) && set(ZSTD_c_checksumFlag, 1, error) &&
+           bound_memory(level, error);
+  }
+
+  bool set(ZSTD_cParameter parameter, int value, std::string& error)
+  {
+    const size_t result = ZSTD_CCtx_setParameter(context_, parameter, value);
+    if (ZSTD_isError(result))
+      error = std::string("the zstd compressor cannot start: ") + ZSTD_getErrorName(result);
+    return !ZSTD_isError(result);
+  }
+
+  ZSTD_CCtx* get() const { return context_; }
+
+private:
+  // Which table sizes a level uses is not part of the library's stable interface, so they are bounded by the
+  // levels from which they are known to pass the bound.
+  bool bound_memory(int level, std::string& error)
+  {
+    return level < 6 ||
+           (set(ZSTD_c_windowLog, MOST_WINDOW_LOG, error) && set(ZSTD_c_hashLog, MOST_TABLE_LOG, error) &&
+            set(ZSTD_c_chainLog, MOST_TABLE_LOG, error));
+  }
+
+  ZSTD_CCtx* context_ = nullptr;
+};
+
+std::string compress_failure(size_t result)
+{
+  return std::string("the zstd compressor failed: ") + ZSTD_getErrorName(result);
+}
+
+class Zstd_Compressor : public Compressor
+{
+public:
+  bool init(int level, unsigned workers, std::string& error)
+  {
+    output_.resize(OUTPUT_BYTES);
+    return context_.init(level, error) &&
+           (workers == 0 || (context_.set(ZSTD_c_nbWorkers, static_cast<int>(workers), error) &&
+                             context_.set(ZSTD_c_jobSize, JOB_BYTES, error)));
   }
 
   bool add(const char* data, unsigned n, Byte_Sink& out) override
@@ -61,37 +100,12 @@ public:
   }
 
 private:
-  bool set(ZSTD_cParameter parameter, int value)
-  {
-    const size_t result = ZSTD_CCtx_setParameter(context_, parameter, value);
-    if (ZSTD_isError(result))
-      error_ = std::string("the zstd compressor cannot start: ") + ZSTD_getErrorName(result);
-    return !ZSTD_isError(result);
-  }
-
-  // Which table sizes a level uses is not part of the library's stable interface, so they are bounded by the
-  // levels from which they are known to pass the bound.
-  bool bound_memory(int level)
-  {
-    if (level >= 6 && !set(ZSTD_c_windowLog, MOST_WINDOW_LOG))
-      return false;
-    if (level >= 6 && (!set(ZSTD_c_hashLog, MOST_TABLE_LOG) || !set(ZSTD_c_chainLog, MOST_TABLE_LOG)))
-      return false;
-    return true;
-  }
-
-  bool fail_init(std::string& error)
-  {
-    error = error_;
-    return false;
-  }
-
   bool run(ZSTD_inBuffer& in, ZSTD_EndDirective directive, size_t& left, Byte_Sink& out)
   {
     ZSTD_outBuffer made{output_.data(), OUTPUT_BYTES, made_};
-    left = ZSTD_compressStream2(context_, &made, &in, directive);
+    left = ZSTD_compressStream2(context_.get(), &made, &in, directive);
     if (ZSTD_isError(left)) {
-      error_ = std::string("the zstd compressor failed: ") + ZSTD_getErrorName(left);
+      error_ = compress_failure(left);
       return false;
     }
     made_ = static_cast<unsigned>(made.pos);
@@ -106,10 +120,27 @@ private:
     return out.put(output_.data(), n);
   }
 
-  ZSTD_CCtx* context_ = nullptr;
+  Zstd_Context context_;
   // The library gives its output in small portions; they are gathered so that the file gets large writes.
   std::vector<char> output_;
   unsigned made_ = 0;
+};
+
+class Zstd_Frame_Compressor : public Frame_Compressor
+{
+public:
+  bool init(int level, std::string& error) { return context_.init(level, error); }
+
+  unsigned compress(const char* data, unsigned n, char* out, unsigned capacity) override
+  {
+    const size_t size = ZSTD_compress2(context_.get(), out, capacity, data, n);
+    if (ZSTD_isError(size))
+      error_ = compress_failure(size);
+    return ZSTD_isError(size) ? 0 : static_cast<unsigned>(size);
+  }
+
+private:
+  Zstd_Context context_;
 };
 
 class Zstd_Decompressor : public Decompressor
@@ -155,6 +186,19 @@ std::unique_ptr<Compressor> make_zstd_compressor(int level, unsigned workers, st
   if (!compressor->init(level, workers, error))
     compressor.reset();
   return compressor;
+}
+
+std::unique_ptr<Frame_Compressor> make_zstd_frame_compressor(int level, std::string& error)
+{
+  auto compressor = std::make_unique<Zstd_Frame_Compressor>();
+  if (!compressor->init(level, error))
+    compressor.reset();
+  return compressor;
+}
+
+unsigned frame_bound(unsigned n)
+{
+  return static_cast<unsigned>(ZSTD_compressBound(n));
 }
 
 std::unique_ptr<Decompressor> make_zstd_decompressor(std::string& error)

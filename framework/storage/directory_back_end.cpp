@@ -80,8 +80,10 @@ bool is_direct_file_system(int fd)
          (status.f_type == EXT4_SUPER_MAGIC || status.f_type == XFS_SUPER_MAGIC);
 }
 
-/// True when most of a few bytes all over the file are in the page cache, or when that cannot be told.
-bool is_cached(int fd, uint64_t size)
+enum class Cached { YES, NO, UNKNOWN };
+
+/// Whether most of a few bytes all over the file are in the page cache.
+Cached is_cached(int fd, uint64_t size)
 {
   const int samples = 5;
   int cached = 0;
@@ -91,9 +93,11 @@ bool is_cached(int fd, uint64_t size)
     const ssize_t count =
         ::preadv2(fd, &target, 1, static_cast<off_t>((size - 1) / (samples - 1) * static_cast<unsigned>(i)),
                   RWF_NOWAIT);
-    cached += count < 0 && errno == EAGAIN ? 0 : 1;
+    if (count < 0 && errno != EAGAIN)
+      return Cached::UNKNOWN;
+    cached += count < 0 ? 0 : 1;
   }
-  return cached > samples / 2;
+  return cached > samples / 2 ? Cached::YES : Cached::NO;
 }
 
 class Directory_Writer : public Stored_File_Writer
@@ -278,8 +282,9 @@ private:
 class Directory_Reader : public Stored_File_Reader
 {
 public:
-  Directory_Reader(const std::string& path, int fd, uint64_t size, bool direct_allowed)
-      : path_(path), fd_(fd), size_(size), direct_allowed_(direct_allowed)
+  Directory_Reader(const std::string& path, int fd, uint64_t size, Cached cached)
+      : path_(path), fd_(fd), size_(size), in_memory_(cached == Cached::YES),
+        direct_allowed_(cached == Cached::NO && is_direct_file_system(fd))
   {
   }
 
@@ -299,6 +304,7 @@ public:
   const std::string& side_file() const override { return side_file_; }
   uint64_t size() const override { return size_; }
   const std::string& path() const override { return path_; }
+  bool in_memory() const override { return in_memory_; }
 
   int read(void* data, unsigned n, std::string& error) override
   {
@@ -362,6 +368,7 @@ private:
   const std::string path_;
   const int fd_;
   const uint64_t size_;
+  const bool in_memory_;
   bool direct_allowed_;
   bool direct_ = false;
   uint64_t offset_ = 0;
@@ -590,8 +597,7 @@ std::unique_ptr<Stored_File_Reader> Directory_Back_End::open(const std::string& 
   }
   ignore_result(::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL), "only advice");
   const uint64_t size = static_cast<uint64_t>(status.st_size);
-  const bool direct = is_direct_file_system(fd) && !is_cached(fd, size);
-  auto reader = std::make_unique<Directory_Reader>(path, fd, size, direct);
+  auto reader = std::make_unique<Directory_Reader>(path, fd, size, is_cached(fd, size));
   close_file.cancel();
   if (!reader->load_side_file(error))
     return nullptr;

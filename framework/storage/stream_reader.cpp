@@ -51,6 +51,12 @@ bool Stream_Reader::start()
     if (!stored_ || !decompressor_)
       return false;
   }
+  const bool at_once = !decompressor_ && limiter_.unlimited() && file_->in_memory();
+  return at_once || start_worker();
+}
+
+bool Stream_Reader::start_worker()
+{
   const Stream_Settings settings = read_settings(side_.method, bytes_per_second_);
   pipe_ = std::make_unique<Block_Pipe>(settings.block_count, settings.block_bytes);
   try {
@@ -73,6 +79,8 @@ int Stream_Reader::read(void* data, unsigned n)
 {
   if (!error_.empty())
     return -1;
+  if (!pipe_)
+    return read_at_once(data, n);
   unsigned done = 0;
   while (done < n && !ended_) {
     if (block_ == nullptr) {
@@ -99,6 +107,29 @@ int Stream_Reader::read(void* data, unsigned n)
     }
   }
   return static_cast<int>(done);
+}
+
+int Stream_Reader::read_at_once(void* data, unsigned n)
+{
+  unsigned done = 0;
+  while (done < n && !ended_) {
+    char* const next = static_cast<char*>(data) + done;
+    // Small enough to be summed up while it is still in the processor's cache.
+    const unsigned piece = std::min(n - done, STORED_BYTES);
+    const int got = file_->read(next, piece, worker_error_);
+    if (got < 0)
+      return fail(worker_error_);
+    storage_sum_.update(next, static_cast<unsigned>(got));
+    stored_size_ += static_cast<unsigned>(got);
+    done += static_cast<unsigned>(got);
+    ended_ = static_cast<unsigned>(got) < piece;
+  }
+  original_size_ = stored_size_;
+  if (!ended_ || !original_checksum_.empty())
+    return static_cast<int>(done);
+  if (!verify_stored())
+    return fail(worker_error_);
+  return verify_stream() ? static_cast<int>(done) : -1;
 }
 
 bool Stream_Reader::verify_stream()

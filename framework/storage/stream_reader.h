@@ -15,8 +15,10 @@
 namespace kestrel
 {
 /// Gives back the stream of a stored file: a worker thread reads ahead, verifies the stored bytes and
-/// decompresses them; the caller's thread verifies the stream as it takes it.
-/// Threads:   one owner thread; owns one worker.
+/// decompresses them; the caller's thread verifies the stream as it takes it. What is in memory already and needs
+/// nothing but a checksum the caller's thread reads itself: handing it from one processor to another would take
+/// longer than reading it.
+/// Threads:   one owner thread; owns one worker at most.
 /// Ownership: owns the file. The destructor stops the worker at once.
 /// Errors:    false or a negative count; error() then tells the first thing that failed. Nothing works
 ///            afterwards.
@@ -40,6 +42,8 @@ public:
 
 private:
   int get(const char*& data) override;
+  bool start_worker();
+  int read_at_once(void* data, unsigned n);
   void run();
   bool fill(Block& block);
   bool verify_stored();
@@ -57,7 +61,7 @@ private:
   std::unique_ptr<Block_Pipe> pipe_;
   std::thread worker_;
   std::atomic<bool> stopped_{false};
-  // Used by the worker until it has ended.
+  // Used by the worker, if there is one, until it has ended.
   std::unique_ptr<char[]> stored_;
   uint64_t stored_size_ = 0;
   Xxh3_128 storage_sum_;

@@ -1,5 +1,6 @@
 #include "storage/stream_settings.h"
 
+#include "storage/codec.h"
 #include "storage/rate_limiter.h"
 
 #include <algorithm>
@@ -19,6 +20,11 @@ const unsigned DIRECT_WRITE_BYTES = 4 * 1024 * 1024;
 const unsigned DIRECT_WRITE_COUNT = 4;
 const unsigned DIRECT_READ_BYTES = 1024 * 1024;
 const unsigned DIRECT_READ_COUNT = 6;
+// A frame's begin compresses badly, so frames are larger than other blocks. Twice as many as workers let these
+// go on while the disk takes its time.
+const unsigned FRAME_BLOCK_BYTES = 1024 * 1024;
+const unsigned SMALL_FRAME_BLOCK_BYTES = 512 * 1024;
+const unsigned MOST_WORKERS_WITH_LARGE_FRAMES = 4;
 const unsigned LIMITED_BLOCK_BYTES = 64 * 1024;
 const unsigned LIMITED_BLOCK_COUNT = 4;
 
@@ -30,8 +36,14 @@ const unsigned MOST_WORKERS = 16;
 const uint64_t NO_WORKER_BYTES_PER_SECOND = 8 * 1024 * 1024;
 } // namespace
 
-Stream_Settings write_settings(Compression_Method method, uint64_t bytes_per_second)
+Stream_Settings write_settings(const Client_IO_Base::Options& options)
 {
+  const Compression_Method method = options.compression_method;
+  const uint64_t bytes_per_second = options.rate_limits.write_limit();
+  const unsigned workers = frame_workers(options);
+  if (workers > 0)
+    return {2 * workers + 2,
+            workers > MOST_WORKERS_WITH_LARGE_FRAMES ? SMALL_FRAME_BLOCK_BYTES : FRAME_BLOCK_BYTES};
   if (bytes_per_second != 0 && method != COMPRESSION_NONE)
     return {LIMITED_BLOCK_COUNT, LIMITED_BLOCK_BYTES};
   if (bytes_per_second != 0)
@@ -58,5 +70,13 @@ unsigned compression_workers(const Client_IO_Base::Options& options)
   if (options.compression_workers != 0)
     return std::min(options.compression_workers, MOST_WORKERS);
   return std::clamp(std::thread::hardware_concurrency(), 1u, MOST_WORKERS_BY_DEFAULT);
+}
+
+unsigned frame_workers(const Client_IO_Base::Options& options)
+{
+  // A limited stream needs no speed, and its small blocks would make bad frames.
+  const bool frames = options.rate_limits.write_limit() == 0 &&
+                      compresses_in_frames(options.compression_method, options.compression_level);
+  return frames ? compression_workers(options) : 0;
 }
 } // namespace kestrel

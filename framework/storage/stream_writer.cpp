@@ -10,18 +10,10 @@
 
 namespace kestrel
 {
-namespace
-{
-Stream_Settings settings_of(const Client_IO_Base::Options& options)
-{
-  return write_settings(options.compression_method, options.rate_limits.write_limit());
-}
-} // namespace
-
 Stream_Writer::Stream_Writer(std::unique_ptr<Stored_File_Writer> file, const Client_IO_Base::Options& options)
     : method_(options.compression_method), file_(std::move(file)),
       limiter_(options.rate_limits.write_limit()),
-      pipe_(settings_of(options).block_count, settings_of(options).block_bytes)
+      pipe_(write_settings(options).block_count, write_settings(options).block_bytes)
 {
 }
 
@@ -34,13 +26,19 @@ void Stream_Writer::stop()
 {
   stopped_ = true;
   pipe_.stop();
+  if (team_)
+    team_->frames().stop();
   if (worker_.joinable())
     worker_.join();
 }
 
 bool Stream_Writer::start(const Client_IO_Base::Options& options)
 {
-  if (method_ != COMPRESSION_NONE) {
+  if (const unsigned workers = frame_workers(options)) {
+    team_ = std::make_unique<Frame_Team>(pipe_, workers, write_settings(options).block_bytes);
+    if (!team_->start(method_, options.compression_level, error_))
+      return false;
+  } else if (method_ != COMPRESSION_NONE) {
     compressor_ = make_compressor(method_, options.compression_level, compression_workers(options), error_);
     if (!compressor_)
       return false;
@@ -89,7 +87,7 @@ bool Stream_Writer::write(const void* data, unsigned n)
 
 bool Stream_Writer::close()
 {
-  if (!error_.empty())
+  if (!error_.empty() || !begin_empty_frame())
     return false;
   if (block_ != nullptr)
     pipe_.put(block_);
@@ -121,15 +119,26 @@ void Stream_Writer::discard()
   fail();
 }
 
+// A team makes frames of blocks, and an empty stream is to be a frame too.
+bool Stream_Writer::begin_empty_frame()
+{
+  if (!team_ || original_size_ > 0)
+    return true;
+  block_ = pipe_.take_free();
+  return block_ != nullptr || fail();
+}
+
 void Stream_Writer::run()
 {
-  if (store_blocks())
+  if (team_ ? store_frames() : store_blocks())
     return;
   // The compressor's reason and the file's reason exclude each other.
   if (worker_error_.empty() && compressor_)
     worker_error_ = compressor_->error();
   if (!stopped_)
     pipe_.fail(worker_error_);
+  if (team_)
+    team_->frames().stop();
 }
 
 bool Stream_Writer::store_blocks()
@@ -142,6 +151,18 @@ bool Stream_Writer::store_blocks()
     pipe_.give_back(block);
   }
   return !pipe_.ended() || !compressor_ || compressor_->finish(*this);
+}
+
+bool Stream_Writer::store_frames()
+{
+  Block_Pipe& frames = team_->frames();
+  while (Block* frame = frames.take_full()) {
+    if (!put(frame->data, frame->size))
+      return false;
+    frames.give_back(frame);
+  }
+  // Either all are stored, or the team has stopped and the blocks' pipe tells why.
+  return true;
 }
 
 bool Stream_Writer::put(const char* data, unsigned n)

@@ -4,6 +4,7 @@
 #include "storage/back_end.h"
 #include "storage/block_pipe.h"
 #include "storage/codec.h"
+#include "storage/frame_team.h"
 #include "storage/rate_limiter.h"
 
 #include <atomic>
@@ -14,9 +15,9 @@
 namespace kestrel
 {
 /// Takes a stream in pieces of any size and stores it: the caller's thread computes the stream's checksum and
-/// fills large blocks, a worker thread compresses them, computes the checksum of the stored bytes, keeps the
-/// rate limit and writes.
-/// Threads:   one owner thread; owns one worker.
+/// fills large blocks, a worker thread compresses them or lets a team compress them, computes the checksum of the
+/// stored bytes, keeps the rate limit and writes.
+/// Threads:   one owner thread; owns one worker, and a team where Stream_Settings say so.
 /// Ownership: owns the file. The destructor stops the worker at once and leaves the file unfinished.
 /// Errors:    false; error() then tells the first thing that failed. Nothing works afterwards.
 class Stream_Writer : private Byte_Sink
@@ -44,6 +45,8 @@ private:
   bool put(const char* data, unsigned n) override;
   void run();
   bool store_blocks();
+  bool store_frames();
+  bool begin_empty_frame();
   bool fail();
   void stop();
 
@@ -52,6 +55,7 @@ private:
   std::unique_ptr<Compressor> compressor_;
   Rate_Limiter limiter_;
   Block_Pipe pipe_;
+  std::unique_ptr<Frame_Team> team_;
   std::thread worker_;
   std::atomic<bool> stopped_{false};
   std::atomic<uint64_t> storage_size_{0};
