@@ -17,9 +17,10 @@ namespace
 // An opener that has not reached its open yet is looked for again after this time.
 constexpr std::chrono::milliseconds RELEASE_RETRY(5);
 
-// What a writer can leave in the pipe before it has to wait for this process, which is often busy with compressing. The
-// usual 64 KiB cost both sides a change of threads every few blocks. Much more would leave the processor's cache, and
-// the writing side gains nothing: there the pipe's other end only takes what comes.
+// What a writer can leave in the pipe before it has to wait for this process, which is often busy with
+// compressing. The usual 64 KiB cost both sides a change of threads every few blocks. Much more would leave
+// the processor's cache, and the writing side gains nothing: there the pipe's other end only takes what
+// comes.
 constexpr int READER_PIPE_BYTES = 256 * 1024;
 } // namespace
 

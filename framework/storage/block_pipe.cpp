@@ -70,7 +70,8 @@ void Block_Pipe::put(Block* block, uint64_t number)
 {
   std::unique_lock<std::mutex> guard(lock_);
   block->number = number;
-  const auto behind = std::find_if(full_.begin(), full_.end(), [&](Block* each) { return each->number > number; });
+  const auto behind =
+      std::find_if(full_.begin(), full_.end(), [&](Block* each) { return each->number > number; });
   full_.insert(behind, block);
   const bool wanted = number == next_taken_;
   guard.unlock();

@@ -76,11 +76,13 @@ bool compresses_in_frames(Compression_Method method, int level)
   return method == COMPRESSION_ZSTD && effective_compression_level(method, level) <= MOST_FRAME_LEVEL;
 }
 
-std::unique_ptr<Frame_Compressor> make_frame_compressor(Compression_Method method, int level, std::string& error)
+std::unique_ptr<Frame_Compressor> make_frame_compressor(Compression_Method method, int level,
+                                                        std::string& error)
 {
   if (compresses_in_frames(method, level))
     return make_zstd_frame_compressor(effective_compression_level(method, level), error);
-  error = "compression method " + std::to_string(method) + " is not used in frames at level " + std::to_string(level);
+  error = "compression method " + std::to_string(method) + " is not used in frames at level " +
+          std::to_string(level);
   return nullptr;
 }
 

@@ -100,8 +100,8 @@ private:
 /// Null with `error` filled without memory, or for a method or level that is better compressed in one frame.
 [[nodiscard]] std::unique_ptr<Frame_Compressor> make_frame_compressor(Compression_Method method, int level,
                                                                       std::string& error);
-/// Whether make_frame_compressor() serves them: only zstd, and only its fastest levels. The others gain much of
-/// their ratio from what lies further back than a frame's begin.
+/// Whether make_frame_compressor() serves them: only zstd, and only its fastest levels. The others gain much
+/// of their ratio from what lies further back than a frame's begin.
 bool compresses_in_frames(Compression_Method method, int level);
 /// The most that a frame of n bytes can take.
 unsigned frame_bound(unsigned n);

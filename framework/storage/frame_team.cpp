@@ -5,7 +5,8 @@
 namespace kestrel
 {
 Frame_Team::Frame_Team(Block_Pipe& blocks, unsigned workers, unsigned block_bytes)
-    : blocks_(blocks), frames_(2 * workers + 2, frame_bound(block_bytes)), workers_(workers), running_(workers)
+    : blocks_(blocks), frames_(2 * workers + 2, frame_bound(block_bytes)), workers_(workers),
+      running_(workers)
 {
 }
 

@@ -214,20 +214,32 @@ bool Pool_Registry::add(const std::string& name, const std::string& path, Pool_I
   return true;
 }
 
-bool Pool_Registry::remove(const std::string& id_or_name, std::string& error)
+bool Pool_Registry::update_pool(const std::string& id_or_name,
+                                const std::function<void(Content&, std::vector<Pool_Info>::iterator)>& change,
+                                std::string& error)
 {
   return update(
       [&](Content& content, std::string& reason) {
         const auto found = position(content, id_or_name);
-        if (found == content.pools.end()) {
+        const bool is_there = found != content.pools.end();
+        if (is_there)
+          change(content, found);
+        else
           reason = "there is no pool \"" + id_or_name + "\"";
-          return false;
-        }
+        return is_there;
+      },
+      error);
+}
+
+bool Pool_Registry::remove(const std::string& id_or_name, std::string& error)
+{
+  return update_pool(
+      id_or_name,
+      [](Content& content, std::vector<Pool_Info>::iterator found) {
         const bool was_default = found->pool_id == content.default_id;
         content.pools.erase(found);
         if (was_default)
           content.default_id = content.pools.size() == 1 ? content.pools[0].pool_id : "";
-        return true;
       },
       error);
 }
@@ -241,47 +253,42 @@ bool Pool_Registry::list(std::vector<Pool_Info>& pools, std::string& error) cons
   return true;
 }
 
-bool Pool_Registry::find(const std::string& id_or_name, Pool_Info& info, std::string& error) const
+bool Pool_Registry::find_in(Content& content, const std::string& id_or_name, const std::string& missing,
+                            Pool_Info& info, std::string& error)
 {
-  Content content;
-  if (!load(content, error))
-    return false;
   const auto found = position(content, id_or_name);
   if (found == content.pools.end()) {
-    error = "there is no pool \"" + id_or_name + "\"; add it to the list of pools first";
+    error = missing;
     return false;
   }
   info = *found;
   return true;
+}
+
+bool Pool_Registry::find(const std::string& id_or_name, Pool_Info& info, std::string& error) const
+{
+  Content content;
+  return load(content, error) &&
+         find_in(content, id_or_name,
+                 "there is no pool \"" + id_or_name + "\"; add it to the list of pools first", info, error);
 }
 
 bool Pool_Registry::default_pool(Pool_Info& info, std::string& error) const
 {
+  // No pool's id or name is empty, so an empty default finds none.
   Content content;
-  if (!load(content, error))
-    return false;
-  const auto found = position(content, content.default_id);
-  if (content.default_id.empty() || found == content.pools.end()) {
-    error = content.pools.empty() ? "there is no pool; add one first"
-                                  : "no pool is the default; name a pool or choose a default one";
-    return false;
-  }
-  info = *found;
-  return true;
+  return load(content, error) &&
+         find_in(content, content.default_id,
+                 content.pools.empty() ? "there is no pool; add one first"
+                                       : "no pool is the default; name a pool or choose a default one",
+                 info, error);
 }
 
 bool Pool_Registry::set_default_pool(const std::string& id_or_name, std::string& error)
 {
-  return update(
-      [&](Content& content, std::string& reason) {
-        const auto found = position(content, id_or_name);
-        if (found == content.pools.end()) {
-          reason = "there is no pool \"" + id_or_name + "\"";
-          return false;
-        }
-        content.default_id = found->pool_id;
-        return true;
-      },
+  return update_pool(
+      id_or_name,
+      [](Content& content, std::vector<Pool_Info>::iterator found) { content.default_id = found->pool_id; },
       error);
 }
 } // namespace kestrel

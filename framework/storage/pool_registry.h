@@ -48,6 +48,12 @@ private:
   bool save(const Content& content, std::string& error) const;
   /// Loads, lets `change` work on the content and saves, all under the lock.
   bool update(const std::function<bool(Content&, std::string&)>& change, std::string& error) const;
+  /// The same for one pool; false when there is none of this id or name.
+  bool update_pool(const std::string& id_or_name,
+                   const std::function<void(Content&, std::vector<Pool_Info>::iterator)>& change,
+                   std::string& error);
+  static bool find_in(Content& content, const std::string& id_or_name, const std::string& missing,
+                      Pool_Info& info, std::string& error);
   static std::vector<Pool_Info>::iterator position(Content& content, const std::string& id_or_name);
 
   std::string file_;

@@ -15,12 +15,11 @@
 namespace kestrel
 {
 /// Gives back the stream of a stored file: a worker thread reads ahead, verifies the stored bytes and
-/// decompresses them; the caller's thread verifies the stream as it takes it. What is in memory already and needs
-/// nothing but a checksum the caller's thread reads itself: handing it from one processor to another would take
-/// longer than reading it.
-/// Threads:   one owner thread; owns one worker at most.
-/// Ownership: owns the file. The destructor stops the worker at once.
-/// Errors:    false or a negative count; error() then tells the first thing that failed. Nothing works
+/// decompresses them; the caller's thread verifies the stream as it takes it. What is in memory already and
+/// needs nothing but a checksum the caller's thread reads itself: handing it from one processor to another
+/// would take longer than reading it. Threads:   one owner thread; owns one worker at most. Ownership: owns
+/// the file. The destructor stops the worker at once. Errors:    false or a negative count; error() then
+/// tells the first thing that failed. Nothing works
 ///            afterwards.
 class Stream_Reader : private Byte_Source
 {

@@ -20,8 +20,8 @@ const unsigned DIRECT_WRITE_BYTES = 4 * 1024 * 1024;
 const unsigned DIRECT_WRITE_COUNT = 4;
 const unsigned DIRECT_READ_BYTES = 1024 * 1024;
 const unsigned DIRECT_READ_COUNT = 6;
-// A frame's begin compresses badly, so frames are larger than other blocks. Twice as many as workers let these
-// go on while the disk takes its time.
+// A frame's begin compresses badly, so frames are larger than other blocks. Twice as many as workers let
+// these go on while the disk takes its time.
 const unsigned FRAME_BLOCK_BYTES = 1024 * 1024;
 const unsigned SMALL_FRAME_BLOCK_BYTES = 512 * 1024;
 const unsigned MOST_WORKERS_WITH_LARGE_FRAMES = 4;

@@ -15,11 +15,11 @@
 namespace kestrel
 {
 /// Takes a stream in pieces of any size and stores it: the caller's thread computes the stream's checksum and
-/// fills large blocks, a worker thread compresses them or lets a team compress them, computes the checksum of the
-/// stored bytes, keeps the rate limit and writes.
-/// Threads:   one owner thread; owns one worker, and a team where Stream_Settings say so.
-/// Ownership: owns the file. The destructor stops the worker at once and leaves the file unfinished.
-/// Errors:    false; error() then tells the first thing that failed. Nothing works afterwards.
+/// fills large blocks, a worker thread compresses them or lets a team compress them, computes the checksum of
+/// the stored bytes, keeps the rate limit and writes. Threads:   one owner thread; owns one worker, and a
+/// team where Stream_Settings say so. Ownership: owns the file. The destructor stops the worker at once and
+/// leaves the file unfinished. Errors:    false; error() then tells the first thing that failed. Nothing
+/// works afterwards.
 class Stream_Writer : private Byte_Sink
 {
 public:

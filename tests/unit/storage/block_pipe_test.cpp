@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 #include <thread>
+#include <vector>
 
 namespace
 {
@@ -83,5 +85,64 @@ TEST(Block_Pipe, drops_queued_blocks_when_stopped)
   pipe.put(pipe.take_free());
   pipe.stop();
   EXPECT_EQ(nullptr, pipe.take_full());
+}
+
+TEST(Block_Pipe, gives_blocks_out_by_number_when_they_are_put_by_number)
+{
+  Block_Pipe pipe(4, 10);
+  for (const unsigned number : {2u, 0u, 3u, 1u}) {
+    Block* block = pipe.take_free();
+    ASSERT_NE(nullptr, block);
+    block->size = number + 1;
+    pipe.put(block, number);
+  }
+  pipe.finish();
+  for (unsigned i = 0; i < 4; ++i) {
+    Block* block = pipe.take_full();
+    ASSERT_NE(nullptr, block);
+    EXPECT_EQ(i, block->number);
+    EXPECT_EQ(i + 1, block->size);
+  }
+  EXPECT_EQ(nullptr, pipe.take_full());
+  EXPECT_TRUE(pipe.ended());
+}
+
+TEST(Block_Pipe, waits_for_the_next_number_although_later_ones_are_there)
+{
+  Block_Pipe pipe(2, 10);
+  Block* first = pipe.take_free();
+  Block* second = pipe.take_free();
+  pipe.put(second, 1);
+  std::thread late([&] { pipe.put(first, 0); });
+  EXPECT_EQ(first, pipe.take_full());
+  EXPECT_EQ(second, pipe.take_full());
+  late.join();
+}
+
+TEST(Block_Pipe, gives_every_block_to_one_of_several_consumers_and_the_end_to_all)
+{
+  const unsigned count = 2000;
+  Block_Pipe pipe(3, 10);
+  std::vector<uint64_t> seen[3];
+  std::vector<std::thread> consumers;
+  for (auto& numbers : seen)
+    consumers.emplace_back([&pipe, &numbers] {
+      while (Block* block = pipe.take_full()) {
+        numbers.push_back(block->number);
+        pipe.give_back(block);
+      }
+    });
+  for (unsigned i = 0; i < count; ++i)
+    pipe.put(pipe.take_free());
+  pipe.finish();
+  std::set<uint64_t> all;
+  for (unsigned i = 0; i < 3; ++i) {
+    consumers[i].join();
+    EXPECT_TRUE(std::is_sorted(seen[i].begin(), seen[i].end()));
+    all.insert(seen[i].begin(), seen[i].end());
+  }
+  EXPECT_EQ(count, all.size());
+  EXPECT_EQ(count - 1, *all.rbegin());
+  EXPECT_TRUE(pipe.ended());
 }
 } // namespace

@@ -259,6 +259,27 @@ TEST_F(Client_IO_Test, stores_an_uncompressed_stream_as_it_is)
   EXPECT_TRUE(content == read_file(stored_path("f")));
 }
 
+TEST_F(Client_IO_Test, reads_what_is_in_memory_as_what_is_not)
+{
+  const std::string content = test_content(3 * 1024 * 1024 + 77);
+  store("f", content);
+  EXPECT_TRUE(content == kestrel_test::read_file(stored_path("f")));
+  for (const unsigned piece : {1000u, 8192u, 5000000u}) {
+    std::string got;
+    std::string error;
+    EXPECT_TRUE(fetch("f", got, error, piece)) << error;
+    EXPECT_TRUE(content == got);
+  }
+  std::string damaged = content;
+  damaged[2 * 1024 * 1024] = static_cast<char>(damaged[2 * 1024 * 1024] ^ 1);
+  dir_.write("pool/source/f", damaged);
+  std::string got;
+  std::string error;
+  EXPECT_FALSE(fetch("f", got, error));
+  EXPECT_NE(std::string::npos, error.find("the checksum of its content is wrong")) << error;
+  EXPECT_LT(got.size(), content.size());
+}
+
 TEST_F(Client_IO_Test, reads_uncompressed_content_that_begins_like_a_compressed_file)
 {
   for (const char* magic : {"\x1f\x8b\x08\x01", "\x04\x22\x4d\x18", "\x28\xb5\x2f\xfd"}) {

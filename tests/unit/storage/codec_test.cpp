@@ -151,6 +151,54 @@ TEST_P(Codec, stops_when_the_sink_or_the_source_fails)
   EXPECT_EQ("", error);
 }
 
+TEST(Frame_Codec, makes_frames_that_together_are_the_stream)
+{
+  std::string error;
+  const auto compressor = kestrel::make_frame_compressor(COMPRESSION_ZSTD, 1, error);
+  ASSERT_NE(nullptr, compressor) << error;
+  const std::string content = test_content(300000);
+  std::string frames;
+  for (const auto& piece :
+       {content.substr(0, 100000), std::string(), content.substr(100000, 1), content.substr(100001)}) {
+    const unsigned n = static_cast<unsigned>(piece.size());
+    std::string frame(kestrel::frame_bound(n), '\0');
+    const unsigned size =
+        compressor->compress(piece.data(), n, &frame[0], static_cast<unsigned>(frame.size()));
+    ASSERT_GT(size, 0u) << compressor->error();
+    ASSERT_LE(size, frame.size());
+    frames.append(frame, 0, size);
+  }
+  Text_Source source(frames, 1000);
+  const auto decompressor = kestrel::make_decompressor(COMPRESSION_ZSTD, error);
+  std::string got(content.size() + 1, '\0');
+  unsigned produced = 0;
+  ASSERT_TRUE(decompressor->fill(source, &got[0], static_cast<unsigned>(got.size()), produced));
+  EXPECT_TRUE(content == got.substr(0, produced));
+}
+
+TEST(Frame_Codec, tells_why_it_cannot_compress)
+{
+  std::string error;
+  const auto compressor = kestrel::make_frame_compressor(COMPRESSION_ZSTD, 1, error);
+  char out[4];
+  EXPECT_EQ(0u, compressor->compress("some words", 10, out, sizeof out));
+  EXPECT_NE(std::string::npos, compressor->error().find("the zstd compressor failed: "));
+}
+
+TEST(Frame_Codec, serves_the_fastest_levels_of_zstd_only)
+{
+  EXPECT_TRUE(kestrel::compresses_in_frames(COMPRESSION_ZSTD, -5));
+  EXPECT_TRUE(kestrel::compresses_in_frames(COMPRESSION_ZSTD, 2));
+  EXPECT_FALSE(kestrel::compresses_in_frames(COMPRESSION_ZSTD, 3));
+  EXPECT_FALSE(kestrel::compresses_in_frames(COMPRESSION_ZSTD, 0));
+  std::string error;
+  for (const Compression_Method method : {COMPRESSION_NONE, COMPRESSION_ZLIB, COMPRESSION_LZ4}) {
+    EXPECT_FALSE(kestrel::compresses_in_frames(method, 1));
+    EXPECT_EQ(nullptr, kestrel::make_frame_compressor(method, 1, error));
+    EXPECT_NE("", error);
+  }
+}
+
 TEST(Codec_Choice, knows_no_codec_for_other_methods)
 {
   for (const Compression_Method method : {COMPRESSION_NONE, 4u}) {
