@@ -20,7 +20,8 @@ private:
 
 namespace oscar
 {
-/// A Backup_Action_Handler whose failure fails the backup; an empty pointer, and errno ENOMEM, without memory.
+/// A Backup_Action_Handler whose failure fails the backup; an empty pointer, and errno ENOMEM, without
+/// memory.
 ACE_Refcounted_Auto_Ptr<Action_Handler, ACE_Recursive_Thread_Mutex>
 make_action_handler(Backup_Input const* input);
 } // namespace oscar

@@ -17,7 +17,8 @@ public:
 
   /// Sends an event when the percentage differs from the last one, upwards or downwards. 0, or -1 when the
   /// event could not be queued.
-  int handle_progress(int progress, unsigned long long a, unsigned long long b, unsigned long long c) override;
+  int handle_progress(int progress, unsigned long long a, unsigned long long b,
+                      unsigned long long c) override;
   /// A cancel or an abort. A pause is no cancel.
   bool canceling() override;
 

@@ -51,18 +51,20 @@ Dump_Directory::Dump_Directory(const std::string& definition_id)
 Dump_Directory::~Dump_Directory()
 {
   if (remove_at_end_ && !path_.empty() && rm_rf(path_.c_str()) != 0)
-    ACE_ERROR((LM_ERROR,
-               "(%P|%t) Dump_Directory: %C cannot be removed: %m; it holds exported data, remove it by hand\n",
-               path_.c_str()));
+    ACE_ERROR(
+        (LM_ERROR,
+         "(%P|%t) Dump_Directory: %C cannot be removed: %m; it holds exported data, remove it by hand\n",
+         path_.c_str()));
 }
 
 bool Dump_Directory::clear()
 {
   if (path_.empty()) {
-    ACE_ERROR((LM_ERROR,
-               "(%P|%t) Dump_Directory::clear: the definition's id \"%C\" is no uuid, so it names no directory "
-               "for dump files; nothing is removed and the job does not run\n",
-               definition_id_.c_str()));
+    ACE_ERROR(
+        (LM_ERROR,
+         "(%P|%t) Dump_Directory::clear: the definition's id \"%C\" is no uuid, so it names no directory "
+         "for dump files; nothing is removed and the job does not run\n",
+         definition_id_.c_str()));
     return false;
   }
   if (rm_rf(path_.c_str()) == 0)

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "json/value.h"
 #include "oscar/restore_job_source.h"
 #include "oscar/utils_export.h"
+#include "json/value.h"
 
 #include <cstdint>
 #include <string>
@@ -34,11 +34,13 @@ const char* object_grade(const struct Restore_Job_Source::original& object);
 
 /// The row that a restore job means, out of the newest first: the one of its catalog id, else of its number
 /// (and definition, when given), else the first. Null when there is no such row.
-const json_spirit::Object* choose_logical_row(const json_spirit::Array& rows, const Restore_Job_Source& source);
+const json_spirit::Object* choose_logical_row(const json_spirit::Array& rows,
+                                              const Restore_Job_Source& source);
 
 Logical_Backup read_logical_backup(const json_spirit::Object& row);
 
-/// The dump file to import: the one that the object names, else the first of the object. Null when there is none.
+/// The dump file to import: the one that the object names, else the first of the object. Null when there is
+/// none.
 const Oscar_Backup_File* choose_backup_file(const Logical_Backup& backup,
                                             const struct Restore_Job_Source::original& object);
 } // namespace oscar

@@ -21,9 +21,8 @@ constexpr int64_t TOOL_GRACE_MSEC = 0;
 void raise_logical_alert(Job& job, int code)
 {
   const int error = errno;
-  kestrel::ignore_result(
-      write_job_alert(job, ALERT_CATEGORY, 0, code, 0, 0, 0, json_spirit::Value(), 1, 0),
-      "the job fails anyway, and the log says why");
+  kestrel::ignore_result(write_job_alert(job, ALERT_CATEGORY, 0, code, 0, 0, 0, json_spirit::Value(), 1, 0),
+                         "the job fails anyway, and the log says why");
   errno = error;
 }
 

@@ -27,7 +27,8 @@ enum Logical_Alert : int {
 };
 
 /// Looks a pool up; false = failed, alert raised and logged.
-[[nodiscard]] bool find_pool(Job& job, const std::string& pool_id, const std::string& device_id, Pool_Info& pool);
+[[nodiscard]] bool find_pool(Job& job, const std::string& pool_id, const std::string& device_id,
+                             Pool_Info& pool);
 
 /// Reads the user tablespaces of an instance; an isql that hangs is ended when the job is canceled. False =
 /// failed, logged.

@@ -20,7 +20,8 @@ private:
 
 namespace oscar
 {
-/// A Restore_Action_Handler whose failure fails the restore; an empty pointer, and errno ENOMEM, without memory.
+/// A Restore_Action_Handler whose failure fails the restore; an empty pointer, and errno ENOMEM, without
+/// memory.
 ACE_Refcounted_Auto_Ptr<Action_Handler, ACE_Recursive_Thread_Mutex>
 make_action_handler(Restore_Input const* input);
 } // namespace oscar

@@ -12,7 +12,7 @@ Restore_Event_Handler::Restore_Event_Handler(Job_Definition const* def, Job_Acti
 }
 
 int Restore_Event_Handler::handle_progress(int progress, unsigned long long a, unsigned long long b,
-                                          unsigned long long c)
+                                           unsigned long long c)
 {
   if (progress == act_->progress)
     return 0;

@@ -55,8 +55,8 @@ void set_export_command(const Backup_Input& input, const Backup_File& file, unsi
   const char* const password = input.password.c_str();
   // The schema decides first: a table without one is exported with its whole database.
   if (file.schema.empty())
-    command.text.set("\"%s\" -U%s/%s -p%hu -d%s file=%s", tool.c_str(), input.username.c_str(), password, port,
-                     input.instance.c_str(), file.file.c_str());
+    command.text.set("\"%s\" -U%s/%s -p%hu -d%s file=%s", tool.c_str(), input.username.c_str(), password,
+                     port, input.instance.c_str(), file.file.c_str());
   else if (file.table.empty())
     command.text.set("\"%s\" -U%s/%s -p%hu -d%s level=schema file=%s mode=entirety ignore=false schema=%s "
                      "view=true sequence=true procedure=true constraint=true trigger=true index=true",
@@ -144,14 +144,15 @@ bool restore(Restore_Input const* input)
 {
   if (!OSCAR_POINTER_GIVEN(input))
     return false;
-  kestrel::ignore_result(::chmod(input->backup_file.c_str(), DUMP_MODE), "the tool tells when it cannot read");
+  kestrel::ignore_result(::chmod(input->backup_file.c_str(), DUMP_MODE),
+                         "the tool tells when it cannot read");
   unsigned short port = 0;
   if (!look_up_port(input->oscar_home, input->restore_as_database, port))
     return false;
   if (input->host)
-    input->host->begin_object({input->restore_as_database, input->restore_as_schema, input->restore_as_table,
-                               input->backup_file},
-                              1, 1);
+    input->host->begin_object(
+        {input->restore_as_database, input->restore_as_schema, input->restore_as_table, input->backup_file},
+        1, 1);
   if (!input->restore_as_schema.empty() && !input->restore_as_table.empty())
     create_schema(*input, port);
   Secret_Command command;

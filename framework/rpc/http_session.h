@@ -33,7 +33,8 @@ public:
 /// Makes sessions.
 /// Threads: any.
 /// Units:   seconds.
-/// Errors:  a null pointer when the server does not accept a connection within CONNECT_SECONDS; errno says why.
+/// Errors:  a null pointer when the server does not accept a connection within CONNECT_SECONDS; errno says
+/// why.
 class HTTP_Session_Factory
 {
 public:

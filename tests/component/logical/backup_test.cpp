@@ -55,7 +55,8 @@ public:
   void handle_item(const kestrel::Job_Item_Event& event) override
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    items_ += event.item() + " " + std::to_string(event.number()) + "/" + std::to_string(event.total()) + "\n";
+    items_ +=
+        event.item() + " " + std::to_string(event.number()) + "/" + std::to_string(event.total()) + "\n";
   }
   void handle_progress(const Job_Progress_Event& event) override
   {
@@ -86,8 +87,8 @@ TEST(Logical_Backup, exports_every_object_and_records_the_set)
 {
   Logical_Bench bench;
   bench.set_tablespaces({"TS1", "TS2"});
-  const Job_Ptr job = bench.make_job(bench.backup_fields(
-      {"oscar/LOGI1/LOGI1", "oscar/LOGI1/LOGI1/S", "oscar/LOGI1/LOGI1/S/T"}));
+  const Job_Ptr job = bench.make_job(
+      bench.backup_fields({"oscar/LOGI1/LOGI1", "oscar/LOGI1/LOGI1/S", "oscar/LOGI1/LOGI1/S/T"}));
   ASSERT_EQ(JOB_STATE_COMPLETED, bench.run(job));
   EXPECT_TRUE(bench.alerts(job).empty());
   EXPECT_EQ(3u, bench.calls("osrexp").size());
@@ -134,8 +135,8 @@ TEST(Logical_Backup, exports_every_object_and_records_the_set)
 TEST(Logical_Backup, names_its_dump_files_by_object_time_and_number)
 {
   Logical_Bench bench;
-  const std::vector<std::string> entries = {"oscar/LOGI1/LOGI1/S/T", "oscar/LOGI1/LOGI1/S", "oscar/LOGI1/LOGI1",
-                                            "oscar/LOGI1"};
+  const std::vector<std::string> entries = {"oscar/LOGI1/LOGI1/S/T", "oscar/LOGI1/LOGI1/S",
+                                            "oscar/LOGI1/LOGI1", "oscar/LOGI1"};
   std::vector<std::string> times;
   for (unsigned run = 0; run < 2; ++run) {
     const Job_Ptr job = bench.make_job(bench.backup_fields(entries));
@@ -146,7 +147,8 @@ TEST(Logical_Backup, names_its_dump_files_by_object_time_and_number)
   ASSERT_EQ(8u, calls.size());
   for (size_t run = 0; run < 2; ++run) {
     const std::string tail = "_export_" + times[run] + "_" + std::to_string(run) + ".dump";
-    const std::string names[] = {"LOGI1_LOGI1/LOGI1.S.T", "LOGI1_LOGI1/LOGI1.S", "LOGI1_LOGI1/LOGI1", "LOGI1_/"};
+    const std::string names[] = {"LOGI1_LOGI1/LOGI1.S.T", "LOGI1_LOGI1/LOGI1.S", "LOGI1_LOGI1/LOGI1",
+                                 "LOGI1_/"};
     for (size_t i = 0; i < 4; ++i)
       EXPECT_EQ(bench.dump_path() + "/" + names[i] + tail, bench.option(calls[run * 4 + i], "file="));
   }
@@ -185,8 +187,9 @@ TEST(Logical_Backup, replaces_what_a_directory_name_may_not_hold)
 
 TEST(Logical_Backup, exports_nothing_to_a_place_outside_of_its_directory)
 {
-  for (const char* const name : {"oscar/LOGI1/%2F..%2F..%2F..%2Fout", "oscar/LOGI1/LOGI1/%2F..%2F..%2F..%2Fout",
-                                 "oscar/LOGI1/LOGI1/S/%2F..%2F..%2F..%2Fout"}) {
+  for (const char* const name :
+       {"oscar/LOGI1/%2F..%2F..%2F..%2Fout", "oscar/LOGI1/LOGI1/%2F..%2F..%2F..%2Fout",
+        "oscar/LOGI1/LOGI1/S/%2F..%2F..%2F..%2Fout"}) {
     Logical_Bench bench;
     EXPECT_EQ(JOB_STATE_ERROR, bench.run(bench.backup_fields({name})));
     bench.log.expect(LM_ERROR, "would put its dump file outside of the dump directory");
@@ -247,7 +250,8 @@ TEST(Logical_Backup, tells_which_object_it_is_at_and_how_far_it_is)
 TEST(Logical_Backup, is_skipped_without_an_object)
 {
   for (const std::vector<std::string>& entries :
-       {std::vector<std::string>{}, std::vector<std::string>{"oscar"}, std::vector<std::string>{"mysql/LOGI1"}}) {
+       {std::vector<std::string>{}, std::vector<std::string>{"oscar"},
+        std::vector<std::string>{"mysql/LOGI1"}}) {
     Logical_Bench bench;
     Codes alerts;
     EXPECT_EQ(JOB_STATE_SKIPPED, bench.run(bench.backup_fields(entries), &alerts));
@@ -355,7 +359,9 @@ TEST(Logical_Backup, begins_to_count_when_the_catalog_does_not_tell_a_number)
     bench.back_up(TABLE);
     {
       const std::shared_ptr<Shaped_Catalog> catalog = Shaped_Catalog::install();
-      catalog->concerns = [](const Shaped_Catalog::Query& query) { return query.count("definition_uuid") > 0; };
+      catalog->concerns = [](const Shaped_Catalog::Query& query) {
+        return query.count("definition_uuid") > 0;
+      };
       catalog->refuse_views = wrong == "refused";
       bench.log.allow(LM_ERROR, "the shaped catalog refuses");
       catalog->change = [&wrong](json_spirit::Value& result) {
@@ -418,8 +424,8 @@ TEST(Logical_Backup, removes_no_directory_for_an_id_that_is_no_uuid)
 TEST(Logical_Backup, gives_its_directories_their_mode)
 {
   Logical_Bench bench;
-  bench.set_tool("osrexp", "write_file ${prefix:file=} dump\nwrite_file " + (bench.dir / "up") + " x\nwait_file " +
-                               (bench.dir / "go") + "\n");
+  bench.set_tool("osrexp", "write_file ${prefix:file=} dump\nwrite_file " + (bench.dir / "up") +
+                               " x\nwait_file " + (bench.dir / "go") + "\n");
   const Job_Ptr job = bench.make_job(bench.backup_fields(TABLE));
   ASSERT_EQ(0, job->start());
   ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
@@ -449,9 +455,9 @@ TEST(Logical_Backup, keeps_nothing_of_three_objects_when_the_second_fails)
   bench.log.allow(LM_ERROR, "osrexp: ERROR, no such table");
   bench.log.allow(LM_ERROR, "Osr file does not exist");
   bench.log.allow(LM_ERROR, "The archive could not be written: the pre-action failed");
-  expect_failure(bench, bench.backup_fields({"oscar/LOGI1/LOGI1/S/A", "oscar/LOGI1/LOGI1/S/B",
-                                             "oscar/LOGI1/LOGI1/S/C"}),
-                 {18});
+  expect_failure(
+      bench, bench.backup_fields({"oscar/LOGI1/LOGI1/S/A", "oscar/LOGI1/LOGI1/S/B", "oscar/LOGI1/LOGI1/S/C"}),
+      {18});
   EXPECT_EQ(2u, bench.calls("osrexp").size());
   bench.back_up(TABLE);
 }
@@ -492,8 +498,9 @@ TEST(Logical_Backup, skips_a_cluster_job_that_is_not_chosen_for_this_node)
 TEST(Logical_Backup, does_not_overlap_a_physical_backup_of_its_source)
 {
   Logical_Bench bench;
-  bench.set_tool("osrexp", "write_file ${prefix:file=} dump\nwrite_file " + (bench.dir / "up") + " x\nwait_file " +
-                               (bench.dir / "go") + "\nappend_file " + (bench.dir / "order") + " export\n");
+  bench.set_tool("osrexp", "write_file ${prefix:file=} dump\nwrite_file " + (bench.dir / "up") +
+                               " x\nwait_file " + (bench.dir / "go") + "\nappend_file " +
+                               (bench.dir / "order") + " export\n");
   bench.set_tablespaces({}, "append_file " + (bench.dir / "order") + " physical\nexit 1\n");
   const Job_Ptr logical = bench.make_job(bench.backup_fields(TABLE));
   kestrel::Job_Definition_Fields fields = bench.backup_fields({"oscar/LOGI1"});

@@ -24,48 +24,54 @@ std::string hang(const Logical_Bench& bench)
 }
 
 const Stage backup_stages[] = {
-    {"pre-action", [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
+    {"pre-action",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
        fields.pre_action = "touch " + (bench.dir / "up") + "; sleep 1";
      }},
-    {"export", [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
+    {"export",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
        bench.set_tool("osrexp", "write_file ${prefix:file=} half\n" + hang(bench));
      }},
-    {"export of the second object", [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
+    {"export of the second object",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
        bench.set_tool("osrexp", "write_file ${prefix:file=} dump\nif run 2\n" + hang(bench) + "end\n");
      }},
-    {"export by a tool that does not listen", [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
+    {"export by a tool that does not listen",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
        bench.set_tool("osrexp", "ignore TERM\n" + hang(bench));
      }},
-    {"export by a tool that prints without end", [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
+    {"export by a tool that prints without end",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
        bench.set_tool("osrexp", "write_file " + (bench.dir / "up") + " x\nout_lines 100000000 row\n");
      }},
-    {"transfer", [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
-       bench.set_tool("osrexp", "write_pattern ${prefix:file=} 4000000\nwrite_file " + (bench.dir / "up") + " x\n");
+    {"transfer",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
+       bench.set_tool("osrexp",
+                      "write_pattern ${prefix:file=} 4000000\nwrite_file " + (bench.dir / "up") + " x\n");
        fields.rate_limits.write_limit(5000);
      }},
-    {"list of tablespaces", [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
-       bench.set_tool("isql", hang(bench));
-     }},
+    {"list of tablespaces",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) { bench.set_tool("isql", hang(bench)); }},
 };
 
 const Stage restore_stages[] = {
-    {"pre-action", [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
+    {"pre-action",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
        fields.pre_action = "touch " + (bench.dir / "up") + "; sleep 1";
      }},
-    {"list of tablespaces", [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
-       bench.set_tool("isql", hang(bench));
-     }},
-    {"creation of a tablespace", [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
-       bench.set_tablespaces({}, hang(bench));
-     }},
-    {"transfer", [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
+    {"list of tablespaces",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) { bench.set_tool("isql", hang(bench)); }},
+    {"creation of a tablespace",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) { bench.set_tablespaces({}, hang(bench)); }},
+    {"transfer",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
        fields.pre_action = "touch " + (bench.dir / "up");
        fields.rate_limits.read_limit(5000);
      }},
-    {"import", [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
-       bench.set_osrimp("2.6.0", hang(bench));
-     }},
-    {"import by a tool that does not listen", [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
+    {"import",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) { bench.set_osrimp("2.6.0", hang(bench)); }},
+    {"import by a tool that does not listen",
+     [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
        bench.set_osrimp("2.6.0", "ignore TERM\n" + hang(bench));
      }},
 };

@@ -111,18 +111,20 @@ struct Import : Tools {
 
 TEST_F(Export, runs_the_command_of_each_level)
 {
-  ASSERT_TRUE(exported({{"DB1", "", "", dump("db")}, {"DB1", "S", "", dump("s")}, {"DB1", "S", "T", dump("t")}}));
-  EXPECT_EQ((std::vector<std::string>{
-                bin("osrexp") + login + "file=" + dump("db"),
-                bin("osrexp") + login + "level=schema file=" + dump("s") +
-                    " mode=entirety ignore=false schema=S view=true sequence=true procedure=true constraint=true "
-                    "trigger=true index=true",
-                bin("osrexp") + login + "level=table file=" + dump("t") +
-                    " mode=entirety ignore=false table=S.T view=false procedure=false sequence=false "
-                    "constraint=true trigger=true index=true"}),
-            calls());
-  log.expect_exactly(LM_INFO, "Oscar command:\n\"" + bin("osrexp") + "\" -Usysdba/*** -p2010 -dDB1 level=table file=" +
-                                  dump("t") +
+  ASSERT_TRUE(
+      exported({{"DB1", "", "", dump("db")}, {"DB1", "S", "", dump("s")}, {"DB1", "S", "T", dump("t")}}));
+  EXPECT_EQ(
+      (std::vector<std::string>{
+          bin("osrexp") + login + "file=" + dump("db"),
+          bin("osrexp") + login + "level=schema file=" + dump("s") +
+              " mode=entirety ignore=false schema=S view=true sequence=true procedure=true constraint=true "
+              "trigger=true index=true",
+          bin("osrexp") + login + "level=table file=" + dump("t") +
+              " mode=entirety ignore=false table=S.T view=false procedure=false sequence=false "
+              "constraint=true trigger=true index=true"}),
+      calls());
+  log.expect_exactly(LM_INFO, "Oscar command:\n\"" + bin("osrexp") +
+                                  "\" -Usysdba/*** -p2010 -dDB1 level=table file=" + dump("t") +
                                   " mode=entirety ignore=false table=S.T view=false procedure=false "
                                   "sequence=false constraint=true trigger=true index=true\n");
 }
@@ -183,7 +185,8 @@ TEST_F(Export, fails_when_the_tool_is_missing)
 TEST_F(Export, ends_at_the_first_file_that_fails)
 {
   set_tool("osrexp", "if run 2\nexit 0\nend\nwrite_file ${prefix:file=} dump\n");
-  EXPECT_FALSE(exported({{"DB1", "S", "A", dump("a")}, {"DB1", "S", "B", dump("b")}, {"DB1", "S", "C", dump("c")}}));
+  EXPECT_FALSE(
+      exported({{"DB1", "S", "A", dump("a")}, {"DB1", "S", "B", dump("b")}, {"DB1", "S", "C", dump("c")}}));
   log.expect_exactly(LM_ERROR, "Osr file does not exist, path: '" + dump("b") + "'.\n");
   EXPECT_EQ(2u, calls().size());
   EXPECT_TRUE(exists(dump("a"))) << "the directory is the executor's to clear";
@@ -192,7 +195,8 @@ TEST_F(Export, ends_at_the_first_file_that_fails)
 
 TEST_F(Export, looks_the_port_up_for_every_file)
 {
-  set_tool("osrexp", "write_file ${prefix:file=} dump\nwrite_file " + (dir / "home/admin/DB1.conf") + " \"port = 2011\\n\"\n");
+  set_tool("osrexp", "write_file ${prefix:file=} dump\nwrite_file " + (dir / "home/admin/DB1.conf") +
+                         " \"port = 2011\\n\"\n");
   ASSERT_TRUE(exported({{"DB1", "", "", dump("a")}, {"DB1", "", "", dump("b")}}));
   EXPECT_NE(std::string::npos, calls().at(0).find(" -p2010 "));
   EXPECT_NE(std::string::npos, calls().at(1).find(" -p2011 "));
@@ -233,31 +237,34 @@ TEST_F(Import, runs_the_command_of_each_level)
   EXPECT_TRUE(imported("", ""));
   EXPECT_TRUE(imported("S", ""));
   EXPECT_TRUE(imported("S", "T"));
-  EXPECT_EQ((std::vector<std::string>{
-                bin("osrimp") + login + file + " recreateSchema=true tablespace=true",
-                bin("osrimp") + login + file +
-                    " level=schema mode=entirety ignore=false schema=S recreateschema=true view=true sequence=true "
-                    "procedure=true recreateotherobject=true recreatetable=true constraint=false "
-                    "deletetabledata=true trigger=false index=false",
-                bin("isql") + " -hlocalhost -p 2010 -Usysdba/" + PASSWORD +
-                    " -d DB1 -c create schema if not exists S",
-                bin("osrimp") + login + file +
-                    " level=table mode=entirety ignore=false table=S.T recreateschema=false view=false "
-                    "sequence=true procedure=false recreateotherobject=false recreatetable=true constraint=true "
-                    "deletetabledata=true trigger=true index=true"}),
-            calls());
+  EXPECT_EQ(
+      (std::vector<std::string>{
+          bin("osrimp") + login + file + " recreateSchema=true tablespace=true",
+          bin("osrimp") + login + file +
+              " level=schema mode=entirety ignore=false schema=S recreateschema=true view=true sequence=true "
+              "procedure=true recreateotherobject=true recreatetable=true constraint=false "
+              "deletetabledata=true trigger=false index=false",
+          bin("isql") + " -hlocalhost -p 2010 -Usysdba/" + PASSWORD +
+              " -d DB1 -c create schema if not exists S",
+          bin("osrimp") + login + file +
+              " level=table mode=entirety ignore=false table=S.T recreateschema=false view=false "
+              "sequence=true procedure=false recreateotherobject=false recreatetable=true constraint=true "
+              "deletetabledata=true trigger=true index=true"}),
+      calls());
 }
 
 TEST_F(Import, logs_its_table_command_with_the_two_blanks_and_without_the_password)
 {
   EXPECT_TRUE(imported("S", "T"));
   log.expect_exactly(LM_INFO,
-                     "Oscar command:\n\"" + bin("osrimp") + "\" -Usysdba/*** -p2010 -dDB1 file=" + dump("fetched.dump") +
+                     "Oscar command:\n\"" + bin("osrimp") +
+                         "\" -Usysdba/*** -p2010 -dDB1 file=" + dump("fetched.dump") +
                          " level=table mode=entirety ignore=false table=S.T recreateschema=false view=false "
                          "sequence=true  procedure=false recreateotherobject=false recreatetable=true "
                          "constraint=true deletetabledata=true trigger=true index=true\n");
-  log.expect_exactly(LM_INFO, "Oscar command:\n" + bin("isql") +
-                                  " -hlocalhost -p 2010 -Usysdba/*** -d DB1 -c \"create schema if not exists S\"\n");
+  log.expect_exactly(LM_INFO,
+                     "Oscar command:\n" + bin("isql") +
+                         " -hlocalhost -p 2010 -Usysdba/*** -d DB1 -c \"create schema if not exists S\"\n");
 }
 
 TEST_F(Import, of_a_table_without_a_schema_is_of_the_whole_file)

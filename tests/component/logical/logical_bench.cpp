@@ -30,13 +30,12 @@ std::shared_ptr<Shaped_Catalog> Shaped_Catalog::install()
 {
   std::shared_ptr<Shaped_Catalog> catalog(new Shaped_Catalog);
   kestrel::register_catalog_back_end(catalog);
-  return std::shared_ptr<Shaped_Catalog>(catalog.get(), [catalog](Shaped_Catalog*) {
-    kestrel::register_catalog_back_end(nullptr);
-  });
+  return std::shared_ptr<Shaped_Catalog>(
+      catalog.get(), [catalog](Shaped_Catalog*) { kestrel::register_catalog_back_end(nullptr); });
 }
 
-Catalog_Status Shaped_Catalog::get_view(const std::string& catalog, const std::string& view, const Query& query,
-                                        json_spirit::Value& result, std::string& error)
+Catalog_Status Shaped_Catalog::get_view(const std::string& catalog, const std::string& view,
+                                        const Query& query, json_spirit::Value& result, std::string& error)
 {
   {
     const std::lock_guard<std::mutex> guard(mutex_);
@@ -79,7 +78,8 @@ Catalog_Status Shaped_Catalog::dependents(const std::string& uuid, std::vector<s
   return inner_->dependents(uuid, uuids, error);
 }
 
-Catalog_Status Shaped_Catalog::count_by_pool(const std::string& pool_uuid, uint64_t& count, std::string& error)
+Catalog_Status Shaped_Catalog::count_by_pool(const std::string& pool_uuid, uint64_t& count,
+                                             std::string& error)
 {
   return inner_->count_by_pool(pool_uuid, count, error);
 }
@@ -91,7 +91,8 @@ std::vector<Shaped_Catalog::Query> Shaped_Catalog::queries()
 }
 
 Logical_Bench::Logical_Bench(unsigned time_factor)
-    : root("KESTREL_ROOT", dir / "root"), clock(time_factor), home(dir / "home"), pool_dir(dir.make_dir("pool"))
+    : root("KESTREL_ROOT", dir / "root"), clock(time_factor), home(dir / "home"),
+      pool_dir(dir.make_dir("pool"))
 {
   dir.make_dir("home/bin");
   dir.write("home/admin/LOGI1.conf", "port = 2010\n");
@@ -153,8 +154,8 @@ void Logical_Bench::set_tablespaces(const std::vector<std::string>& names, const
 
 void Logical_Bench::set_osrimp(const std::string& version, const std::string& steps)
 {
-  set_tool("osrimp", "if args_match \"^-v$\"\nout \"osrimp " + version + "\"\nexit 0\nend\ncopy ${prefix:file=} " +
-                         (dir / "imported") + "\n" + steps);
+  set_tool("osrimp", "if args_match \"^-v$\"\nout \"osrimp " + version +
+                         "\"\nexit 0\nend\ncopy ${prefix:file=} " + (dir / "imported") + "\n" + steps);
 }
 
 std::vector<std::string> Logical_Bench::calls(const std::string& tool) const

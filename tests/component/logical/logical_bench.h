@@ -4,13 +4,13 @@
 #include "instances/instance_registry.h"
 #include "jobs/job.h"
 #include "jobs/job_event.h"
-#include "json/value.h"
 #include "oscar/backup_job_source.h"
 #include "oscar/restore_job_source.h"
 #include "support/clocks.h"
 #include "support/log_capture.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
+#include "json/value.h"
 
 #include <functional>
 #include <memory>
@@ -36,8 +36,8 @@ public:
                                    json_spirit::Value& result, std::string& error) override;
   kestrel::Catalog_Status commit(const kestrel::Backup_Record& record, bool must_be_new, std::string& warning,
                                  std::string& error) override;
-  kestrel::Catalog_Status set_state(const std::string& uuid, kestrel::Set_State state, const std::string& reason,
-                                    std::string& error) override;
+  kestrel::Catalog_Status set_state(const std::string& uuid, kestrel::Set_State state,
+                                    const std::string& reason, std::string& error) override;
   kestrel::Catalog_Status remove(const std::string& uuid, std::string& error) override;
   kestrel::Catalog_Status dependents(const std::string& uuid, std::vector<std::string>& uuids,
                                      std::string& error) override;
@@ -95,7 +95,10 @@ public:
 
   // What is there afterwards.
   json_spirit::Array rows() const;
-  std::string dump_path() const { return dir / ("root/var/cache/tarnvik/kestrel3/oscar/dump/" + DEFINITION_ID); }
+  std::string dump_path() const
+  {
+    return dir / ("root/var/cache/tarnvik/kestrel3/oscar/dump/" + DEFINITION_ID);
+  }
   bool wait_for(const std::string& path) const;
   void expect_no_dump_left() const;
   void add_instance(const std::string& name, bool with_home = true);

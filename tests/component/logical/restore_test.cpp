@@ -154,7 +154,8 @@ TEST(Logical_Restore, asks_the_catalog_for_the_object)
                                    {"sort", "backup_start_time"},
                                    {"order", "desc"}}),
             catalog->queries()[0]);
-  EXPECT_EQ((Shaped_Catalog::Query{{"uuid", text_of(row, "uuid")}, {"sort", "backup_start_time"}, {"order", "desc"}}),
+  EXPECT_EQ((Shaped_Catalog::Query{
+                {"uuid", text_of(row, "uuid")}, {"sort", "backup_start_time"}, {"order", "desc"}}),
             catalog->queries()[1]);
 }
 
@@ -223,7 +224,9 @@ TEST(Logical_Restore, fails_for_every_wrong_shape_of_a_row)
     Logical_Bench bench;
     bench.back_up(LEVELS);
     const std::shared_ptr<Shaped_Catalog> catalog = Shaped_Catalog::install();
-    catalog->change = [&wrong](json_spirit::Value& result) { member(first_row(result), wrong.key) = wrong.value; };
+    catalog->change = [&wrong](json_spirit::Value& result) {
+      member(first_row(result), wrong.key) = wrong.value;
+    };
     expect_failure(bench, bench.restore_fields("S", "T"), {2});
     bench.log.expect(LM_ERROR, "Invalid catalog data: ");
     bench.log.expect_exactly(LM_ERROR, "Failed to get latest info from catalog\n");
@@ -282,16 +285,17 @@ TEST(Logical_Restore, creates_the_tablespaces_that_are_missing)
   ASSERT_EQ(JOB_STATE_COMPLETED, bench.run(job));
   const std::string time = local_text(job->activity()->start_time);
   const std::string directory = bench.home + "/odbs/LOGI1/";
-  EXPECT_EQ((std::vector<std::string>{
-                "create tablespace TS1 datafile '" + directory + "TS1_" + time + ".dbf'",
-                "create tablespace TS3 datafile '" + directory + "TS3_" + time + ".dbf'"}),
-            statements(bench));
-  EXPECT_EQ(bench.home + "/bin/isql -Usysdba/" + bench.SECRET + " -dLOGI1 -p2010 -c create tablespace TS1 datafile '" +
-                directory + "TS1_" + time + ".dbf'",
+  EXPECT_EQ(
+      (std::vector<std::string>{"create tablespace TS1 datafile '" + directory + "TS1_" + time + ".dbf'",
+                                "create tablespace TS3 datafile '" + directory + "TS3_" + time + ".dbf'"}),
+      statements(bench));
+  EXPECT_EQ(bench.home + "/bin/isql -Usysdba/" + bench.SECRET +
+                " -dLOGI1 -p2010 -c create tablespace TS1 datafile '" + directory + "TS1_" + time + ".dbf'",
             bench.calls("isql").at(1));
-  bench.log.expect_exactly(LM_INFO, "Oscar command:\n" + bench.home +
-                                        "/bin/isql -Usysdba/*** -dLOGI1 -p2010 -c \"create tablespace TS1 datafile '" +
-                                        directory + "TS1_" + time + ".dbf'\"\n");
+  bench.log.expect_exactly(LM_INFO,
+                           "Oscar command:\n" + bench.home +
+                               "/bin/isql -Usysdba/*** -dLOGI1 -p2010 -c \"create tablespace TS1 datafile '" +
+                               directory + "TS1_" + time + ".dbf'\"\n");
 }
 
 TEST(Logical_Restore, creates_no_tablespace_that_is_there)
@@ -522,7 +526,8 @@ TEST(Logical_Restore, fetches_no_file_but_the_one_that_it_imports)
 {
   Logical_Bench bench;
   bench.back_up(LEVELS);
-  bench.set_osrimp("2.6.0", "write_file " + (bench.dir / "up") + " x\nwait_file " + (bench.dir / "go") + "\n");
+  bench.set_osrimp("2.6.0",
+                   "write_file " + (bench.dir / "up") + " x\nwait_file " + (bench.dir / "go") + "\n");
   const Job_Ptr job = bench.make_job(bench.restore_fields("S"));
   ASSERT_EQ(0, job->start());
   ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
@@ -572,8 +577,8 @@ TEST(Logical_Restore, runs_beside_a_backup_of_its_source)
 {
   Logical_Bench bench;
   bench.back_up(LEVELS);
-  bench.set_tool("osrexp", "write_file ${prefix:file=} dump\nwrite_file " + (bench.dir / "up") + " x\nwait_file " +
-                               (bench.dir / "go") + "\n");
+  bench.set_tool("osrexp", "write_file ${prefix:file=} dump\nwrite_file " + (bench.dir / "up") +
+                               " x\nwait_file " + (bench.dir / "go") + "\n");
   kestrel::Job_Definition_Fields fields = bench.backup_fields({LEVELS[2]});
   fields.id = "7d3a1c52-0000-4000-8000-0000000000d8";
   const Job_Ptr backup = bench.make_job(fields);

@@ -51,7 +51,8 @@ TEST(HTTP_Session, connects_to_the_server)
 {
   const Loopback_Port port(true);
   for (const bool ssl : {false, true}) {
-    const std::unique_ptr<HTTP_Session> session = HTTP_Session_Factory::create("127.0.0.1", port.number(), ssl);
+    const std::unique_ptr<HTTP_Session> session =
+        HTTP_Session_Factory::create("127.0.0.1", port.number(), ssl);
     ASSERT_TRUE(session);
     EXPECT_TRUE(session->remote());
   }

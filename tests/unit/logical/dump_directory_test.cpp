@@ -45,7 +45,9 @@ TEST_F(Dump_Root, end_removes_the_directory_only_when_asked)
 {
   const std::string file = DUMP + "/" + ID + "/x.dump";
   dir.write(file, "x");
-  { const Dump_Directory dump(ID); }
+  {
+    const Dump_Directory dump(ID);
+  }
   EXPECT_TRUE(exists(dir / file));
   {
     Dump_Directory dump(ID);
@@ -62,8 +64,9 @@ TEST_F(Dump_Root, refuses_every_id_that_is_no_uuid_before_anything_is_removed)
   const Scoped_Env victim("VICTIM", dir / "victim");
   for (const std::string& id :
        {std::string(""), std::string("."), std::string(".."), std::string("../dump"), std::string("/"),
-        std::string("$VICTIM"), std::string("${VICTIM}"), std::string("x"), ID + "/", ID + "/..", "../dump/" + ID,
-        " " + ID, ID + std::string(1, '\0'), std::string(36, '.'), std::string(36, '/'), std::string(36, '$')}) {
+        std::string("$VICTIM"), std::string("${VICTIM}"), std::string("x"), ID + "/", ID + "/..",
+        "../dump/" + ID, " " + ID, ID + std::string(1, '\0'), std::string(36, '.'), std::string(36, '/'),
+        std::string(36, '$')}) {
     SCOPED_TRACE(id);
     {
       Dump_Directory dump(id);

@@ -37,7 +37,8 @@ public:
   void handle_item(const kestrel::Job_Item_Event& event) override
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    items_.push_back(event.item() + " " + std::to_string(event.number()) + "/" + std::to_string(event.total()));
+    items_.push_back(event.item() + " " + std::to_string(event.number()) + "/" +
+                     std::to_string(event.total()));
   }
   std::vector<Progress> events()
   {
@@ -87,15 +88,17 @@ TYPED_TEST(Logical_Event_Handler, sends_an_event_when_the_percentage_changes_eit
     EXPECT_EQ(progress, this->activity_.progress);
   }
   const std::string id = this->definition_.id();
-  EXPECT_EQ((std::vector<Progress>{{id, {50, large, 2, 3}}, {id, {49, large, 2, 3}}, {id, {100, large, 2, 3}}}),
-            listener.events());
+  EXPECT_EQ(
+      (std::vector<Progress>{{id, {50, large, 2, 3}}, {id, {49, large, 2, 3}}, {id, {100, large, 2, 3}}}),
+      listener.events());
 }
 
 TYPED_TEST(Logical_Event_Handler, is_canceling_in_the_three_states_of_a_cancel)
 {
   for (int state = 0; state <= 25; ++state) {
     this->activity_.state = static_cast<Job_State>(state);
-    const bool expected = state == JOB_STATE_CANCELING || state == JOB_STATE_CANCELED || state == JOB_STATE_ABORTING;
+    const bool expected =
+        state == JOB_STATE_CANCELING || state == JOB_STATE_CANCELED || state == JOB_STATE_ABORTING;
     EXPECT_EQ(expected, this->handler_.canceling()) << state;
     EXPECT_EQ(state == JOB_STATE_PAUSING, this->handler_.pausing()) << state;
   }

@@ -37,8 +37,9 @@ Logical_Backup::File file(const char* database, const char* schema, const char* 
   return file;
 }
 
-std::string chosen_file(const Logical_Backup& backup, const std::string& database, const std::string& schema = "",
-                        const std::string& table = "", const std::string& path = "")
+std::string chosen_file(const Logical_Backup& backup, const std::string& database,
+                        const std::string& schema = "", const std::string& table = "",
+                        const std::string& path = "")
 {
   struct Restore_Job_Source::original object;
   object.database = database;
@@ -75,13 +76,14 @@ TEST(Logical_Catalog, keeps_a_number_of_64_bits)
 TEST(Logical_Catalog, refuses_a_row_of_every_wrong_shape)
 {
   for (const char* const key : {"uuid", "definition_uuid", "pool_uuid", "seq", "backup_files"})
-    for (const char* const wrong : {"null", "true", "1.5", "-1", "{}", "[1]", "[{}]", "[[]]", "\"text\"",
-                                    "[{\"database\": 1, \"file\": \"f\"}]", "[{\"database\": \"d\"}]",
-                                    "[{\"file\": \"f\"}]", "[{\"database\": \"d\", \"file\": \"f\", \"schema\": 1}]"}) {
+    for (const char* const wrong :
+         {"null", "true", "1.5", "-1", "{}", "[1]", "[{}]", "[[]]", "\"text\"",
+          "[{\"database\": 1, \"file\": \"f\"}]", "[{\"database\": \"d\"}]", "[{\"file\": \"f\"}]",
+          "[{\"database\": \"d\", \"file\": \"f\", \"schema\": 1}]"}) {
       json_spirit::Object row = parsed(GOOD_ROW).get_obj();
       kestrel::set_value(row, key, parsed(wrong));
-      const bool fits = std::string(wrong) == "\"text\"" && std::string(key) != "seq" &&
-                        std::string(key) != "backup_files";
+      const bool fits =
+          std::string(wrong) == "\"text\"" && std::string(key) != "seq" && std::string(key) != "backup_files";
       if (fits)
         EXPECT_NO_THROW(read_logical_backup(row)) << key << " = " << wrong;
       else
@@ -151,10 +153,10 @@ TEST(Logical_Catalog, takes_the_file_of_the_object)
 
 TEST(Logical_Catalog, takes_an_entry_without_schema_and_table_for_any_object_of_its_database)
 {
-  const Logical_Backup backup = read_logical_backup(
-      parsed(R"({"uuid": "u1", "definition_uuid": "d1", "pool_uuid": "p1", "seq": 3,
+  const Logical_Backup backup =
+      read_logical_backup(parsed(R"({"uuid": "u1", "definition_uuid": "d1", "pool_uuid": "p1", "seq": 3,
                  "backup_files": [{"database": "DB1", "file": "first"}, {"database": "DB1", "file": "second"}]})")
-          .get_obj());
+                              .get_obj());
   EXPECT_EQ("first", chosen_file(backup, "DB1", "S", "T"));
   EXPECT_EQ("none", chosen_file(backup, "DB2", "S", "T"));
 }
