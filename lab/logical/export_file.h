@@ -36,8 +36,8 @@ struct Export_Record {
   std::string schema; // set at schema and table level
   std::string table;  // set at table level
   std::set<Object_Kind> left_out;
-  std::vector<std::string> schemas; // whose objects the archive holds
-  std::vector<std::string> roles;   // owners and holders of privileges
+  std::vector<std::string> schemas;        // whose objects the archive holds
+  std::vector<std::string> roles;          // owners and holders of privileges
   std::set<std::string> tablespaces;       // that tables are in
   std::set<std::string> index_tablespaces; // that indexes are in
   std::vector<Reference> foreign_keys;

@@ -155,7 +155,30 @@ test_52_tablespaces() {
   expect_status 1 isql -c "create tablespace SPACE3 datafile 'relative.dbf'"
 }
 
-test_53_cluster_nodes() {
+test_54_names_of_new_schemas_and_tablespaces() {
+  local folder=$home/odbs/$instance
+  isql -c "create schema UPPER" >/dev/null
+  isql -c "create schema if not exists lower" >/dev/null
+  isql -c "create schema if not exists Capital" >/dev/null
+  isql -c 'create schema if not exists "With ""quotes"" and blanks"' >/dev/null
+  expect_ok isql -c "select nspname from pg_namespace where nspname ~ 'pper|ower|apital|quotes' order by nspname collate \"C\""
+  expect_equal "schemas" ' Capital
+ With "quotes" and blanks
+ lower
+ upper' "$(sed -n '3,6p' "$work/out")"
+  expect_status 1 isql -c "create schema UPPER"
+  expect_equal "again" 'isql: ERROR, schema "upper" already exists' "$err"
+  expect_ok isql -c "create schema if not exists UPPER"
+  isql -c "create tablespace CapitalSpace datafile '$folder/c.dbf'" >/dev/null
+  isql -c "create tablespace \"Blank space\" datafile '$folder/b.dbf'" >/dev/null
+  expect_ok isql -c "select tsname from sys_tablespace where tsname like '%pace' order by 1"
+  expect_equal "tablespaces" ' Blank space'$'\n'' CapitalSpace' "$(sed -n '3,4p' "$work/out")"
+  expect_status 1 isql -c "create tablespace USERS datafile '$folder/u.dbf'"
+  expect_equal "OSCAR's own" 'isql: ERROR, tablespace "users" already exists' "$err"
+  [ ! -e "$folder/u.dbf" ] || fail "leftovers"
+}
+
+test_55_cluster_nodes() {
   isql -c "insert into oscar_sys.ha_node values (1, '10.0.0.1', 'master'), (2, '10.0.0.2', 'slave')" >/dev/null
   expect_ok isql -c "select NODE_ID,ADDRESS,STATUS from v_sys_ha_slave_info"
   expect_equal "nodes" " node_id | address  | status
