@@ -1,30 +1,30 @@
 #!/usr/bin/env bash
 # Every benchmark in one run: builds, measures, prints a table of figures with what is demanded of them, and writes the
 # same as Markdown. Takes about ten minutes and wants a machine with nothing else to do.
-#   bench/run.sh [--quick] [--no-build] [--rounds N] [--dir DIR] [--output FILE] [pump] [instance] [isql] [catalog]
+#   bench/run.sh [--quick] [--no-build] [--rounds N] [--dir DIR] [--output FILE] [pump] [instance] [archive] [isql] [catalog]
 #     --quick     small sizes and two rounds: shows that all works; its figures mean nothing
 #     --dir       where the private work directory is made; its disk is the one measured (TMPDIR, else /tmp)
 #     --output    the Markdown file (build/bench/benchmarks.md)
 # As root: the stand-in's server and pgbackrest then run as postgres.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
-rounds=5 pump_mib=1024 instance_mb=2000 stream_mib=8192 build=1 quick=
+rounds=5 pump_mib=1024 instance_mb=2000 archive_mib=512 sparse_gib=20 stream_mib=8192 build=1 quick=
 dir=${TMPDIR:-/tmp}
 output=$top/build/bench/benchmarks.md
 parts=()
 while [ $# -gt 0 ]; do
   case $1 in
-    --quick) rounds=2 pump_mib=64 instance_mb=100 stream_mib=256 quick=1 ;;
+    --quick) rounds=2 pump_mib=64 instance_mb=100 archive_mib=64 sparse_gib=1 stream_mib=256 quick=1 ;;
     --no-build) build= ;;
     --rounds) rounds=$2; shift ;;
     --dir) dir=$2; shift ;;
     --output) output=$2; shift ;;
-    pump | instance | isql | catalog) parts+=("$1") ;;
+    pump | instance | archive | isql | catalog) parts+=("$1") ;;
     *) sed -n '2,9s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
   esac
   shift
 done
-[ ${#parts[@]} -gt 0 ] || parts=(pump instance isql catalog)
+[ ${#parts[@]} -gt 0 ] || parts=(pump instance archive isql catalog)
 wants() { [[ " ${parts[*]} " == *" $1 "* ]]; }
 
 bin=$top/build/bench/bin
@@ -32,7 +32,7 @@ programs=$top/build/release/bin
 bench=$bin/pump_bench
 if [ -n "$build" ]; then
   "$top/tools/install-deps.sh" --bench
-  "$top/tools/build.sh" bench pump_bench stream_tool catalog_bench isql_bench >/dev/null
+  "$top/tools/build.sh" bench pump_bench archive_bench stream_tool catalog_bench isql_bench >/dev/null
   "$top/tools/build.sh" release kestrel_cli oscar kestrel-lab >/dev/null
 fi
 work=$(mktemp -d "$dir/kestrel-bench.XXXXXX")
@@ -97,6 +97,7 @@ started=$SECONDS
 ! wants pump || "$top/bench/run-pump.sh" -b "$bin" -d "$work" -s "$pump_mib" -r "$rounds" -o "$results"
 ! wants instance || "$top/bench/run-instance.sh" -b "$bin" -p "$programs" -d "$work" -s "$instance_mb" -m "$stream_mib" \
   -r "$rounds" -o "$results"
+! wants archive || "$top/bench/run-archive.sh" -b "$bin" -d "$work" -s "$archive_mib" -l "$sparse_gib" -r "$rounds" -o "$results"
 ! wants isql || measure_isql
 ! wants catalog || measure_catalog
 remark "load average before the run $load_before, after it $(cut -d' ' -f1-3 /proc/loadavg); the run took $((SECONDS - started)) s"
