@@ -141,7 +141,10 @@ bool Backup_Executor::execute_i(const Values*)
     return false;
   Job_Tool_Host tools(job_, "Exporting");
   run.input.host = &tools;
-  archive.action_handler(make_action_handler(&run.input));
+  const Action_Handler_Ptr exporter = make_action_handler(&run.input);
+  if (exporter.null())
+    return fail(ALERT_STEP, "No memory for the export of the dump files.\n");
+  archive.action_handler(exporter);
   archive.seq(seq);
   set_archive(archive);
   return back_up(run, archive) && put_tablespaces(run) && record(run, archive);
@@ -289,7 +292,9 @@ bool Backup_Executor::put_tablespaces(Run& run)
   std::vector<std::string> names;
   if (!read_tablespaces(job_, input.oscar_home, input.instance, input.username, input.password, port,
                         names)) {
-    raise_logical_alert(job_, ALERT_STEP); // logged there; without the list the set could not be restored
+    // Logged there. Without the list the set could not be restored.
+    if (!job_is_canceled(*act_))
+      raise_logical_alert(job_, ALERT_STEP);
     return false;
   }
   return run.metadata.set_tablespaces(std::vector<json_spirit::Value>(names.begin(), names.end()));

@@ -263,7 +263,11 @@ bool Restore_Executor::fetch_and_import(const std::string& dump_directory)
   Restore_Event_Handler events(&def_, act_);
   MTF_Restore archive(&events, job_.log_msg_callback());
   input_.host = &tools_;
-  archive.action_handler(make_action_handler(&input_));
+  // Without it the file would be fetched, and nothing imported.
+  const Action_Handler_Ptr importer = make_action_handler(&input_);
+  if (importer.null())
+    return fail(ALERT_STEP, "No memory for the import of the dump file.\n");
+  archive.action_handler(importer);
   Pool_Info pool;
   if (!find_pool(job_, src_->pool_uuid().empty() ? backup_.pool_uuid : src_->pool_uuid(), tgt_.device_id(),
                  pool))
