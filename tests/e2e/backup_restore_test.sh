@@ -99,11 +99,13 @@ sed "s/\"oscar.$name\"//" "$work/job.json" >"$work/empty.json"
 run 4 "$kestrel" run "$work/empty.json"
 said "Source entry is empty"
 sed 's/"subtype"/"rsrc_form": "x", "subtype"/' "$work/job.json" >"$work/cluster.json"
-run 1 "$kestrel" run "$work/cluster.json"
-said "addresses a cluster resource"
-sed 's/"full"/"export"/' "$work/job.json" >"$work/export.json"
-run 1 "$kestrel" run "$work/export.json"
-said "does not run jobs of this type and subtype yet"
+# This instance is no member of a cluster, so no node can be chosen.
+run 4 "$kestrel" run "$work/cluster.json"
+said "Failed to get instance $name vip"
+equal "$(backup_count)" 5
+sed 's/"full"/9/' "$work/job.json" >"$work/other.json"
+run 1 "$kestrel" run "$work/other.json"
+said "no backup level for subtype 9"
 
 job_logs_hide_password
 nothing_left

@@ -57,9 +57,20 @@ done
 note "the next job is right, and what it made restores"
 change "$name"
 take "$name" full
+second=$taken
+change "$name"
+take "$name" incr
+incr=$taken
+equal "$(value .parent)" "$second" "what the incremental backup builds on"
+change "$name"
+take "$name" diff
+diff=$taken
+equal "$(value .parent)" "$second" "what the differential backup builds on"
 check_data "$name" "$work/before"
+started_again
 restored_to "$name" "$full"
-restored_to "$name" "$taken"
+restored_to "$name" "$incr"
+restored_to "$name" "$diff"
 
 note "an instance that is down already has no archive mode to ask for"
 "$lab" stop "$home" "$name" >/dev/null
