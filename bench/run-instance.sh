@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Backs up a whole stand-in instance with kestrel and with pgbackrest, in turn, on the same cluster and disk; then looks
-# at the memory of kestrel's process while streams of different lengths go through it.
+# Backs up a whole stand-in instance with kestrel and with pgbackrest, in turn, on the same cluster and disk; then changes
+# 1 % of it before each of a row of incremental backups and compares those with the full ones; then looks at the memory of kestrel's process while streams of different lengths go through it.
 #   bench/run-instance.sh [-b bench_bin_dir] [-p release_bin_dir] [-d work_dir] [-s size_mb] [-m longest_stream_mib]
 #                         [-r rounds] [-o results]
 # As root (the server then runs as postgres) with Debian's pgbackrest. The round before the first is not counted.
@@ -132,6 +132,37 @@ report_backups() {
     "$(pgbackrest_do --output=json info | jq '.[0].backup[-1].info.repository.delta') bytes"
 }
 
+# The checkpoint before each change is the worst case: every page touched for the first time after it goes whole into the
+# log, and the log is what an incremental backup holds.
+incremental_rounds() {
+  local round
+  cd /
+  for round in $(seq 0 "$rounds"); do
+    quietly "$lab" sql "$home" "$instance" "checkpoint"
+    quietly "$lab" change "$home" "$instance" --percent 1 --seed "$((round + 2))"
+    sync -f "$work"
+    timed incremental "$kestrel" --json backup "$instance" --level incr --compression zstd --compression-level 1
+    [ "$(jq -r .level "$work/stdout")" = incr ] || { echo "bench: no incremental backup was made" >&2; return 1; }
+    jq .size "$work/stdout" >>"$work/incremental.sizes"
+  done
+  quietly "$kestrel" verify latest
+}
+
+report_incremental() {
+  local full part ratio
+  full=$(jq .size "$work/kestrel.json") part=$(sort -n "$work/incremental.sizes" | tail -1)
+  awk -v p="$pause_seconds" '{$1 -= p; print}' "$work/times.incremental" >"$work/times.incremental_working"
+  section "Incremental backup after 1 % was changed"
+  ratio=$(calculate "$part / $full")
+  row "bytes, largest of $((rounds + 1))" "$part" "full: $full" "$ratio" "-" "< 0.05" "$(judge "$ratio" '<' 0.05)"
+  ratio=$(calculate "$(middle incremental_working wall) / $(middle kestrel_working wall)")
+  row "time, fixed pause of $pause_seconds s subtracted" "$(middle incremental_working wall) s" \
+    "full: $(middle kestrel_working wall) s" "$ratio" "$(spread incremental_working wall kestrel_working)" "< 0.15" \
+    "$(judge "$ratio" '<' 0.15)"
+  row "time, with the pause" "$(middle incremental wall) s" "full: $(middle kestrel wall) s" \
+    "$(calculate "$(middle incremental wall) / $(middle kestrel wall)")" "$(spread incremental wall kestrel)" "-" "-"
+}
+
 # peak KiB of kestrel (and its largest tool) in its only run under this name.
 peak() { awk 'END {print $4}' "$work/times.$1"; }
 
@@ -169,5 +200,7 @@ prepare_kestrel
 prepare_pgbackrest
 backup_rounds
 report_backups
+incremental_rounds
+report_incremental
 memory_runs
 [ -z "$print" ] || print_table
