@@ -22,17 +22,6 @@ bool has_number(const Object& row, const char* key, uint64_t number)
   return value.type() == json_spirit::int_type && value.get_uint64() == number;
 }
 
-bool is_meant(const Object& row, const Restore_Job_Source& source)
-{
-  if (!source.catalog_id().empty())
-    return has_text(row, "uuid", source.catalog_id());
-  if (source.seq() == 0)
-    return true;
-  return has_number(row, "seq", source.seq()) &&
-         (source.backup_definition_id().empty() ||
-          has_text(row, "definition_uuid", source.backup_definition_id()));
-}
-
 Logical_Backup::File read_file(const Value& value)
 {
   const Object& entry = value.get_obj();
@@ -60,6 +49,32 @@ const char* object_grade(const struct Restore_Job_Source::original& object)
     return "database";
   return object.table.empty() ? "schema" : "table";
 }
+
+namespace
+{
+// The catalog was asked for a database and a level: the set may hold other schemas and tables than the
+// wanted.
+bool may_hold(const Object& row, const struct Restore_Job_Source::original& object)
+{
+  try {
+    return choose_backup_file(read_logical_backup(row), object) != nullptr;
+  } catch (const std::exception&) {
+    return true;
+  }
+}
+
+bool is_meant(const Object& row, const Restore_Job_Source& source)
+{
+  if (!source.catalog_id().empty())
+    return has_text(row, "uuid", source.catalog_id());
+  if (source.seq() != 0 && !has_number(row, "seq", source.seq()))
+    return false;
+  if (source.seq() != 0 && !source.backup_definition_id().empty() &&
+      !has_text(row, "definition_uuid", source.backup_definition_id()))
+    return false;
+  return may_hold(row, source.original());
+}
+} // namespace
 
 const Object* choose_logical_row(const json_spirit::Array& rows, const Restore_Job_Source& source)
 {

@@ -32,8 +32,9 @@ struct Logical_Backup {
 /// The level of an object, as the catalog is asked for it: "table", "schema" or "database".
 const char* object_grade(const struct Restore_Job_Source::original& object);
 
-/// The row that a restore job means, out of the newest first: the one of its catalog id, else of its number
-/// (and definition, when given), else the first. Null when there is no such row.
+/// The row that a restore job means, out of the newest first: the one of its catalog id; without one the
+/// first that holds the object and has the number (and definition) that the job gives. Null when there is no
+/// such row. A row that cannot be read counts as holding it: reading it tells what is wrong.
 const json_spirit::Object* choose_logical_row(const json_spirit::Array& rows,
                                               const Restore_Job_Source& source);
 

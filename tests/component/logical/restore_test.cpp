@@ -179,6 +179,16 @@ TEST(Logical_Restore, takes_the_backup_that_it_names_and_else_the_newest)
   EXPECT_EQ("dump 2", imported("", 2));
 }
 
+TEST(Logical_Restore, takes_the_newest_backup_that_holds_the_object)
+{
+  Logical_Bench bench;
+  bench.set_tool("osrexp", "write_file ${prefix:file=} \"dump ${run}\"\n");
+  bench.back_up({"oscar/LOGI1/LOGI1/S/T"});
+  bench.back_up({"oscar/LOGI1/LOGI1/S/OTHER"});
+  EXPECT_EQ(JOB_STATE_COMPLETED, bench.run(bench.restore_fields("S", "T")));
+  EXPECT_EQ("dump 1", read_file(bench.dir / "imported"));
+}
+
 TEST(Logical_Restore, takes_no_other_backup_for_the_one_that_it_names)
 {
   Logical_Bench bench;
@@ -201,7 +211,12 @@ TEST(Logical_Restore, fails_for_an_object_that_no_backup_holds)
   bench.log.expect_exactly(LM_ERROR, "Failed to get latest info from catalog\n");
   bench.log.expect_exactly(LM_ERROR, "Failed to get latest info from catalog\n");
   // The grade is right, the object is another.
-  expect_failure(bench, bench.restore_fields("S", "OTHER"), {18});
+  expect_failure(bench, bench.restore_fields("S", "OTHER"), {2});
+  bench.log.expect(LM_ERROR, "no such backup of the table LOGI1/S/OTHER;");
+  bench.log.expect_exactly(LM_ERROR, "Failed to get latest info from catalog\n");
+  kestrel::Job_Definition_Fields fields = bench.restore_fields("S", "OTHER");
+  bench.restore_source(fields).catalog_id(text_of(bench.rows().front(), "uuid"));
+  expect_failure(bench, fields, {18});
   bench.log.expect_exactly(LM_ERROR, "Invalid catalog data: no dump file holds the object\n");
 }
 

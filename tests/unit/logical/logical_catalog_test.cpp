@@ -135,6 +135,37 @@ TEST(Logical_Catalog, takes_no_other_row_for_the_one_that_is_not_there)
   EXPECT_EQ("none", chosen_uuid({}, Restore_Job_Source()));
 }
 
+TEST(Logical_Catalog, takes_the_newest_row_that_holds_the_object)
+{
+  const auto row = [](const char* uuid, int seq, const char* table) {
+    json_spirit::Object row = parsed(GOOD_ROW).get_obj();
+    kestrel::set_value(row, "uuid", uuid);
+    kestrel::set_value(row, "seq", seq);
+    kestrel::set_value(row, "backup_files",
+                       parsed(std::string(R"([{"database": "DB1", "schema": "S", "file": "f", "table": ")") +
+                              table + "\"}]"));
+    return row;
+  };
+  Array rows = {row("newest", 3, "OTHER"), row("newer", 2, "T"), row("old", 1, "T")};
+  Restore_Job_Source source;
+  source.original().database = "DB1";
+  source.original().schema = "S";
+  source.original().table = "T";
+  EXPECT_EQ("newer", chosen_uuid(rows, source));
+  source.seq(1);
+  EXPECT_EQ("old", chosen_uuid(rows, source));
+  source.seq(3);
+  EXPECT_EQ("none", chosen_uuid(rows, source));
+  source.catalog_id("newest");
+  EXPECT_EQ("newest", chosen_uuid(rows, source)) << "what it lacks is told later";
+  source.catalog_id("");
+  source.seq(0);
+  source.original().table = "GONE";
+  EXPECT_EQ("none", chosen_uuid(rows, source));
+  kestrel::set_value(rows[0].get_obj(), "backup_files", Value());
+  EXPECT_EQ("newest", chosen_uuid(rows, source)) << "nobody knows what it holds";
+}
+
 TEST(Logical_Catalog, takes_the_file_of_the_object)
 {
   Logical_Backup backup;
