@@ -147,7 +147,12 @@ bool Backup_Executor::execute_i(const Values*)
   archive.action_handler(exporter);
   archive.seq(seq);
   set_archive(archive);
-  return back_up(run, archive) && put_tablespaces(run) && record(run, archive);
+  if (!back_up(run, archive))
+    return false;
+  if (put_tablespaces(run))
+    return record(run, archive);
+  kestrel::ignore_result(archive.withdraw(), "it has been logged; without a record it is never listed");
+  return false;
 }
 
 bool Backup_Executor::fail(int alert, const char* message)
@@ -318,9 +323,11 @@ void Backup_Executor::add_file(const Backup_File& file, Oscar_Backup_Set& set) c
   const auto member = std::find_if(members_.begin(), members_.end(),
                                    [&file](const MTF::Stored_Member& m) { return m.path == file.file; });
   const bool stored = member != members_.end();
-  // A whole server is found again by the server's name.
-  set.add_file(file.database.empty() ? server_name() : file.database, file.schema, file.table, file.file,
-               stored ? member->size : 0, stored ? member->checksum : std::string());
+  // A whole server is found again by the server's name, and a table without a schema is a whole database, as
+  // it was exported.
+  set.add_file(file.database.empty() ? server_name() : file.database, file.schema,
+               file.schema.empty() ? std::string() : file.table, file.file, stored ? member->size : 0,
+               stored ? member->checksum : std::string());
 }
 
 void Backup_Executor::build_oscar_backup_set(const Oscar_Metadata& metadata,

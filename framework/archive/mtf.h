@@ -117,6 +117,9 @@ public:
   /// Runs once. True when the archive is durable in the pool and the storage has counted and summed up the
   /// very bytes that were handed to it; the metadata then has the sizes.
   [[nodiscard]] bool backup(const Pool_Info& pool);
+  /// Takes a good backup back: its archive leaves the pool. Without one nothing is done. False, logged, when
+  /// the archive stays.
+  [[nodiscard]] bool withdraw();
 
   /// Bytes of all files; of the archive; of the archive as stored. 0 before the end.
   unsigned long long source_size() const;

@@ -38,6 +38,7 @@ public:
   }
 
   bool run(const Pool_Info& pool);
+  bool withdraw();
 
   MTF::Metadata& metadata_;
   const std::shared_ptr<ACE_Log_Msg_Callback> log_;
@@ -55,6 +56,7 @@ public:
   bool used_ = false;
 
 private:
+  bool stored_ = false;
   bool fail(const std::string& reason);
   bool go_on();
   bool plan();
@@ -238,8 +240,17 @@ bool MTF_Backup::Work::run(const Pool_Info& pool)
   metadata_.source_size(source_size_);
   metadata_.set_size(client_.original_size());
   metadata_.set_storage_size(client_.storage_size());
+  stored_ = true;
   watch_.finish(source_size_, client_.storage_size());
   return true;
+}
+
+bool MTF_Backup::Work::withdraw()
+{
+  if (!stored_)
+    return true;
+  stored_ = !client_.remove(kestrel::archive_file_name(seq_));
+  return !stored_ || fail(client_.error());
 }
 
 MTF_Backup::MTF_Backup(MTF::Event_Handler* handler, MTF::Metadata& metadata,
@@ -337,6 +348,16 @@ bool MTF_Backup::backup(const Pool_Info& pool)
   } else if (!done)
     ACE_ERROR((LM_ERROR, "(%P|%t) The archive could not be written: %C\n", work_->error_.c_str()));
   return done;
+}
+
+bool MTF_Backup::withdraw()
+{
+  const kestrel::Thread_Log_Callback log(work_->log_);
+  if (work_->withdraw())
+    return true;
+  ACE_ERROR((LM_ERROR, "(%P|%t) The archive could not be taken back, it stays without a record: %C\n",
+             work_->error_.c_str()));
+  return false;
 }
 
 unsigned long long MTF_Backup::source_size() const

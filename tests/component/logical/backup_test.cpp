@@ -171,6 +171,19 @@ TEST(Logical_Backup, records_a_whole_server_under_its_name)
   EXPECT_NE(std::string::npos, text_of(files[0], "file").find("/LOGI1_/_export_"));
 }
 
+TEST(Logical_Backup, records_a_table_without_a_schema_as_the_database_that_it_exports)
+{
+  Logical_Bench bench;
+  const json_spirit::Object row = bench.back_up({"oscar/LOGI1/LOGI1//T"});
+  const json_spirit::Array& files = find_value(row, "backup_files").get_array();
+  ASSERT_EQ(1u, files.size());
+  EXPECT_EQ("database", text_of(files[0], "grade"));
+  EXPECT_EQ("", text_of(files[0], "table"));
+  // An import of the same object finds it.
+  EXPECT_EQ(JOB_STATE_COMPLETED, bench.run(bench.restore_fields("", "T")));
+  EXPECT_EQ(JOB_STATE_COMPLETED, bench.run(bench.restore_fields()));
+}
+
 TEST(Logical_Backup, replaces_what_a_directory_name_may_not_hold)
 {
   Logical_Bench bench;
@@ -327,12 +340,14 @@ TEST(Logical_Backup, fails_without_a_port_or_a_list_of_tablespaces_after_the_exp
                                  "/admin/LOGI1.conf \"port = 0\\n\"\n");
     expect_failure(bench, bench.backup_fields(TABLE), {18});
     bench.log.expect_exactly(LM_ERROR, "Failed to get port\n");
+    bench.expect_no_archive_left();
   }
   {
     Logical_Bench bench;
     bench.set_tool("isql", "err \"isql: ERROR, not now\"\nexit 1\n");
     bench.log.allow(LM_ERROR, "\n");
     expect_failure(bench, bench.backup_fields(TABLE), {18});
+    bench.expect_no_archive_left();
   }
 }
 

@@ -92,6 +92,7 @@ void run_and_cancel(Logical_Bench& bench, const kestrel::Job_Definition_Fields& 
   ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
   request(job, what);
   EXPECT_EQ(what == Request::STOP ? JOB_STATE_CANCELED : JOB_STATE_ERROR, bench.wait_end(job));
+  EXPECT_TRUE(bench.alerts(job).empty());
   bench.expect_no_dump_left();
 }
 } // namespace
@@ -106,6 +107,7 @@ TEST(Logical_Cancel, at_every_stage_of_a_backup_keeps_nothing_and_the_next_one_w
       stage.prepare(bench, fields);
       run_and_cancel(bench, fields, what);
       EXPECT_TRUE(bench.rows().empty());
+      bench.expect_no_archive_left();
       bench.set_osrexp(1000);
       bench.set_tablespaces({});
       bench.back_up(LEVELS);

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <sstream>
 #include <unistd.h>
 
@@ -295,5 +296,11 @@ bool Logical_Bench::wait_for(const std::string& path) const
 void Logical_Bench::expect_no_dump_left() const
 {
   EXPECT_FALSE(exists(dump_path()));
+}
+
+void Logical_Bench::expect_no_archive_left() const
+{
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(pool_dir))
+    EXPECT_EQ(std::string::npos, entry.path().filename().string().find("export_")) << entry.path();
 }
 } // namespace kestrel_test

@@ -101,6 +101,8 @@ public:
   }
   bool wait_for(const std::string& path) const;
   void expect_no_dump_left() const;
+  /// Neither a whole one nor an unfinished one.
+  void expect_no_archive_left() const;
   void add_instance(const std::string& name, bool with_home = true);
 
   static const std::string DEFINITION_ID;

@@ -126,6 +126,21 @@ TEST_F(MTF_Backup_Test, runs_without_handlers_and_only_once)
   log_.expect(LM_ERROR, "has already run");
 }
 
+TEST_F(MTF_Backup_Test, can_be_taken_back)
+{
+  const std::string path = dump("S_DB/a.dump", "data");
+  ASSERT_TRUE(backup({path}));
+  const std::vector<std::string> before = stored_names();
+  auto second = make_backup({path});
+  EXPECT_TRUE(second->withdraw()) << "there is nothing to take back yet";
+  ASSERT_TRUE(second->backup(pool_)) << second->error();
+  EXPECT_LT(before.size(), stored_names().size());
+  EXPECT_TRUE(second->withdraw());
+  EXPECT_EQ(before, stored_names());
+  EXPECT_TRUE(second->withdraw());
+  EXPECT_EQ(before, stored_names()) << "and no other one's";
+}
+
 TEST_F(MTF_Backup_Test, refuses_sources_that_are_no_files)
 {
   const std::string file = dump("S_DB/a.dump", "data");
