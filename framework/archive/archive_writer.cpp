@@ -21,14 +21,19 @@ const unsigned own_entry_mode = 0640;
 
 void Archive_Writer::Closer::operator()(struct archive* archive) const
 {
-  // Without this the library would write the end of the archive now.
-  ::archive_write_fail(archive);
   ::archive_write_free(archive);
 }
 
 Archive_Writer::Archive_Writer(Output output) : output_(std::move(output)) {}
 
-Archive_Writer::~Archive_Writer() = default;
+// The library frees some of its memory in its close only, where it also writes the end of the archive: of one
+// that was given up the output must not see that.
+Archive_Writer::~Archive_Writer()
+{
+  output_failed_ = true;
+  if (archive_)
+    ::archive_write_close(archive_.get());
+}
 
 bool Archive_Writer::fail(const std::string& reason)
 {
@@ -67,7 +72,7 @@ ssize_t Archive_Writer::put_callback(struct archive* archive, void* writer, cons
 {
   Archive_Writer& self = *static_cast<Archive_Writer*>(writer);
   try {
-    if (self.put(data, n))
+    if (!self.output_failed_ && self.put(data, n))
       return static_cast<ssize_t>(n);
   } catch (const std::exception& failure) {
     self.fail(failure.what());
