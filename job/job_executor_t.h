@@ -112,9 +112,10 @@ private:
   /// A script that hangs is ended once its job is cancelled.
   bool run_script(const std::string& script, std::shared_ptr<ACE_Log_Msg_Callback> callback)
   {
-    return kestrel::execute_watched_script(script, std::move(callback), [this](Text_Process_Handler& handler) {
-      return std::make_shared<kestrel::Tool_Watch>(job_, handler, "script");
-    });
+    return kestrel::execute_watched_script(
+        script, std::move(callback), [this](Text_Process_Handler& handler) {
+          return std::make_shared<kestrel::Tool_Watch>(job_, handler, "script");
+        });
   }
 
   void end_idle()

@@ -16,7 +16,8 @@ namespace oscar
 /// One run of brcmd on a thread of its own, while the job's thread moves the bytes of its FIFO.
 /// The thread runs the given command, which starts the tool and waits for its end, keeps whether that
 /// succeeded, and then frees a job thread that still waits for the tool to open the FIFO. A tool that falls
-/// silent after the job was canceled is ended by a watch, and so is a process that it left behind with the FIFO.
+/// silent after the job was canceled is ended by a watch, and so is a process that it left behind with the
+/// FIFO.
 ///
 /// Threads:   start, stop, join and the destructor on the job's thread; the other operations on any.
 /// Ownership: job and FIFO are not owned and must outlive the run.
@@ -59,7 +60,7 @@ private:
   std::atomic<bool> success_{true};
   std::atomic<bool> ended_{false};
   std::atomic<bool> joined_{false};
-  bool freed_ = false;       // the watch's own
+  bool freed_ = false;        // the watch's own
   kestrel::Tool_Watch watch_; // behind all that it uses
   bool started_ = false;
   Job_Thread_Helper thread_; // last: joined before anything it uses is gone

@@ -36,8 +36,8 @@ bool cancelled(Job_State state)
 struct Tool_Watch::State {
   State(Job& job, Text_Process_Handler& handler, std::string tool, int64_t grace_msec,
         std::function<void()> free_job)
-      : job(job), handler(handler), tool(std::move(tool)), grace_msec(grace_msec), free_job(std::move(free_job)),
-        touched_msec(clock().monotonic_msec())
+      : job(job), handler(handler), tool(std::move(tool)), grace_msec(grace_msec),
+        free_job(std::move(free_job)), touched_msec(clock().monotonic_msec())
   {
   }
 

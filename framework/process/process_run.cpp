@@ -238,8 +238,8 @@ bool Process_Run::wait_until(Lock& lock, int64_t deadline_msec)
   return true;
 }
 
-/// Waits for the end of a child that is to be killed at that time. The kernel takes real time for a kill, so the
-/// limit holds in real time, too, whatever clock the product goes by.
+/// Waits for the end of a child that is to be killed at that time. The kernel takes real time for a kill, so
+/// the limit holds in real time, too, whatever clock the product goes by.
 bool Process_Run::wait_for_end(Lock& lock, int64_t kill_msec)
 {
   const auto least = std::chrono::steady_clock::now() + std::chrono::milliseconds(after_kill_msec);
@@ -352,7 +352,8 @@ void Process_Run::finish()
   // What the child left in the pipes came in time, also when a grandchild holds them open. Bounded, because
   // that grandchild may still be printing.
   for (Output_Stream* stream : {&stdout_, &stderr_})
-    for (size_t done = 0; done < most_left_in_pipe && stream->is_open() && stream->read_some(buffer_, last_activity_msec_);)
+    for (size_t done = 0;
+         done < most_left_in_pipe && stream->is_open() && stream->read_some(buffer_, last_activity_msec_);)
       done += read_buffer_bytes;
   stdout_.close();
   stderr_.close();
@@ -387,7 +388,8 @@ void Process_Run::kill_group()
 void Process_Run::release_group()
 {
   siginfo_t info;
-  while (kept_group_ > 1 && ::waitid(P_PID, static_cast<id_t>(kept_group_), &info, WEXITED) != 0 && errno == EINTR)
+  while (kept_group_ > 1 && ::waitid(P_PID, static_cast<id_t>(kept_group_), &info, WEXITED) != 0 &&
+         errno == EINTR)
     continue;
   kept_group_ = -1;
 }

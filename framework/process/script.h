@@ -19,12 +19,13 @@ class Text_Process_Handler;
 
 namespace kestrel
 {
-/// Gets the handler of the shell before this is started; what it returns lives until the script has ended. Both
-/// may be empty.
+/// Gets the handler of the shell before this is started; what it returns lives until the script has ended.
+/// Both may be empty.
 typedef std::function<std::shared_ptr<void>(Text_Process_Handler&)> Script_Watch;
 
-/// As execute_script, for a caller that may want the script to end before it does so by itself: the shell has a
-/// process group of its own and can be ended through its handler on any thread. That makes the result false.
+/// As execute_script, for a caller that may want the script to end before it does so by itself: the shell has
+/// a process group of its own and can be ended through its handler on any thread. That makes the result
+/// false.
 bool execute_watched_script(const std::string& script, std::shared_ptr<ACE_Log_Msg_Callback> cb,
                             const Script_Watch& watch);
 } // namespace kestrel

@@ -81,8 +81,8 @@ public:
   /// child that succeeds leaves behind what it likes. Before the spawn.
   void kill_group_on_failure();
 
-  /// From now on the number of the child's own process group stays taken after the child's end, until the next
-  /// spawn or the end of the handler: the child remains as a zombie that long. Before the spawn.
+  /// From now on the number of the child's own process group stays taken after the child's end, until the
+  /// next spawn or the end of the handler: the child remains as a zombie that long. Before the spawn.
   void keep_group();
   /// Kills (SIGKILL) what the last child left in its group. Nothing without keep_group and before a spawn.
   void kill_group();

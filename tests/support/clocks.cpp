@@ -53,8 +53,8 @@ unsigned Fake_Clock::sleeps() const
 
 namespace
 {
-/// Who sleeps for a second or more waits for somebody else, such as a process that is to end. That one gets this much
-/// of real time, so that a few polls are enough for it on a busy machine.
+/// Who sleeps for a second or more waits for somebody else, such as a process that is to end. That one gets
+/// this much of real time, so that a few polls are enough for it on a busy machine.
 const int64_t LEAST_PAUSE_MSEC = 50;
 
 /// The latest time that a scaled clock of this process may have told.

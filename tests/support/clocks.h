@@ -34,8 +34,8 @@ private:
 
 /// A clock that runs `factor` times as fast as the real one: a sleep of 60 seconds takes 60/factor. For
 /// component tests with real children; installed process-wide while it lives. Later clocks of a process go on
-/// where earlier ones ended, so that nothing waits for a time that it has seen before. A sleep of a second or more takes
-/// 50 ms at least.
+/// where earlier ones ended, so that nothing waits for a time that it has seen before. A sleep of a second or
+/// more takes 50 ms at least.
 class Scaled_Clock : public kestrel::Clock
 {
 public:

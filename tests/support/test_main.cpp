@@ -33,9 +33,9 @@ extern "C" const char* __tsan_default_suppressions()
 }
 #endif
 
-/// In place of the C library's, for the product and the libraries below it: no test cuts the power, and thousands
-/// of waits for the disk are most of the time that the fault loops take. Failures of a sync are made above, by
-/// Fault_File_System.
+/// In place of the C library's, for the product and the libraries below it: no test cuts the power, and
+/// thousands of waits for the disk are most of the time that the fault loops take. Failures of a sync are
+/// made above, by Fault_File_System.
 extern "C" int fsync(int fd)
 {
   return ::fcntl(fd, F_GETFD) < 0 ? -1 : 0;

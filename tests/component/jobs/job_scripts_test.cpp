@@ -122,7 +122,8 @@ TEST_F(Job_Scripts, that_hang_are_ended_once_their_job_is_canceled)
     fields.*each.script = hanging;
     job_ = make_job(std::move(fields));
     ASSERT_EQ(0, job_->start());
-    ASSERT_TRUE(eventually([this] { return exists(root_ / "shell") && !read_file(root_ / "shell").empty(); }));
+    ASSERT_TRUE(
+        eventually([this] { return exists(root_ / "shell") && !read_file(root_ / "shell").empty(); }));
     clock_.advance_msec(3600 * 1000);
     EXPECT_FALSE(job_->wait_end(300)) << "nobody has canceled it yet";
     EXPECT_EQ(0, job_->stop());

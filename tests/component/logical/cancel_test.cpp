@@ -26,7 +26,7 @@ std::string hang(const Logical_Bench& bench)
 const Stage backup_stages[] = {
     {"pre-action",
      [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
-       fields.pre_action = "touch " + (bench.dir / "up") + "; sleep 1";
+       fields.pre_action = "touch " + (bench.dir / "up") + "; sleep 600"; // until the watch ends it
      }},
     {"export",
      [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) {
@@ -57,7 +57,7 @@ const Stage backup_stages[] = {
 const Stage restore_stages[] = {
     {"pre-action",
      [](Logical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
-       fields.pre_action = "touch " + (bench.dir / "up") + "; sleep 1";
+       fields.pre_action = "touch " + (bench.dir / "up") + "; sleep 600"; // until the watch ends it
      }},
     {"list of tablespaces",
      [](Logical_Bench& bench, kestrel::Job_Definition_Fields&) { bench.set_tool("isql", hang(bench)); }},

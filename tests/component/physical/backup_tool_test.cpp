@@ -358,11 +358,12 @@ TEST(Physical_Backup_Cancel, ends_a_silent_isql)
 TEST(Physical_Backup_Cancel, ends_a_silent_shutdown)
 {
   Physical_Bench bench(200);
-  make_fake_tool(
-      bench.dir, "home/bin/isql",
-      "if args_contain archivemode\nout a\nout -\nout NOARCHIVELOG\nout \"(1 row)\"\nend\n"
-      "if args_contain shutdown\nwrite_file " + // and no other question: who lists the host's instances asks too
-          (bench.dir / "up") + " x\nhang\nend\n");
+  make_fake_tool(bench.dir, "home/bin/isql",
+                 "if args_contain archivemode\nout a\nout -\nout NOARCHIVELOG\nout \"(1 row)\"\nend\n"
+                 "if args_contain shutdown\nwrite_file " + // and no other question: who lists the host's
+                                                           // instances asks too
+                     (bench.dir / "up") +
+                     " x\nhang\nend\n");
   const Fake_Server server(bench.dir, "hang");
   const Job_Ptr job = bench.make_job(bench.backup_fields());
   ASSERT_EQ(0, job->start());

@@ -40,8 +40,8 @@ uint32_t big_endian_byte(uint32_t value, int index)
   return (value >> (24 - 8 * index)) & 0xff;
 }
 
-/// The same random bytes each time. Kept, because the fault loops want them hundreds of times, and a sanitizer
-/// makes them slow to come by.
+/// The same random bytes each time. Kept, because the fault loops want them hundreds of times, and a
+/// sanitizer makes them slow to come by.
 std::string image(size_t bytes)
 {
   static std::string kept;

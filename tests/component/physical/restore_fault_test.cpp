@@ -330,7 +330,8 @@ TEST(Physical_Restore_Cancel, frees_the_job_from_a_process_that_a_brcmd_without_
     Physical_Bench bench(200);
     bench.set_stream(bench.make_good_stream(5000000));
     bench.back_up();
-    bench.set_brcmd("exit 99", "hold ${option:-f}\ngrandchild 600000 " + (bench.dir / "left") + session + "\nexit 0");
+    bench.set_brcmd("exit 99",
+                    "hold ${option:-f}\ngrandchild 600000 " + (bench.dir / "left") + session + "\nexit 0");
     const Job_Ptr job = bench.make_job(bench.restore_fields("full-1"));
     ASSERT_EQ(0, job->start());
     ASSERT_TRUE(bench.wait_for(bench.dir / "left"));

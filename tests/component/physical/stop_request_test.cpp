@@ -10,8 +10,8 @@
 #include <memory>
 #include <unistd.h>
 
-// A request to stop, to abort, or to pause and resume, at every stage of a run: each tool and script waits at its
-// stage until the request has been made.
+// A request to stop, to abort, or to pause and resume, at every stage of a run: each tool and script waits at
+// its stage until the request has been made.
 
 using namespace kestrel_test;
 
@@ -46,8 +46,8 @@ std::string here_in_shell(const Physical_Bench& bench)
 void ask_isql(Physical_Bench& bench, const std::string& log_mode_steps, const std::string& shutdown_steps)
 {
   make_fake_tool(bench.dir, "home/bin/isql",
-                 "if args_contain archivemode\n" + log_mode_steps + "end\nif args_contain shutdown\n" + shutdown_steps +
-                     "end\n");
+                 "if args_contain archivemode\n" + log_mode_steps + "end\nif args_contain shutdown\n" +
+                     shutdown_steps + "end\n");
 }
 
 std::string log_mode(const std::string& mode)
@@ -62,9 +62,9 @@ Preparation backup_waits_after(size_t bytes)
     const std::string stream = bench.make_good_stream(100000);
     bench.dir.write("first", stream.substr(0, bytes));
     bench.dir.write("rest", stream.substr(bytes));
-    bench.set_brcmd("begin ${option:-f}\nput_file " + (bench.dir / "first") + "\n" + here(bench) + "put_file " +
-                        (bench.dir / "rest") + "\nfinish\ncopy " + (bench.dir / "next_state") + " " + bench.home +
-                        "/agent/lastlsn.dat\n",
+    bench.set_brcmd("begin ${option:-f}\nput_file " + (bench.dir / "first") + "\n" + here(bench) +
+                        "put_file " + (bench.dir / "rest") + "\nfinish\ncopy " + (bench.dir / "next_state") +
+                        " " + bench.home + "/agent/lastlsn.dat\n",
                     bench.good_restore());
   };
 }
@@ -72,12 +72,15 @@ Preparation backup_waits_after(size_t bytes)
 void start_waits(Physical_Bench& bench)
 {
   bench.dir.write("sys/systemctl",
-                  "#!/bin/sh\necho \"$*\" >>" + (bench.dir / "starts") + "\n" + here_in_shell(bench) + "\n", 0755);
+                  "#!/bin/sh\necho \"$*\" >>" + (bench.dir / "starts") + "\n" + here_in_shell(bench) + "\n",
+                  0755);
 }
 
 const Stage BACKUP_STAGES[] = {
     {"the pre-action",
-     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) { fields.pre_action = here_in_shell(bench); },
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
+       fields.pre_action = here_in_shell(bench);
+     },
      false, 0, false},
     {"the question for the log mode",
      [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) {
@@ -109,13 +112,17 @@ const Stage BACKUP_STAGES[] = {
      },
      true, 1, true},
     {"the post-action",
-     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) { fields.post_action = here_in_shell(bench); },
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
+       fields.post_action = here_in_shell(bench);
+     },
      true, 0, true},
 };
 
 const Stage RESTORE_STAGES[] = {
     {"the pre-action",
-     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) { fields.pre_action = here_in_shell(bench); },
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
+       fields.pre_action = here_in_shell(bench);
+     },
      false, 0, false},
     {"the start of brcmd",
      [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) {
@@ -135,10 +142,12 @@ const Stage RESTORE_STAGES[] = {
                                                 (bench.dir / "restored") + " x\n");
      },
      true, 1, false},
-    {"the start of the server", [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) { start_waits(bench); },
-     true, 1, false},
+    {"the start of the server",
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields&) { start_waits(bench); }, true, 1, false},
     {"the post-action",
-     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) { fields.post_action = here_in_shell(bench); },
+     [](Physical_Bench& bench, kestrel::Job_Definition_Fields& fields) {
+       fields.post_action = here_in_shell(bench);
+     },
      true, 1, false},
 };
 
@@ -224,11 +233,13 @@ TEST(Physical_Restore_Request, ends_the_run_as_it_must_at_every_stage)
       const Job_Ptr job = bench.make_job(fields);
       const Job_State end = stage.too_late ? JOB_STATE_COMPLETED : each.end;
       EXPECT_EQ(end, request_at(stage, bench, job, each.request));
-      // A run that ends before its work leaves the server alone; every other one stops it and starts it again.
+      // A run that ends before its work leaves the server alone; every other one stops it and starts it
+      // again.
       const bool worked = end == JOB_STATE_COMPLETED || stage.starts > 0;
       EXPECT_EQ(worked ? 1u : 0u, bench.starts());
       EXPECT_EQ(!worked, server.running());
-      EXPECT_EQ(end == JOB_STATE_COMPLETED, exists(bench.dir / "restored")) << "brcmd took half a stream for a whole";
+      EXPECT_EQ(end == JOB_STATE_COMPLETED, exists(bench.dir / "restored"))
+          << "brcmd took half a stream for a whole";
       EXPECT_TRUE(bench.fifos().empty());
       EXPECT_TRUE(bench.alerts(job).empty());
     }

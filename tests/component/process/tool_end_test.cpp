@@ -132,8 +132,9 @@ TEST(Tool_End, kills_members_of_the_group_that_outlive_a_terminated_leader)
   Scaled_Clock clock(100); // for the wait for the pipes, which the grandchild holds
   Temp_Dir dir;
   Tool_Options options(make_fake_tool(dir, "tool",
-                                      "ignore TERM\ngrandchild 600000 " + (dir / "new") + "\ndefault TERM\ncopy " +
-                                          (dir / "new") + " " + (dir / "pid") + "\nout up\nhang\n"));
+                                      "ignore TERM\ngrandchild 600000 " + (dir / "new") +
+                                          "\ndefault TERM\ncopy " + (dir / "new") + " " + (dir / "pid") +
+                                          "\nout up\nhang\n"));
   ACE_Process_Ex process(6, nullptr, no_callback);
   Collecting_Handler handler;
   ASSERT_EQ(0, handler.spawn(&process, options, nullptr));

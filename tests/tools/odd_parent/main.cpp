@@ -48,5 +48,7 @@ int sudden_death(const std::string& directory)
 int main(int argc, char** argv)
 {
   const std::string part = argc > 2 ? argv[1] : "";
-  return part == "closed_streams" ? closed_streams(argv[2]) : part == "sudden_death" ? sudden_death(argv[2]) : 1;
+  return part == "closed_streams" ? closed_streams(argv[2])
+         : part == "sudden_death" ? sudden_death(argv[2])
+                                  : 1;
 }
