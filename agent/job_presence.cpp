@@ -36,9 +36,10 @@ void remove_stale_dumps()
 {
   std::error_code failure;
   const std::string root = product_path("/var/cache/tarnvik/kestrel3/oscar/dump");
-  for (const auto& folder : std::filesystem::directory_iterator(root, failure))
-    if (is_uuid(folder.path().filename()))
-      ignore_result(rm_rf(folder.path().c_str()), "the definition's next run tries again, and tells");
+  for (std::filesystem::directory_iterator folder(root, failure), end; !failure && folder != end;
+       folder.increment(failure))
+    if (is_uuid(folder->path().filename()))
+      ignore_result(rm_rf(folder->path().c_str()), "the definition's next run tries again, and tells");
 }
 } // namespace
 
