@@ -136,8 +136,9 @@ public:
   kestrel::Job_Hold hold();
   /// Keeps a hold until the calling thread has ended.
   void hold_until_thread_end();
-  /// Waits until no thread of any job executes module code any more, as must be before a module is unloaded;
-  /// false when the time (real milliseconds, negative: no limit) is over first. Not from a run's thread.
+  /// Waits until no thread of any job executes module code any more, as must be before a module is unloaded,
+  /// and until these threads are gone, as must be before the process exits; false when the time (real
+  /// milliseconds, negative: no limit) is over first. Not from a run's thread.
   [[nodiscard]] static bool wait_all_runs(int64_t timeout_msec);
   static unsigned active_runs();
 

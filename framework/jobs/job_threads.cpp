@@ -4,9 +4,13 @@
 #include "jobs/job_log.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -18,7 +22,12 @@ struct Hold_Count {
   std::mutex mutex;
   std::condition_variable changed;
   unsigned count = 0;
+  // Threads that have let go of their jobs. What libraries keep for a thread is destroyed after that.
+  std::vector<pid_t> leaving;
 };
+
+/// An end that takes longer hangs, and waiting on would hang too.
+const std::chrono::seconds LEAVING_LIMIT(30);
 
 // Never destroyed: threads may still end while the process exits.
 Hold_Count& holds()
@@ -27,12 +36,49 @@ Hold_Count& holds()
   return *count;
 }
 
+pid_t this_thread()
+{
+  return static_cast<pid_t>(::syscall(SYS_gettid));
+}
+
+bool thread_exists(pid_t thread)
+{
+  return ::syscall(SYS_tgkill, ::getpid(), thread, 0) == 0 || errno != ESRCH;
+}
+
+void note_leaving()
+{
+  Hold_Count& all = holds();
+  const std::lock_guard<std::mutex> guard(all.mutex);
+  all.leaving.erase(std::remove_if(all.leaving.begin(), all.leaving.end(),
+                                   [](pid_t thread) { return !thread_exists(thread); }),
+                    all.leaving.end());
+  all.leaving.push_back(this_thread());
+}
+
+/// A process that exits while a thread still ends would pull the libraries' memory away under it.
+void wait_leaving()
+{
+  std::vector<pid_t> threads;
+  {
+    Hold_Count& all = holds();
+    const std::lock_guard<std::mutex> guard(all.mutex);
+    threads.swap(all.leaving);
+  }
+  const auto limit = std::chrono::steady_clock::now() + LEAVING_LIMIT;
+  for (const pid_t thread : threads)
+    while (thread != this_thread() && thread_exists(thread) && std::chrono::steady_clock::now() < limit)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
 struct Thread_Jobs {
   std::shared_ptr<Job_Log> log;
   std::vector<Job_Hold> kept;
 
   ~Thread_Jobs()
   {
+    if (!kept.empty())
+      note_leaving();
     // The last reference may go here, and the destructor of a job logs.
     kept.clear();
     if (log) {
@@ -80,13 +126,16 @@ unsigned count_holds()
 
 bool wait_no_holds(int64_t timeout_msec)
 {
-  Hold_Count& all = holds();
-  std::unique_lock<std::mutex> guard(all.mutex);
-  const auto none = [&all] { return all.count == 0; };
-  if (timeout_msec < 0) {
-    all.changed.wait(guard, none);
-    return true;
+  {
+    Hold_Count& all = holds();
+    std::unique_lock<std::mutex> guard(all.mutex);
+    const auto none = [&all] { return all.count == 0; };
+    if (timeout_msec < 0)
+      all.changed.wait(guard, none);
+    else if (!all.changed.wait_for(guard, std::chrono::milliseconds(timeout_msec), none))
+      return false;
   }
-  return all.changed.wait_for(guard, std::chrono::milliseconds(timeout_msec), none);
+  wait_leaving();
+  return true;
 }
 } // namespace kestrel

@@ -18,5 +18,7 @@ void release_from_thread(const Job* job);
 /// How many holds of any job there are.
 void count_hold(int change);
 unsigned count_holds();
+/// Waits until there is none (false when the time is over first), and then until the threads that kept some
+/// are gone, with everything that libraries destroy at a thread's end.
 bool wait_no_holds(int64_t timeout_msec);
 } // namespace kestrel

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <pthread.h>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -98,6 +99,26 @@ TEST_F(Job_Lifetime, an_unload_waits_for_the_thread_and_not_only_for_the_end_of_
   }
   EXPECT_TRUE(Job::wait_all_runs(30000));
   EXPECT_TRUE(thread_over);
+}
+
+TEST_F(Job_Lifetime, an_unload_waits_for_what_libraries_destroy_at_the_end_of_the_thread)
+{
+  static std::atomic<bool> destroyed;
+  destroyed = false;
+  pthread_key_t key;
+  ASSERT_EQ(0, ::pthread_key_create(&key, [](void*) {
+              nap(50);
+              destroyed = true;
+            }));
+  script_.work = [&](Job&) { return ::pthread_setspecific(key, &key) == 0; };
+  {
+    const Job_Ptr job = make_counted_job();
+    ASSERT_EQ(0, job->start());
+    ASSERT_TRUE(job->wait_end(30000));
+  }
+  EXPECT_TRUE(Job::wait_all_runs(30000));
+  EXPECT_TRUE(destroyed);
+  EXPECT_EQ(0, ::pthread_key_delete(key));
 }
 
 TEST_F(Job_Lifetime, a_start_that_fails_leaves_nothing_behind)

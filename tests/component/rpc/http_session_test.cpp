@@ -21,8 +21,9 @@ public:
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
     EXPECT_EQ(0, ::bind(socket_.get(), reinterpret_cast<sockaddr*>(&address), length));
-    if (listening)
+    if (listening) {
       EXPECT_EQ(0, ::listen(socket_.get(), 1));
+    }
     EXPECT_EQ(0, ::getsockname(socket_.get(), reinterpret_cast<sockaddr*>(&address), &length));
     number_ = ntohs(address.sin_port);
   }
