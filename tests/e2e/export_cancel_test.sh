@@ -65,4 +65,19 @@ said "waiting for another job on the same instance to end"
 wait "$physical" || fail "the backup failed: $(cat "$work/backup.err")"
 run 0 "$kestrel" verify
 nothing_on_the_way
+
+if [ "$(id -u)" -eq 0 ]; then
+  note "an export whose dump files fill the disk"
+  run 0 "$kestrel" --json backups
+  exports=$(value '.exports | length')
+  mkdir -p "$KESTREL_ROOT/var/cache/tarnvik/kestrel3/oscar"
+  mount -t tmpfs -o size=8m tmpfs "$KESTREL_ROOT/var/cache/tarnvik/kestrel3/oscar"
+  run 1 "$kestrel" export "$one" --compression none
+  said "No space left on device"
+  nothing_on_the_way
+  umount "$KESTREL_ROOT/var/cache/tarnvik/kestrel3/oscar"
+  run 0 "$kestrel" --json backups
+  equal "$(value '.exports | length')" "$exports" "exports after a full disk"
+  run 0 "$kestrel" export "$one/$one/SALES/ORDERS"
+fi
 echo "all right"

@@ -24,7 +24,7 @@ cleanup() {
   trap - EXIT
   local place
   for place in "${places[@]}"; do "$lab" destroy "${place%/*}" "${place##*/}" >/dev/null 2>&1 || true; done
-  ! mountpoint -q "$work/tmpfs" 2>/dev/null || umount -l "$work/tmpfs"
+  awk -v below="$work/" 'index($2, below) == 1 {print $2}' /proc/mounts | xargs -r umount -l
   if [ "$status" -ne 0 ] && [ -n "${KESTREL_KEEP:-}" ]; then
     echo "kept: $work" >&2
   else
