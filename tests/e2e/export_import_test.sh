@@ -14,6 +14,7 @@ for _ in 1 2 3 4 5; do
   "$lab" destroy "$home" "$other" >/dev/null
 done
 instances+=("$other")
+places+=("$home/$other")
 make_site
 
 sql() { "$lab" sql "$home" "$1" "$2"; }
