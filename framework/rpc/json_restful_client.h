@@ -9,8 +9,7 @@
 class HTTP_Request
 {
 public:
-  static constexpr int JSON_POST = 9;   ///< POST with a JSON body
-  static constexpr int CGI_REQUEST = 3; ///< what CGI_Request makes
+  static constexpr int JSON_POST = 9; ///< POST with a JSON body
 
   /// `path` is absolute and without a host; `identified` adds the headers that tell the server which agent
   /// asks.
