@@ -3,6 +3,8 @@
 #include "base/log.h"
 #include "jobs/job_log.h"
 
+#include <ace/Log_Msg.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -66,9 +68,15 @@ void wait_leaving()
     threads.swap(all.leaving);
   }
   const auto limit = std::chrono::steady_clock::now() + LEAVING_LIMIT;
-  for (const pid_t thread : threads)
-    while (thread != this_thread() && thread_exists(thread) && std::chrono::steady_clock::now() < limit)
+  for (const pid_t thread : threads) {
+    if (thread == this_thread())
+      continue;
+    while (thread_exists(thread) && std::chrono::steady_clock::now() < limit)
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (thread_exists(thread))
+      ACE_ERROR(
+          (LM_WARNING, "(%P|%t) thread %d of a job does not end; nothing waits for it any longer\n", thread));
+  }
 }
 
 struct Thread_Jobs {
