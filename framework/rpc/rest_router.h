@@ -1,0 +1,142 @@
+#pragma once
+
+#include "json/value.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace kestrel
+{
+/// Who sent a request, as the authentication found out.
+struct REST_Caller {
+  enum Kind { nobody, user, agent };
+  Kind kind = nobody;
+  std::string name;    ///< of the user or of the host
+  std::string uuid;    ///< of the host, for an agent
+  std::string role;    ///< "viewer", "operator" or "admin" for a user, "agent" for an agent
+  std::string address; ///< numeric address of the client, without the port
+};
+
+/// Who may use a resource. A role includes the ones below it: viewer < operator < admin.
+enum class REST_Access {
+  anyone, ///< also without signing in
+  viewer,
+  operator_,
+  admin,
+  agent, ///< agents only; no user, whatever the role
+  agent_or_viewer,
+  agent_or_operator
+};
+
+/// Whether the caller may use what needs `least`.
+bool rest_access_allowed(REST_Access least, const REST_Caller& caller);
+
+/// One request. The server fills method, headers, body and caller.address; the router everything else.
+struct REST_Request {
+  std::string method;
+  std::string path;                           ///< percent-decoded, without the query
+  std::vector<std::string> parts;             ///< the path's segments, each percent-decoded: may hold a '/'
+  std::map<std::string, std::string> query;   ///< decoded; of a name that occurs twice, the last
+  std::map<std::string, std::string> vars;    ///< what stood for each {name} of the pattern, never empty
+  std::map<std::string, std::string> headers; ///< names in lower case
+  std::string body;
+  REST_Caller caller;
+  json_spirit::Value json; ///< the parsed body; null when there is none or the resource takes raw bytes
+
+  /// A whole number of the query. Errors: throws REST_Error 400 when it is none or outside of the limits.
+  int64_t query_number(const std::string& name, int64_t otherwise, int64_t least, int64_t most) const;
+  /// The text of the query, `otherwise` when it is not there.
+  std::string query_text(const std::string& name, const std::string& otherwise = std::string()) const;
+};
+
+/// The answer. Without `json` and `raw` the body is empty. With `content_type` the body is `raw`, else
+/// `json`.
+struct REST_Reply {
+  int status = 200;
+  json_spirit::Value json;
+  std::string content_type;
+  std::string raw;
+  std::map<std::string, std::string> headers;
+  /// Called once on a worker thread when the reply was written to the connection or could not be.
+  std::function<void()> after_sent;
+  /// What the audit says about the request: short, without secrets. Method and path stand there anyway.
+  std::string audit;
+};
+
+/// Thrown by handlers to end a request with an error that is complete for the user.
+class REST_Error : public std::runtime_error
+{
+public:
+  REST_Error(int status, std::string code, const std::string& message)
+      : std::runtime_error(message), status_(status), code_(std::move(code))
+  {
+  }
+  int status() const { return status_; }
+  const std::string& code() const { return code_; }
+
+private:
+  int status_;
+  std::string code_;
+};
+
+/// {"error":{"code":...,"message":...}}. The message says what, where, and what to do.
+REST_Reply rest_error(int status, const std::string& code, const std::string& message);
+
+/// Leads requests to the handlers of their resources: checks path, method, role and body before the handler
+/// sees them, and turns what a handler throws into a reply.
+/// Threads:   add() and the setters before the first request; handle() from any number of threads.
+/// Ownership: owns the handlers; what they refer to must outlive the router.
+/// Errors:    handle() never throws. A REST_Error of a handler becomes its reply, std::runtime_error 400 (the
+///            accessors of JSON values throw it), any other exception 500 without its text.
+class REST_Router
+{
+public:
+  typedef std::function<REST_Reply(REST_Request&)> Handler;
+
+  struct Route_Options {
+    bool raw_body = false;    ///< takes bytes of any type; the body is not parsed
+    bool changes = true;      ///< false: a POST that only asks, never audited. A GET never is.
+    bool quiet_audit = false; ///< only failures are audited: for what agents send by themselves, often
+  };
+
+  /// Whoever the headers name: fills `caller` and returns true, also for nobody when no credential was sent.
+  /// False: the credential is not valid; the request is answered with 401 and `problem` as its text.
+  typedef std::function<bool(const REST_Request&, REST_Caller& caller, std::string& problem)> Authenticator;
+  /// One request that changed something, or tried to.
+  typedef std::function<void(const REST_Request&, int status, const std::string& what)> Auditor;
+  /// Every request: pattern is "" when none matched.
+  typedef std::function<void(const std::string& method, const std::string& pattern, int status,
+                             double seconds)>
+      Observer;
+
+  REST_Router();
+  ~REST_Router();
+  REST_Router(const REST_Router&) = delete;
+  REST_Router& operator=(const REST_Router&) = delete;
+
+  /// `pattern` is like "/k2/r/hosts/{host}". A last segment "{name...}" takes one or more segments, joined by
+  /// '/'. Of several patterns that match, the one with the earliest literal segment wins.
+  void add(const char* method, const char* pattern, REST_Access least, Handler handler);
+  void add(const char* method, const char* pattern, REST_Access least, Handler handler,
+           Route_Options options);
+
+  void set_authenticator(Authenticator authenticator);
+  void set_auditor(Auditor auditor);
+  void set_observer(Observer observer);
+
+  /// Answers one request. `target` is the path with the query as it came in the request line.
+  REST_Reply handle(REST_Request& request, const std::string& target) const;
+
+private:
+  struct State;
+  const std::unique_ptr<State> state_;
+};
+
+/// Splits the target of a request into path, parts and query. False with `problem` for a target that does not
+/// begin with '/', holds a bad escape, a zero byte, invalid UTF-8, an empty or a dot segment.
+[[nodiscard]] bool parse_rest_target(const std::string& target, REST_Request& request, std::string& problem);
+} // namespace kestrel

@@ -1,1 +1,0 @@
-#include "server/server_limits.h"
