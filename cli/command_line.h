@@ -1,32 +1,29 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace kestrel
 {
-enum class Command {
-  none,
-  instances,
-  login,
-  pool_add,
-  pool_list,
-  pool_remove,
-  backup,
-  backups,
-  show,
-  verify,
-  restore,
-  export_objects,
-  import_object,
-  run
+class Session;
+struct Command_Line;
+
+/// What a command does. Which of the functions are there says how the command can be given; each returns the
+/// exit code of the process.
+struct Command_Actions {
+  /// In this process, on this host.
+  std::function<int(Session&)> embedded;
+  /// Without module, catalog or server: the command does everything itself.
+  std::function<int(const Command_Line&)> standalone;
 };
 
 /// What the user asked for, checked for form only.
 struct Command_Line {
-  Command command = Command::none;
+  std::string command; ///< its words: "pool add"
+  Command_Actions actions;
   std::string root;
   bool json = false;
   bool verbose = false;
@@ -56,4 +53,7 @@ struct Command_Line {
 /// Returns true when there is a command to run; otherwise `exit_code` is what the process must end with
 /// (0 after help and version, 2 after a usage error).
 bool parse_command_line(int argc, char** argv, Command_Line& line, int& exit_code);
+
+/// Carries the command out. Returns the exit code of the process.
+int run_command(const Command_Line& line);
 } // namespace kestrel

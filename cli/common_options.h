@@ -1,0 +1,17 @@
+#pragma once
+
+#include "cli/command_line.h"
+
+namespace CLI
+{
+class App;
+}
+
+namespace kestrel
+{
+/// What BACKUP means in help texts.
+extern const char* const backup_reference_help;
+
+/// --pool, --compression, --compression-level and --rate-limit of commands that store something.
+void add_storage_options(CLI::App& command, Command_Line& line);
+} // namespace kestrel

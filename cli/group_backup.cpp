@@ -1,0 +1,80 @@
+#include "cli/command_groups.h"
+#include "cli/common_options.h"
+#include "cli/session.h"
+
+#include <CLI/CLI.hpp>
+
+#include <map>
+
+namespace kestrel
+{
+namespace
+{
+/// Accepts the long names of levels and turns them into the short ones.
+CLI::Validator backup_level()
+{
+  const std::map<std::string, std::string> names = {
+      {"incremental", "incr"}, {"differential", "diff"}, {"cumulative", "diff"}};
+  return CLI::Validator(
+      [names](std::string& level) {
+        const auto found = names.find(level);
+        if (found != names.end())
+          level = found->second;
+        return level == "full" || level == "incr" || level == "diff"
+                   ? std::string()
+                   : "'" + level + "' is not a level; there are full, incr and diff";
+      },
+      "full|incr|diff");
+}
+
+void add_backup(Command_Registry& registry)
+{
+  Command_Line& line = registry.line();
+  CLI::App& backup = registry.add("backup", "Back an instance up", {run_backup, nullptr});
+  backup.add_option("INSTANCE", line.instance, "name of the instance")->required();
+  backup
+      .add_option("--level", line.level,
+                  "everything (full), what changed since the last backup (incr) or since the "
+                  "last full one (diff)")
+      ->transform(backup_level())
+      ->capture_default_str();
+  add_storage_options(backup, line);
+}
+
+void add_verify(Command_Registry& registry)
+{
+  Command_Line& line = registry.line();
+  CLI::App& verify =
+      registry.add("verify", "Read every stored byte of backups the way a restore does and check it",
+                   {run_verify, nullptr});
+  CLI::Option* named = verify.add_option("BACKUP", line.names,
+                                         std::string(backup_reference_help) +
+                                             "; with what they build on; every chain when none is named");
+  verify.add_flag("--all", line.all, "every chain")->excludes(named);
+  verify.add_option("--instance", line.instance,
+                    "only backups of this instance; the one that 'latest' refers to");
+}
+} // namespace
+
+void add_backup_commands(Command_Registry& registry)
+{
+  Command_Line& line = registry.line();
+  add_backup(registry);
+
+  CLI::App& backups = registry.add("backups", "List backups, newest first", {run_backups, nullptr});
+  backups.add_option("INSTANCE", line.instance, "only those of this instance");
+  backups.add_option("--limit", line.limit, "the newest N only; 0 lists all")->capture_default_str();
+
+  CLI::App& show = registry.add("show", "Show one backup in full", {run_show, nullptr});
+  show.add_option("BACKUP", line.names, backup_reference_help)->required()->expected(1);
+  show.add_option("--instance", line.instance, "instance that 'latest' refers to");
+
+  add_verify(registry);
+
+  CLI::App& restore = registry.add("restore", "Restore an instance from a backup", {run_restore, nullptr});
+  restore.add_option("BACKUP", line.names, backup_reference_help)->required()->expected(1);
+  restore.add_option("--instance", line.instance, "instance that 'latest' refers to");
+  restore.add_option("--pool", line.pool, "read the stored files from this pool");
+  restore.add_flag("--yes,-y", line.assume_yes, "do not ask");
+}
+} // namespace kestrel
