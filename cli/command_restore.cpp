@@ -156,7 +156,7 @@ int run_definition_file(Session& session)
   json_spirit::Object json;
   set_value(json, "definition", definition->id());
   set_value(json, "name", definition->name());
-  set_value(json, "state", job_state_to_string(job.run.state));
+  set_value(json, "state", job_state_text(job.run.state));
   set_value(json, "duration_msec", job.duration_msec);
   set_value(json, "log", job.run.log_path);
   session.result(json, "Job " + name + " is done in " + format_duration(job.duration_msec / 1000) + ".\n");

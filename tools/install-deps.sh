@@ -8,7 +8,7 @@ packages=(
   libace-dev libboost-dev libboost-regex-dev libyajl-dev
   libzstd-dev liblz4-dev zlib1g-dev libxxhash-dev libssl-dev libarchive-dev
   libsoci-dev libsqlite3-dev libpq-dev
-  libcli11-dev libtomlplusplus-dev libcurl4-openssl-dev prometheus-cpp-dev
+  libcli11-dev libtomlplusplus-dev libcurl4-openssl-dev prometheus-cpp-dev libcctz-dev tzdata
   libgtest-dev libgmock-dev libbenchmark-dev
   postgresql-15 postgresql-client-15
   zstd lz4 gzip sqlite3 jq python3 procps bsdextrautils iproute2

@@ -116,51 +116,27 @@ std::string take_uuid(const Object& object, const char* key)
   return value;
 }
 
-struct Name {
-  const char* name;
-  int value;
-};
-
-const Name type_names[] = {{"none", JOB_DEFINITION_NONE},
-                           {"backup", JOB_DEFINITION_BACKUP},
-                           {"restore", JOB_DEFINITION_RESTORE},
-                           {"standby", JOB_DEFINITION_STANDBY},
-                           {"storage", JOB_DEFINITION_STORAGE}};
-
-const Name subtype_names[] = {{"none", JOB_DEFINITION_SUBTYPE_NONE},
-                              {"full", JOB_DEFINITION_SUBTYPE_FULL},
-                              {"incr", JOB_DEFINITION_SUBTYPE_INCREMENTAL},
-                              {"incremental", JOB_DEFINITION_SUBTYPE_INCREMENTAL},
-                              {"diff", JOB_DEFINITION_SUBTYPE_CUMULATIVE},
-                              {"differential", JOB_DEFINITION_SUBTYPE_CUMULATIVE},
-                              {"cumulative", JOB_DEFINITION_SUBTYPE_CUMULATIVE},
-                              {"export", JOB_DEFINITION_SUBTYPE_EXPORT},
-                              {"point_in_time", JOB_DEFINITION_SUBTYPE_POINT_IN_TIME},
-                              {"import", JOB_DEFINITION_SUBTYPE_IMPORT}};
-
-/// A name of the table, or any number: newer ones must survive.
-template <std::size_t count>
-int take_choice(const Object& object, const char* key, const Name (&names)[count])
+/// A name that `find` knows, or any number: newer ones must survive.
+template <class Enum>
+Enum take_choice(const Object& object, const char* key, bool (*find)(const std::string&, Enum&),
+                 std::string (*list_names)())
 {
   const Value& value = find_value(object, key);
-  std::string known;
   if (value.type() == json_spirit::int_type) {
     const int64_t number = value.is_uint64() ? -1 : value.get_int64();
     if (number < 0 || number > INT_MAX) {
       refuse(key, "the number is out of range");
     }
-    return static_cast<int>(number);
+    return static_cast<Enum>(number);
   }
   if (value.type() != json_spirit::str_type) {
     refuse(key, "must be a name or a number");
   }
-  for (const Name& name : names) {
-    if (value.get_str() == name.name) {
-      return name.value;
-    }
-    known += known.empty() ? name.name : std::string(", ") + name.name;
+  Enum chosen{};
+  if (!find(value.get_str(), chosen)) {
+    refuse(key, "unknown name; known are " + list_names());
   }
-  refuse(key, "unknown name; known are " + known);
+  return chosen;
 }
 
 Job_Target take_target(const Object& object)
@@ -370,9 +346,9 @@ bool Job_Definition_Loader::load(const std::string& text, Job_Definition_Ptr& ou
     if (find_value(object, "type").is_null()) {
       refuse("type", "is missing");
     }
-    fields.type = static_cast<Job_Definition_Type>(take_choice(object, "type", type_names));
+    fields.type = take_choice(object, "type", job_def_type_from_text, job_def_type_names);
     if (!find_value(object, "subtype").is_null()) {
-      fields.subtype = static_cast<Job_Definition_Subtype>(take_choice(object, "subtype", subtype_names));
+      fields.subtype = take_choice(object, "subtype", job_def_subtype_from_text, job_def_subtype_names);
     }
     take_plain_fields(object, fields);
     load_documents(object, fields);

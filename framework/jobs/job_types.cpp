@@ -22,6 +22,72 @@ const char* job_def_subtype_to_string(Job_Definition_Subtype subtype)
 
 namespace kestrel
 {
+namespace
+{
+struct Name {
+  const char* name;
+  int value;
+};
+
+const Name type_names[] = {{"none", JOB_DEFINITION_NONE},
+                           {"backup", JOB_DEFINITION_BACKUP},
+                           {"restore", JOB_DEFINITION_RESTORE},
+                           {"standby", JOB_DEFINITION_STANDBY},
+                           {"storage", JOB_DEFINITION_STORAGE}};
+
+const Name subtype_names[] = {{"none", JOB_DEFINITION_SUBTYPE_NONE},
+                              {"full", JOB_DEFINITION_SUBTYPE_FULL},
+                              {"incr", JOB_DEFINITION_SUBTYPE_INCREMENTAL},
+                              {"incremental", JOB_DEFINITION_SUBTYPE_INCREMENTAL},
+                              {"diff", JOB_DEFINITION_SUBTYPE_CUMULATIVE},
+                              {"differential", JOB_DEFINITION_SUBTYPE_CUMULATIVE},
+                              {"cumulative", JOB_DEFINITION_SUBTYPE_CUMULATIVE},
+                              {"export", JOB_DEFINITION_SUBTYPE_EXPORT},
+                              {"point_in_time", JOB_DEFINITION_SUBTYPE_POINT_IN_TIME},
+                              {"import", JOB_DEFINITION_SUBTYPE_IMPORT}};
+
+template <class Enum, std::size_t count>
+bool find_name(const Name (&names)[count], const std::string& text, Enum& value)
+{
+  for (const Name& name : names) {
+    if (text == name.name) {
+      value = static_cast<Enum>(name.value);
+      return true;
+    }
+  }
+  return false;
+}
+
+template <std::size_t count> std::string list_names(const Name (&names)[count])
+{
+  std::string list;
+  for (const Name& name : names) {
+    list += list.empty() ? name.name : std::string(", ") + name.name;
+  }
+  return list;
+}
+} // namespace
+
+bool job_def_type_from_text(const std::string& text, Job_Definition_Type& type)
+{
+  return find_name(type_names, text, type);
+}
+
+bool job_def_subtype_from_text(const std::string& text, Job_Definition_Subtype& subtype)
+{
+  return find_name(subtype_names, text, subtype);
+}
+
+std::string job_def_type_names()
+{
+  return list_names(type_names);
+}
+
+std::string job_def_subtype_names()
+{
+  return list_names(subtype_names);
+}
+
 const char* job_def_type_to_string(Job_Definition_Type type)
 {
   switch (type) {
@@ -40,17 +106,33 @@ const char* job_def_type_to_string(Job_Definition_Type type)
   }
 }
 
-const char* job_state_to_string(Job_State state)
+namespace
 {
-  static const char* const names[] = {"none",        "idle",     "starting",   "running",
-                                      "pausing",     "paused",   "completing", "completed",
-                                      "canceling",   "canceled", "error",      "created",
-                                      "updated",     "deleting", "deleted",    "completed with errors",
-                                      "dispatching", "skipped",  "expired",    "disabled",
-                                      "aborting",    "creating", "syncing",    "switching",
-                                      "activating",  "opening"};
+const char* const state_names[] = {"none",        "idle",     "starting",   "running",
+                                   "pausing",     "paused",   "completing", "completed",
+                                   "canceling",   "canceled", "error",      "created",
+                                   "updated",     "deleting", "deleted",    "completed with errors",
+                                   "dispatching", "skipped",  "expired",    "disabled",
+                                   "aborting",    "creating", "syncing",    "switching",
+                                   "activating",  "opening"};
+constexpr unsigned state_count = sizeof state_names / sizeof state_names[0];
+} // namespace
+
+const char* job_state_text(Job_State state)
+{
   const unsigned index = static_cast<unsigned>(state);
-  return index < sizeof names / sizeof names[0] ? names[index] : "unknown";
+  return index < state_count ? state_names[index] : "unknown";
+}
+
+bool job_state_from_text(const std::string& text, Job_State& state)
+{
+  for (unsigned index = 0; index < state_count; ++index) {
+    if (text == state_names[index]) {
+      state = static_cast<Job_State>(index);
+      return true;
+    }
+  }
+  return false;
 }
 
 bool job_run_in_progress(Job_State state)

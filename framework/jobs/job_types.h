@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 /// Job enumerations. The values travel (job documents, activity records, catalog), so they never change; the
 /// fixed underlying type keeps values that this version does not know.
 
@@ -57,9 +59,18 @@ namespace kestrel
 {
 /// The word for a state in messages and on the console, such as "running"; "unknown" for a value not listed
 /// above.
-const char* job_state_to_string(Job_State state);
+const char* job_state_text(Job_State state);
+/// The state that job_state_text() calls so; false, with `state` untouched, when there is none.
+[[nodiscard]] bool job_state_from_text(const std::string& text, Job_State& state);
 /// "none", "backup", "restore", "standby", "storage"; "unknown" for every other value.
 const char* job_def_type_to_string(Job_Definition_Type type);
+/// The type or subtype with this name; false, with the result untouched, when there is none. Subtypes have
+/// longer names too ("incremental", "differential", "cumulative", "point_in_time").
+[[nodiscard]] bool job_def_type_from_text(const std::string& text, Job_Definition_Type& type);
+[[nodiscard]] bool job_def_subtype_from_text(const std::string& text, Job_Definition_Subtype& subtype);
+/// The names that the two know, as a list for messages.
+std::string job_def_type_names();
+std::string job_def_subtype_names();
 /// True for a state that only a run under way has.
 bool job_run_in_progress(Job_State state);
 } // namespace kestrel

@@ -143,11 +143,11 @@ void Tool_Watch::State::terminate(int64_t silence_msec)
     ACE_ERROR((LM_WARNING,
                "(%P|%t) Tool_Watch: job %C is %C, but %C has been silent for %q seconds: terminating its "
                "process group\n",
-               job.definition().id().c_str(), job_state_to_string(job.state()), tool.c_str(),
+               job.definition().id().c_str(), job_state_text(job.state()), tool.c_str(),
                silence_msec / 1000));
   } else {
     ACE_DEBUG((LM_INFO, "(%P|%t) Tool_Watch: job %C is %C: terminating %C and its process group\n",
-               job.definition().id().c_str(), job_state_to_string(job.state()), tool.c_str()));
+               job.definition().id().c_str(), job_state_text(job.state()), tool.c_str()));
   }
   if (handler.terminate(TERMINATE_SECONDS) == 0) {
     // Ending a tool that works is what the user asked for; ending a hung one tells of a problem.

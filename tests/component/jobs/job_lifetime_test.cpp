@@ -220,7 +220,7 @@ TEST_F(Job_Lifetime, requests_race_with_the_end_of_the_run)
     ASSERT_TRUE(job->wait_end(30000));
     const Job_State state = job->state();
     EXPECT_TRUE(state == JOB_STATE_COMPLETED || state == JOB_STATE_CANCELED)
-        << kestrel::job_state_to_string(state);
+        << kestrel::job_state_text(state);
   }
   // Between a start and the next one there is exactly one end, and every state is told before it.
   EXPECT_EQ(0u, recorder_.lines().back().find("end "));

@@ -131,7 +131,7 @@ TEST_F(Job_Scripts, that_hang_are_ended_once_their_job_is_canceled)
       clock_.advance_msec(1000);
       return !job_->running();
     }));
-    EXPECT_EQ(each.end, job_->state()) << kestrel::job_state_to_string(job_->state());
+    EXPECT_EQ(each.end, job_->state()) << kestrel::job_state_text(job_->state());
     EXPECT_TRUE(log_.expect(LM_WARNING, "but script has been silent for "));
     EXPECT_TRUE(log_.expect(LM_WARNING, "script has been terminated"));
     const pid_t shell = std::stoi(read_file(root_ / "shell"));

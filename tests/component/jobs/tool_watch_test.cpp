@@ -78,7 +78,7 @@ TEST_F(Tool_Watch_Of_A_Tool, terminates_a_silent_tool_of_a_cancelled_job)
     EXPECT_TRUE(watch.fired());
     EXPECT_EQ(-1, finish());
     EXPECT_TRUE(log.expect(
-        LM_WARNING, std::string("job ") + DEFINITION_ID + " is " + kestrel::job_state_to_string(state) +
+        LM_WARNING, std::string("job ") + DEFINITION_ID + " is " + kestrel::job_state_text(state) +
                         ", but brcmd has been silent for 61 seconds: terminating its process group"));
     EXPECT_TRUE(log.expect(LM_WARNING, "brcmd has been terminated"));
   }

@@ -126,12 +126,12 @@ TEST_F(Job_Reports, alerts_belong_to_one_run_and_do_not_grow_without_end)
 
 TEST(Job_Words, name_every_state_type_and_level)
 {
-  EXPECT_STREQ("none", kestrel::job_state_to_string(JOB_STATE_NONE));
-  EXPECT_STREQ("completed with errors", kestrel::job_state_to_string(JOB_STATE_COMPLETED_WITH_ERRORS));
-  EXPECT_STREQ("opening", kestrel::job_state_to_string(JOB_STATE_OPENING));
-  EXPECT_STREQ("aborting", kestrel::job_state_to_string(JOB_STATE_ABORTING));
-  EXPECT_STREQ("unknown", kestrel::job_state_to_string(static_cast<Job_State>(26)));
-  EXPECT_STREQ("unknown", kestrel::job_state_to_string(static_cast<Job_State>(-1)));
+  EXPECT_STREQ("none", kestrel::job_state_text(JOB_STATE_NONE));
+  EXPECT_STREQ("completed with errors", kestrel::job_state_text(JOB_STATE_COMPLETED_WITH_ERRORS));
+  EXPECT_STREQ("opening", kestrel::job_state_text(JOB_STATE_OPENING));
+  EXPECT_STREQ("aborting", kestrel::job_state_text(JOB_STATE_ABORTING));
+  EXPECT_STREQ("unknown", kestrel::job_state_text(static_cast<Job_State>(26)));
+  EXPECT_STREQ("unknown", kestrel::job_state_text(static_cast<Job_State>(-1)));
   EXPECT_STREQ("restore", kestrel::job_def_type_to_string(JOB_DEFINITION_RESTORE));
   EXPECT_STREQ("full", job_def_subtype_to_string(JOB_DEFINITION_SUBTYPE_FULL));
   EXPECT_STREQ("incr", job_def_subtype_to_string(JOB_DEFINITION_SUBTYPE_INCREMENTAL));
@@ -140,5 +140,18 @@ TEST(Job_Words, name_every_state_type_and_level)
   EXPECT_STREQ("import", job_def_subtype_to_string(JOB_DEFINITION_SUBTYPE_IMPORT));
   EXPECT_STREQ("none", job_def_subtype_to_string(JOB_DEFINITION_SUBTYPE_NONE));
   EXPECT_STREQ("unknown", job_def_subtype_to_string(static_cast<Job_Definition_Subtype>(35)));
+}
+
+TEST(Job_Types, finds_every_state_by_its_word)
+{
+  for (int number = JOB_STATE_NONE; number <= JOB_STATE_OPENING; ++number) {
+    Job_State state = JOB_STATE_NONE;
+    ASSERT_TRUE(kestrel::job_state_from_text(kestrel::job_state_text(static_cast<Job_State>(number)), state));
+    EXPECT_EQ(number, state);
+  }
+  Job_State untouched = JOB_STATE_PAUSED;
+  EXPECT_FALSE(kestrel::job_state_from_text("unknown", untouched));
+  EXPECT_FALSE(kestrel::job_state_from_text("", untouched));
+  EXPECT_EQ(JOB_STATE_PAUSED, untouched);
 }
 } // namespace kestrel_test

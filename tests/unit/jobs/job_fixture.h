@@ -180,7 +180,7 @@ public:
   }
   void handle_state(const kestrel::Job_State_Event& event) override
   {
-    note(std::string("state ") + kestrel::job_state_to_string(event.state()));
+    note(std::string("state ") + kestrel::job_state_text(event.state()));
   }
   void handle_alert(const kestrel::Job_Alert_Event& event) override
   {
@@ -188,7 +188,7 @@ public:
   }
   void handle_outcome(const kestrel::Job_Outcome_Event& event) override
   {
-    std::string line = std::string("outcome ") + kestrel::job_state_to_string(event.state());
+    std::string line = std::string("outcome ") + kestrel::job_state_text(event.state());
     if (event.state() == JOB_STATE_ERROR) {
       line += " " + std::to_string(event.code()) + " \"" + event.text() + "\"";
     }
@@ -196,7 +196,7 @@ public:
   }
   void handle_end(const kestrel::Job_End_Event& event) override
   {
-    note(std::string("end ") + kestrel::job_state_to_string(event.state()));
+    note(std::string("end ") + kestrel::job_state_text(event.state()));
   }
 
   /// Everything that was put so far.
