@@ -61,8 +61,9 @@ struct REST_Reply {
   std::string content_type;
   std::string raw;
   std::map<std::string, std::string> headers;
-  /// Called once on a worker thread when the reply was written to the connection or could not be.
-  std::function<void()> after_sent;
+  /// Called once on a worker thread when the reply was written to the connection, or with false when it could
+  /// not be: a client that never saw its answer waits for nothing that was to follow.
+  std::function<void(bool written)> after_sent;
   /// What the audit says about the request: short, without secrets. Method and path stand there anyway.
   std::string audit;
 };
