@@ -56,15 +56,17 @@ Arguments::Arguments(int argc, char* const* argv, const std::vector<Option>& kno
         throw Usage_Failure(std::string("option ") + option->name + " needs a value");
       value = argv[i];
     }
-    if (!values_.emplace(option->name, value).second)
+    std::vector<std::string>& values = values_[option->name];
+    if (!values.empty() && !option->repeats)
       throw Usage_Failure(std::string("option ") + option->name + " is given twice");
+    values.push_back(value);
   }
 }
 
 std::string Arguments::value(const std::string& name, const std::string& fallback) const
 {
   const auto found = values_.find(name);
-  return found == values_.end() ? fallback : found->second;
+  return found == values_.end() ? fallback : found->second.front();
 }
 
 const std::string& Arguments::required(const std::string& name) const
@@ -72,9 +74,15 @@ const std::string& Arguments::required(const std::string& name) const
   const auto found = values_.find(name);
   if (found == values_.end())
     throw Usage_Failure("option " + name + " is missing");
-  if (found->second.empty())
+  if (found->second.front().empty())
     throw Usage_Failure("option " + name + " has an empty value");
-  return found->second;
+  return found->second.front();
+}
+
+std::vector<std::string> Arguments::values(const std::string& name) const
+{
+  const auto found = values_.find(name);
+  return found == values_.end() ? std::vector<std::string>() : found->second;
 }
 
 void Arguments::only(const std::set<std::string>& allowed, const std::string& situation) const

@@ -14,6 +14,7 @@ namespace oscar_lab
 struct Option {
   const char* name; // with its dashes
   bool has_value;
+  bool repeats = false; // may be given more than once
 };
 
 class Arguments
@@ -28,12 +29,14 @@ public:
   std::string value(const std::string& name, const std::string& fallback = {}) const;
   /// Throws Usage_Failure when the option is missing or its value is empty.
   const std::string& required(const std::string& name) const;
+  /// All values of an option that repeats, in the order given.
+  std::vector<std::string> values(const std::string& name) const;
   const std::vector<std::string>& operands() const { return operands_; }
   /// Throws Usage_Failure unless exactly the allowed options (and no others) were given.
   void only(const std::set<std::string>& allowed, const std::string& situation) const;
 
 private:
-  std::map<std::string, std::string> values_;
+  std::map<std::string, std::vector<std::string>> values_; // never an empty list
   std::vector<std::string> operands_;
 };
 

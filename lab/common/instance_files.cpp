@@ -10,6 +10,21 @@
 namespace oscar_lab
 {
 
+namespace
+{
+
+constexpr const char* virtual_address_key = "ha_server_ip_address";
+constexpr const char* node_address_key = "ha_node_address";
+
+std::string without_quotes(const std::string& value)
+{
+  const auto begin = value.find_first_not_of('\'');
+  return begin == std::string::npos ? std::string()
+                                    : value.substr(begin, value.find_last_not_of('\'') + 1 - begin);
+}
+
+} // namespace
+
 Instance_Files::Instance_Files(const std::string& oscar_home, const std::string& instance)
     : home(oscar_home), name(to_upper(instance))
 {
@@ -43,6 +58,10 @@ Instance_Conf read_conf(const Instance_Files& files)
       port_seen = true;
     } else if (key == "archivelog") {
       conf.archive_log = to_lower(value) == "on";
+    } else if (key == virtual_address_key) {
+      conf.virtual_address = without_quotes(value);
+    } else if (key == node_address_key) {
+      conf.node_address = without_quotes(value);
     }
   }
   if (!port_seen)
@@ -56,6 +75,21 @@ void write_conf(const Instance_Files& files, const Instance_Conf& conf)
                "# Instance " + files.name + "\nport = " + std::to_string(conf.port) +
                    "\narchivelog = " + (conf.archive_log ? "on" : "off") + "\n",
                0644);
+}
+
+void write_cluster_addresses(const Instance_Files& files, const Instance_Conf& conf)
+{
+  std::string text;
+  for (const std::string& line : split_lines(read_file(files.conf()))) {
+    const std::string key = to_lower(trim(line.substr(0, line.find('='))));
+    if (key != virtual_address_key && key != node_address_key)
+      text += line + "\n";
+  }
+  for (const auto& entry : {std::make_pair(virtual_address_key, conf.virtual_address),
+                            std::make_pair(node_address_key, conf.node_address)})
+    if (!entry.second.empty())
+      text += std::string(entry.first) + " = '" + entry.second + "'\n";
+  replace_file(files.conf(), text, 0644);
 }
 
 std::string path_of_this_program()

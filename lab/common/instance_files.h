@@ -50,10 +50,16 @@ struct Instance_Files {
 struct Instance_Conf {
   std::uint16_t port = 0;
   bool archive_log = false;
+  /// Of a node of a cluster, otherwise empty: the address that the cluster's master holds, and the node's
+  /// own.
+  std::string virtual_address;
+  std::string node_address;
 };
 
 Instance_Conf read_conf(const Instance_Files& files);
 void write_conf(const Instance_Files& files, const Instance_Conf& conf);
+/// Replaces the two addresses and leaves every other line as it is.
+void write_cluster_addresses(const Instance_Files& files, const Instance_Conf& conf);
 
 /// The home that the running tool belongs to: the directory above its bin directory.
 std::string home_of_this_tool();

@@ -12,6 +12,7 @@ namespace oscar_lab
 
 int create_command(const Arguments& arguments);
 int destroy_command(const Arguments& arguments);
+int cluster_command(const Arguments& arguments);
 int load_command(const Arguments& arguments);
 int change_command(const Arguments& arguments);
 int check_command(const Arguments& arguments);

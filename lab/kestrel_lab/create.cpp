@@ -187,7 +187,10 @@ void initialise_cluster(const Instance_Files& files, const Owner& owner)
                "local all osys trust\n"
                "host oscar guest 127.0.0.1/32 trust\n"
                "host all osys 127.0.0.1/32 reject\n"
-               "host all all 127.0.0.1/32 scram-sha-256\n",
+               "host all all 127.0.0.1/32 scram-sha-256\n"
+               // Other nodes of a cluster; without one the server listens on 127.0.0.1 only.
+               "host all osys samenet reject\n"
+               "host all all samenet scram-sha-256\n",
                0600);
   give_to(files.data() + "/pg_hba.conf", owner);
 }

@@ -39,6 +39,13 @@ constexpr const char* usage =
     "             --schema NAME       tables of this schema only, without its name and their places: two\n"
     "                                 schemas with the same rows give the same text; NAME as the database "
     "keeps it\n"
+    "  cluster  --node ID:ADDRESS:STATUS ...   what the instance says of its cluster: one option a node, "
+    "STATUS\n"
+    "             master, slave or another word; replaces what it said before; \"--node none\" leaves no "
+    "node\n"
+    "             --virtual-address A  the address that the master holds; kept when not given\n"
+    "             --address A          the node's own, on which the server listens as well; kept when not "
+    "given\n"
     "  sql      STATEMENT   run a statement as the system user\n"
     "  destroy  stop the server and remove the instance with all its files\n"
     "Without systemd and without the start script, put HOME/systemctl-bin first on the PATH of an agent.\n";
@@ -56,6 +63,9 @@ const std::vector<Option> options = {{"--port", true},
                                      {"--percent", true},
                                      {"--seed", true},
                                      {"--rich", false},
+                                     {"--node", true, true},
+                                     {"--virtual-address", true},
+                                     {"--address", true},
                                      {"--schema", true},
                                      {"--objects", false},
                                      {"--help", false}};
@@ -116,6 +126,8 @@ int run(int argc, char** argv)
     return change_command(arguments);
   if (command == "check")
     return check_command(arguments);
+  if (command == "cluster")
+    return cluster_command(arguments);
   if (command == "destroy")
     return destroy_command(arguments);
   throw Usage_Failure("unknown command");

@@ -27,12 +27,25 @@ namespace
 // After a kill the processes of the old server need a moment to notice.
 constexpr int lock_timeout_msec = 6 * 1000;
 
+/// A node of a cluster also answers on its own address, and on the virtual one whenever it holds that.
+/// Binding an address that the host does not have needs net.ipv4.ip_nonlocal_bind; without it the server
+/// leaves it out.
+std::string listen_addresses(const Instance_Conf& conf)
+{
+  std::string addresses = "127.0.0.1";
+  for (const std::string& address : {conf.node_address, conf.virtual_address})
+    if (!address.empty())
+      addresses += "," + address;
+  return addresses;
+}
+
 std::vector<std::string> server_command(const Instance_Files& files, const Instance_Conf& conf)
 {
   // Paths relative to the data directory, where the server works: no length limit, nothing to quote.
   return {std::string(LAB_POSTGRES_BIN) + "/postgres", "-D", files.data(), "-c",
           "port=" + std::to_string(conf.port), "-c", "oscar.instance=" + files.name, "-c",
-          "recovery_init_sync_method=syncfs", "-c", "unix_socket_directories=../run", "-c",
+          "listen_addresses=" + listen_addresses(conf), "-c", "recovery_init_sync_method=syncfs", "-c",
+          "unix_socket_directories=../run", "-c",
           std::string("archive_mode=") + (conf.archive_log ? "on" : "off"), "-c",
           // Offline backups find changed pages by their position in the log; without this some changes leave
           // none.

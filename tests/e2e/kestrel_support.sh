@@ -23,6 +23,7 @@ cleanup() {
   local status=$?
   trap - EXIT
   local place
+  [ "$(type -t destroy_network)" != function ] || destroy_network
   for place in "${places[@]}"; do "$lab" destroy "${place%/*}" "${place##*/}" >/dev/null 2>&1 || true; done
   awk -v below="$work/" 'index($2, below) == 1 {print $2}' /proc/mounts | xargs -r umount -l
   if [ "$status" -ne 0 ] && [ -n "${KESTREL_KEEP:-}" ]; then

@@ -179,13 +179,32 @@ test_54_names_of_new_schemas_and_tablespaces() {
 }
 
 test_55_cluster_nodes() {
-  isql -c "insert into oscar_sys.ha_node values (1, '10.0.0.1', 'master'), (2, '10.0.0.2', 'slave')" >/dev/null
-  expect_ok isql -c "select NODE_ID,ADDRESS,STATUS from v_sys_ha_slave_info"
+  local words
+  for words in "" "--node 1:10.0.0.1" "--node x:10.0.0.1:master" "--node 1:host:master" "--node 1:10.0.0.1:Mas-ter" \
+    "--node none --address host" "--node none --port 1"; do
+    # shellcheck disable=SC2086
+    expect_status 2 "$lab" cluster "$home" "$instance" $words
+  done
+  expect_status 1 "$lab" cluster "$home" "$instance" --node 1:10.0.0.1:master --node 1:10.0.0.2:slave
+  expect_ok isql -c "select NODE_ID from v_sys_ha_slave_info"
+  expect_match "what a failed change leaves" "\(0 rows\)" "$out"
+  # The second address is free for the server on any Linux; the third belongs to nobody and is left out.
+  expect_ok "$lab" cluster "$home" "$instance" --virtual-address 127.0.0.2 --address 192.0.2.1 \
+    --node 2:10.0.0.2:slave --node 1:10.0.0.1:master
+  expect_match "conf" "ha_server_ip_address = '127.0.0.2'"$'\n'"ha_node_address = '192.0.2.1'" \
+    "$(cat "$home/admin/$instance.conf")"
+  expect_ok "$home/bin/isql" -Usysdba/secret -h127.0.0.2 "-d$instance" -c "select NODE_ID,ADDRESS,STATUS from v_sys_ha_slave_info"
   expect_equal "nodes" " node_id | address  | status
 ---------+----------+--------
        1 | 10.0.0.1 | master
        2 | 10.0.0.2 | slave
 (2 rows)" "$out"
+  local pid
+  pid=$(server_pid)
+  expect_ok "$lab" cluster "$home" "$instance" --node none
+  expect_equal "server after a change of nodes only" "$pid" "$(server_pid)"
+  expect_ok isql -c "select NODE_ID from v_sys_ha_slave_info"
+  expect_match "no nodes" "\(0 rows\)" "$out"
 }
 
 test_60_odd_environment() {
