@@ -6,11 +6,11 @@
 
 namespace kestrel
 {
-std::string pool_name(Session& session, const std::string& pool_id)
+std::string pool_name(Command_Context& context, const std::string& pool_id)
 {
   Pool_Info pool;
   std::string error;
-  return session.host().pools().find(pool_id, pool, error) ? pool.name : pool_id;
+  return context.find_pool(pool_id, pool, error) ? pool.name : pool_id;
 }
 
 const char* state_word(const Backup_Entry& backup)
@@ -32,11 +32,11 @@ json_spirit::Value parent_of(const Backup_Entry& backup)
   return backup.predecessor_id.empty() ? json_spirit::Value() : json_spirit::Value(backup.predecessor_id);
 }
 
-json_spirit::Object json_of_backup(Session& session, const Backup_Entry& backup)
+json_spirit::Object json_of_backup(Command_Context& context, const Backup_Entry& backup)
 {
   json_spirit::Object object;
   set_value(object, "id", backup.id);
-  set_value(object, "instance", session.instance_name(backup.resource_uuid));
+  set_value(object, "instance", context.instance_name(backup.resource_uuid));
   set_value(object, "resource_uuid", backup.resource_uuid);
   set_value(object, "level", backup.level);
   set_value(object, "state", state_word(backup));
@@ -46,7 +46,7 @@ json_spirit::Object json_of_backup(Session& session, const Backup_Entry& backup)
   set_value(object, "size", backup.size);
   set_value(object, "stored_size", backup.stored_size);
   set_value(object, "compression", backup.compression);
-  set_value(object, "pool", pool_name(session, backup.pool_uuid));
+  set_value(object, "pool", pool_name(context, backup.pool_uuid));
   set_value(object, "pool_uuid", backup.pool_uuid);
   set_value(object, "folder", backup.uri);
   set_value(object, "file", backup.file);
@@ -65,10 +65,10 @@ json_spirit::Object json_of_backup(Session& session, const Backup_Entry& backup)
   return object;
 }
 
-bool find_backup(Session& session, const std::string& reference, Backup_Entry& backup)
+bool find_backup(Command_Context& context, const std::string& reference, Backup_Entry& backup)
 {
   std::string resource_uuid;
-  if (!session.resource_of(session.line().instance, resource_uuid))
+  if (!context.resource_of(context.line().instance, resource_uuid))
     return false;
   std::string error;
   if (resolve_backup(reference, resource_uuid, backup, error))
@@ -76,7 +76,7 @@ bool find_backup(Session& session, const std::string& reference, Backup_Entry& b
   Export_Entry exported;
   if (means_export(reference, exported))
     error = exported.id + " is an export; bring it back with: kestrel import " + exported.id;
-  session.fail(error);
+  context.fail(error);
   return false;
 }
 } // namespace kestrel

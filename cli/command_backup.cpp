@@ -1,11 +1,10 @@
 #include "cli/backup_output.h"
 #include "cli/definition_builder.h"
-#include "cli/job_command.h"
 #include "cli/pool_choice.h"
+#include "cli/session.h"
 #include "cli/text_format.h"
 
 #include "agent/backup_catalog.h"
-#include "agent/failure_text.h"
 #include "json/json_util.h"
 
 namespace kestrel
@@ -26,24 +25,23 @@ bool committed_backup(const std::string& resource_uuid, Backup_Entry& backup, st
 }
 
 /// What the user must know of a backup that is not what was asked for, or of no use.
-void warn(Session& session, const Backup_Entry& backup, const std::string& requested_level,
+void warn(Command_Context& context, const Backup_Entry& backup, const std::string& requested_level,
           const std::string& fallback_reason)
 {
   if (!fallback_reason.empty())
-    session.note("A full backup was made in place of the " + requested_level + " one: " + fallback_reason +
+    context.note("A full backup was made in place of the " + requested_level + " one: " + fallback_reason +
                  ".");
   if (backup.chain_length == 0)
-    session.note("This backup cannot be restored: " + backup.chain_problem +
+    context.note("This backup cannot be restored: " + backup.chain_problem +
                  ". Make a full one: kestrel backup INSTANCE --level full");
 }
 
-int show_result(Session& session, const std::string& name, const std::string& pool, const Job_Report& job,
-                const Backup_Entry& backup)
+int show_result(Command_Context& context, const std::string& name, const std::string& pool,
+                const Job_Report& job, const Backup_Entry& backup)
 {
-  const std::string& requested_level = session.line().level;
-  const std::string fallback_reason =
-      backup.level == requested_level ? "" : fallback_from_job_log(job.run.log_path);
-  warn(session, backup, requested_level, fallback_reason);
+  const std::string& requested_level = context.line().level;
+  const std::string fallback_reason = backup.level == requested_level ? "" : context.fallback_reason(job.run);
+  warn(context, backup, requested_level, fallback_reason);
   json_spirit::Object json;
   set_value(json, "backup", backup.id);
   set_value(json, "instance", name);
@@ -61,48 +59,46 @@ int show_result(Session& session, const std::string& name, const std::string& po
   const std::string level =
       backup.level == requested_level ? backup.level : backup.level + ", not " + requested_level;
   const std::string on = backup.predecessor_id.empty() ? "" : " on " + backup.predecessor_id;
-  session.result(json, "Backup " + backup.id + " of " + name + " (" + level + on + "): " +
+  context.result(json, "Backup " + backup.id + " of " + name + " (" + level + on + "): " +
                            format_bytes(backup.size) + ", stored as " + format_bytes(backup.stored_size) +
                            " in " + format_duration(job.duration_msec / 1000) + ".\n");
   return EXIT_CODE_DONE;
 }
 } // namespace
 
-int run_backup(Session& session)
+int run_backup(Command_Context& context)
 {
-  const Command_Line& line = session.line();
-  Instance_Registry::Entry instance;
+  const Command_Line& line = context.line();
+  Known_Instance instance;
   Pool_Info pool;
-  if (!session.find_instance(line.instance, instance) || !choose_target_pool(session, pool))
+  if (!context.find_instance(line.instance, instance) || !choose_target_pool(context, pool))
     return EXIT_CODE_FAILED;
-  const std::string& name = instance.instance.name;
-  if (instance.accounts.empty())
-    return session.fail("there is no account for " + name + "; store one with: kestrel login " + name +
+  const std::string& name = instance.name;
+  if (!instance.has_account)
+    return context.fail("there is no account for " + name + "; store one with: kestrel login " + name +
                         " --user USER");
 
   Backup_Request request;
   request.instance_name = name;
-  request.instance_uuid = instance.instance.uuid;
+  request.instance_uuid = instance.uuid;
   request.pool_id = pool.pool_id;
   request.level = line.level;
   request.compression = line.compression;
   request.compression_level = line.compression_level.value_or(1);
   request.rate_limit_bytes_per_second = line.rate_limit_bytes_per_second;
-  Job_Definition_Ptr definition;
-  std::string error;
-  if (!session.host().loader().load(backup_definition(session.host().identity(), request), definition, error))
-    return session.fail("the backup of " + name + " cannot be defined: " + error);
 
-  session.note("Backing " + name + " up to pool " + pool.name + " (" + line.level + ", " + line.compression +
+  context.note("Backing " + name + " up to pool " + pool.name + " (" + line.level + ", " + line.compression +
                ")");
   const Job_Report job =
-      run_job(session, definition, {name, "backup of " + name, "nothing of it was kept", ""});
+      context.run_document(instance, backup_definition(context.identity_for(instance), request),
+                           {name, "backup of " + name, "nothing of it was kept", ""});
   if (job.exit_code != EXIT_CODE_DONE)
     return job.exit_code;
 
   Backup_Entry backup;
-  if (!committed_backup(instance.instance.uuid, backup, error))
-    return session.fail("the backup of " + name + " is done, but cannot be shown: " + error);
-  return show_result(session, name, pool.name, job, backup);
+  std::string error;
+  if (!committed_backup(instance.uuid, backup, error))
+    return context.fail("the backup of " + name + " is done, but cannot be shown: " + error);
+  return show_result(context, name, pool.name, job, backup);
 }
 } // namespace kestrel

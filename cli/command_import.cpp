@@ -2,8 +2,8 @@
 #include "cli/confirmation.h"
 #include "cli/definition_builder.h"
 #include "cli/export_output.h"
-#include "cli/job_command.h"
 #include "cli/pool_choice.h"
+#include "cli/session.h"
 #include "cli/text_format.h"
 
 #include "json/json_util.h"
@@ -20,7 +20,7 @@ struct Import_Plan {
   Export_File file; ///< that holds the object
   Object_Path original;
   Object_Path target;
-  Instance_Registry::Entry instance; ///< that it goes to
+  Known_Instance instance; ///< that it goes to
   std::string pool_override;
 };
 
@@ -38,12 +38,12 @@ bool same_object(const Object_Path& path, const Export_File& file)
 }
 
 /// The object to import: the one that --original names, else the only one.
-bool choose_original(Session& session, Import_Plan& plan)
+bool choose_original(Command_Context& context, Import_Plan& plan)
 {
-  const std::string& wanted = session.line().original;
+  const std::string& wanted = context.line().original;
   if (wanted.empty()) {
     if (plan.entry.files.size() != 1) {
-      session.fail("export " + plan.entry.id + " holds several objects; say which one with --original: " +
+      context.fail("export " + plan.entry.id + " holds several objects; say which one with --original: " +
                        list_of_objects(plan.entry),
                    EXIT_CODE_USAGE);
       return false;
@@ -54,7 +54,7 @@ bool choose_original(Session& session, Import_Plan& plan)
   }
   std::string error;
   if (!parse_object_path(wanted, plan.original, error)) {
-    session.fail(error, EXIT_CODE_USAGE);
+    context.fail(error, EXIT_CODE_USAGE);
     return false;
   }
   if (plan.original.database.empty())
@@ -63,7 +63,7 @@ bool choose_original(Session& session, Import_Plan& plan)
       std::find_if(plan.entry.files.begin(), plan.entry.files.end(),
                    [&plan](const Export_File& file) { return same_object(plan.original, file); });
   if (found == plan.entry.files.end() || plan.original.instance != plan.entry.instance) {
-    session.fail("export " + plan.entry.id + " does not hold " + wanted +
+    context.fail("export " + plan.entry.id + " does not hold " + wanted +
                      " as an object of its own; it holds: " + list_of_objects(plan.entry),
                  EXIT_CODE_USAGE);
     return false;
@@ -73,19 +73,19 @@ bool choose_original(Session& session, Import_Plan& plan)
 }
 
 /// Where it goes: --as, whose missing names are those of the original.
-bool choose_target(Session& session, Import_Plan& plan)
+bool choose_target(Command_Context& context, Import_Plan& plan)
 {
-  const std::string& wanted = session.line().target;
+  const std::string& wanted = context.line().target;
   std::string error;
   plan.target = {plan.original.instance, "", plan.original.schema, plan.original.table};
   if (!wanted.empty() && !parse_object_path(wanted, plan.target, error)) {
-    session.fail(error, EXIT_CODE_USAGE);
+    context.fail(error, EXIT_CODE_USAGE);
     return false;
   }
-  if (!session.find_instance(plan.target.instance, plan.instance))
+  if (!context.find_instance(plan.target.instance, plan.instance))
     return false;
-  if (!complete_object(plan.instance.instance.name, plan.target, error)) {
-    session.fail(error, EXIT_CODE_USAGE);
+  if (!complete_object(plan.instance.name, plan.target, error)) {
+    context.fail(error, EXIT_CODE_USAGE);
     return false;
   }
   if (plan.target.schema.empty())
@@ -94,7 +94,7 @@ bool choose_target(Session& session, Import_Plan& plan)
     plan.target.table = plan.original.table;
   if (std::string(object_level(plan.target)) == object_level(plan.original))
     return true;
-  session.fail("a " + std::string(object_level(plan.original)) + " cannot be imported as a " +
+  context.fail("a " + std::string(object_level(plan.original)) + " cannot be imported as a " +
                    object_level(plan.target) + "; leave names off the end of --as",
                EXIT_CODE_USAGE);
   return false;
@@ -112,7 +112,7 @@ std::string what_it_replaces(const Object_Path& target)
          " and of its rows; the schema is made when it is missing";
 }
 
-std::string describe(Session& session, const Import_Plan& plan)
+std::string describe(Command_Context& context, const Import_Plan& plan)
 {
   const std::string name = object_text(plan.original);
   std::string tablespaces;
@@ -126,19 +126,19 @@ std::string describe(Session& session, const Import_Plan& plan)
             " lacks are created: " + tablespaces + "\n";
   text += "  " + std::to_string(step++) + ". the dump file (" + format_bytes(plan.file.size) +
           ") is read from pool " +
-          pool_name(session, plan.pool_override.empty() ? plan.entry.pool_uuid : plan.pool_override) + "\n";
+          pool_name(context, plan.pool_override.empty() ? plan.entry.pool_uuid : plan.pool_override) + "\n";
   text += "  " + std::to_string(step) + ". " + what_it_replaces(plan.target) + "; " + plan.target.instance +
           " stays up\n";
   return text;
 }
 
-bool make_plan(Session& session, Import_Plan& plan)
+bool make_plan(Command_Context& context, Import_Plan& plan)
 {
-  if (!find_export(session, session.line().names.front(), plan.entry) || !choose_original(session, plan) ||
-      !choose_target(session, plan) || !choose_source_pool(session, plan.pool_override))
+  if (!find_export(context, context.line().names.front(), plan.entry) || !choose_original(context, plan) ||
+      !choose_target(context, plan) || !choose_source_pool(context, plan.pool_override))
     return false;
   if (!plan.entry.available) {
-    session.fail("export " + plan.entry.id + " cannot be used: " + plan.entry.state_reason +
+    context.fail("export " + plan.entry.id + " cannot be used: " + plan.entry.state_reason +
                  "; once that is repaired: kestrel verify " + plan.entry.id);
     return false;
   }
@@ -148,7 +148,7 @@ bool make_plan(Session& session, Import_Plan& plan)
 Import_Request request_of(const Import_Plan& plan)
 {
   Import_Request request;
-  request.target_uuid = plan.instance.instance.uuid;
+  request.target_uuid = plan.instance.uuid;
   request.resource_uuid = plan.entry.resource_uuid;
   request.export_id = plan.entry.id;
   request.pool_id = plan.entry.pool_uuid;
@@ -160,26 +160,22 @@ Import_Request request_of(const Import_Plan& plan)
 }
 } // namespace
 
-int run_import(Session& session)
+int run_import(Command_Context& context)
 {
   Import_Plan plan;
-  if (!make_plan(session, plan))
-    return session.last_code();
-  if (!session.line().json)
-    std::fputs(describe(session, plan).c_str(), stderr);
-  const int answer = ask_to_go_on(session, "import");
+  if (!make_plan(context, plan))
+    return context.last_code();
+  if (!context.line().json)
+    std::fputs(describe(context, plan).c_str(), stderr);
+  const int answer = ask_to_go_on(context, "import");
   if (answer != EXIT_CODE_DONE)
     return answer;
 
   const std::string name = object_text(plan.target);
-  Job_Definition_Ptr definition;
-  std::string error;
-  if (!session.host().loader().load(import_definition(session.host().identity(), request_of(plan)),
-                                    definition, error))
-    return session.fail("the import of " + name + " cannot be defined: " + error);
-  const Job_Report job = run_job(session, definition,
-                                 {plan.target.instance, "import of " + name,
-                                  "look at " + name + " before anybody works with it, or import again"});
+  const Job_Report job = context.run_document(
+      plan.instance, import_definition(context.identity_for(plan.instance), request_of(plan)),
+      {plan.target.instance, "import of " + name,
+       "look at " + name + " before anybody works with it, or import again"});
   if (job.exit_code != EXIT_CODE_DONE)
     return job.exit_code;
   json_spirit::Object json;
@@ -190,7 +186,7 @@ int run_import(Session& session)
   set_value(json, "size", plan.file.size);
   set_value(json, "duration_msec", job.duration_msec);
   set_value(json, "log", job.run.log_path);
-  session.result(json, "The " + std::string(object_level(plan.target)) + " " + name +
+  context.result(json, "The " + std::string(object_level(plan.target)) + " " + name +
                            " is imported from export " + plan.entry.id + ": " + format_bytes(plan.file.size) +
                            " in " + format_duration(job.duration_msec / 1000) + ".\n");
   return EXIT_CODE_DONE;

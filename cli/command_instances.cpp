@@ -80,32 +80,32 @@ int run_instances(Session& session)
 int run_login(Session& session)
 {
   const Command_Line& line = session.line();
-  Instance_Registry::Entry entry;
+  Known_Instance instance;
   std::string error;
   // The handler tests logins only at instances that its own last look found.
   Instance_Registry& registry = session.host().instances();
   if (registry.probe(session.host().instance_handler(), error) != 0)
     return session.fail("the instances of this host cannot be listed: " + error);
-  if (!session.find_instance(line.instance, entry))
+  if (!session.find_instance(line.instance, instance))
     return EXIT_CODE_FAILED;
 
   secure_string password;
-  if (!read_password(line.password_file, "Password of " + line.user + " at " + entry.instance.name + ": ",
-                     password, error))
-    return session.fail("no password for " + line.user + " at " + entry.instance.name + ": " + error);
+  if (!read_password(line.password_file, "Password of " + line.user + " at " + instance.name + ": ", password,
+                     error))
+    return session.fail("no password for " + line.user + " at " + instance.name + ": " + error);
   std::string warning;
-  if (registry.logon(session.host().instance_handler(), entry.instance.name, "", line.user, password, warning,
+  if (registry.logon(session.host().instance_handler(), instance.name, "", line.user, password, warning,
                      error) != 0) {
     const bool awkward = password.find_first_of(" \t\"'") != secure_string::npos;
-    return session.fail("the login of " + line.user + " at " + entry.instance.name +
+    return session.fail("the login of " + line.user + " at " + instance.name +
                         " failed: " + (error.empty() ? "see the log" : error) +
                         (awkward ? " (OSCAR's tools take no password with blanks or quotes)" : ""));
   }
   json_spirit::Object json;
-  set_value(json, "instance", entry.instance.name);
+  set_value(json, "instance", instance.name);
   set_value(json, "user", line.user);
-  session.result(json, "The login works; the account of " + line.user + " at " + entry.instance.name +
-                           " is kept.\n");
+  session.result(json,
+                 "The login works; the account of " + line.user + " at " + instance.name + " is kept.\n");
   return EXIT_CODE_DONE;
 }
 } // namespace kestrel

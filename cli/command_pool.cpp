@@ -64,8 +64,9 @@ int run_pool_list(Session& session)
   }
   json_spirit::Object json;
   set_value(json, "pools", list);
-  session.result(json, pools.empty() ? "There is no pool yet. Add one: kestrel pool add NAME --path DIR --default\n"
-                                     : format_table(rows, {2}));
+  session.result(json, pools.empty()
+                           ? "There is no pool yet. Add one: kestrel pool add NAME --path DIR --default\n"
+                           : format_table(rows, {2}));
   return EXIT_CODE_DONE;
 }
 

@@ -47,12 +47,12 @@ std::vector<std::string> restore_texts(const std::vector<Backup_Entry>& sequence
   return texts;
 }
 
-Rows describe(Session& session, const Backup_Entry& backup, const std::vector<Backup_Entry>& sequence,
+Rows describe(Command_Context& context, const Backup_Entry& backup, const std::vector<Backup_Entry>& sequence,
               const std::string& problem)
 {
   Rows rows = {
       {"Backup", backup.id},
-      {"Instance", session.instance_name(backup.resource_uuid)},
+      {"Instance", context.instance_name(backup.resource_uuid)},
       {"Level", backup.level},
       {"State", state_word(backup) + (backup.state_reason.empty() ? "" : " (" + backup.state_reason + ")")},
       {"Builds on", parent_text(backup)},
@@ -69,7 +69,7 @@ Rows describe(Session& session, const Backup_Entry& backup, const std::vector<Ba
       {"Checksum", backup.original_checksum + " (stream, XXH3-128)"},
       {"", backup.storage_checksum + " (as stored)"},
       {"Position", "LSN " + std::to_string(backup.lsn) + ", SCN " + std::to_string(backup.scn)},
-      {"Pool", pool_name(session, backup.pool_uuid)},
+      {"Pool", pool_name(context, backup.pool_uuid)},
       {"File", backup.uri + "/" + backup.file},
   };
   rows.insert(rows.end(), details.begin(), details.end());
@@ -77,21 +77,21 @@ Rows describe(Session& session, const Backup_Entry& backup, const std::vector<Ba
 }
 } // namespace
 
-int run_show(Session& session)
+int run_show(Command_Context& context)
 {
   Export_Entry exported;
-  if (means_export(session.line().names.front(), exported)) {
-    session.result(json_of_export(session, exported), text_of_export(session, exported));
+  if (means_export(context.line().names.front(), exported)) {
+    context.result(json_of_export(context, exported), text_of_export(context, exported));
     return EXIT_CODE_DONE;
   }
   Backup_Entry backup;
-  if (!find_backup(session, session.line().names.front(), backup))
+  if (!find_backup(context, context.line().names.front(), backup))
     return EXIT_CODE_FAILED;
   std::vector<Backup_Entry> sequence;
   std::string problem;
   std::string error;
   if (!backup_sequence(backup, sequence, problem, error))
-    return session.fail("the chain of backup " + backup.id + " cannot be read: " + error);
+    return context.fail("the chain of backup " + backup.id + " cannot be read: " + error);
 
   json_spirit::Array chain;
   uint64_t bytes = 0;
@@ -99,10 +99,10 @@ int run_show(Session& session)
     chain.push_back(member.id);
     bytes += member.size;
   }
-  json_spirit::Object json = json_of_backup(session, backup);
+  json_spirit::Object json = json_of_backup(context, backup);
   set_value(json, "chain", chain);
   set_value(json, "restore_size", bytes);
-  session.result(json, format_table(describe(session, backup, sequence, problem)));
+  context.result(json, format_table(describe(context, backup, sequence, problem)));
   return EXIT_CODE_DONE;
 }
 } // namespace kestrel

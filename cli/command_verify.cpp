@@ -1,4 +1,5 @@
 #include "cli/backup_output.h"
+#include "cli/cancel_signals.h"
 #include "cli/export_verification.h"
 #include "cli/progress_display.h"
 #include "cli/text_format.h"

@@ -27,9 +27,9 @@ std::string objects_text(const Export_Entry& entry)
   return text;
 }
 
-std::string instance_of(Session& session, const Export_Entry& entry)
+std::string instance_of(Command_Context& context, const Export_Entry& entry)
 {
-  return entry.instance.empty() ? session.instance_name(entry.resource_uuid) : entry.instance;
+  return entry.instance.empty() ? context.instance_name(entry.resource_uuid) : entry.instance;
 }
 } // namespace
 
@@ -38,7 +38,7 @@ Object_Path object_of(const Export_Entry& entry, const Export_File& file)
   return {entry.instance, file.database, file.schema, file.table};
 }
 
-json_spirit::Object json_of_export(Session& session, const Export_Entry& entry)
+json_spirit::Object json_of_export(Command_Context& context, const Export_Entry& entry)
 {
   json_spirit::Array objects;
   for (const Export_File& file : entry.files) {
@@ -56,7 +56,7 @@ json_spirit::Object json_of_export(Session& session, const Export_Entry& entry)
   }
   json_spirit::Object json;
   set_value(json, "id", entry.id);
-  set_value(json, "instance", instance_of(session, entry));
+  set_value(json, "instance", instance_of(context, entry));
   set_value(json, "resource_uuid", entry.resource_uuid);
   set_value(json, "level", "export");
   set_value(json, "number", entry.seq);
@@ -68,7 +68,7 @@ json_spirit::Object json_of_export(Session& session, const Export_Entry& entry)
   set_value(json, "size", entry.size);
   set_value(json, "stored_size", entry.stored_size);
   set_value(json, "compression", entry.compression);
-  set_value(json, "pool", pool_name(session, entry.pool_uuid));
+  set_value(json, "pool", pool_name(context, entry.pool_uuid));
   set_value(json, "pool_uuid", entry.pool_uuid);
   set_value(json, "folder", entry.minor_resource_id);
   set_value(json, "file", entry.file);
@@ -89,7 +89,7 @@ std::string table_of_exports(const std::vector<Export_Entry>& exports)
   return format_table(rows, {2, 3});
 }
 
-std::string text_of_export(Session& session, const Export_Entry& entry)
+std::string text_of_export(Command_Context& context, const Export_Entry& entry)
 {
   const std::string problem = entry.state_reason.empty() ? "" : " (" + entry.state_reason + ")";
   std::string tablespaces;
@@ -97,7 +97,7 @@ std::string text_of_export(Session& session, const Export_Entry& entry)
     tablespaces += (tablespaces.empty() ? "" : ", ") + name;
   std::vector<std::vector<std::string>> rows = {
       {"Export", entry.id},
-      {"Instance", instance_of(session, entry)},
+      {"Instance", instance_of(context, entry)},
       {"Number", std::to_string(entry.seq)},
       {"State", state_of(entry) + problem},
       {"Begun", format_time(entry.start_time)},
@@ -107,7 +107,7 @@ std::string text_of_export(Session& session, const Export_Entry& entry)
       {"Ratio", format_ratio(entry.size, entry.stored_size) + " (" + entry.compression + ")"},
       {"Checksum", entry.original_checksum + " (archive, XXH3-128)"},
       {"", entry.storage_checksum + " (as stored)"},
-      {"Pool", pool_name(session, entry.pool_uuid)},
+      {"Pool", pool_name(context, entry.pool_uuid)},
       {"File", entry.minor_resource_id + "/" + entry.file},
       {"Tablespaces", tablespaces.empty() ? "none of its users'" : tablespaces}};
   for (const Export_File& file : entry.files) {
@@ -118,12 +118,12 @@ std::string text_of_export(Session& session, const Export_Entry& entry)
   return format_table(rows);
 }
 
-bool find_export(Session& session, const std::string& reference, Export_Entry& entry)
+bool find_export(Command_Context& context, const std::string& reference, Export_Entry& entry)
 {
   std::vector<Export_Entry> found;
   std::string error;
   if (!find_exports(reference, found, error)) {
-    session.fail("the exports cannot be listed: " + error);
+    context.fail("the exports cannot be listed: " + error);
     return false;
   }
   if (found.size() == 1) {
@@ -139,7 +139,7 @@ bool find_export(Session& session, const std::string& reference, Export_Entry& e
     error = reference + " is a physical backup; bring it back with: kestrel restore " + reference;
   else
     error = "there is no export " + reference + "; kestrel backups lists them";
-  session.fail(error);
+  context.fail(error);
   return false;
 }
 

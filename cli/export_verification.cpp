@@ -1,5 +1,7 @@
 #include "cli/export_verification.h"
 
+#include "cli/cancel_signals.h"
+
 #include "agent/export_verifier.h"
 #include "cli/export_output.h"
 #include "cli/progress_display.h"

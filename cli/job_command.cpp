@@ -2,13 +2,12 @@
 
 #include "agent/failure_text.h"
 #include "base/clock.h"
+#include "cli/cancel_signals.h"
 #include "cli/progress_display.h"
 
 #include <mutex>
 
 namespace kestrel
-{
-namespace
 {
 int exit_code_of(Job_State state)
 {
@@ -27,7 +26,7 @@ int exit_code_of(Job_State state)
   }
 }
 
-void report(Session& session, const Job_Words& words, const Job_Report& report)
+void report_job(Command_Output& output, const Job_Words& words, const Job_Report& report)
 {
   const std::string& what = words.what;
   const Job_Run_Result& run = report.run;
@@ -36,21 +35,20 @@ void report(Session& session, const Job_Words& words, const Job_Report& report)
   case EXIT_CODE_DONE:
     return;
   case EXIT_CODE_CANCELED:
-    session.fail("the " + what + " was canceled; " + words.after_cancel, report.exit_code, run.log_path);
+    output.fail("the " + what + " was canceled; " + words.after_cancel, report.exit_code, run.log_path);
     return;
   case EXIT_CODE_SKIPPED:
-    session.fail("the " + what + " was skipped" +
-                     (run.state == JOB_STATE_IDLE ? ": its precondition was not met" : reason) + "; " +
-                     advice_for(run.alerts),
-                 report.exit_code, run.log_path);
+    output.fail("the " + what + " was skipped" +
+                    (run.state == JOB_STATE_IDLE ? ": its precondition was not met" : reason) + "; " +
+                    advice_for(run.alerts),
+                report.exit_code, run.log_path);
     return;
   default:
-    session.fail("the " + what + " failed" + reason + "; " + advice_for(run.alerts) +
-                     (words.after_failure.empty() ? "" : "; " + words.after_failure),
-                 report.exit_code, run.log_path);
+    output.fail("the " + what + " failed" + reason + "; " + advice_for(run.alerts) +
+                    (words.after_failure.empty() ? "" : "; " + words.after_failure),
+                report.exit_code, run.log_path);
   }
 }
-} // namespace
 
 Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const Job_Words& words)
 {
@@ -96,7 +94,7 @@ Job_Report run_job(Session& session, const Job_Definition_Ptr& definition, const
     return job;
   }
   job.exit_code = exit_code_of(job.run.state);
-  report(session, words, job);
+  report_job(session, words, job);
   return job;
 }
 } // namespace kestrel

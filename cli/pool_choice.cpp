@@ -2,25 +2,24 @@
 
 namespace kestrel
 {
-bool choose_target_pool(Session& session, Pool_Info& pool)
+bool choose_target_pool(Command_Context& context, Pool_Info& pool)
 {
-  const std::string& wanted = session.line().pool;
+  const std::string& wanted = context.line().pool;
   std::string error;
-  Pool_Registry& pools = session.host().pools();
-  if (wanted.empty() ? pools.default_pool(pool, error) : pools.find(wanted, pool, error))
+  if (context.find_pool(wanted, pool, error))
     return true;
-  session.fail(wanted.empty() ? "there is no pool to back up to: " + error +
+  context.fail(wanted.empty() ? "there is no pool to back up to: " + error +
                                     "; add one: kestrel pool add NAME --path DIR --default"
                               : "the pool " + wanted + " cannot be used: " + error);
   return false;
 }
 
-bool choose_source_pool(Session& session, std::string& pool_id)
+bool choose_source_pool(Command_Context& context, std::string& pool_id)
 {
-  if (session.line().pool.empty())
+  if (context.line().pool.empty())
     return true;
   Pool_Info pool;
-  if (!choose_target_pool(session, pool))
+  if (!choose_target_pool(context, pool))
     return false;
   pool_id = pool.pool_id;
   return true;
