@@ -49,7 +49,7 @@ bool read_line(const char* path, std::string& line, bool log_errors)
   return true;
 }
 
-bool kestrel::has_listening_port(const std::string& table, unsigned short port)
+void kestrel::add_listening_ports(const std::string& table, std::set<unsigned short>& ports)
 {
   // "  sl  local_address rem_address   st ...": "   0: 0100007F:1538 00000000:0000 0A ..."
   size_t begin = table.find('\n');
@@ -59,15 +59,19 @@ bool kestrel::has_listening_port(const std::string& table, unsigned short port)
     unsigned local_port = 0;
     unsigned state = 0;
     if (::sscanf(row.c_str(), " %*[^:]: %*[0-9A-Fa-f]:%x %*[0-9A-Fa-f]:%*x %x", &local_port, &state) == 2 &&
-        state == 0x0a && local_port == port)
-      return true;
+        state == 0x0a && local_port <= 0xffff)
+      ports.insert(static_cast<unsigned short>(local_port));
     begin = end;
   }
-  return false;
 }
 
-bool check_port_listening(unsigned short port)
+namespace
 {
+thread_local const std::set<unsigned short>* ports_of_this_thread = nullptr;
+
+std::set<unsigned short> read_listening_ports()
+{
+  std::set<unsigned short> ports;
   for (const char* path : {"/proc/net/tcp", "/proc/net/tcp6"}) {
     kestrel::Auto_Fd file(::open(path, O_RDONLY | O_CLOEXEC));
     std::string table;
@@ -75,10 +79,29 @@ bool check_port_listening(unsigned short port)
     ssize_t count;
     while ((count = read_write_trait::read(file.get(), piece, sizeof piece)) > 0)
       table.append(piece, static_cast<size_t>(count));
-    if (kestrel::has_listening_port(table, port))
-      return true;
+    kestrel::add_listening_ports(table, ports);
   }
-  return false;
+  return ports;
+}
+} // namespace
+
+kestrel::Listening_Ports_Scope::Listening_Ports_Scope() : outermost_(!ports_of_this_thread)
+{
+  if (!outermost_)
+    return;
+  ports_ = read_listening_ports();
+  ports_of_this_thread = &ports_;
+}
+
+kestrel::Listening_Ports_Scope::~Listening_Ports_Scope()
+{
+  if (outermost_)
+    ports_of_this_thread = nullptr;
+}
+
+bool check_port_listening(unsigned short port)
+{
+  return ports_of_this_thread ? ports_of_this_thread->count(port) != 0 : read_listening_ports().count(port) != 0;
 }
 
 namespace

@@ -2,6 +2,7 @@
 
 #include "base/ace_ifstream.h"
 
+#include <set>
 #include <string>
 #include <sys/types.h>
 
@@ -32,7 +33,22 @@ int make_dirs(const char* path, mode_t mode);
 
 namespace kestrel
 {
-/// Looks for a listening socket in the text of a /proc/net/tcp or tcp6 table. For check_port_listening and
-/// its tests.
-bool has_listening_port(const std::string& table, unsigned short port);
+/// Adds the ports of the listening sockets in the text of a /proc/net/tcp or tcp6 table. For check_port_listening
+/// and its tests.
+void add_listening_ports(const std::string& table, std::set<unsigned short>& ports);
+
+/// While it lives, check_port_listening() on the thread that made it answers from one reading of the kernel's tables,
+/// for questions about many ports at one moment. Scopes may nest; the outermost one reads.
+class Listening_Ports_Scope
+{
+public:
+  Listening_Ports_Scope();
+  ~Listening_Ports_Scope();
+  Listening_Ports_Scope(const Listening_Ports_Scope&) = delete;
+  Listening_Ports_Scope& operator=(const Listening_Ports_Scope&) = delete;
+
+private:
+  std::set<unsigned short> ports_;
+  bool outermost_;
+};
 } // namespace kestrel

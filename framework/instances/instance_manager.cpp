@@ -16,6 +16,15 @@ std::atomic<Instance_Manager*>& current()
   return manager;
 }
 
+thread_local const kestrel::Instance_Map* instances_of_this_thread = nullptr;
+
+std::shared_ptr<Instance> copy_of(const kestrel::Instance_Map& instances, const std::string& type,
+                                  const std::string& name)
+{
+  const auto found = instances.find({type, name});
+  return found == instances.end() ? std::shared_ptr<Instance>() : std::make_shared<Instance>(found->second);
+}
+
 int log_failure(const char* operation, const std::string& error)
 {
   ACE_ERROR((LM_ERROR, "(%P|%t) %s: %s\n", operation, error.c_str()));
@@ -43,14 +52,15 @@ Instance_Manager::~Instance_Manager() = default;
 
 std::shared_ptr<Instance> Instance_Manager::find(const std::string& type, const std::string& name)
 {
+  if (instances_of_this_thread)
+    return copy_of(*instances_of_this_thread, type, name);
   kestrel::Instance_Map instances;
   std::string error;
   if (!kestrel::load_instances(instances, error)) {
     log_failure("Instance_Manager::find", error);
     return std::shared_ptr<Instance>();
   }
-  const auto found = instances.find({type, name});
-  return found == instances.end() ? std::shared_ptr<Instance>() : std::make_shared<Instance>(found->second);
+  return copy_of(instances, type, name);
 }
 
 int Instance_Manager::get_account(const std::string& type, const std::string& name, const std::string& uid,
@@ -111,6 +121,16 @@ int update_instance(std::shared_ptr<const Instance> instance,
 
 namespace kestrel
 {
+Instance_Snapshot::Instance_Snapshot(const Instance_Map& instances)
+{
+  instances_of_this_thread = &instances;
+}
+
+Instance_Snapshot::~Instance_Snapshot()
+{
+  instances_of_this_thread = nullptr;
+}
+
 Instance_Manager* set_instance_manager_for_test(Instance_Manager* manager)
 {
   return current().exchange(manager);

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 /// Looks up instances and accounts for jobs. Reads instances.json and accounts.json of the component's state
 /// directory on each call, so it sees what other processes of the host registered; kestrel::Instance_Registry
@@ -35,6 +36,17 @@ public:
 
 namespace kestrel
 {
+/// While it lives, Instance_Manager::find() on the thread that made it answers from one reading of the registry, for
+/// questions about many instances at one moment. Nothing else sees it; scopes do not nest.
+class Instance_Snapshot
+{
+public:
+  explicit Instance_Snapshot(const std::map<std::pair<std::string, std::string>, Instance>& instances);
+  ~Instance_Snapshot();
+  Instance_Snapshot(const Instance_Snapshot&) = delete;
+  Instance_Snapshot& operator=(const Instance_Snapshot&) = delete;
+};
+
 /// Replaces what Instance_Manager::instance() returns and hands back the one before. Not owned.
 Instance_Manager* set_instance_manager_for_test(Instance_Manager* manager);
 } // namespace kestrel

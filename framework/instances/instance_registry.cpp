@@ -5,6 +5,7 @@
 #include "instances/account_cipher.h"
 #include "instances/instance_files.h"
 #include "instances/instance_handler.h"
+#include "instances/instance_manager.h"
 
 #include <ace/Log_Msg.h>
 
@@ -210,12 +211,45 @@ int Instance_Registry::list(std::vector<Entry>& entries, std::string& error) con
   for (const auto& [key, instance] : instances) {
     Entry entry;
     entry.instance = instance;
-    for (const auto& [account_key, account] : accounts.accounts)
-      if (account_key.type == instance.type && account_key.name == instance.name)
-        entry.accounts.push_back({account_key.uid, account.username});
+    // The accounts of one instance follow each other, the one that serves every uid first.
+    for (auto account = accounts.accounts.lower_bound({instance.type, instance.name, ""});
+         account != accounts.accounts.end() && account->first.type == instance.type &&
+         account->first.name == instance.name;
+         ++account)
+      entry.accounts.push_back({account->first.uid, account->second.username});
     listed.push_back(std::move(entry));
   }
   entries.swap(listed);
+  return 0;
+}
+
+int Instance_Registry::survey(const std::vector<Instance_Handler*>& handlers, std::vector<Survey_Entry>& entries,
+                              std::string& error)
+{
+  std::vector<Entry> listed;
+  if (list(listed, error) != 0)
+    return -1;
+  Instance_Map instances;
+  for (const Entry& entry : listed)
+    instances[{entry.instance.type, entry.instance.name}] = entry.instance;
+  const Instance_Snapshot snapshot(instances);
+  const Listening_Ports_Scope ports;
+  std::vector<Survey_Entry> surveyed;
+  for (Entry& entry : listed) {
+    Survey_Entry survey;
+    survey.state = "error";
+    for (Instance_Handler* handler : handlers) {
+      if (handler->type() != entry.instance.type)
+        continue;
+      survey.state = state(*handler, entry.instance.name);
+      if (!port(*handler, entry.instance.name, survey.port))
+        survey.port = 0;
+      break;
+    }
+    survey.entry = std::move(entry);
+    surveyed.push_back(std::move(survey));
+  }
+  entries.swap(surveyed);
   return 0;
 }
 

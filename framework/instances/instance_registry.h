@@ -31,6 +31,12 @@ public:
     Instance instance;
     std::vector<Account> accounts;
   };
+  /// What a console shows of an instance.
+  struct Survey_Entry {
+    Entry entry;
+    std::string state;       ///< the handler's text; "error" when no handler knows the type
+    unsigned short port = 0; ///< 0: not known
+  };
 
   /// `host_uuid` enters the uuids of new instances; empty takes the id of this machine.
   explicit Instance_Registry(const std::string& host_uuid = std::string());
@@ -61,6 +67,10 @@ public:
 
   /// All instances in order of type and name with the user names of their accounts. Passwords are not read.
   [[nodiscard]] int list(std::vector<Entry>& entries, std::string& error) const;
+  /// list() with the state and the port of each, as one look: files and kernel tables are read once, however many
+  /// instances there are.
+  [[nodiscard]] int survey(const std::vector<Instance_Handler*>& handlers, std::vector<Survey_Entry>& entries,
+                           std::string& error);
   /// -1 when it is not registered. Its accounts go with it.
   [[nodiscard]] int remove(const std::string& type, const std::string& name, std::string& error);
 

@@ -40,6 +40,8 @@ public:
   virtual bool open() const = 0;
   /// The other end as "address:port".
   virtual std::string address() const = 0;
+  /// How many texts wait to be written: lets a sender that can thin out what it has to say wait for a slow reader.
+  virtual std::size_t unsent() const { return 0; }
   virtual std::size_t message_limit_bytes() const { return std::size_t(16) << 20; }
 
   /// A name for the other end, given by whoever knows it (a host's uuid, say). Empty at first.

@@ -139,13 +139,37 @@ const char tcp_table[] =
 
 TEST(Check_Port_Listening, reads_the_kernels_table)
 {
-  EXPECT_TRUE(kestrel::has_listening_port(tcp_table, 2003));
-  EXPECT_TRUE(kestrel::has_listening_port(tcp_table, 2005));
-  // Connected, and a remote port.
-  EXPECT_FALSE(kestrel::has_listening_port(tcp_table, 5432));
-  EXPECT_FALSE(kestrel::has_listening_port(tcp_table, 2004));
-  EXPECT_FALSE(kestrel::has_listening_port("", 2003));
-  EXPECT_FALSE(kestrel::has_listening_port("garbage\n: : :\n\n1:", 2003));
+  std::set<unsigned short> ports;
+  kestrel::add_listening_ports(tcp_table, ports);
+  // Neither the port of a connection nor a remote one.
+  EXPECT_EQ((std::set<unsigned short>{2003, 2005}), ports);
+  kestrel::add_listening_ports("", ports);
+  kestrel::add_listening_ports("garbage\n: : :\n\n1:", ports);
+  EXPECT_EQ(2u, ports.size());
+}
+
+TEST(Listening_Ports_Scope, answers_from_one_reading_until_the_outermost_ends)
+{
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(fd, 0);
+  const kestrel::Auto_Fd closer(fd);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ASSERT_EQ(0, ::bind(fd, reinterpret_cast<sockaddr*>(&address), size));
+  ASSERT_EQ(0, ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size));
+  const unsigned short port = ntohs(address.sin_port);
+  {
+    const kestrel::Listening_Ports_Scope outer;
+    ASSERT_EQ(0, ::listen(fd, 1));
+    {
+      const kestrel::Listening_Ports_Scope inner;
+      EXPECT_FALSE(check_port_listening(port));
+    }
+    EXPECT_FALSE(check_port_listening(port));
+  }
+  EXPECT_TRUE(check_port_listening(port));
 }
 
 TEST(Check_Port_Listening, sees_a_socket_from_listen_until_close)

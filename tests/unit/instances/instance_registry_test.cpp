@@ -355,6 +355,49 @@ TEST_F(Instance_Registry_Test, threads_may_write_and_read_together)
 }
 
 // Calls on one handler must not overlap: it keeps what a probe found without a lock of its own.
+TEST_F(Instance_Registry_Test, a_survey_gives_state_and_port_of_all_from_one_look)
+{
+  register_instance("ONE");
+  register_instance("TWO");
+  store_account("TWO", "", "sysdba", "pw");
+  store_account("TWO", "job-1", "other", "pw");
+  store_account("TWOFOLD", "", "nobody", "pw");
+  /// Finds the instances through the manager, as a module does, and changes the registry meanwhile.
+  class Finding_Handler : public Instance_Handler
+  {
+  public:
+    explicit Finding_Handler(Instance_Registry& registry) : Instance_Handler("oscar"), registry_(registry) {}
+    std::string& get_state(const char* name, std::string& state) override
+    {
+      std::string error;
+      EXPECT_EQ(0, registry_.merge_probe({{"THREE", make_instance("THREE")}}, error)) << error;
+      found_new = found_new || Instance_Manager::instance()->find("oscar", "THREE");
+      return state = Instance_Manager::instance()->find("oscar", name) ? "online" : "lost";
+    }
+    int get_port(const char* name, unsigned short& port) override
+    {
+      port = 2003;
+      return std::string(name) == "ONE" ? 0 : -1;
+    }
+    bool found_new = false;
+
+  private:
+    Instance_Registry& registry_;
+  };
+  Finding_Handler handler(registry_);
+  std::vector<Instance_Registry::Survey_Entry> entries;
+  ASSERT_EQ(0, registry_.survey({&handler}, entries, error_)) << error_;
+  ASSERT_EQ(2u, entries.size());
+  EXPECT_EQ("ONE", entries[0].entry.instance.name);
+  EXPECT_EQ("online", entries[0].state);
+  EXPECT_EQ(2003, entries[0].port);
+  EXPECT_EQ(0u, entries[0].entry.accounts.size());
+  EXPECT_EQ(0, entries[1].port);
+  EXPECT_EQ(2u, entries[1].entry.accounts.size());
+  EXPECT_FALSE(handler.found_new);
+  EXPECT_TRUE(Instance_Manager::instance()->find("oscar", "THREE"));
+}
+
 TEST_F(Instance_Registry_Test, calls_on_one_handler_are_serialised)
 {
   std::vector<std::thread> threads;
