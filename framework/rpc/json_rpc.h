@@ -78,10 +78,14 @@ public:
 protected:
   /// One message without a line end, as UTF-8. 0 or -1.
   virtual int send_text(const std::string& text) = 0;
-
-private:
-  int send_object(const json_spirit::Object& message);
 };
+
+namespace kestrel
+{
+/// An error answer as it is sent; `data` is left out when it is null. Throws as write_json() does.
+std::string json_rpc_error_text(int code, const json_spirit::Value& id, const std::string& message,
+                                const json_spirit::Value& data);
+} // namespace kestrel
 
 /// Serves the methods that the host binds to it.
 /// Threads: handle_object() runs on several threads of the host at once.

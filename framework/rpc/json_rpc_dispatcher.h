@@ -105,9 +105,9 @@ public:
   /// returns. A response is answered as an invalid request; JSON_RPC_Peer keeps those away.
   void receive(const std::shared_ptr<Message_Channel>& from, const std::string& text);
   /// The same for a message that was read already (json_network_limits()).
-  void receive(const std::shared_ptr<Message_Channel>& from, const json_spirit::Value& message);
-  /// The connection has gone: its queued requests are dropped, and handlers that wanted to answer later find
-  /// their channel gone.
+  void receive_message(const std::shared_ptr<Message_Channel>& from, json_spirit::Value message);
+  /// The connection has gone: its queued requests are dropped (its notifications are not), and handlers that
+  /// wanted to answer later find their channel gone.
   void forget(const Message_Channel* from);
 
   Statistics statistics() const;

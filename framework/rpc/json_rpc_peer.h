@@ -24,7 +24,8 @@ class JSON_RPC_Peer : public Message_Receiver, public std::enable_shared_from_th
 public:
   struct Options {
     unsigned pending_limit = 256; ///< calls that wait for their answers at the same time
-    /// Called once on a network thread, after all waiting calls have failed. May be empty.
+    /// Called once on a network thread, after all waiting calls have failed; never after the peer's end. May
+    /// be empty.
     std::function<void(const std::string& why)> closed;
   };
   /// A call under way; see begin_call(). Letting go of it drops the answer.
@@ -61,13 +62,11 @@ public:
 private:
   struct Pending;
   JSON_RPC_Peer(std::shared_ptr<Message_Channel> channel, JSON_RPC_Dispatcher* dispatcher, Options options);
-  void receive(const json_spirit::Value& message);
-  void receive_batch(const json_spirit::Array& batch);
-  void answer_came(const json_spirit::Object& answer);
-  void request_came(const json_spirit::Value& message);
+  void answer_came(json_spirit::Value& message);
 
   const std::shared_ptr<Message_Channel> channel_;
-  JSON_RPC_Dispatcher* const dispatcher_; ///< not owned
+  const std::unique_ptr<JSON_RPC_Dispatcher> without_methods_; ///< stands in when no other is given
+  JSON_RPC_Dispatcher& dispatcher_;
   const Options options_;
   const std::shared_ptr<Pending> pending_;
 };

@@ -1,0 +1,529 @@
+#include "rpc/json_rpc_dispatcher.h"
+
+#include "base/ignore_result.h"
+#include "rpc/json_rpc_reply.h"
+#include "json/json_util.h"
+
+#include <ace/Log_Msg.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <map>
+#include <mutex>
+#include <system_error>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace kestrel
+{
+namespace
+{
+typedef ACE_Strong_Bound_Ptr<JSON_RPC_Channel, ACE_Thread_Mutex> Strong_Channel;
+typedef ACE_Weak_Bound_Ptr<JSON_RPC_Channel, ACE_Thread_Mutex> Weak_Channel;
+
+struct Binding {
+  JSON_RPC_Handler* handler = nullptr; ///< not owned
+  JSON_RPC_Dispatcher::Peer_Method function;
+  JSON_RPC_Order order = JSON_RPC_Order::any;
+};
+
+/// One request or notification on its way to its handler.
+struct Task {
+  std::shared_ptr<Message_Channel> from;
+  const Binding* binding = nullptr;
+  JSON_RPC_Object_Ptr request;
+  Strong_Channel channel;
+  uint64_t key = 0; ///< of its entry among the open requests; 0 for a notification
+  bool holds_lane = false;
+};
+
+struct Open_Request {
+  const Message_Channel* from;
+  std::shared_ptr<JSON_RPC_Answers> answers;
+  Strong_Channel channel;
+};
+
+/// The parts of one request object, or what is wrong with it.
+struct Request_Parts {
+  bool valid = false;
+  bool notification = false;
+  json_spirit::Value id;
+  std::string method;
+  json_spirit::Value params;
+};
+
+bool is_id(const json_spirit::Value& value)
+{
+  switch (value.type()) {
+  case json_spirit::str_type:
+  case json_spirit::int_type:
+  case json_spirit::real_type:
+  case json_spirit::null_type:
+    return true;
+  default:
+    return false;
+  }
+}
+
+json_spirit::Value* find_member(json_spirit::Object& object, const char* name)
+{
+  for (json_spirit::Pair& member : object)
+    if (member.name_ == name)
+      return &member.value_;
+  return nullptr;
+}
+
+/// Takes a message apart. An id that can be made out is given even when the rest is wrong.
+Request_Parts read_request(json_spirit::Value& message)
+{
+  Request_Parts parts;
+  if (message.type() != json_spirit::obj_type)
+    return parts;
+  json_spirit::Object& object = message.get_obj();
+  json_spirit::Value* id = find_member(object, "id");
+  if (id && is_id(*id))
+    parts.id = *id;
+  else if (id)
+    return parts;
+  parts.notification = !id;
+  const json_spirit::Value& version = json_spirit::find_value(object, "jsonrpc");
+  if (version.type() != json_spirit::str_type || version.get_str() != "2.0")
+    return parts;
+  json_spirit::Value* method = find_member(object, "method");
+  if (!method || method->type() != json_spirit::str_type)
+    return parts;
+  if (json_spirit::Value* params = find_member(object, "params")) {
+    if (params->type() != json_spirit::obj_type && params->type() != json_spirit::array_type &&
+        !params->is_null())
+      return parts;
+    parts.params = std::move(*params);
+  }
+  parts.method = method->get_str();
+  parts.valid = true;
+  return parts;
+}
+
+/// Set on the service threads of a dispatcher.
+thread_local const void* thread_of = nullptr;
+} // namespace
+
+struct JSON_RPC_Dispatcher::Core : std::enable_shared_from_this<JSON_RPC_Dispatcher::Core> {
+  bool bind(const std::string& method, Binding binding);
+  bool start(const Options& wanted);
+  bool wait_for_threads();
+
+  void take(const std::shared_ptr<Message_Channel>& from, json_spirit::Value& message,
+            const std::shared_ptr<JSON_RPC_Answers>& answers, std::size_t part);
+  const char* enqueue(Task& task, const std::shared_ptr<JSON_RPC_Answers>& answers, std::size_t part);
+  bool full();
+  std::vector<Task> take_queued(const std::function<bool(const Task&)>& wanted);
+
+  void serve();
+  bool next(Task& task, std::unique_lock<std::mutex>& lock);
+  void release_lane(const Message_Channel* from);
+  void run(const Task& task);
+  void run_function(const Task& task, const JSON_RPC_Request& request);
+  void answer_error(const Task& task, int code, const std::string& message, const json_spirit::Value& data);
+  void answered(uint64_t key);
+
+  Options options; ///< this and the next: constant once started
+  std::map<std::string, Binding> bindings;
+  mutable std::mutex mutex; ///< for all below
+  std::condition_variable work;
+  std::condition_variable ended;
+  std::vector<std::thread> threads;
+  unsigned live_threads = 0;
+  bool started = false;
+  bool stopping = false;
+  bool was_full = false;
+  std::deque<Task> queue;
+  /// Connections of which a request that must not be overtaken runs or is about to, with those that wait.
+  std::map<const Message_Channel*, std::deque<Task>> lanes;
+  std::unordered_map<uint64_t, Open_Request> open;
+  uint64_t last_key = 0;
+  Statistics statistics;
+};
+
+void JSON_RPC_Dispatcher::Core::serve()
+{
+  thread_of = this;
+  for (;;) {
+    Task task; // freed without the lock: it may be the last owner of a connection
+    {
+      std::unique_lock<std::mutex> lock(mutex);
+      if (!next(task, lock))
+        break;
+    }
+    run(task);
+    const std::lock_guard<std::mutex> guard(mutex);
+    --statistics.running;
+    if (task.holds_lane)
+      release_lane(task.from.get());
+  }
+  const std::lock_guard<std::mutex> guard(mutex);
+  --live_threads;
+  ended.notify_all();
+}
+
+/// Waits for something to do; false once the dispatcher stops.
+bool JSON_RPC_Dispatcher::Core::next(Task& task, std::unique_lock<std::mutex>& lock)
+{
+  for (;;) {
+    work.wait(lock, [this] { return stopping || !queue.empty(); });
+    if (stopping)
+      return false;
+    task = std::move(queue.front());
+    queue.pop_front();
+    if (task.binding->order == JSON_RPC_Order::as_received && !task.holds_lane) {
+      const auto [lane, free] = lanes.try_emplace(task.from.get());
+      if (!free) {
+        lane->second.push_back(std::move(task));
+        continue;
+      }
+      task.holds_lane = true;
+    }
+    --statistics.queued;
+    ++statistics.running;
+    return true;
+  }
+}
+
+/// Hands the lane to the next one that waits for it. That one goes to the front of the queue: it is older
+/// than all others of its lane there.
+void JSON_RPC_Dispatcher::Core::release_lane(const Message_Channel* from)
+{
+  const auto lane = lanes.find(from);
+  if (lane == lanes.end())
+    return;
+  if (lane->second.empty()) {
+    lanes.erase(lane);
+    return;
+  }
+  queue.push_front(std::move(lane->second.front()));
+  lane->second.pop_front();
+  queue.front().holds_lane = true;
+  work.notify_one();
+}
+
+void JSON_RPC_Dispatcher::Core::run(const Task& task)
+{
+  const JSON_RPC_Request& request = *task.request->request();
+  try {
+    if (!task.binding->handler)
+      run_function(task, request);
+    else if (task.binding->handler->handle_object(Weak_Channel(task.channel), task.request) == -1)
+      answer_error(task, JSON_RPC_INTERNAL_ERROR, "Internal error", json_spirit::Value());
+  } catch (const std::exception& failure) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) JSON_RPC_Dispatcher: the method %C failed: %C\n", request.method().c_str(),
+               failure.what()));
+    answer_error(task, JSON_RPC_INTERNAL_ERROR, "Internal error", json_spirit::Value());
+  } catch (...) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) JSON_RPC_Dispatcher: the method %C failed for an unknown reason\n",
+               request.method().c_str()));
+    answer_error(task, JSON_RPC_INTERNAL_ERROR, "Internal error", json_spirit::Value());
+  }
+}
+
+void JSON_RPC_Dispatcher::Core::run_function(const Task& task, const JSON_RPC_Request& request)
+{
+  JSON_RPC_Error error;
+  json_spirit::Value result;
+  if (!task.binding->function(*task.from, request.params(), result, error)) {
+    answer_error(task, error.code, error.message.empty() ? "Internal error" : error.message, error.data);
+    return;
+  }
+  JSON_RPC_Response* response = new JSON_RPC_Response(request);
+  const JSON_RPC_Object_Ptr answer(response);
+  response->result() = std::move(result);
+  if (task.channel->send(answer) == -1)
+    answer_error(task, JSON_RPC_INTERNAL_ERROR, "Internal error", json_spirit::Value());
+}
+
+/// Without effect when the request was answered.
+void JSON_RPC_Dispatcher::Core::answer_error(const Task& task, int code, const std::string& message,
+                                             const json_spirit::Value& data)
+{
+  if (task.key)
+    ignore_result(task.channel->send_error(code, task.request->request()->id(), message.c_str(), data),
+                  "the requester may have gone, or has its answer");
+}
+
+/// One request of a message, from its form to the queue.
+void JSON_RPC_Dispatcher::Core::take(const std::shared_ptr<Message_Channel>& from,
+                                     json_spirit::Value& message,
+                                     const std::shared_ptr<JSON_RPC_Answers>& answers, std::size_t part)
+{
+  Request_Parts parts = read_request(message);
+  if (!parts.valid) {
+    answers->put_error(part, JSON_RPC_INVALID_REQUEST, parts.id, "Invalid Request");
+    return;
+  }
+  const auto binding = bindings.find(parts.method);
+  if (parts.notification)
+    answers->skip(part);
+  if (binding == bindings.end()) {
+    if (!parts.notification)
+      answers->put_error(part, JSON_RPC_METHOD_NOT_FOUND, parts.id, "Method not found");
+    return;
+  }
+  Task task;
+  task.from = from;
+  task.binding = &binding->second;
+  const json_spirit::Value id = parts.id;
+  task.request = JSON_RPC_Object_Ptr(
+      new JSON_RPC_Request(std::move(parts.id), std::move(parts.method), std::move(parts.params)));
+  const char* refusal = enqueue(task, parts.notification ? nullptr : answers, part);
+  if (refusal && !parts.notification)
+    answers->put_error(part, JSON_RPC_BUSY, id, refusal);
+}
+
+/// Null, or why the task is not accepted. Without `answers` it is a notification.
+const char* JSON_RPC_Dispatcher::Core::enqueue(Task& task, const std::shared_ptr<JSON_RPC_Answers>& answers,
+                                               std::size_t part)
+{
+  const std::lock_guard<std::mutex> guard(mutex);
+  ++statistics.received;
+  if (stopping || !started)
+    return "The service is stopping.";
+  if (full()) {
+    ++statistics.refused_busy;
+    return "Too many requests wait already; try again later.";
+  }
+  std::function<void()> answered;
+  if (answers) {
+    task.key = ++last_key;
+    answered = [core = weak_from_this(), key = task.key] {
+      if (const std::shared_ptr<Core> self = core.lock())
+        self->answered(key);
+    };
+  }
+  task.channel =
+      Strong_Channel(new JSON_RPC_Reply_Channel(answers, part, task.request->request()->id(), answered));
+  if (answers)
+    open.emplace(task.key, Open_Request{task.from.get(), answers, task.channel});
+  queue.push_back(std::move(task));
+  ++statistics.queued;
+  work.notify_one();
+  return nullptr;
+}
+
+/// Whether no more fits; told once each time that it begins.
+bool JSON_RPC_Dispatcher::Core::full()
+{
+  if (open.size() >= options.open_limit)
+    for (auto request = open.begin(); request != open.end();)
+      request = request->second.answers->connected() ? std::next(request) : open.erase(request);
+  const bool is_full = statistics.queued >= options.queue_limit || open.size() >= options.open_limit;
+  if (is_full && !was_full)
+    ACE_ERROR((LM_WARNING,
+               "(%P|%t) JSON_RPC_Dispatcher: %u requests wait and %u are not answered; refusing more\n",
+               statistics.queued, static_cast<unsigned>(open.size())));
+  was_full = is_full;
+  return is_full;
+}
+
+void JSON_RPC_Dispatcher::Core::answered(uint64_t key)
+{
+  Strong_Channel channel; // freed without the lock
+  const std::lock_guard<std::mutex> guard(mutex);
+  const auto request = open.find(key);
+  if (request == open.end())
+    return;
+  channel = request->second.channel;
+  open.erase(request);
+}
+
+/// Takes those out that wait for a thread. With the lock held.
+std::vector<Task> JSON_RPC_Dispatcher::Core::take_queued(const std::function<bool(const Task&)>& wanted)
+{
+  std::vector<Task> taken;
+  const auto move_out = [&](std::deque<Task>& tasks) {
+    const auto first =
+        std::stable_partition(tasks.begin(), tasks.end(), [&](const Task& task) { return !wanted(task); });
+    std::move(first, tasks.end(), std::back_inserter(taken));
+    tasks.erase(first, tasks.end());
+  };
+  move_out(queue);
+  for (auto& lane : lanes)
+    move_out(lane.second);
+  statistics.queued -= static_cast<unsigned>(taken.size());
+  for (const Task& task : taken)
+    if (task.holds_lane)
+      release_lane(task.from.get());
+  return taken;
+}
+
+JSON_RPC_Dispatcher::JSON_RPC_Dispatcher() : core_(std::make_shared<Core>()) {}
+
+JSON_RPC_Dispatcher::~JSON_RPC_Dispatcher()
+{
+  ignore_result(stop(), "told in the log");
+}
+
+bool JSON_RPC_Dispatcher::bind(const std::string& method, JSON_RPC_Handler* handler, JSON_RPC_Order order)
+{
+  return handler && core_->bind(method, Binding{handler, nullptr, order});
+}
+
+bool JSON_RPC_Dispatcher::bind(const std::string& method, Method function, JSON_RPC_Order order)
+{
+  if (!function)
+    return false;
+  const auto without_peer = [function](Message_Channel&, const json_spirit::Value& params,
+                                       json_spirit::Value& result,
+                                       JSON_RPC_Error& error) { return function(params, result, error); };
+  return core_->bind(method, Binding{nullptr, without_peer, order});
+}
+
+bool JSON_RPC_Dispatcher::bind(const std::string& method, Peer_Method function, JSON_RPC_Order order)
+{
+  return function && core_->bind(method, Binding{nullptr, std::move(function), order});
+}
+
+bool JSON_RPC_Dispatcher::Core::bind(const std::string& method, Binding binding)
+{
+  const std::lock_guard<std::mutex> guard(mutex);
+  return !method.empty() && !started && bindings.emplace(method, std::move(binding)).second;
+}
+
+bool JSON_RPC_Dispatcher::start(const Options& options)
+{
+  if (options.threads < 2) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) JSON_RPC_Dispatcher::start: at least two threads are needed, not %u\n",
+               options.threads));
+    return false;
+  }
+  if (!core_->start(options)) {
+    stop();
+    return false;
+  }
+  return true;
+}
+
+bool JSON_RPC_Dispatcher::Core::start(const Options& wanted)
+{
+  const std::lock_guard<std::mutex> guard(mutex);
+  if (started || stopping) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) JSON_RPC_Dispatcher::start: it was started before\n"));
+    return false;
+  }
+  options = wanted;
+  started = true;
+  try {
+    while (threads.size() < options.threads) {
+      threads.emplace_back([self = shared_from_this()] { self->serve(); });
+      ++live_threads;
+    }
+  } catch (const std::system_error& failure) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) JSON_RPC_Dispatcher::start: no thread can be made: %C\n", failure.what()));
+    return false;
+  }
+  return true;
+}
+
+bool JSON_RPC_Dispatcher::stop()
+{
+  std::vector<Task> refused;
+  std::unordered_map<uint64_t, Open_Request> open;
+  {
+    const std::lock_guard<std::mutex> guard(core_->mutex);
+    if (!core_->started)
+      return true;
+    core_->stopping = true;
+    refused = core_->take_queued([](const Task&) { return true; });
+    core_->work.notify_all();
+  }
+  for (const Task& task : refused)
+    core_->answer_error(task, JSON_RPC_BUSY, "The service is stopping.", json_spirit::Value());
+  const bool all_ended = core_->wait_for_threads();
+  const std::lock_guard<std::mutex> guard(core_->mutex);
+  open.swap(core_->open); // freed without the lock
+  return all_ended;
+}
+
+/// Waits for the service threads and gives whether they ended. The first caller takes them.
+bool JSON_RPC_Dispatcher::Core::wait_for_threads()
+{
+  const bool own = thread_of == this;
+  std::vector<std::thread> taken;
+  bool all_ended;
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    taken.swap(threads);
+    all_ended = ended.wait_for(lock, std::chrono::milliseconds(options.stop_timeout_msec),
+                               [&] { return live_threads == (own ? 1u : 0u); });
+  }
+  if (!all_ended && !taken.empty())
+    ACE_ERROR((LM_ERROR,
+               "(%P|%t) JSON_RPC_Dispatcher::stop: a handler still runs after %d ms and is left alone\n",
+               options.stop_timeout_msec));
+  for (std::thread& thread : taken)
+    if (all_ended && thread.get_id() != std::this_thread::get_id())
+      thread.join();
+    else
+      thread.detach();
+  return all_ended;
+}
+
+void JSON_RPC_Dispatcher::receive(const std::shared_ptr<Message_Channel>& from, const std::string& text)
+{
+  json_spirit::Value message;
+  std::string error;
+  if (read_json(text, json_network_limits(), message, error))
+    receive_message(from, std::move(message));
+  else
+    JSON_RPC_Answers::to_request(from)->put_error(0, JSON_RPC_PARSE_ERROR, json_spirit::Value(),
+                                                  "Parse error: " + error);
+}
+
+void JSON_RPC_Dispatcher::receive_message(const std::shared_ptr<Message_Channel>& from,
+                                          json_spirit::Value message)
+{
+  if (message.type() != json_spirit::array_type) {
+    core_->take(from, message, JSON_RPC_Answers::to_request(from), 0);
+    return;
+  }
+  json_spirit::Array& batch = message.get_array();
+  const unsigned limit = core_->options.batch_limit;
+  if (batch.empty() || batch.size() > limit) {
+    const std::string text = batch.empty()
+                                 ? "Invalid Request"
+                                 : "Invalid Request: a batch holds at most " + std::to_string(limit) +
+                                       " requests, not " + std::to_string(batch.size());
+    JSON_RPC_Answers::to_request(from)->put_error(0, JSON_RPC_INVALID_REQUEST, json_spirit::Value(), text);
+    return;
+  }
+  const std::shared_ptr<JSON_RPC_Answers> answers = JSON_RPC_Answers::to_batch(from, batch.size());
+  for (std::size_t part = 0; part < batch.size(); ++part)
+    core_->take(from, batch[part], answers, part);
+}
+
+void JSON_RPC_Dispatcher::forget(const Message_Channel* from)
+{
+  std::vector<Task> dropped;
+  std::vector<Strong_Channel> channels; // both freed without the lock
+  const std::lock_guard<std::mutex> guard(core_->mutex);
+  dropped = core_->take_queued([from](const Task& task) { return task.from.get() == from && task.key; });
+  for (auto request = core_->open.begin(); request != core_->open.end();) {
+    if (request->second.from != from) {
+      ++request;
+      continue;
+    }
+    channels.push_back(request->second.channel);
+    request = core_->open.erase(request);
+  }
+}
+
+JSON_RPC_Dispatcher::Statistics JSON_RPC_Dispatcher::statistics() const
+{
+  const std::lock_guard<std::mutex> guard(core_->mutex);
+  Statistics now = core_->statistics;
+  now.open = static_cast<unsigned>(core_->open.size());
+  return now;
+}
+} // namespace kestrel
