@@ -102,18 +102,6 @@ void refusal(const std::string& url, const REST_Answer& answer, REST_Problem& pr
     problem.text = "the backup server " + url + " answered with status " + std::to_string(answer.status) +
                    "; see the server's log";
 }
-
-/// False when the caller gave up meanwhile.
-bool pause(int64_t msec, const std::atomic<bool>* stopped)
-{
-  const int64_t end = clock().monotonic_msec() + msec;
-  for (int64_t left = msec; left > 0; left = end - clock().monotonic_msec()) {
-    if (stopped && *stopped)
-      return false;
-    clock().sleep_msec(stopped ? std::min(left, STOP_CHECK_MSEC) : left);
-  }
-  return !stopped || !*stopped;
-}
 } // namespace
 
 REST_Transport::~REST_Transport() = default;
@@ -141,7 +129,7 @@ bool REST_Client::exchange(const REST_Call& call, REST_Answer& answer, REST_Prob
       refusal(url_, got, why);
     }
     const int64_t left = end - clock().monotonic_msec();
-    if (left <= 0 || !is_worth_repeating(why, call.retry) || !pause(std::min(wait, left), call.stopped)) {
+    if (left <= 0 || !is_worth_repeating(why, call.retry) || !pause_unless(call.stopped, std::min(wait, left))) {
       problem = std::move(why);
       return false;
     }
@@ -193,6 +181,17 @@ bool REST_Client::post(const std::string& path, const json_spirit::Value& body, 
   request.method = "POST";
   request.path = path;
   return call(request, &body, reply, problem);
+}
+
+bool pause_unless(const std::atomic<bool>* stopped, int64_t msec)
+{
+  const int64_t end = clock().monotonic_msec() + msec;
+  for (int64_t left = msec; left > 0; left = end - clock().monotonic_msec()) {
+    if (stopped && *stopped)
+      return false;
+    clock().sleep_msec(stopped ? std::min(left, STOP_CHECK_MSEC) : left);
+  }
+  return !stopped || !*stopped;
 }
 
 std::string url_escape(const std::string& text)

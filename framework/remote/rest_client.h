@@ -130,6 +130,9 @@ private:
   const std::shared_ptr<REST_Transport> transport_;
 };
 
+/// Waits by kestrel::clock(). False as soon as `stopped` (which may be null) is true.
+[[nodiscard]] bool pause_unless(const std::atomic<bool>* stopped, int64_t msec);
+
 /// The parts joined by slashes below "/k2/r/", each escaped so that nothing in it can end a segment.
 std::string rest_path(const std::vector<std::string>& parts);
 /// The same, with a query behind it.

@@ -1,8 +1,16 @@
 #include "remote/upstream.h"
 
+#include "catalog/catalog_back_end.h"
+#include "remote/record_json.h"
+#include "remote/remote_catalog.h"
+#include "remote/remote_storage.h"
 #include "rpc/http_session.h"
 #include "rpc/json_restful_client.h"
+#include "storage/back_end.h"
 #include "storage/host_manager.h"
+#include "storage/pool.h"
+
+#include <sys/stat.h>
 
 #include <mutex>
 
@@ -12,6 +20,8 @@ namespace
 {
 /// A selection may wait for the answers of other nodes.
 const unsigned REQUEST_SECONDS = 30;
+/// A job that begins while the server restarts waits this long for its pool.
+const unsigned POOL_RETRY_SECONDS = 30;
 
 std::mutex registration_lock;
 
@@ -44,6 +54,49 @@ public:
 private:
   const std::shared_ptr<REST_Client> client_;
 };
+
+/// Finds pools on the server. `here`: this is the server's machine, whose directories can be used directly.
+class Server_Pools
+{
+public:
+  Server_Pools(std::shared_ptr<REST_Client> client, bool here) : client_(std::move(client)), here_(here) {}
+
+  bool operator()(const std::string& pool_id, Pool_Info& info, std::string& error) const
+  {
+    REST_Call call;
+    call.path = rest_path({"pools", pool_id});
+    call.retry = {POOL_RETRY_SECONDS, true};
+    json_spirit::Value reply;
+    REST_Problem problem;
+    if (!client_->call(call, nullptr, reply, problem)) {
+      error = problem.text;
+      return false;
+    }
+    Pool_Info pool = pool_from(reply);
+    struct stat status;
+    if (!here_ || ::stat(pool.storage_path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+      pool.back_end = SERVER_STORAGE;
+      pool.storage_path = "/" + pool.pool_id;
+    }
+    info = pool;
+    return true;
+  }
+
+private:
+  const std::shared_ptr<REST_Client> client_;
+  const bool here_;
+};
+
+/// What reads and what changes catalog and pools; the module's other ways to the server are the hosts' own.
+void register_back_ends(const std::shared_ptr<REST_Client>& client, const Upstream_Options& options,
+                        bool read_only)
+{
+  register_catalog_back_end(std::make_shared<Remote_Catalog>(client, read_only));
+  set_pool_finder(Server_Pools(client, options.on_server_machine));
+  const unsigned seconds = options.transfer_seconds;
+  register_storage_back_end(SERVER_STORAGE,
+                            [client, seconds] { return std::make_unique<Remote_Back_End>(client, seconds); });
+}
 } // namespace
 
 bool register_upstream(const Upstream_Options& options, std::string& error)
@@ -68,6 +121,7 @@ bool register_upstream(const Upstream_Options& options, std::string& error)
   Host_Manager::instance()->configure(options.on_server_machine, key, key);
   WebSocket_Options::set(server);
   set_upstream_transport(std::make_shared<REST_Upstream_Transport>(client));
+  register_back_ends(client, options, false);
   return true;
 }
 
@@ -77,12 +131,17 @@ bool register_console_upstream(const REST_Client_Options& connection, std::strin
   unsigned short port = 0;
   if (!parse_server_url(connection.url, host, port, error))
     return false;
+  const std::lock_guard<std::mutex> guard(registration_lock);
+  register_back_ends(std::make_shared<REST_Client>(connection), Upstream_Options(), true);
   return true;
 }
 
 void unregister_upstream()
 {
   const std::lock_guard<std::mutex> guard(registration_lock);
+  register_storage_back_end(SERVER_STORAGE, nullptr);
+  set_pool_finder(nullptr);
+  register_catalog_back_end(nullptr);
   set_upstream_transport(nullptr);
   WebSocket_Options::set(WebSocket_Options());
   Host_Manager::instance()->configure(false, nullptr, nullptr);

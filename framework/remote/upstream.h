@@ -16,6 +16,8 @@ struct Upstream_Options {
   /// True when this process runs on the backup server's own machine: pools whose directories are here are
   /// then used directly.
   bool on_server_machine = false;
+  /// For one attempt to move a piece of a stored file; a longer one counts as lost and is tried again.
+  unsigned transfer_seconds = 60;
 };
 
 /// From here on jobs of this process use the server: for the catalog, for pools, for the files in pools, and

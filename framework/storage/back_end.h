@@ -24,6 +24,9 @@ public:
   /// Removes what was written, while nobody else can yet write a file of the name. A back end that has no
   /// such way leaves it as without a commit.
   virtual void discard();
+  /// Makes a call of write() or commit() that is waiting end soon, with an error; so do later ones. For back
+  /// ends that wait for more than a disk. Any thread.
+  virtual void interrupt() {}
 };
 
 /// A file of a pool while it is read.
@@ -46,6 +49,8 @@ public:
   /// Whether most of the file was in this host's memory when it was opened, so that reading it need not wait
   /// for a disk. False where that cannot be told.
   virtual bool in_memory() const { return false; }
+  /// As Stored_File_Writer::interrupt(), for reads.
+  virtual void interrupt() {}
   /// How error texts name the file.
   virtual const std::string& path() const = 0;
 };
@@ -63,6 +68,7 @@ public:
   /// else is writing it.
   [[nodiscard]] virtual std::unique_ptr<Stored_File_Writer> create(const std::string& name, bool overwrite,
                                                                    std::string& error) = 0;
+  /// errno is EHOSTUNREACH exactly when the storage could not be asked, so that nothing is known of the file.
   [[nodiscard]] virtual std::unique_ptr<Stored_File_Reader> open(const std::string& name,
                                                                  std::string& error) = 0;
   [[nodiscard]] virtual bool remove(const std::string& name, std::string& error) = 0;

@@ -30,6 +30,8 @@ void Stream_Reader::stop()
   stopped_ = true;
   if (pipe_)
     pipe_->stop();
+  if (file_)
+    file_->interrupt();
   if (worker_.joinable())
     worker_.join();
 }

@@ -28,6 +28,8 @@ void Stream_Writer::stop()
   pipe_.stop();
   if (team_)
     team_->frames().stop();
+  if (file_)
+    file_->interrupt();
   if (worker_.joinable())
     worker_.join();
 }
