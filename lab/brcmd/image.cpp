@@ -1,5 +1,6 @@
 #include "lab/brcmd/image.h"
 
+#include "lab/brcmd/pipe.h"
 #include "lab/common/files.h"
 #include "lab/common/text.h"
 
@@ -7,7 +8,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <new>
+#include <sys/uio.h>
 #include <unistd.h>
 #include <xxhash.h>
 
@@ -19,18 +22,19 @@ namespace
 
 // Large enough to spare system calls, small enough to stay in the processor's cache between reading, hashing
 // and writing.
-constexpr std::size_t buffer_bytes = 256 * 1024;
+constexpr std::size_t piece_bytes = 256 * 1024;
+constexpr std::size_t pieces = 5;
+constexpr std::size_t buffer_bytes = piece_bytes * pieces;
 constexpr std::size_t page_bytes = 4096;
 constexpr std::size_t frame_header_bytes = 32;
 constexpr std::size_t max_path_bytes = 4096;
 constexpr std::size_t max_text_bytes = 64 * 1024;
-static_assert(max_piece_bytes <= buffer_bytes, "a piece fits the buffer");
 const char frame_magic[4] = {'O', 'B', 'F', '1'};
 const char stream_magic[8] = {'O', 'S', 'C', 'A', 'R', 'B', 'R', '1'};
 
-char* new_buffer()
+char* new_buffer(std::size_t bytes)
 {
-  void* const buffer = std::aligned_alloc(page_bytes, buffer_bytes);
+  void* const buffer = std::aligned_alloc(page_bytes, bytes);
   if (!buffer)
     throw std::bad_alloc();
   return static_cast<char*>(buffer);
@@ -99,7 +103,17 @@ std::uint64_t Xxh3_64::digest() const
   return XXH3_64bits_digest(state_);
 }
 
-Image_Writer::Image_Writer(int fd) : fd_(fd), buffer_(new_buffer()) {}
+/// Whether a piece that was lent to the pipe has left it when the other pieces have gone in.
+bool pipe_fits_pieces(int fd)
+{
+  const int pipe_bytes = ::fcntl(fd, F_GETPIPE_SZ);
+  return pipe_bytes > 0 && static_cast<std::size_t>(pipe_bytes) <= piece_bytes * (pieces - 1);
+}
+
+Image_Writer::Image_Writer(int fd)
+    : fd_(fd), buffer_(new_buffer(buffer_bytes)), piece_(buffer_), lends_pages_(pipe_fits_pieces(fd))
+{
+}
 
 Image_Writer::~Image_Writer()
 {
@@ -120,9 +134,38 @@ void Image_Writer::info(const std::string& text)
 
 void Image_Writer::flush()
 {
-  write_all(fd_, buffer_, used_, "to the pipe");
+  write_all(fd_, piece_, used_, "to the pipe");
   written_bytes_ += used_;
   used_ = 0;
+}
+
+/// Lends the full piece to the pipe and goes on in the next one.
+void Image_Writer::write_piece()
+{
+  // Nobody but this process and the reader has the pipe open, but a reader may resize it at any time.
+  if (lends_pages_ && !pipe_fits_pieces(fd_)) {
+    // What was lent before may still be in the larger pipe, and must stay as it is until the reader has taken
+    // it.
+    wait_until_drained(fd_);
+    lends_pages_ = false;
+  }
+  if (!lends_pages_) {
+    flush();
+    return;
+  }
+  iovec part{piece_, piece_bytes};
+  while (part.iov_len > 0) {
+    const ssize_t count = ::vmsplice(fd_, &part, 1, 0);
+    if (count < 0 && errno == EINTR)
+      continue;
+    if (count < 0)
+      fail_errno("cannot write to the pipe");
+    part.iov_base = static_cast<char*>(part.iov_base) + count;
+    part.iov_len -= static_cast<std::size_t>(count);
+  }
+  written_bytes_ += piece_bytes;
+  used_ = 0;
+  piece_ = piece_ + piece_bytes == buffer_ + buffer_bytes ? buffer_ : piece_ + piece_bytes;
 }
 
 void Image_Writer::put(const void* data, std::size_t size)
@@ -130,13 +173,13 @@ void Image_Writer::put(const void* data, std::size_t size)
   const char* next = static_cast<const char*>(data);
   hash_.update(data, size);
   while (size > 0) {
-    const std::size_t count = std::min(size, buffer_bytes - used_);
-    std::memcpy(buffer_ + used_, next, count);
+    const std::size_t count = std::min(size, piece_bytes - used_);
+    std::memcpy(free_part(), next, count);
     used_ += count;
     next += count;
     size -= count;
-    if (used_ == buffer_bytes)
-      flush();
+    if (used_ == piece_bytes)
+      write_piece();
   }
 }
 
@@ -220,19 +263,19 @@ void Image_Writer::file(const Frame& frame, int fd)
   std::uint64_t left = frame.payload_bytes;
   while (left > 0) {
     // Straight into the free part of the buffer: one copy less than put().
-    const std::size_t room = static_cast<std::size_t>(std::min<std::uint64_t>(left, buffer_bytes - used_));
-    const std::size_t count = read_full(fd, buffer_ + used_, room, frame.path);
-    std::memset(buffer_ + used_ + count, 0, room - count);
-    hash_.update(buffer_ + used_, room);
+    const std::size_t room = static_cast<std::size_t>(std::min<std::uint64_t>(left, piece_bytes - used_));
+    const std::size_t count = read_full(fd, free_part(), room, frame.path);
+    std::memset(free_part() + count, 0, room - count);
+    hash_.update(free_part(), room);
     used_ += room;
     left -= room;
-    if (used_ == buffer_bytes)
-      flush();
+    if (used_ == piece_bytes)
+      write_piece();
   }
   end();
 }
 
-Image_Reader::Image_Reader(int fd) : fd_(fd), buffer_(new_buffer()) {}
+Image_Reader::Image_Reader(int fd) : fd_(fd), buffer_(new_buffer(piece_bytes)) {}
 
 Image_Reader::~Image_Reader()
 {
@@ -244,7 +287,7 @@ std::size_t Image_Reader::fill()
   if (begin_ == end_) {
     begin_ = end_ = 0;
     for (;;) {
-      const ssize_t count = ::read(fd_, buffer_, buffer_bytes);
+      const ssize_t count = ::read(fd_, buffer_, piece_bytes);
       if (count < 0 && errno == EINTR)
         continue;
       if (count < 0)

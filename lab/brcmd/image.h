@@ -73,6 +73,9 @@ private:
   XXH3_state_s* state_;
 };
 
+/// Into a pipe, full pieces of the buffer go as pages that the reader copies out of the buffer itself; the
+/// same piece is filled again only when so many pages followed that the pipe cannot hold it any more. So the
+/// reader must read: what it passed on with splice() would change later.
 class Image_Writer
 {
 public:
@@ -94,6 +97,8 @@ public:
   std::uint64_t written_bytes() const { return written_bytes_; }
 
 private:
+  char* free_part() const { return piece_ + used_; }
+  void write_piece();
   void begin(const Frame& frame);
   void put(const void* data, std::size_t size);
   void end();
@@ -102,7 +107,9 @@ private:
   int fd_;
   std::uint64_t written_bytes_ = 0;
   char* buffer_;
+  char* piece_; // the part of the buffer that is filled now
   std::size_t used_ = 0;
+  bool lends_pages_;
   Xxh3_64 hash_;
 };
 

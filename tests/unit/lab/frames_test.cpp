@@ -3,8 +3,12 @@
 #include "lab/common/text.h"
 #include "support/temp_dir.h"
 
+#include <atomic>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace oscar_lab;
 using kestrel_test::Temp_Dir;
@@ -61,7 +65,82 @@ std::string read_stream(const Temp_Dir& dir, const std::string& bytes)
   return seen;
 }
 
+/// Files of sizes that fill the writer's pieces in every way, with bytes that tell their place.
+void write_files(int fd, const std::string& path)
+{
+  Image_Writer image(fd);
+  image.info("x");
+  const Descriptor file = open_file(path, O_RDONLY);
+  for (const std::uint64_t size : {3000000U, 262144U, 1U, 1310720U, 4000001U}) {
+    Frame frame;
+    frame.type = Frame_Type::file;
+    frame.path = "f";
+    frame.payload_bytes = frame.file_bytes = size;
+    if (::lseek(file.get(), 0, SEEK_SET) != 0)
+      fail_errno("seek");
+    image.file(frame, file.get());
+  }
+  image.flush();
+}
+
+/// Reads in pieces of the given size, and only when the pipe is full or the writer is done.
+std::string read_lagging(int fd, std::size_t piece_bytes, const std::atomic<bool>& done)
+{
+  std::string all;
+  std::string piece(piece_bytes, '\0');
+  for (;;) {
+    const int capacity = ::fcntl(fd, F_GETPIPE_SZ);
+    int waiting = 0;
+    int before = -1;
+    // What fills a slot only in part keeps the pipe from ever holding all its bytes.
+    while (::ioctl(fd, FIONREAD, &waiting) == 0 && waiting + 8192 < capacity && !done && before != waiting) {
+      before = waiting;
+      std::this_thread::yield();
+    }
+    const ssize_t count = ::read(fd, &piece[0], piece.size());
+    if (count <= 0)
+      return all;
+    all.append(piece, 0, static_cast<std::size_t>(count));
+  }
+}
+
+void expect_same_through_pipe(const Temp_Dir& dir, int pipe_bytes, std::size_t piece_bytes)
+{
+  SCOPED_TRACE(std::to_string(pipe_bytes) + " " + std::to_string(piece_bytes));
+  int ends[2];
+  ASSERT_EQ(0, ::pipe2(ends, O_CLOEXEC));
+  const Descriptor read_end(ends[0]);
+  Descriptor write_end(ends[1]);
+  // Only root may make pipes of more than a megabyte; the tests hold with the smaller one as well.
+  EXPECT_TRUE(::fcntl(ends[0], F_SETPIPE_SZ, pipe_bytes) > 0 || errno == EPERM);
+  std::atomic<bool> done(false);
+  std::thread writer([&] {
+    write_files(write_end.get(), dir / "data");
+    done = true;
+    write_end.reset();
+  });
+  const std::string got = read_lagging(read_end.get(), piece_bytes, done);
+  writer.join();
+  EXPECT_TRUE(got == read_file(dir / "expected"));
+}
+
 } // namespace
+
+TEST(Backup_Frames, pass_through_pipes_of_every_size_unchanged)
+{
+  const Temp_Dir dir;
+  std::string data;
+  for (unsigned i = 0; data.size() < 4000001; ++i)
+    data += std::to_string(i) + " ";
+  dir.write("data", data);
+  {
+    const Descriptor file = open_file(dir / "expected", O_WRONLY | O_CREAT, 0600);
+    write_files(file.get(), dir / "data");
+  }
+  for (const int pipe_bytes : {4096, 65536, 1048576, 4194304})
+    for (const std::size_t piece_bytes : {777U, 8192U, 1048576U})
+      expect_same_through_pipe(dir, pipe_bytes, piece_bytes);
+}
 
 TEST(Backup_Frames, come_back_as_written)
 {
