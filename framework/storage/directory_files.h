@@ -2,6 +2,7 @@
 
 #include "storage/back_end.h"
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -16,6 +17,19 @@ namespace kestrel
 /// large pieces. Null with `error` and errno; EEXIST exactly when the name is taken.
 [[nodiscard]] std::unique_ptr<Stored_File_Writer>
 create_directory_file(const std::string& path, bool overwrite, bool direct_allowed, std::string& error);
+
+/// What there is of an unfinished file: its bytes, and the number that it keeps while it exists.
+struct Unfinished_File {
+  uint64_t bytes = 0;
+  uint64_t inode = 0;
+};
+
+/// Goes on with the file that create_directory_file() began in a process that has ended: what was written
+/// stays and the next byte comes behind it. Null with `error` and errno, `left` untouched; ENOENT when there is
+/// none, EEXIST when somebody is writing it. Whether every byte is still there after the machine itself was
+/// restarted is not known.
+[[nodiscard]] std::unique_ptr<Stored_File_Writer>
+resume_directory_file(const std::string& path, Unfinished_File& left, std::string& error);
 
 /// The finished file `path` with its side file. Null with `error` filled.
 [[nodiscard]] std::unique_ptr<Stored_File_Reader> open_directory_file(const std::string& path,

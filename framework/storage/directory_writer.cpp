@@ -346,4 +346,44 @@ std::unique_ptr<Stored_File_Writer> create_directory_file(const std::string& pat
   const bool direct = direct_allowed && is_direct_file_system(fd) && set_direct(fd, true);
   return std::make_unique<Directory_Writer>(path, fd, direct);
 }
+
+std::unique_ptr<Stored_File_Writer> resume_directory_file(const std::string& path, Unfinished_File& left,
+                                                          std::string& error)
+{
+  const std::string partial_path = partial_file_path(path);
+  const int fd = file_system().open(partial_path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW);
+  if (fd < 0) {
+    const int failure = errno == EEXIST ? EIO : errno;
+    error = file_error("go on with", partial_path, errno);
+    errno = failure;
+    return nullptr;
+  }
+  Scope_Guard close_file([&] {
+    const int failure = errno;
+    ignore_result(file_system().close(fd), "nothing was written yet");
+    errno = failure;
+  });
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    error = "cannot go on with " + partial_path + ": another job is writing this file";
+    errno = EEXIST;
+    return nullptr;
+  }
+  struct stat opened;
+  struct stat named;
+  if (file_system().fstat(fd, &opened) != 0 || ::lseek(fd, 0, SEEK_END) < 0) {
+    error = file_error("examine", partial_path, errno);
+    return nullptr;
+  }
+  // Finished by somebody else between our open and our lock?
+  if (!S_ISREG(opened.st_mode) || file_system().stat(partial_path.c_str(), &named) != 0 ||
+      !same_file(opened, named)) {
+    error = "cannot go on with " + partial_path + ": it is no unfinished file any more";
+    errno = ENOENT;
+    return nullptr;
+  }
+  close_file.cancel();
+  left.bytes = static_cast<uint64_t>(opened.st_size);
+  left.inode = opened.st_ino;
+  return std::make_unique<Directory_Writer>(path, fd, false);
+}
 } // namespace kestrel

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "catalog/catalog_back_end.h"
+#include "rpc/rest_router.h"
+
+#include <memory>
+
+namespace kestrel
+{
+/// The catalog over REST (below /k2/r/):
+///   POST   catalogs/{catalog}/{view}        {query}    -> {"rows":[...]}, as Catalog_Operator::get_view()
+///   POST   catalogs                         {"record","must_be_new","repeated"} -> {"warning"}
+///   POST   catalogs/sets/{uuid}/state       {"state":"available"|"unavailable","reason"}
+///   DELETE catalogs/sets/{uuid}
+///   GET    catalogs/sets/{uuid}/dependents  -> {"uuids":[...]}
+/// Agents add records and read; operators change states; administrators delete. A record with "repeated" is a
+/// commit whose answer got lost: when the catalog has it already, the same in every field, it counts as stored.
+/// An answer that would be too large for a client is refused with 413: the client asks for fewer rows.
+/// Threads:   any. Ownership: shares the catalog; must outlive the router's requests.
+class Catalog_Resources
+{
+public:
+  explicit Catalog_Resources(std::shared_ptr<Catalog_Back_End> catalog);
+  void add_to(REST_Router& router);
+
+private:
+  REST_Reply view(REST_Request& request);
+  REST_Reply commit(REST_Request& request);
+  REST_Reply set_state(REST_Request& request);
+  REST_Reply remove(REST_Request& request);
+  REST_Reply dependents(REST_Request& request);
+  bool has_same(const Backup_Record& record);
+  bool has_set(const std::string& uuid);
+  json_spirit::Array rows(const std::string& catalog, const std::map<std::string, json_spirit::Value>& query);
+
+  const std::shared_ptr<Catalog_Back_End> catalog_;
+};
+
+/// Throws the REST_Error of a catalog operation that was not done.
+void check_catalog(Catalog_Status status, const std::string& error);
+} // namespace kestrel
