@@ -23,6 +23,9 @@ typedef boost::beast::http::request<boost::beast::http::string_body> Beast_Reque
 /// Exactly one of the two streams is there; its executor is a strand, and no operation on it is under way.
 /// The request has been read whole, and nothing beyond it.
 struct Upgraded_Connection::Parts {
+  /// The connection's place among those that the HTTP server counts. Kept for as long as the stream and
+  /// longer: it holds what the stream's executor runs on.
+  std::shared_ptr<void> place;
   std::unique_ptr<Plain_Stream> plain;
   std::unique_ptr<TLS_Stream> tls;
   /// Kept for as long as the stream.

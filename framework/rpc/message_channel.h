@@ -21,7 +21,7 @@ public:
 /// One connection that carries whole texts both ways.
 /// Not for:   streams of bytes, or anything that must survive the connection.
 /// Threads:   any, several at once; identify() only before start().
-/// Ownership: shared. An open connection keeps itself alive; end it with close(). The receiver is not kept.
+/// Ownership: shared; its last owner closes it. The receiver is not kept.
 /// Errors:    false = not accepted for sending. True does not mean that the other side has got it.
 class Message_Channel
 {
@@ -29,7 +29,7 @@ public:
   virtual ~Message_Channel();
 
   /// Begins to deliver. Once. What came before is not lost. When the connection is closed already, closed()
-  /// is called all the same, from a network thread.
+  /// is called before this returns.
   virtual void start(const std::weak_ptr<Message_Receiver>& receiver) = 0;
   /// Queues one text and returns at once. False: the connection is closed, or the text is larger than
   /// message_limit_bytes(). A queue that is full closes the connection: its peer reads too slowly.
@@ -40,7 +40,8 @@ public:
   virtual bool open() const = 0;
   /// The other end as "address:port".
   virtual std::string address() const = 0;
-  /// How many texts wait to be written: lets a sender that can thin out what it has to say wait for a slow reader.
+  /// How many texts wait to be written: lets a sender that can thin out what it has to say wait for a slow
+  /// reader.
   virtual std::size_t unsent() const { return 0; }
   virtual std::size_t message_limit_bytes() const { return std::size_t(16) << 20; }
 

@@ -14,6 +14,8 @@ class context;
 } // namespace asio
 } // namespace boost
 
+struct ssl_st; // the TLS library's connection
+
 namespace kestrel
 {
 /// TLS as all connections of the product use it: 1.2 or later, no compression, no renegotiation, only ciphers
@@ -70,4 +72,11 @@ private:
   explicit TLS_Server_Context(std::unique_ptr<State> state);
   const std::unique_ptr<State> state_;
 };
+
+/// Before a client's handshake: the certificate must be for this host name or address. False when the name
+/// cannot be one.
+[[nodiscard]] bool tls_expect_name(ssl_st* connection, const std::string& name);
+/// After a handshake failed: what is wrong with the server's certificate, as a sentence; "" when it is not
+/// the certificate.
+std::string tls_certificate_problem(ssl_st* connection, const std::string& where, const std::string& name);
 } // namespace kestrel
