@@ -1,0 +1,91 @@
+#include "server/host_jobs.h"
+
+#include "jobs/job_types.h"
+#include "json/json_util.h"
+
+namespace kestrel
+{
+namespace
+{
+constexpr size_t ITEM_BYTES = 4096;
+
+std::string text_of(const json_spirit::Object& object, const char* key)
+{
+  const json_spirit::Value& value = json_spirit::find_value(object, key);
+  return value.type() == json_spirit::str_type ? value.get_str().substr(0, ITEM_BYTES) : std::string();
+}
+
+void copy_number(const json_spirit::Object& from, const char* key, json_spirit::Object& to)
+{
+  const json_spirit::Value& value = json_spirit::find_value(from, key);
+  if (value.type() == json_spirit::int_type || value.type() == json_spirit::real_type)
+    to.emplace_back(key, value);
+}
+} // namespace
+
+bool run_under_way(const std::string& state)
+{
+  Job_State known = JOB_STATE_NONE;
+  return state == "queued" || (job_state_from_text(state, known) && job_run_in_progress(known));
+}
+
+void Host_Jobs::greeted(const json_spirit::Array& jobs)
+{
+  jobs_.clear();
+  running_.clear();
+  for (const json_spirit::Value& entry : jobs) {
+    if (entry.type() != json_spirit::obj_type || jobs_.size() >= JOB_LIMIT)
+      continue;
+    const json_spirit::Object& job = entry.get_obj();
+    const std::string id = text_of(job, "id");
+    if (id.empty())
+      continue;
+    jobs_[id].listed = job;
+    const json_spirit::Value& running = json_spirit::find_value(job, "running");
+    if (running.type() == json_spirit::bool_type && running.get_bool())
+      running_[text_of(job, "run_id")] = id;
+  }
+}
+
+bool Host_Jobs::changed(const json_spirit::Object& state)
+{
+  const std::string id = text_of(state, "id");
+  const std::string run = text_of(state, "run_id");
+  const std::string word = text_of(state, "state");
+  if (id.empty() || word.empty() || (jobs_.size() >= JOB_LIMIT && jobs_.count(id) == 0))
+    return false;
+  json_spirit::Object now;
+  now.emplace_back("run_id", run);
+  now.emplace_back("state", word);
+  for (const char* key : {"progress", "done_bytes", "total_bytes", "time"})
+    copy_number(state, key, now);
+  now.emplace_back("item", text_of(state, "item"));
+  jobs_[id].now = std::move(now);
+  if (run.empty())
+    return true;
+  if (!run_under_way(word))
+    running_.erase(run);
+  else if (running_.size() < JOB_LIMIT)
+    running_[run] = id;
+  return true;
+}
+
+unsigned Host_Jobs::running_but(const std::string& definition_uuid) const
+{
+  unsigned count = 0;
+  for (const auto& [run, definition] : running_)
+    count += definition != definition_uuid;
+  return count;
+}
+
+json_spirit::Value Host_Jobs::job(const std::string& definition_uuid) const
+{
+  const auto found = jobs_.find(definition_uuid);
+  if (found == jobs_.end())
+    return json_spirit::Value();
+  json_spirit::Object told = found->second.listed;
+  if (!found->second.now.empty())
+    set_value(told, "now", found->second.now);
+  return told;
+}
+} // namespace kestrel

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "json/value.h"
+
+#include <map>
+#include <string>
+
+namespace kestrel
+{
+/// What one agent told about its jobs: the list of its greeting, and each change of state since.
+/// Not for:  runs that have ended; their records come another way.
+/// Threads:  the owner's lock.
+/// Errors:   what an agent tells is foreign: parts that cannot be used are left out, and the number of jobs
+///           is limited.
+class Host_Jobs
+{
+public:
+  static constexpr size_t JOB_LIMIT = 20000;
+
+  void greeted(const json_spirit::Array& jobs);
+  /// False when the message cannot be used.
+  [[nodiscard]] bool changed(const json_spirit::Object& state);
+
+  size_t running() const { return running_.size(); }
+  unsigned running_but(const std::string& definition_uuid) const;
+  /// What was told of one job last: the members of its entry in the list, and "now" with the last state.
+  json_spirit::Value job(const std::string& definition_uuid) const;
+
+private:
+  struct Job {
+    json_spirit::Object listed;
+    json_spirit::Object now;
+  };
+  std::map<std::string, Job> jobs_;             ///< by definition
+  std::map<std::string, std::string> running_; ///< runs under way and their definitions
+};
+
+/// Whether this word is the state of a run that has not ended.
+bool run_under_way(const std::string& state);
+} // namespace kestrel
