@@ -10,6 +10,7 @@
 
 #include <ace/Log_Msg.h>
 
+#include <chrono>
 #include <exception>
 #include <map>
 #include <mutex>
@@ -28,6 +29,20 @@ bool refuse(JSON_RPC_Error& error, int code, const std::string& message)
   error.code = code;
   error.message = message;
   return false;
+}
+
+Agent_Call call_of(int error_code)
+{
+  switch (error_code) {
+  case JSON_RPC_CLOSED:
+    return Agent_Call::lost;
+  case JSON_RPC_TIMED_OUT:
+    return Agent_Call::late;
+  case JSON_RPC_NOT_SENT:
+    return Agent_Call::offline;
+  default:
+    return Agent_Call::refused;
+  }
 }
 
 /// Only objects that have a name.
@@ -74,6 +89,7 @@ struct Agent_Hub::State : std::enable_shared_from_this<Agent_Hub::State> {
   void ended(const std::string& host_uuid, const Message_Channel* channel, const std::string& why);
   void save(const Host_Record& record);
   Host* current(Message_Channel& from);
+  std::shared_ptr<JSON_RPC_Peer> peer_of(const std::string& host_uuid) const;
   Host_Status status(const Host_Record& enrolled) const;
   std::vector<std::pair<std::string, Connection_Ptr>> take_invalid(
       const std::map<std::string, Host_Record>& known);
@@ -330,33 +346,47 @@ void Agent_Hub::connect(const std::string& host_uuid, const std::string& name,
     replaced->peer->close("A newer connection of this host took its place.");
 }
 
+std::shared_ptr<JSON_RPC_Peer> Agent_Hub::State::peer_of(const std::string& host_uuid) const
+{
+  const std::lock_guard<std::mutex> guard(mutex);
+  const auto found = hosts.find(host_uuid);
+  return found != hosts.end() && found->second.online() ? found->second.connection->peer : nullptr;
+}
+
 Agent_Call Agent_Hub::ask(const std::string& host_uuid, const std::string& method,
                           const json_spirit::Value& params, int timeout_msec, json_spirit::Value& result,
                           JSON_RPC_Error& error)
 {
-  std::shared_ptr<JSON_RPC_Peer> peer;
-  {
-    const std::lock_guard<std::mutex> guard(state_->mutex);
-    const auto found = state_->hosts.find(host_uuid);
-    if (found != state_->hosts.end() && found->second.online())
-      peer = found->second.connection->peer;
+  std::vector<Answer> answers = ask_all({host_uuid}, method, params, timeout_msec);
+  result = std::move(answers.front().result);
+  error = std::move(answers.front().error);
+  return answers.front().call;
+}
+
+std::vector<Agent_Hub::Answer> Agent_Hub::ask_all(const std::vector<std::string>& host_uuids,
+                                                  const std::string& method, const json_spirit::Value& params,
+                                                  int timeout_msec)
+{
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_msec);
+  std::vector<Answer> answers;
+  std::vector<std::pair<std::shared_ptr<JSON_RPC_Peer>, std::shared_ptr<JSON_RPC_Peer::Call>>> calls;
+  for (const std::string& host_uuid : host_uuids) {
+    const std::shared_ptr<JSON_RPC_Peer> peer = state_->peer_of(host_uuid);
+    const bool open = peer && peer->open();
+    calls.emplace_back(peer, open ? peer->begin_call(method, params) : nullptr);
+    answers.emplace_back();
+    answers.back().host_uuid = host_uuid;
   }
-  if (!peer || !peer->open()) {
-    refuse(error, JSON_RPC_NOT_SENT, "Its agent is not connected.");
-    return Agent_Call::offline;
+  for (size_t i = 0; i < calls.size(); ++i) {
+    Answer& answer = answers[i];
+    if (!calls[i].second)
+      ignore_result(refuse(answer.error, JSON_RPC_NOT_SENT, "Its agent is not connected."), "always false");
+    else if (JSON_RPC_Peer::finish_call(calls[i].second, deadline, answer.result, answer.error))
+      answer.call = Agent_Call::answered;
+    else
+      answer.call = call_of(answer.error.code);
   }
-  if (peer->call(method, params, timeout_msec, result, error))
-    return Agent_Call::answered;
-  switch (error.code) {
-  case JSON_RPC_CLOSED:
-    return Agent_Call::lost;
-  case JSON_RPC_TIMED_OUT:
-    return Agent_Call::late;
-  case JSON_RPC_NOT_SENT:
-    return Agent_Call::offline;
-  default:
-    return Agent_Call::refused;
-  }
+  return answers;
 }
 
 bool Agent_Hub::call(const std::string& host_uuid, const std::string& method,
@@ -435,6 +465,26 @@ json_spirit::Value Agent_Hub::job_state(const std::string& host_uuid,
   const std::lock_guard<std::mutex> guard(state_->mutex);
   const auto found = state_->hosts.find(host_uuid);
   return found == state_->hosts.end() ? json_spirit::Value() : found->second.jobs.job(definition_uuid);
+}
+
+void Agent_Hub::set_jobs(const std::string& host_uuid, const json_spirit::Array& jobs)
+{
+  const std::lock_guard<std::mutex> guard(state_->mutex);
+  const auto found = state_->hosts.find(host_uuid);
+  if (found != state_->hosts.end())
+    found->second.jobs.listed(jobs);
+}
+
+bool Agent_Hub::find_run(const std::string& run_id, std::string& host_uuid, std::string& definition_uuid,
+                         std::string& state) const
+{
+  const std::lock_guard<std::mutex> guard(state_->mutex);
+  for (const auto& [uuid, host] : state_->hosts)
+    if (host.jobs.find_run(run_id, definition_uuid, state)) {
+      host_uuid = uuid;
+      return true;
+    }
+  return false;
 }
 
 std::string Agent_Hub::instance_name(const std::string& host_uuid, const std::string& instance_uuid) const

@@ -69,6 +69,17 @@ public:
                           const json_spirit::Value& params, int timeout_msec, json_spirit::Value& result,
                           JSON_RPC_Error& error);
 
+  /// How one of several hosts answered.
+  struct Answer {
+    std::string host_uuid;
+    Agent_Call call = Agent_Call::offline;
+    json_spirit::Value result;
+    JSON_RPC_Error error; ///< filled unless it answered
+  };
+  /// Asks several hosts at once, in the order given.
+  std::vector<Answer> ask_all(const std::vector<std::string>& host_uuids, const std::string& method,
+                              const json_spirit::Value& params, int timeout_msec);
+
   bool online(const std::string& host_uuid) const;
   /// Of a host that was enrolled, else its uuid.
   std::string name_of(const std::string& host_uuid) const;
@@ -83,6 +94,11 @@ public:
   unsigned running_jobs(const std::string& host_uuid, const std::string& except_definition) const;
   /// What the host last told of this job (job.list's entry and the last job.state), null when nothing.
   json_spirit::Value job_state(const std::string& host_uuid, const std::string& definition_uuid) const;
+  /// The agent's present list of jobs.
+  void set_jobs(const std::string& host_uuid, const json_spirit::Array& jobs);
+  /// The host and the definition of a run that was told of and whose record is not here yet.
+  [[nodiscard]] bool find_run(const std::string& run_id, std::string& host_uuid, std::string& definition_uuid,
+                              std::string& state) const;
   /// The name of the instance with this uuid on this host, "" when it told of none.
   std::string instance_name(const std::string& host_uuid, const std::string& instance_uuid) const;
 

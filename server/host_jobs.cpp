@@ -32,19 +32,29 @@ bool run_under_way(const std::string& state)
 void Host_Jobs::greeted(const json_spirit::Array& jobs)
 {
   jobs_.clear();
+  listed(jobs);
+}
+
+void Host_Jobs::listed(const json_spirit::Array& jobs)
+{
+  std::map<std::string, Job> fresh;
   running_.clear();
   for (const json_spirit::Value& entry : jobs) {
-    if (entry.type() != json_spirit::obj_type || jobs_.size() >= JOB_LIMIT)
+    if (entry.type() != json_spirit::obj_type || fresh.size() >= JOB_LIMIT)
       continue;
     const json_spirit::Object& job = entry.get_obj();
     const std::string id = text_of(job, "id");
     if (id.empty())
       continue;
-    jobs_[id].listed = job;
+    fresh[id].listed = job;
+    const auto known = jobs_.find(id);
+    if (known != jobs_.end())
+      fresh[id].now = known->second.now;
     const json_spirit::Value& running = json_spirit::find_value(job, "running");
     if (running.type() == json_spirit::bool_type && running.get_bool())
       running_[text_of(job, "run_id")] = id;
   }
+  jobs_ = std::move(fresh);
 }
 
 bool Host_Jobs::changed(const json_spirit::Object& state)
@@ -76,6 +86,19 @@ unsigned Host_Jobs::running_but(const std::string& definition_uuid) const
   for (const auto& [run, definition] : running_)
     count += definition != definition_uuid;
   return count;
+}
+
+bool Host_Jobs::find_run(const std::string& run_id, std::string& definition_uuid, std::string& state) const
+{
+  for (const auto& [id, job] : jobs_) {
+    const bool told = text_of(job.now, "run_id") == run_id;
+    if (!told && text_of(job.listed, "run_id") != run_id)
+      continue;
+    definition_uuid = id;
+    state = text_of(told ? job.now : job.listed, "state");
+    return true;
+  }
+  return false;
 }
 
 json_spirit::Value Host_Jobs::job(const std::string& definition_uuid) const

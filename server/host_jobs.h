@@ -17,7 +17,10 @@ class Host_Jobs
 public:
   static constexpr size_t JOB_LIMIT = 20000;
 
+  /// After a new connection: nothing of before counts.
   void greeted(const json_spirit::Array& jobs);
+  /// The present list.
+  void listed(const json_spirit::Array& jobs);
   /// False when the message cannot be used.
   [[nodiscard]] bool changed(const json_spirit::Object& state);
 
@@ -25,6 +28,9 @@ public:
   unsigned running_but(const std::string& definition_uuid) const;
   /// What was told of one job last: the members of its entry in the list, and "now" with the last state.
   json_spirit::Value job(const std::string& definition_uuid) const;
+  /// The definition and the last state of a run that was told of.
+  [[nodiscard]] bool find_run(const std::string& run_id, std::string& definition_uuid,
+                              std::string& state) const;
 
 private:
   struct Job {

@@ -66,6 +66,7 @@ struct REST_Reply {
   std::function<void(bool written)> after_sent;
   /// What the audit says about the request: short, without secrets. Method and path stand there anyway.
   std::string audit;
+  bool changed = true; ///< false: this request changed nothing, though others of its kind do; not audited
 };
 
 /// Thrown by handlers to end a request with an error that is complete for the user.

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "rpc/rest_router.h"
+
+#include <string>
+#include <vector>
+
+namespace kestrel
+{
+class Agent_Hub;
+struct Host_Status;
+
+/// /k2/r/hosts: the hosts, and calls that are forwarded to their agents.
+/// Threads: as the router. Ownership: the hub is not owned and must outlive the router.
+class Host_Resources
+{
+public:
+  explicit Host_Resources(Agent_Hub& hub) : hub_(hub) {}
+  void add_to(REST_Router& router);
+
+private:
+  REST_Reply list(REST_Request& request);
+  REST_Reply show(REST_Request& request);
+  REST_Reply forward(REST_Request& request);
+
+  Agent_Hub& hub_;
+};
+
+/// The host of this uuid or name. Errors: throws REST_Error 404.
+Host_Status find_host_or_refuse(Agent_Hub& hub, const std::string& uuid_or_name);
+/// The uuids of a list of uuids and names, without doubles. Errors: throws REST_Error 400.
+std::vector<std::string> read_hosts(Agent_Hub& hub, const json_spirit::Array& uuids_and_names);
+} // namespace kestrel

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "rpc/rest_router.h"
+#include "server/job_definitions.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace kestrel
+{
+class Agent_Hub;
+class Job_Sync;
+
+/// /k2/r/jobs: job definitions, and what is asked of their hosts.
+/// Threads: as the router. Ownership: nothing is owned; all must outlive the router.
+class Job_Resources
+{
+public:
+  /// `new_run` is called before hosts are asked to run a job.
+  Job_Resources(Agent_Hub& hub, Job_Definitions& definitions, Job_Sync& sync,
+                std::function<void(const std::string& definition_id)> new_run)
+      : hub_(hub), definitions_(definitions), sync_(sync), new_run_(std::move(new_run))
+  {
+  }
+  void add_to(REST_Router& router);
+
+private:
+  REST_Reply list(REST_Request& request);
+  REST_Reply show(REST_Request& request);
+  REST_Reply add(REST_Request& request);
+  REST_Reply change(REST_Request& request);
+  REST_Reply remove(REST_Request& request);
+  REST_Reply control(REST_Request& request);
+  REST_Reply set_enabled(const Server_Definition_Ptr& definition, bool enabled, const REST_Request& request);
+  json_spirit::Object to_json(const Server_Definition& definition) const;
+  json_spirit::Object state_on(const std::string& host_uuid, const Server_Definition& definition) const;
+  json_spirit::Object result_of(const std::string& host_uuid) const;
+  void tell_hosts(const Server_Definition_Ptr& former, const Server_Definition_Ptr& stored);
+
+  Agent_Hub& hub_;
+  Job_Definitions& definitions_;
+  Job_Sync& sync_;
+  const std::function<void(const std::string&)> new_run_;
+};
+} // namespace kestrel

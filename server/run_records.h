@@ -1,0 +1,45 @@
+#pragma once
+
+#include "json/value.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kestrel
+{
+class Server_Database;
+
+/// Records of runs, as agents report them; kept when their definition is removed.
+/// Threads: any. Errors: throws what the database throws.
+class Run_Records
+{
+public:
+  struct Filter {
+    std::string definition_id;
+    std::string host_uuid;
+    std::string state;
+    int limit = 100;
+  };
+  struct Refusal {
+    std::string run_id; ///< empty when the record has none
+    std::string reason;
+  };
+
+  explicit Run_Records(Server_Database& database) : database_(database) {}
+
+  /// Stores what an agent reports, in one transaction: a run that is stored already is replaced when the new
+  /// record is as final. `stored` are those the agent need not report again; `refused` are not records, or
+  /// of another host.
+  void store(const std::string& host_uuid, const json_spirit::Array& records,
+             std::vector<std::string>& stored, std::vector<Refusal>& refused);
+  /// Newest first.
+  json_spirit::Array list(const Filter& filter);
+  [[nodiscard]] bool find(const std::string& run_id, json_spirit::Value& record);
+  /// Removes runs that ended before. How many.
+  int64_t prune(int64_t before);
+
+private:
+  Server_Database& database_;
+};
+} // namespace kestrel
