@@ -1,5 +1,6 @@
 #include "agent/host_identity.h"
 
+#include "agent/server_key.h"
 #include "base/durable_file.h"
 #include "base/file_lock.h"
 #include "base/path_conf.h"
@@ -34,7 +35,9 @@ bool parse_identity(const std::string& path, const std::string& text, Host_Ident
 }
 } // namespace
 
-bool load_host_identity(Host_Identity& identity, std::string& error)
+namespace
+{
+bool load_own_identity(Host_Identity& identity, std::string& error)
 {
   const std::string path = state_path("host.json");
   File_Lock lock;
@@ -57,6 +60,19 @@ bool load_host_identity(Host_Identity& identity, std::string& error)
   if (!write_file_durably(path, write_json_pretty(object), 0640, error))
     return false;
   identity = fresh;
+  return true;
+}
+} // namespace
+
+bool load_host_identity(Host_Identity& identity, std::string& error)
+{
+  Server_Key key;
+  Host_Identity found;
+  if (!load_server_key(key, error) || !load_own_identity(found, error))
+    return false;
+  if (key.enrolled())
+    found.host_id = key.host_uuid;
+  identity = found;
   return true;
 }
 } // namespace kestrel

@@ -1,0 +1,454 @@
+#include "agent/agent_daemon.h"
+
+#include "base/ignore_result.h"
+#include "base/log.h"
+#include "base/path_conf.h"
+#include "base/scope_guard.h"
+#include "base/version.h"
+#include "instances/instance_handler.h"
+#include "json/json_util.h"
+#include "remote/upstream.h"
+
+#include <ace/Log_Msg.h>
+
+#include <atomic>
+#include <cerrno>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+#include <unistd.h>
+
+namespace kestrel
+{
+namespace
+{
+const int64_t turn_msec = 500;
+const int64_t main_stuck_msec = 120 * 1000;
+/// Asked for again and again while the runs end; the unit's own limit need not know agent.toml.
+const int64_t extend_msec = 60 * 1000;
+const int64_t extend_every_msec = 10 * 1000;
+const unsigned report_seconds = 60;
+const unsigned service_threads = Agent_Services::slow_limit + 4;
+
+std::string network_name()
+{
+  char name[256] = "";
+  return ::gethostname(name, sizeof name - 1) == 0 && name[0] ? name : "localhost";
+}
+
+std::string in_words(unsigned count, const char* one, const char* many)
+{
+  return std::to_string(count) + " " + (count == 1 ? one : many);
+}
+} // namespace
+
+std::string agent_config_path()
+{
+  return state_path("agent.toml");
+}
+
+Agent_Daemon::Agent_Daemon(Options options) : options_(std::move(options)) {}
+
+Agent_Daemon::~Agent_Daemon() = default;
+
+int Agent_Daemon::run()
+{
+  std::string error;
+  if (!prepare(error) || !open_jobs(error) || !serve(error)) {
+    std::fprintf(stderr, "kestrel: the agent cannot start: %s\n", error.c_str());
+    ACE_ERROR((LM_ERROR, "The agent cannot start: %C\n", error.c_str()));
+    ignore_result(notifier_.stopping(error), "it is over either way");
+    give_up();
+    return EXIT_FAILURE;
+  }
+  told_status_ = status_text();
+  ignore_result(notifier_.ready(told_status_), "logged");
+  ACE_DEBUG((LM_INFO, "The agent of %C is ready: %C\n", name_.c_str(), told_status_.c_str()));
+  turn_until_ended();
+  stop();
+  return EXIT_SUCCESS;
+}
+
+void Agent_Daemon::give_up()
+{
+  const bool all_ended = !jobs_ || jobs_->stop(0, true);
+  if (!leave() || !all_ended)
+    std::_Exit(EXIT_FAILURE);
+}
+
+bool Agent_Daemon::prepare(std::string& error)
+{
+  ::setlocale(LC_ALL, "");
+  notifier_ = Service_Notifier::from_environment();
+  if (!signals_.install()) {
+    error = std::string("signals cannot be handled: ") + std::strerror(errno);
+    return false;
+  }
+  // Before anything is read or written: another agent may be at work on it.
+  const std::string lock_path = state_path("agent.lock");
+  if (!lock_.try_lock(lock_path)) {
+    error = errno == EWOULDBLOCK ? "another agent runs on the same state (" + lock_path + " is locked); stop it first"
+                                 : "cannot lock " + lock_path + ": " + std::strerror(errno);
+    return false;
+  }
+  if (!read_settings(error) || !open_log(error) || !load_host_identity(identity_, error))
+    return false;
+  watchdog_ = std::make_unique<Watchdog>(notifier_, heartbeats_);
+  main_heartbeat_ = heartbeats_.add("main loop", main_stuck_msec);
+  watchdog_->start();
+  return true;
+}
+
+bool Agent_Daemon::read_settings(std::string& error)
+{
+  Agent_Config config;
+  if (!load_agent_config(options_.config.empty() ? agent_config_path() : options_.config, config, error))
+    return false;
+  Server_Key key;
+  const bool enrolled = options_.enrollment.empty() ? load_server_key(key, error)
+                                                    : import_enrollment(options_.enrollment, key, error);
+  if (!enrolled)
+    return false;
+  std::string url = !options_.server_url.empty() ? options_.server_url : config.server_url;
+  if (url.empty())
+    url = key.url;
+  std::string host;
+  unsigned short port = 0;
+  if (!url.empty() && !parse_server_url(url, host, port, error))
+    return false;
+  if (!url.empty() && !key.enrolled()) {
+    error = "this host is not enrolled at " + url + ": run 'kestrel server enroll' there and start the agent once with " +
+            "--enrollment FILE";
+    return false;
+  }
+  config_ = config;
+  key_ = key;
+  server_url_ = url;
+  access_ = key.enrolled() ? key.header() : "";
+  name_ = !config.name.empty() ? config.name : key.enrolled() ? key.name : network_name();
+  return true;
+}
+
+bool Agent_Daemon::open_log(std::string& error)
+{
+  Log_Options log;
+  log.file = Path_Conf("/var/log/kestrel3").path("agent.log");
+  log.to_stderr = options_.stderr_log;
+  log.minimum = config_.log_level;
+  return open_process_log(log, error);
+}
+
+bool Agent_Daemon::open_jobs(std::string& error)
+{
+  if (!modules_.open(config_.modules, error))
+    return false;
+  registry_ = std::make_unique<Instance_Registry>(identity_.host_id);
+  Instance_Service::Settings times;
+  times.probe_msec = static_cast<int64_t>(config_.probe_minutes) * 60 * 1000;
+  instances_ = std::make_unique<Instance_Service>(*registry_, modules_.instance_handlers(), times);
+
+  Agent_Jobs::Settings settings;
+  settings.host_uuid = identity_.host_id;
+  settings.name = name_;
+  settings.max_concurrent = config_.max_concurrent;
+  settings.history_days = config_.history_days;
+  jobs_ = std::make_unique<Agent_Jobs>(modules_, settings);
+  if (!jobs_->open(error)) {
+    jobs_.reset();
+    return false;
+  }
+  read_local_definitions();
+  return true;
+}
+
+void Agent_Daemon::read_local_definitions()
+{
+  json_spirit::Array refused;
+  Jobs_Error problem;
+  if (!jobs_->sync_directory(Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT", "jobs").directory(), refused, problem))
+    ACE_ERROR((LM_ERROR, "The definitions of this host cannot be read: %C\n", problem.text.c_str()));
+  for (const json_spirit::Value& definition : refused)
+    ACE_ERROR((LM_WARNING, "A definition of this host is refused: %C\n", write_json(definition).c_str()));
+}
+
+bool Agent_Daemon::serve(std::string& error)
+{
+  Agent_Services::Identity identity;
+  identity.version = version();
+  identity.host_uuid = identity_.host_id;
+  identity.name = name_;
+  identity.started = static_cast<int64_t>(::time(nullptr));
+  services_ = std::make_unique<Agent_Services>(identity, *jobs_, *instances_);
+  JSON_RPC_Dispatcher::Options threads;
+  threads.threads = service_threads;
+  if (!services_->bind(dispatcher_, modules_.rpc_handlers(), error))
+    return false;
+  if (!dispatcher_.start(threads) || !network_.start()) {
+    error = "no threads can be made; see the log";
+    return false;
+  }
+  jobs_->set_listener([this](const Job_Notice& notice) {
+    const std::lock_guard<std::mutex> guard(link_mutex_);
+    if (link_)
+      link_->job_changed(notice);
+  });
+  jobs_->set_history_listener([this] {
+    const std::lock_guard<std::mutex> guard(link_mutex_);
+    if (link_)
+      link_->runs_changed();
+  });
+  instances_->set_listener([this](const json_spirit::Array& instances) {
+    const std::lock_guard<std::mutex> guard(link_mutex_);
+    if (link_)
+      link_->instances_changed(instances);
+  });
+  instances_->start();
+  // Jobs may ask the server as soon as they run.
+  return connect(error) && jobs_->start(error);
+}
+
+bool Agent_Daemon::connect(std::string& error)
+{
+  if (server_url_.empty())
+    return true;
+  Upstream_Options upstream;
+  upstream.url = server_url_;
+  if (config_.ca_file.empty())
+    upstream.ca_pem = key_.ca_pem;
+  else
+    upstream.ca_file = config_.ca_file;
+  upstream.access_key = access_;
+  if (!register_upstream(upstream, error))
+    return false;
+  REST_Client_Options rest;
+  rest.url = upstream.url;
+  rest.ca_pem = upstream.ca_pem;
+  rest.ca_file = upstream.ca_file;
+  rest.access_key = upstream.access_key;
+
+  Server_Link::Settings settings;
+  settings.url = server_url_;
+  settings.access = access_;
+  settings.tls.ca_pem = upstream.ca_pem;
+  settings.tls.ca_file = upstream.ca_file;
+  const auto link = std::make_shared<Server_Link>(settings, link_host(), dispatcher_, network_, &heartbeats_);
+  {
+    const std::lock_guard<std::mutex> guard(link_mutex_);
+    rest_ = std::make_shared<REST_Client>(rest);
+    link_ = link;
+  }
+  link->start();
+  return true;
+}
+
+void Agent_Daemon::disconnect()
+{
+  std::shared_ptr<Server_Link> link;
+  {
+    const std::lock_guard<std::mutex> guard(link_mutex_);
+    link.swap(link_);
+  }
+  if (!link)
+    return;
+  link->stop();
+  unregister_upstream();
+}
+
+Link_Host Agent_Daemon::link_host()
+{
+  Link_Host host;
+  host.hello = [this] { return services_->hello(); };
+  host.unsent_runs = [this](unsigned limit) { return jobs_->unsent_runs(limit); };
+  host.post_runs = [this](const json_spirit::Array& records, std::vector<std::string>& stored) {
+    return post_runs(records, stored);
+  };
+  host.acknowledge = [this](const std::vector<std::string>& run_ids) {
+    Jobs_Error problem;
+    if (jobs_->mark_sent(run_ids, problem))
+      return true;
+    ACE_ERROR((LM_ERROR, "Reported runs cannot be marked as such, they will be reported again: %C\n",
+               problem.text.c_str()));
+    return false;
+  };
+  return host;
+}
+
+Report_Outcome Agent_Daemon::post_runs(const json_spirit::Array& records, std::vector<std::string>& stored)
+{
+  std::shared_ptr<REST_Client> client;
+  {
+    const std::lock_guard<std::mutex> guard(link_mutex_);
+    client = rest_;
+  }
+  json_spirit::Object runs;
+  runs.emplace_back("runs", records);
+  const json_spirit::Value body(runs);
+  REST_Call call;
+  call.method = "POST";
+  call.path = rest_path({"runs"});
+  call.seconds = report_seconds;
+  json_spirit::Value reply;
+  REST_Problem problem;
+  Report_Outcome outcome = Report_Outcome::answered;
+  if (client->call(call, &body, reply, problem)) {
+    try {
+      for (const json_spirit::Value& id : required<json_spirit::Array>(reply.get_obj(), "stored"))
+        stored.push_back(id.get_str());
+      report_problem_.clear();
+      return outcome;
+    } catch (const std::exception& exception) {
+      problem.text = std::string("its answer cannot be used: ") + exception.what();
+      outcome = Report_Outcome::unreachable;
+    }
+  } else {
+    outcome = problem.kind == REST_Problem::refused ? Report_Outcome::refused : Report_Outcome::unreachable;
+  }
+  if (report_problem_ != problem.text)
+    ACE_ERROR((LM_WARNING, "%C not be reported to the server now: %C\n",
+               (in_words(static_cast<unsigned>(records.size()), "run", "runs") + " can").c_str(), problem.text.c_str()));
+  report_problem_ = problem.text;
+  return outcome;
+}
+
+void Agent_Daemon::turn_until_ended()
+{
+  while (signals_.terminations() == 0) {
+    heartbeats_.beat(main_heartbeat_);
+    if (signals_.take_reload())
+      reload();
+    tell_status();
+    signals_.wait(turn_msec);
+  }
+}
+
+void Agent_Daemon::reload()
+{
+  ignore_result(notifier_.reloading(), "logged");
+  const std::string url = server_url_;
+  const std::string access = access_;
+  const std::string ca = config_.ca_file + "\n" + key_.ca_pem;
+  std::string error;
+  if (!read_settings(error)) {
+    ACE_ERROR((LM_ERROR, "The settings stay as they were: %C\n", error.c_str()));
+  } else {
+    ACE_DEBUG((LM_INFO, "The settings were read again\n"));
+    instances_->set_probe_msec(static_cast<int64_t>(config_.probe_minutes) * 60 * 1000);
+    read_local_definitions();
+    const bool same = url == server_url_ && access == access_ && ca == config_.ca_file + "\n" + key_.ca_pem;
+    if (!same) {
+      disconnect();
+      if (!connect(error))
+        ACE_ERROR((LM_ERROR, "The connection to the server cannot be set up: %C\n", error.c_str()));
+    }
+  }
+  told_status_ = status_text();
+  ignore_result(notifier_.ready(told_status_), "logged");
+}
+
+std::string Agent_Daemon::status_text() const
+{
+  std::string text = "no server";
+  if (link_) {
+    const Server_Link::Status link = link_->status();
+    text = link.connected           ? "connected to " + server_url_
+           : link.problem.empty()   ? "connecting to " + server_url_
+                                    : "not connected to " + server_url_ + ": " + link.problem;
+  }
+  const Agent_Jobs::Counts counts = jobs_->counts();
+  return text + "; " + in_words(counts.running, "run", "runs") + " under way, " + std::to_string(counts.queued) +
+         " waiting; " + in_words(counts.definitions, "definition", "definitions");
+}
+
+void Agent_Daemon::tell_status()
+{
+  std::string text = status_text();
+  if (text == told_status_)
+    return;
+  told_status_.swap(text);
+  ignore_result(notifier_.status(told_status_), "logged");
+}
+
+void Agent_Daemon::cancel_runs()
+{
+  for (const json_spirit::Value& job : jobs_->list()) {
+    try {
+      if (!required<bool>(job.get_obj(), "running"))
+        continue;
+      std::string run_id;
+      Jobs_Error problem;
+      if (!jobs_->control(required<std::string>(job.get_obj(), "id"), "cancel", json_spirit::Object(), run_id, problem))
+        ACE_ERROR((LM_WARNING, "A run cannot be canceled: %C\n", problem.text.c_str()));
+    } catch (const std::exception& exception) {
+      ACE_ERROR((LM_ERROR, "A run cannot be canceled: %C\n", exception.what()));
+    }
+  }
+}
+
+bool Agent_Daemon::stop_jobs()
+{
+  std::atomic<bool> ended{false};
+  bool all_ended = false;
+  std::thread waiter([&] {
+    all_ended = jobs_->stop(config_.stop_seconds, config_.cancel_at_stop);
+    ended = true;
+    signals_.wake();
+  });
+  int64_t extended = 0;
+  bool canceled = false;
+  for (int64_t waited = 0; !ended; waited += turn_msec) {
+    heartbeats_.beat(main_heartbeat_);
+    if (extended == 0 || waited - extended >= extend_every_msec) {
+      ignore_result(notifier_.extend(extend_msec), "logged");
+      extended = waited + 1;
+    }
+    if (signals_.terminations() > 1 && !canceled) {
+      canceled = true;
+      ACE_DEBUG((LM_INFO, "Asked again to end: the runs under way are canceled\n"));
+      cancel_runs();
+    }
+    signals_.wait(turn_msec);
+  }
+  waiter.join();
+  return all_ended;
+}
+
+void Agent_Daemon::stop()
+{
+  const Agent_Jobs::Counts counts = jobs_->counts();
+  const std::string text = counts.running == 0 ? "ending"
+                                               : "ending when " + in_words(counts.running, "run has", "runs have") + " ended";
+  ACE_DEBUG((LM_INFO, "The agent is %C\n", text.c_str()));
+  ignore_result(notifier_.stopping(text), "logged");
+  const bool all_ended = stop_jobs();
+  if (link_ && link_->status().connected)
+    ignore_result(link_->report_now(), "what is left is reported by the next start");
+  if (!leave() || !all_ended) {
+    ACE_ERROR((LM_ERROR, "The agent ends although %C still at work\n", all_ended ? "a request is" : "a run is"));
+    // Code of a module may be running; unloading it would crash.
+    std::_Exit(EXIT_FAILURE);
+  }
+  jobs_.reset();
+  modules_.close();
+  ACE_DEBUG((LM_INFO, "The agent has ended\n"));
+}
+
+bool Agent_Daemon::leave()
+{
+  if (jobs_) {
+    jobs_->set_listener(nullptr);
+    jobs_->set_history_listener(nullptr);
+  }
+  if (instances_)
+    instances_->set_listener(nullptr);
+  disconnect();
+  if (instances_)
+    instances_->stop();
+  const bool served = dispatcher_.stop();
+  if (watchdog_)
+    watchdog_->stop();
+  network_.stop();
+  return served;
+}
+} // namespace kestrel
