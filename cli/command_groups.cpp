@@ -13,5 +13,7 @@ void add_all_commands(Command_Registry& registry)
   add_logical_commands(registry);
 
   add_job_commands(registry);
+
+  add_agent_commands(registry);
 }
 } // namespace kestrel

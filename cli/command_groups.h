@@ -15,4 +15,6 @@ void add_backup_commands(Command_Registry& registry); // group_backup.cpp
 void add_logical_commands(Command_Registry& registry); // group_logical.cpp
 
 void add_job_commands(Command_Registry& registry); // group_job.cpp
+
+void add_agent_commands(Command_Registry& registry); // group_agent.cpp
 } // namespace kestrel

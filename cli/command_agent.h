@@ -1,0 +1,11 @@
+#pragma once
+
+#include "agent/agent_daemon.h"
+
+namespace kestrel
+{
+struct Command_Line;
+
+/// Runs the agent until a signal ends it. The exit code of the process.
+int run_agent(const Command_Line& line, Agent_Daemon::Options options);
+} // namespace kestrel
