@@ -23,14 +23,14 @@ std::vector<Host_Record> Host_Store::load()
   Server_Database::Lease session = database_.lease();
   const soci::rowset<soci::row> rows =
       (session->prepare
-       << "SELECT h.uuid, h.name, h.revoked_at > 0, COALESCE(i.version, ''), COALESCE(i.address, ''),"
+       << "SELECT h.uuid, h.name, CAST(h.revoked_at > 0 AS TEXT), COALESCE(i.version, ''), COALESCE(i.address, ''),"
           " CAST(COALESCE(i.last_seen, 0) AS TEXT), COALESCE(i.instances, '')"
           " FROM host h LEFT JOIN host_info i ON i.host_uuid = h.uuid ORDER BY h.name");
   for (const soci::row& row : rows) {
     Host_Record host;
     host.uuid = row.get<std::string>(0);
     host.name = row.get<std::string>(1);
-    host.revoked = row.get<int>(2) != 0;
+    host.revoked = row.get<std::string>(2) != "0";
     host.version = row.get<std::string>(3);
     host.address = row.get<std::string>(4);
     host.last_seen = std::stoll(row.get<std::string>(5));
@@ -45,13 +45,13 @@ std::map<std::string, Host_Record> Host_Store::identities()
   std::map<std::string, Host_Record> hosts;
   Server_Database::Lease session = database_.lease();
   const soci::rowset<soci::row> rows =
-      (session->prepare << "SELECT uuid, name, key_hash, revoked_at > 0 FROM host");
+      (session->prepare << "SELECT uuid, name, key_hash, CAST(revoked_at > 0 AS TEXT) FROM host");
   for (const soci::row& row : rows) {
     Host_Record host;
     host.uuid = row.get<std::string>(0);
     host.name = row.get<std::string>(1);
     host.key_hash = row.get<std::string>(2);
-    host.revoked = row.get<int>(3) != 0;
+    host.revoked = row.get<std::string>(3) != "0";
     hosts[host.uuid] = std::move(host);
   }
   return hosts;
