@@ -398,11 +398,7 @@ bool JSON_RPC_Dispatcher::start(const Options& options)
                options.threads));
     return false;
   }
-  if (!core_->start(options)) {
-    stop();
-    return false;
-  }
-  return true;
+  return core_->start(options);
 }
 
 bool JSON_RPC_Dispatcher::Core::start(const Options& wanted)
@@ -421,6 +417,7 @@ bool JSON_RPC_Dispatcher::Core::start(const Options& wanted)
     }
   } catch (const std::system_error& failure) {
     ACE_ERROR((LM_ERROR, "(%P|%t) JSON_RPC_Dispatcher::start: no thread can be made: %C\n", failure.what()));
+    stopping = true; // those that were made end by themselves, and stop() takes them
     return false;
   }
   return true;
