@@ -113,7 +113,13 @@ old.sendall(b"held")
 assert silent(old)
 new = dial()
 ask(new, b"not in scope")
+rules("down=hold\nscope=new\n")
+held = dial()
+held.sendall(b"held")
+assert silent(held)
+ask(new, b"made before")
 rules("scope=existing\nup_delay_msec=0\n")
+assert held.recv(10) == b"held"
 assert old.recv(10) == b"held"
 rules("rate=100000\n")
 begin = time.monotonic()

@@ -32,10 +32,10 @@ bool parse_accept(const std::string& value, Accept& accept)
   return accept != Accept::pass || value == "pass";
 }
 
-bool parse_scope(const std::string& value, bool& existing_only)
+bool parse_scope(const std::string& value, Scope& scope)
 {
-  existing_only = value == "existing";
-  return existing_only || value == "all";
+  scope = value == "existing" ? Scope::existing : value == "new" ? Scope::recent : Scope::all;
+  return scope != Scope::all || value == "all";
 }
 
 bool parse_line(const std::string& key, const std::string& value, Rules& rules)
@@ -53,7 +53,7 @@ bool parse_line(const std::string& key, const std::string& value, Rules& rules)
   if (key == "accept")
     return parse_accept(value, rules.accept);
   if (key == "scope")
-    return parse_scope(value, rules.existing_only);
+    return parse_scope(value, rules.scope);
   rules.cut = value;
   return key == "cut";
 }

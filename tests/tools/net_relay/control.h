@@ -5,8 +5,10 @@
 ///                                    packets are sent again
 ///   rate                             bytes a second, each direction of each connection; 0: no limit
 ///   accept                           pass | refuse | hold (accepted, but nobody answers)
-///   scope                            all | existing: connections made after the file was read are let alone
-///   cut                              any text: connections in scope are reset each time it changes
+///   scope                            all | existing | new: whether the rules are for connections made before
+///   the file
+///                                    was read, or after; the others are let alone
+///   cut                              any text: all connections are reset each time it changes
 /// Threads: values only. Errors: false for a line that is not understood; the text says which.
 #pragma once
 
@@ -17,6 +19,7 @@ namespace net_relay
 {
 
 enum class Accept { pass, refuse, hold };
+enum class Scope { all, existing, recent };
 
 struct Direction_Rule {
   std::uint64_t delay_msec = 0;
@@ -28,7 +31,7 @@ struct Rules {
   Direction_Rule down;
   std::uint64_t rate_bytes_per_second = 0;
   Accept accept = Accept::pass;
-  bool existing_only = false;
+  Scope scope = Scope::all;
   std::string cut;
 };
 

@@ -74,7 +74,8 @@ private:
   void accept_all();
   const Rules& rules_of(const Link& link) const
   {
-    return rules_.existing_only && link.rules_version() >= rules_version_ ? pass_ : rules_;
+    const Scope scope = link.rules_version() < rules_version_ ? Scope::existing : Scope::recent;
+    return rules_.scope == Scope::all || rules_.scope == scope ? rules_ : pass_;
   }
 
   sockaddr_in target_;
