@@ -15,6 +15,8 @@ class HTTP_Upgrade;
 struct HTTP_Limits {
   uint32_t header_bytes = 16u << 10;
   uint64_t body_bytes = 16u << 20;
+  uint64_t unchecked_body_bytes = 64u
+                                  << 10; ///< a larger body, or one of unknown size, must pass the body gate
   int header_msec = 10000;  ///< from the connection or the first byte of a request to the end of its header
   int request_msec = 60000; ///< from the end of the header to the last byte of the body; the same for a reply
   int idle_msec = 60000;    ///< between two requests of one connection
@@ -60,6 +62,10 @@ public:
 
   /// Before start(): requests for a WebSocket on this path go to `gate` and then to `handler`.
   void add_upgrade(const std::string& path, Upgrade_Gate gate, Upgrade_Handler handler);
+
+  /// Before start(): asked with the header of a request before its large body is read; anything but status
+  /// 200 is the answer. So strangers cannot fill the memory.
+  void set_body_gate(Handler gate);
 
   [[nodiscard]] bool start(const HTTP_Server_Options& options, Handler handler, std::string& error);
   /// Accepts nothing more, lets running requests end for at most grace_msec, closes everything else.

@@ -92,8 +92,10 @@ REST_Reply rest_error(int status, const std::string& code, const std::string& me
 /// sees them, and turns what a handler throws into a reply.
 /// Threads:   add() and the setters before the first request; handle() from any number of threads.
 /// Ownership: owns the handlers; what they refer to must outlive the router.
-/// Errors:    handle() never throws. A REST_Error of a handler becomes its reply, std::runtime_error 400 (the
-///            accessors of JSON values throw it), any other exception 500 without its text.
+/// Errors:    handle() never throws. A REST_Error of a handler becomes its reply, a plain std::runtime_error
+/// 400
+///            with its text (the accessors of JSON values throw it), what the translator knows its reply, and
+///            anything else (classes derived from std::runtime_error too) 500 with one LM_ERROR line.
 class REST_Router
 {
 public:
@@ -129,9 +131,16 @@ public:
   void set_authenticator(Authenticator authenticator);
   void set_auditor(Auditor auditor);
   void set_observer(Observer observer);
+  /// Knows the exceptions of the layers above: false leaves the exception a 500. A text that clients must not
+  /// see is logged by it.
+  typedef std::function<bool(const std::exception&, REST_Reply&)> Translator;
+  void set_translator(Translator translator);
 
   /// Answers one request. `target` is the path with the query as it came in the request line.
   REST_Reply handle(REST_Request& request, const std::string& target) const;
+  /// Before a large body is read: status 200 when a request of this header would reach its handler, else its
+  /// answer. Not audited; handle() follows with the same request.
+  REST_Reply check(REST_Request& request, const std::string& target) const;
 
 private:
   struct State;
