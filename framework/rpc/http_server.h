@@ -9,7 +9,7 @@
 
 namespace kestrel
 {
-class HTTP_Upgrade;
+class Upgraded_Connection;
 
 /// What one server accepts. Times are in milliseconds, sizes in bytes.
 struct HTTP_Limits {
@@ -52,8 +52,7 @@ public:
   /// is its answer.
   typedef std::function<REST_Reply(REST_Request& request)> Upgrade_Gate;
   /// Takes over the connection of a client that was let in. `request` holds its headers and caller.
-  typedef std::function<void(std::shared_ptr<HTTP_Upgrade> upgrade, const REST_Request& request)>
-      Upgrade_Handler;
+  typedef std::function<void(Upgraded_Connection connection, const REST_Request& request)> Upgrade_Handler;
 
   HTTP_Server();
   ~HTTP_Server(); ///< stops at once
@@ -68,10 +67,11 @@ public:
   void set_body_gate(Handler gate);
 
   [[nodiscard]] bool start(const HTTP_Server_Options& options, Handler handler, std::string& error);
-  /// Accepts nothing more, lets running requests end for at most grace_msec, closes everything else.
-  /// Idempotent. Returns when no thread of the server runs any more. Connections that were handed over must
-  /// be closed before: they use its threads.
-  void stop(int grace_msec);
+  /// Accepts nothing more, lets running requests end for at most grace_msec, and closes everything else.
+  /// Idempotent. Returns when no thread of the server runs any more, so handlers must end some time.
+  /// `before_cut` is called after the grace: it closes the connections that were handed over, which use the
+  /// server's threads, and wakes handlers that wait for something.
+  void stop(int grace_msec, const std::function<void()>& before_cut = nullptr);
 
   /// The port it listens on.
   unsigned short port() const;
