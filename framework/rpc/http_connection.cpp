@@ -85,7 +85,7 @@ public:
         deadline_(stream_.get_executor())
   {
   }
-  ~Connection() override { answered(); }
+  ~Connection() override { answered(false); }
 
   void start() override
   {
@@ -327,7 +327,7 @@ private:
     });
   }
 
-  void send(Response response, std::function<void()> after)
+  void send(Response response, std::function<void(bool)> after)
   {
     after_sent_ = std::move(after);
     response_ = std::move(response);
@@ -340,7 +340,7 @@ private:
     lowest().expires_after(std::chrono::milliseconds(limits().request_msec));
     http::async_write(stream_, response_, [self = this->shared_from_this()](const Error& error, size_t) {
       self->response_ = Response();
-      self->answered();
+      self->answered(!error);
       self->request_ = REST_Request();
       self->parser_.reset();
       if (error)
@@ -352,12 +352,12 @@ private:
   }
 
   /// Runs what the handler wanted to follow its reply, once.
-  void answered()
+  void answered(bool written)
   {
-    std::function<void()> after = std::move(after_sent_);
+    std::function<void(bool)> after = std::move(after_sent_);
     after_sent_ = nullptr;
-    if (after && !shared_->workers.post_always(after))
-      after(); // the workers are gone already
+    if (after && !shared_->workers.post_always([after, written] { after(written); }))
+      after(written); // the workers are gone already
   }
 
   /// After the last answer: tells the client that nothing follows, and reads what it still sends.
@@ -439,7 +439,7 @@ private:
   REST_Request request_;
   std::string target_;
   Response response_;
-  std::function<void()> after_sent_;
+  std::function<void(bool)> after_sent_;
   const HTTP_Shared::Upgrade* upgrade_ = nullptr;
   HTTP_Server::Handler gate_;
   std::array<char, 16384> dropped_;

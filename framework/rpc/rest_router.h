@@ -92,10 +92,9 @@ REST_Reply rest_error(int status, const std::string& code, const std::string& me
 /// sees them, and turns what a handler throws into a reply.
 /// Threads:   add() and the setters before the first request; handle() from any number of threads.
 /// Ownership: owns the handlers; what they refer to must outlive the router.
-/// Errors:    handle() never throws. A REST_Error of a handler becomes its reply, a plain std::runtime_error
-/// 400
-///            with its text (the accessors of JSON values throw it), what the translator knows its reply, and
-///            anything else (classes derived from std::runtime_error too) 500 with one LM_ERROR line.
+/// Errors:    handle() never throws. A REST_Error of a handler becomes its reply; a plain std::runtime_error
+///            400 with its text (the accessors of JSON values throw it); what the translator knows its reply;
+///            anything else, classes derived from std::runtime_error too, 500 and one LM_ERROR line.
 class REST_Router
 {
 public:
