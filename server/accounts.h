@@ -58,6 +58,13 @@ public:
   New_Session sign_in(const std::string& name, const std::string& password, const std::string& address);
   /// False when there is no such token or it has expired; `caller` keeps its address.
   [[nodiscard]] bool find_session(const std::string& token, REST_Caller& caller);
+  /// How long a sign-in has to wait after failures; 0: not at all.
+  int wait_seconds(const std::string& name, const std::string& address)
+  {
+    return limiter_.wait_seconds(name, address);
+  }
+  /// The token that the request carries, "" when it carries none.
+  static std::string bearer_token(const REST_Request& request);
   /// Without effect for a token that does not exist.
   void sign_out(const std::string& token);
   std::vector<Session> sessions();
