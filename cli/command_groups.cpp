@@ -15,5 +15,7 @@ void add_all_commands(Command_Registry& registry)
   add_job_commands(registry);
 
   add_agent_commands(registry);
+
+  add_server_commands(registry);
 }
 } // namespace kestrel

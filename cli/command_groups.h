@@ -17,4 +17,6 @@ void add_logical_commands(Command_Registry& registry); // group_logical.cpp
 void add_job_commands(Command_Registry& registry); // group_job.cpp
 
 void add_agent_commands(Command_Registry& registry); // group_agent.cpp
+
+void add_server_commands(Command_Registry& registry); // group_server.cpp
 } // namespace kestrel

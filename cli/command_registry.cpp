@@ -4,9 +4,26 @@
 
 namespace kestrel
 {
-CLI::App& Command_Registry::group(const std::string& name, const std::string& help)
+namespace
 {
-  CLI::App* const added = app_.add_subcommand(name, help);
+/// The parent of the last of the words, which were added before; `last` is that word.
+CLI::App& parent_of(CLI::App& app, const std::string& words, std::string& last)
+{
+  CLI::App* parent = &app;
+  size_t begin = 0;
+  for (size_t blank = words.find(' '); blank != std::string::npos; blank = words.find(' ', begin)) {
+    parent = parent->get_subcommand(words.substr(begin, blank - begin));
+    begin = blank + 1;
+  }
+  last = words.substr(begin);
+  return *parent;
+}
+} // namespace
+
+CLI::App& Command_Registry::group(const std::string& words, const std::string& help)
+{
+  std::string last;
+  CLI::App* const added = parent_of(app_, words, last).add_subcommand(last, help);
   added->require_subcommand(1);
   return *added;
 }
@@ -14,13 +31,8 @@ CLI::App& Command_Registry::group(const std::string& name, const std::string& he
 CLI::App& Command_Registry::add(const std::string& words, const std::string& help,
                                 const Command_Actions& actions)
 {
-  CLI::App* parent = &app_;
-  size_t begin = 0;
-  for (size_t blank = words.find(' '); blank != std::string::npos; blank = words.find(' ', begin)) {
-    parent = parent->get_subcommand(words.substr(begin, blank - begin));
-    begin = blank + 1;
-  }
-  CLI::App* const added = parent->add_subcommand(words.substr(begin), help);
+  std::string last;
+  CLI::App* const added = parent_of(app_, words, last).add_subcommand(last, help);
   Command_Line& line = line_;
   added->callback([&line, added, words, actions] {
     // The parser calls the inner command first, then those around it.

@@ -20,8 +20,9 @@ class Command_Registry
 public:
   Command_Registry(CLI::App& app, Command_Line& line) : app_(app), line_(line) {}
 
-  /// A word that commands stand below, such as "pool". The word alone is a usage error.
-  CLI::App& group(const std::string& name, const std::string& help);
+  /// A word that commands stand below, such as "pool" or, below another, "server user". It alone is a usage
+  /// error.
+  CLI::App& group(const std::string& words, const std::string& help);
   /// A command, "backup" or, below a group or another command that was added before, "pool add". With several
   /// words the last one that the user gave decides whose actions run.
   CLI::App& add(const std::string& words, const std::string& help, const Command_Actions& actions);

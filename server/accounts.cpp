@@ -63,9 +63,8 @@ bool is_account_name(const std::string& name)
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
   };
   return !name.empty() && name.size() <= 64 && alphanumeric(name.front()) &&
-         std::all_of(name.begin(), name.end(), [&](char c) {
-           return alphanumeric(c) || c == '.' || c == '_' || c == '-' || c == '@';
-         });
+         std::all_of(name.begin(), name.end(),
+                     [&](char c) { return alphanumeric(c) || c == '.' || c == '_' || c == '-' || c == '@'; });
 }
 
 void Accounts::add_user(const std::string& name, const std::string& role, const std::string& password)
@@ -81,7 +80,8 @@ void Accounts::add_user(const std::string& name, const std::string& role, const 
   std::string present;
   if (user_role(*session, name, present))
     throw REST_Error(409, "already_there", "There is a user '" + name + "' already");
-  *session << "INSERT INTO account (name, role, password, created_at, changed_at) VALUES (:n, :r, :p, :t, :c)",
+  *session
+      << "INSERT INTO account (name, role, password, created_at, changed_at) VALUES (:n, :r, :p, :t, :c)",
       soci::use(name, "n"), soci::use(role, "r"), soci::use(hash, "p"), soci::use(time, "t"),
       soci::use(time, "c");
   transaction.commit();
@@ -125,7 +125,8 @@ std::vector<Accounts::User> Accounts::users()
   User user;
   soci::statement statement =
       (session->prepare << "SELECT name, role, created_at, changed_at FROM account ORDER BY name",
-       soci::into(user.name), soci::into(user.role), soci::into(user.created_at), soci::into(user.changed_at));
+       soci::into(user.name), soci::into(user.role), soci::into(user.created_at),
+       soci::into(user.changed_at));
   statement.execute();
   while (statement.fetch())
     found.push_back(user);
@@ -146,8 +147,8 @@ Accounts::New_Session Accounts::sign_in(const std::string& name, const std::stri
     *session << "SELECT password FROM account WHERE name = :n", soci::use(name, "n"), soci::into(hash);
     known = session->got_data();
   } // hashing takes long
-  const bool right = password.size() <= LONGEST_PASSWORD && (known ? check_password(password, hash)
-                                                                   : (check_no_password(password), false));
+  const bool right = password.size() <= LONGEST_PASSWORD &&
+                     (known ? check_password(password, hash) : (check_no_password(password), false));
   if (!right) {
     limiter_.failed(name, address);
     throw REST_Error(401, "sign_in_failed", "Name and password do not fit");
@@ -163,8 +164,8 @@ Accounts::New_Session Accounts::sign_in(const std::string& name, const std::stri
   Catalog_Transaction transaction(*session, Catalog_Transaction::Kind::write);
   // Another request may have removed the user or changed the password meanwhile.
   std::string present_hash;
-  *session << "SELECT role, password FROM account WHERE name = :n", soci::use(name, "n"), soci::into(made.role),
-      soci::into(present_hash);
+  *session << "SELECT role, password FROM account WHERE name = :n", soci::use(name, "n"),
+      soci::into(made.role), soci::into(present_hash);
   if (!session->got_data() || present_hash != hash)
     throw REST_Error(401, "sign_in_failed", "Name and password do not fit");
   *session << "DELETE FROM session WHERE expires_at <= :t", soci::use(time, "t");
@@ -212,9 +213,10 @@ std::vector<Accounts::Session> Accounts::sessions()
   Server_Database::Lease session = database_.lease();
   Session one;
   soci::statement statement =
-      (session->prepare << "SELECT id, account.name, role, address, session.created_at, expires_at FROM session "
-                           "JOIN account ON account.name = session.account WHERE expires_at > :t "
-                           "ORDER BY session.created_at, id",
+      (session->prepare
+           << "SELECT id, account.name, role, address, session.created_at, expires_at FROM session "
+              "JOIN account ON account.name = session.account WHERE expires_at > :t "
+              "ORDER BY session.created_at, id",
        soci::use(time, "t"), soci::into(one.id), soci::into(one.user), soci::into(one.role),
        soci::into(one.address), soci::into(one.created_at), soci::into(one.expires_at));
   statement.execute();
@@ -284,7 +286,8 @@ std::vector<Accounts::Host> Accounts::hosts()
   Host host;
   soci::statement statement =
       (session->prepare << "SELECT uuid, name, enrolled_at, revoked_at FROM host ORDER BY name",
-       soci::into(host.uuid), soci::into(host.name), soci::into(host.enrolled_at), soci::into(host.revoked_at));
+       soci::into(host.uuid), soci::into(host.name), soci::into(host.enrolled_at),
+       soci::into(host.revoked_at));
   statement.execute();
   while (statement.fetch())
     found.push_back(host);

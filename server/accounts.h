@@ -11,12 +11,10 @@ namespace kestrel
 {
 class Server_Database;
 
-/// Who may use the server: console users with roles, their sessions, and hosts with access keys. Passwords are
-/// kept as scrypt hashes, tokens and keys as SHA-256.
-/// Threads:   any.
-/// Ownership: the database is not owned.
-/// Units:     seconds since 1970.
-/// Errors:    throws a REST_Error for what the user did wrong, and what the database throws.
+/// Who may use the server: console users with roles, their sessions, and hosts with access keys. Passwords
+/// are kept as scrypt hashes, tokens and keys as SHA-256. Threads:   any. Ownership: the database is not
+/// owned. Units:     seconds since 1970. Errors:    throws a REST_Error for what the user did wrong, and what
+/// the database throws.
 class Accounts
 {
 public:

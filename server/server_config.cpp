@@ -47,7 +47,8 @@ template <class Number> Setter number_setter(Number& into, int64_t least, int64_
   return [&into, least, most](const toml::node& node) {
     const auto value = node.value_exact<int64_t>();
     if (!value || *value < least || *value > most)
-      throw Config_Error{"must be a whole number from " + std::to_string(least) + " to " + std::to_string(most),
+      throw Config_Error{"must be a whole number from " + std::to_string(least) + " to " +
+                             std::to_string(most),
                          node.source().begin};
     into = static_cast<Number>(*value);
   };
@@ -55,22 +56,22 @@ template <class Number> Setter number_setter(Number& into, int64_t least, int64_
 
 std::map<std::string, Section> sections_of(Server_Config& config)
 {
-  return {{"server",
-           {{"address", text_setter(config.address)},
-            {"port", number_setter(config.port, 0, 65535)},
-            {"url", text_setter(config.url)},
-            {"plain", bool_setter(config.plain)},
-            {"workers", number_setter(config.workers, 2, 256)}}},
-          {"tls",
-           {{"certificate", text_setter(config.certificate_file)}, {"key", text_setter(config.key_file)}}},
-          {"limits",
-           {{"connections", number_setter(config.limits.connections, 1, 65536)},
-            {"connections_per_address", number_setter(config.limits.connections_per_address, 1, 65536)}}},
-          {"sessions", {{"hours", number_setter(config.session_hours, 1, 24 * 30)}}},
-          {"cluster", {{"window_seconds", number_setter(config.cluster_window_seconds, 1, 60)}}},
-          {"keep",
-           {{"audit_days", number_setter(config.keep_audit_days, 1, 36500)},
-            {"run_days", number_setter(config.keep_run_days, 1, 36500)}}}};
+  return {
+      {"server",
+       {{"address", text_setter(config.address)},
+        {"port", number_setter(config.port, 0, 65535)},
+        {"url", text_setter(config.url)},
+        {"plain", bool_setter(config.plain)},
+        {"workers", number_setter(config.workers, 2, 256)}}},
+      {"tls", {{"certificate", text_setter(config.certificate_file)}, {"key", text_setter(config.key_file)}}},
+      {"limits",
+       {{"connections", number_setter(config.limits.connections, 1, 65536)},
+        {"connections_per_address", number_setter(config.limits.connections_per_address, 1, 65536)}}},
+      {"sessions", {{"hours", number_setter(config.session_hours, 1, 24 * 30)}}},
+      {"cluster", {{"window_seconds", number_setter(config.cluster_window_seconds, 1, 60)}}},
+      {"keep",
+       {{"audit_days", number_setter(config.keep_audit_days, 1, 36500)},
+        {"run_days", number_setter(config.keep_run_days, 1, 36500)}}}};
 }
 
 void set_all(const toml::table& table, const std::map<std::string, Section>& sections)

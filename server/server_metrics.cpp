@@ -20,10 +20,8 @@ const char* const catalog_pattern = "/k2/r/catalogs";
 
 struct Server_Metrics::State {
   prometheus::Registry registry;
-  prometheus::Family<prometheus::Counter>& requests = prometheus::BuildCounter()
-                                                          .Name("kestrel_requests_total")
-                                                          .Help("Answered requests")
-                                                          .Register(registry);
+  prometheus::Family<prometheus::Counter>& requests =
+      prometheus::BuildCounter().Name("kestrel_requests_total").Help("Answered requests").Register(registry);
   prometheus::Family<prometheus::Histogram>& durations = prometheus::BuildHistogram()
                                                              .Name("kestrel_request_seconds")
                                                              .Help("Time to answer a request")
@@ -40,20 +38,24 @@ struct Server_Metrics::State {
 Server_Metrics::Server_Metrics() : state_(new State) {}
 Server_Metrics::~Server_Metrics() {}
 
-void Server_Metrics::request(const std::string& method, const std::string& pattern, int status, double seconds)
+void Server_Metrics::request(const std::string& method, const std::string& pattern, int status,
+                             double seconds)
 {
   // A client chooses its method freely where no resource does.
   const std::string known_method = pattern.empty() ? "other" : method;
   const std::string path = pattern.empty() ? "other" : pattern;
-  state_->requests.Add({{"method", known_method}, {"path", path}, {"status", std::to_string(status)}}).Increment();
+  state_->requests.Add({{"method", known_method}, {"path", path}, {"status", std::to_string(status)}})
+      .Increment();
   state_->durations.Add({{"method", known_method}, {"path", path}}, buckets).Observe(seconds);
   if (method == "POST" && pattern == catalog_pattern && status < 300)
     state_->commits.Increment();
 }
 
-void Server_Metrics::add_gauge(const std::string& name, const std::string& help, std::function<double()> value)
+void Server_Metrics::add_gauge(const std::string& name, const std::string& help,
+                               std::function<double()> value)
 {
-  prometheus::Gauge& gauge = prometheus::BuildGauge().Name(name).Help(help).Register(state_->registry).Add({});
+  prometheus::Gauge& gauge =
+      prometheus::BuildGauge().Name(name).Help(help).Register(state_->registry).Add({});
   state_->gauges.emplace_back(&gauge, std::move(value));
 }
 

@@ -12,8 +12,8 @@
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
 
-#include <cctype>
 #include <algorithm>
+#include <cctype>
 #include <ctime>
 #include <functional>
 #include <memory>
@@ -96,7 +96,8 @@ void set_serial(X509* certificate)
   require(::RAND_bytes(bytes, sizeof bytes) == 1, "no random bytes");
   bytes[0] = static_cast<unsigned char>((bytes[0] & 0x7f) | 0x40); // positive and of full length
   BIGNUM* const number = ::BN_bin2bn(bytes, sizeof bytes, nullptr);
-  const bool done = number != nullptr && ::BN_to_ASN1_INTEGER(number, ::X509_get_serialNumber(certificate)) != nullptr;
+  const bool done =
+      number != nullptr && ::BN_to_ASN1_INTEGER(number, ::X509_get_serialNumber(certificate)) != nullptr;
   ::BN_free(number);
   require(done, "a serial number could not be set");
 }
@@ -117,18 +118,22 @@ void set_subject(X509* certificate, const std::string& common_name)
   X509_NAME* const name = ::X509_get_subject_name(certificate);
   // The field holds at most 64 characters; what counts are the alternative names.
   const std::string text = common_name.substr(0, 64);
-  require(::X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(text.data()),
+  require(::X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
+                                       reinterpret_cast<const unsigned char*>(text.data()),
                                        static_cast<int>(text.size()), -1, 0) == 1,
           "a name could not be set");
 }
 
-Certificate begin_certificate(EVP_PKEY* key, const std::string& common_name, int64_t not_before, int64_t not_after)
+Certificate begin_certificate(EVP_PKEY* key, const std::string& common_name, int64_t not_before,
+                              int64_t not_after)
 {
   Certificate certificate(::X509_new());
   require(certificate && ::X509_set_version(certificate.get(), 2) == 1, "a certificate could not be made");
   set_serial(certificate.get());
-  require(::ASN1_TIME_set(::X509_getm_notBefore(certificate.get()), static_cast<time_t>(not_before)) != nullptr &&
-              ::ASN1_TIME_set(::X509_getm_notAfter(certificate.get()), static_cast<time_t>(not_after)) != nullptr &&
+  require(::ASN1_TIME_set(::X509_getm_notBefore(certificate.get()), static_cast<time_t>(not_before)) !=
+                  nullptr &&
+              ::ASN1_TIME_set(::X509_getm_notAfter(certificate.get()), static_cast<time_t>(not_after)) !=
+                  nullptr &&
               ::X509_set_pubkey(certificate.get(), key) == 1,
           "a certificate could not be filled");
   set_subject(certificate.get(), common_name);
@@ -189,7 +194,8 @@ bool is_dns_name(const std::string& name)
 bool is_numeric_address(const std::string& address)
 {
   unsigned char bytes[16];
-  return ::inet_pton(AF_INET, address.c_str(), bytes) == 1 || ::inet_pton(AF_INET6, address.c_str(), bytes) == 1;
+  return ::inet_pton(AF_INET, address.c_str(), bytes) == 1 ||
+         ::inet_pton(AF_INET6, address.c_str(), bytes) == 1;
 }
 
 bool make_ca(TLS_Pair& ca, std::string& error)
@@ -215,7 +221,8 @@ bool make_server_certificate(const TLS_Pair& ca, const TLS_Names& names, TLS_Pai
   return attempt("Cannot make a server certificate", error, [&] {
     const Certificate issuer = read_certificate(ca.certificate);
     const Key issuer_key = read_key(ca.key);
-    require(::X509_check_private_key(issuer.get(), issuer_key.get()) == 1, "the CA's key is not of its certificate");
+    require(::X509_check_private_key(issuer.get(), issuer_key.get()) == 1,
+            "the CA's key is not of its certificate");
     const std::string alternative = alternative_names(names);
     const Key key = make_key();
     const int64_t now = static_cast<int64_t>(clock().now());
@@ -224,7 +231,8 @@ bool make_server_certificate(const TLS_Pair& ca, const TLS_Names& names, TLS_Pai
         begin_certificate(key.get(), names.names.empty() ? names.addresses.front() : names.names.front(),
                           std::min(now - 3600, end - 3600), end);
     X509* const raw = certificate.get();
-    require(::X509_set_issuer_name(raw, ::X509_get_subject_name(issuer.get())) == 1, "an issuer could not be set");
+    require(::X509_set_issuer_name(raw, ::X509_get_subject_name(issuer.get())) == 1,
+            "an issuer could not be set");
     add_extension(raw, issuer.get(), NID_basic_constraints, "critical,CA:FALSE");
     add_extension(raw, issuer.get(), NID_key_usage, "critical,digitalSignature");
     add_extension(raw, issuer.get(), NID_ext_key_usage, "serverAuth");
@@ -240,8 +248,8 @@ bool certificate_names(const std::string& certificate, TLS_Names& names, std::st
 {
   return attempt("Cannot read the names of a certificate", error, [&] {
     const Certificate read = read_certificate(certificate);
-    const Names found(static_cast<GENERAL_NAMES*>(
-        ::X509_get_ext_d2i(read.get(), NID_subject_alt_name, nullptr, nullptr)));
+    const Names found(
+        static_cast<GENERAL_NAMES*>(::X509_get_ext_d2i(read.get(), NID_subject_alt_name, nullptr, nullptr)));
     require(found != nullptr, "it has none");
     TLS_Names all;
     for (int i = 0; i < sk_GENERAL_NAME_num(found.get()); ++i) {
@@ -253,9 +261,9 @@ bool certificate_names(const std::string& certificate, TLS_Names& names, std::st
       } else if (name->type == GEN_IPADD) {
         const int length = ::ASN1_STRING_length(name->d.iPAddress);
         char text[INET6_ADDRSTRLEN] = "";
-        require((length == 4 || length == 16) && ::inet_ntop(length == 4 ? AF_INET : AF_INET6,
-                                                             ::ASN1_STRING_get0_data(name->d.iPAddress), text,
-                                                             sizeof text) != nullptr,
+        require((length == 4 || length == 16) &&
+                    ::inet_ntop(length == 4 ? AF_INET : AF_INET6, ::ASN1_STRING_get0_data(name->d.iPAddress),
+                                text, sizeof text) != nullptr,
                 "an address is damaged");
         all.addresses.push_back(text);
       }

@@ -33,7 +33,8 @@ struct TLS_Pair {
 /// Until when a certificate (PEM) is valid, in seconds since 1970.
 [[nodiscard]] bool certificate_end(const std::string& certificate, int64_t& not_after, std::string& error);
 
-/// A DNS name as a certificate may hold it: labels of letters, digits and hyphens, also "*." at its beginning.
+/// A DNS name as a certificate may hold it: labels of letters, digits and hyphens, also "*." at its
+/// beginning.
 bool is_dns_name(const std::string& name);
 /// A numeric IPv4 or IPv6 address.
 bool is_numeric_address(const std::string& address);
