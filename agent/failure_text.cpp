@@ -4,6 +4,7 @@
 #include <boost/algorithm/string/trim.hpp>
 
 #include <fstream>
+#include <sstream>
 
 namespace kestrel
 {
@@ -61,10 +62,9 @@ void take_info(const std::string& text, std::string& reason, Job_Log_Facts& fact
   facts.last_error.clear();
 }
 
-Job_Log_Facts facts_of_job_log(const std::string& log_path)
+Job_Log_Facts facts_of_job_log(std::istream& log)
 {
   Job_Log_Facts facts;
-  std::ifstream log(log_path);
   std::string line;
   std::string reason;
   while (std::getline(log, line)) {
@@ -79,6 +79,12 @@ Job_Log_Facts facts_of_job_log(const std::string& log_path)
     }
   }
   return facts;
+}
+
+Job_Log_Facts facts_of_job_log(const std::string& log_path)
+{
+  std::ifstream log(log_path);
+  return facts_of_job_log(log);
 }
 
 struct Advice {
@@ -115,6 +121,12 @@ std::string reason_from_job_log(const std::string& log_path)
 std::string fallback_from_job_log(const std::string& log_path)
 {
   return facts_of_job_log(log_path).fallback_reason;
+}
+
+std::string fallback_from_log_text(const std::string& text)
+{
+  std::istringstream log(text);
+  return facts_of_job_log(log).fallback_reason;
 }
 
 std::string advice_for(const std::vector<Job_Alert>& alerts)

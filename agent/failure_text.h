@@ -18,6 +18,8 @@ std::string reason_from_job_log(const std::string& log_path);
 /// Why a backup job that was to continue a chain made a full backup instead, from its log; empty when it did
 /// not.
 std::string fallback_from_job_log(const std::string& log_path);
+/// The same from the text of a log.
+std::string fallback_from_log_text(const std::string& text);
 
 /// What to do next, from the last alert that a run raised. Never empty.
 std::string advice_for(const std::vector<Job_Alert>& alerts);

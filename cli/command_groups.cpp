@@ -14,6 +14,10 @@ void add_all_commands(Command_Registry& registry)
 
   add_job_commands(registry);
 
+  add_console_commands(registry);
+
+  add_admin_commands(registry);
+
   add_agent_commands(registry);
 
   add_server_commands(registry);

@@ -16,6 +16,10 @@ void add_logical_commands(Command_Registry& registry); // group_logical.cpp
 
 void add_job_commands(Command_Registry& registry); // group_job.cpp
 
+void add_console_commands(Command_Registry& registry); // group_console.cpp
+
+void add_admin_commands(Command_Registry& registry); // group_admin.cpp
+
 void add_agent_commands(Command_Registry& registry); // group_agent.cpp
 
 void add_server_commands(Command_Registry& registry); // group_server.cpp

@@ -6,14 +6,32 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstring>
+
 namespace kestrel
 {
+namespace
+{
+bool has_word(int argc, char** argv, const char* word)
+{
+  const size_t length = std::strlen(word);
+  for (int i = 1; i < argc; ++i)
+    if (std::strncmp(argv[i], word, length) == 0 && (argv[i][length] == '\0' || argv[i][length] == '='))
+      return true;
+  return false;
+}
+} // namespace
+
 bool parse_command_line(int argc, char** argv, Command_Line& line, int& exit_code)
 {
   CLI::App app("Backs OSCAR databases up and brings them back.", "kestrel");
   app.set_version_flag("--version", std::string("kestrel ") + version());
   app.add_option("--root", line.root, "private tree that takes the place of / for the product's own files")
       ->envname("KESTREL_ROOT");
+  app.add_option("--server", line.server,
+                 "work through this backup server, https://HOST[:PORT]; without it, on this host alone")
+      ->envname("KESTREL_SERVER");
+  app.add_option("--ca", line.ca_file, "file with the authority of the server's certificate (PEM)");
   app.add_flag("--json", line.json, "print results as JSON");
   app.add_flag("--verbose,-v", line.verbose, "show log lines as well");
   app.add_flag("--quiet,-q", line.quiet, "no progress");
@@ -26,6 +44,7 @@ bool parse_command_line(int argc, char** argv, Command_Line& line, int& exit_cod
   add_all_commands(registry);
   try {
     app.parse(argc, argv);
+    line.server_given = has_word(argc, argv, "--server");
   } catch (const CLI::ParseError& error) {
     exit_code = app.exit(error) == 0 ? EXIT_CODE_DONE : EXIT_CODE_USAGE;
     return false;

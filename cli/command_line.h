@@ -8,6 +8,7 @@
 
 namespace kestrel
 {
+class Console;
 class Session;
 struct Command_Line;
 
@@ -15,9 +16,11 @@ struct Command_Line;
 /// exit code of the process.
 struct Command_Actions {
   /// In this process, on this host.
-  std::function<int(Session&)> embedded;
-  /// Without module, catalog or server: the command does everything itself.
-  std::function<int(const Command_Line&)> standalone;
+  std::function<int(Session&)> embedded = {};
+  /// Without module, catalog or a session at a server: the command does everything itself.
+  std::function<int(const Command_Line&)> standalone = {};
+  /// Through the backup server that --server names, with the sign-in kept for it.
+  std::function<int(Console&)> served = {};
 };
 
 /// What the user asked for, checked for form only.
@@ -25,6 +28,9 @@ struct Command_Line {
   std::string command; ///< its words: "pool add"
   Command_Actions actions;
   std::string root;
+  std::string server;        ///< URL of a backup server; empty: this host alone
+  bool server_given = false; ///< on the command line, not by KESTREL_SERVER
+  std::string ca_file;
   bool json = false;
   bool verbose = false;
   bool quiet = false;
@@ -46,7 +52,16 @@ struct Command_Line {
   bool assume_yes = false;
   std::string original; ///< import: the object in the export
   std::string target;   ///< import: what it becomes
-  std::string file;     ///< run
+  std::string file;     ///< run, job define
+
+  std::string host;               ///< of a server: where the instance is
+  std::vector<std::string> hosts; ///< job define, job run and the like
+  std::string place;              ///< browse: HOST/INSTANCE/DATABASE/SCHEMA as far as it is given
+  std::string definition;         ///< nodes: of this job only
+  std::string role;               ///< user add
+  bool disabled = false;          ///< job define
+  bool wait = false;              ///< job run
+  bool follow = false;            ///< job log
 };
 
 /// Parses the words of the command line. Prints help, version or the error itself.

@@ -20,6 +20,14 @@ CLI::Validator unsigned_number()
 const char* const backup_reference_help =
     "id, a unique beginning of it, or 'latest' (with --instance, or when one instance has backups)";
 
+const char* const instance_host_help =
+    "host of the instance, where several of the server's have one of this name";
+
+void add_host_option(CLI::App& command, Command_Line& line, const std::string& help)
+{
+  command.add_option("--host", line.host, "with --server: " + help);
+}
+
 void add_storage_options(CLI::App& command, Command_Line& line)
 {
   command.add_option("--pool", line.pool, "pool to store it in; the default pool when not given");

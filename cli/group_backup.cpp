@@ -1,5 +1,6 @@
 #include "cli/command_groups.h"
 #include "cli/common_options.h"
+#include "cli/console.h"
 #include "cli/session.h"
 
 #include <CLI/CLI.hpp>
@@ -30,7 +31,7 @@ CLI::Validator backup_level()
 void add_backup(Command_Registry& registry)
 {
   Command_Line& line = registry.line();
-  CLI::App& backup = registry.add("backup", "Back an instance up", {run_backup, nullptr});
+  CLI::App& backup = registry.add("backup", "Back an instance up", {run_backup, nullptr, run_backup});
   backup.add_option("INSTANCE", line.instance, "name of the instance")->required();
   backup
       .add_option("--level", line.level,
@@ -39,6 +40,7 @@ void add_backup(Command_Registry& registry)
       ->transform(backup_level())
       ->capture_default_str();
   add_storage_options(backup, line);
+  add_host_option(backup, line, instance_host_help);
 }
 
 void add_verify(Command_Registry& registry)
@@ -46,7 +48,7 @@ void add_verify(Command_Registry& registry)
   Command_Line& line = registry.line();
   CLI::App& verify =
       registry.add("verify", "Read every stored byte of backups the way a restore does and check it",
-                   {run_verify, nullptr});
+                   {run_verify, nullptr, nullptr});
   CLI::Option* named = verify.add_option("BACKUP", line.names,
                                          std::string(backup_reference_help) +
                                              "; with what they build on; every chain when none is named");
@@ -61,19 +63,24 @@ void add_backup_commands(Command_Registry& registry)
   Command_Line& line = registry.line();
   add_backup(registry);
 
-  CLI::App& backups = registry.add("backups", "List backups, newest first", {run_backups, nullptr});
+  CLI::App& backups =
+      registry.add("backups", "List backups, newest first", {run_backups, nullptr, run_backups});
   backups.add_option("INSTANCE", line.instance, "only those of this instance");
   backups.add_option("--limit", line.limit, "the newest N only; 0 lists all")->capture_default_str();
+  add_host_option(backups, line, instance_host_help);
 
-  CLI::App& show = registry.add("show", "Show one backup in full", {run_show, nullptr});
+  CLI::App& show = registry.add("show", "Show one backup in full", {run_show, nullptr, run_show});
   show.add_option("BACKUP", line.names, backup_reference_help)->required()->expected(1);
   show.add_option("--instance", line.instance, "instance that 'latest' refers to");
+  add_host_option(show, line, instance_host_help);
 
   add_verify(registry);
 
-  CLI::App& restore = registry.add("restore", "Restore an instance from a backup", {run_restore, nullptr});
+  CLI::App& restore =
+      registry.add("restore", "Restore an instance from a backup", {run_restore, nullptr, run_restore});
   restore.add_option("BACKUP", line.names, backup_reference_help)->required()->expected(1);
   restore.add_option("--instance", line.instance, "instance that 'latest' refers to");
+  add_host_option(restore, line, instance_host_help);
   restore.add_option("--pool", line.pool, "read the stored files from this pool");
   restore.add_flag("--yes,-y", line.assume_yes, "do not ask");
 }

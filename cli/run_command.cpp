@@ -1,5 +1,6 @@
 #include "cli/command_line.h"
 
+#include "cli/console.h"
 #include "cli/session.h"
 
 #include <cstdio>
@@ -8,6 +9,26 @@
 
 namespace kestrel
 {
+namespace
+{
+/// Why the command cannot be given so; empty when it can.
+std::string misuse(const Command_Line& line)
+{
+  const bool by_environment = !line.server.empty() && !line.server_given;
+  if (line.actions.standalone)
+    return "";
+  if (line.server.empty() && !line.actions.embedded)
+    return "'kestrel " + line.command +
+           "' works through a backup server only: give --server URL or set KESTREL_SERVER";
+  if (!line.server.empty() && !line.actions.served)
+    return "'kestrel " + line.command +
+           "' works on this host only: " + (by_environment ? "unset KESTREL_SERVER" : "leave --server out");
+  if (line.server.empty() && (!line.host.empty() || !line.hosts.empty()))
+    return "--host goes with --server: without a backup server there is only this host";
+  return "";
+}
+} // namespace
+
 int run_command(const Command_Line& line)
 {
   // Absolute: the tools are given paths below it and may run elsewhere.
@@ -15,8 +36,15 @@ int run_command(const Command_Line& line)
     std::perror("kestrel: cannot set the root directory");
     return EXIT_CODE_FAILED;
   }
+  const std::string problem = misuse(line);
+  if (!problem.empty())
+    return Command_Output(line).fail(problem, EXIT_CODE_USAGE);
   if (line.actions.standalone)
     return line.actions.standalone(line);
+  if (!line.server.empty()) {
+    Console console(line);
+    return console.start() ? line.actions.served(console) : EXIT_CODE_FAILED;
+  }
   Session session(line);
   return session.start() ? line.actions.embedded(session) : EXIT_CODE_FAILED;
 }

@@ -1,0 +1,43 @@
+#include "cli/command_groups.h"
+#include "cli/served_commands.h"
+
+#include <CLI/CLI.hpp>
+
+namespace kestrel
+{
+namespace
+{
+void add_sign_in(Command_Registry& registry)
+{
+  Command_Line& line = registry.line();
+  CLI::App& sign_in =
+      registry.add("sign-in", "Sign in at the backup server; later commands need only --server",
+                   {nullptr, served_sign_in, nullptr});
+  sign_in.add_option("--user,-u", line.user, "user of the backup server")->required();
+  sign_in.add_option(
+      "--password-file", line.password_file,
+      "file whose first line is the password; '-' reads standard input; asked for when not given");
+  registry.add("sign-out", "End the session and forget it here", {nullptr, served_sign_out, nullptr});
+  registry.add("whoami", "Show who is signed in", {nullptr, nullptr, served_whoami});
+}
+} // namespace
+
+void add_console_commands(Command_Registry& registry)
+{
+  Command_Line& line = registry.line();
+  add_sign_in(registry);
+  registry.add("status", "Show how the backup server is", {nullptr, nullptr, served_status});
+  registry.add("hosts", "List the hosts and whether their agents are connected",
+               {nullptr, nullptr, served_hosts});
+
+  CLI::App& browse = registry.add("browse", "List what is on a host: instances, databases, schemas, tables",
+                                  {nullptr, nullptr, served_browse});
+  browse.add_option("PLACE", line.place, "HOST[/INSTANCE[/DATABASE[/SCHEMA]]]; without it, the hosts");
+
+  CLI::App& nodes = registry.add("nodes", "Show which cluster nodes were chosen for jobs, and why",
+                                 {nullptr, nullptr, served_nodes});
+  nodes.add_option("--definition", line.definition,
+                   "only for this job: id, a unique beginning of it, or name");
+  nodes.add_option("--limit", line.limit, "the newest N only")->capture_default_str();
+}
+} // namespace kestrel
