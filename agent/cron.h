@@ -1,0 +1,56 @@
+#pragma once
+
+#include <bitset>
+#include <ctime>
+#include <memory>
+#include <string>
+
+namespace kestrel
+{
+/// When something is due, in the five fields of a cron line: minute, hour, day of the month, month, day of
+/// the week. Fields hold "*", numbers, ranges ("1-5"), steps ("*/15", "8-18/2"), lists of these, and English
+/// names of three letters for months and days; 0 and 7 are Sunday. When neither day field holds a "*", a day
+/// that satisfies one of them is enough; else both must be satisfied. "@hourly", "@daily" ("@midnight"),
+/// "@weekly", "@monthly" and
+/// "@yearly" ("@annually") stand for whole lines.
+///
+/// Times are those of a time zone of the system's database. A time of day that does not exist on a day comes
+/// at the first moment after the gap; one that exists twice counts once, the first time. So times an hour
+/// apart may lie two hours apart in the night when the clocks go back. Threads: a value; const access from
+/// any number of threads. Limits:  lines of 1000 characters; years up to 9999.
+class Cron_Schedule
+{
+public:
+  static constexpr std::size_t max_length = 1000;
+
+  Cron_Schedule();
+  ~Cron_Schedule();
+  Cron_Schedule(const Cron_Schedule&);
+  Cron_Schedule& operator=(const Cron_Schedule&);
+
+  /// `time_zone` is a name like "Europe/Berlin"; empty takes the zone of this host.
+  /// Errors: false with `error` naming the field and what is allowed; a line that never comes true ("0 0 30 2
+  /// *") is
+  ///         refused, too. `schedule` is untouched then.
+  [[nodiscard]] static bool parse(const std::string& line, const std::string& time_zone,
+                                  Cron_Schedule& schedule, std::string& error);
+
+  /// The first time that is due after `time`; false, with `next` untouched, when there is none until the year
+  /// 9999.
+  [[nodiscard]] bool next_after(time_t time, time_t& next) const;
+
+private:
+  struct Zone;
+
+  bool day_matches(int month, int day, int weekday) const;
+  bool ever_matches() const;
+
+  std::bitset<60> minutes_;
+  std::bitset<24> hours_;
+  std::bitset<32> days_;
+  std::bitset<13> months_;
+  std::bitset<7> weekdays_;
+  bool either_day_ = false; ///< one of the day fields is enough
+  std::shared_ptr<const Zone> zone_;
+};
+} // namespace kestrel

@@ -1,0 +1,32 @@
+#include "agent/cron.h"
+#include "support/corpus.h"
+
+#include <cstdlib>
+#include <string>
+
+// A line is refused with a text, or it has a next time that lies behind the one asked from, and asking from
+// there goes on. The first line of the input is the zone.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  const size_t end = text.find('\n');
+  const std::string zone = end == std::string::npos ? "UTC" : text.substr(0, end);
+  kestrel::Cron_Schedule schedule;
+  std::string error;
+  if (!kestrel::Cron_Schedule::parse(end == std::string::npos ? text : text.substr(end + 1), zone, schedule,
+                                     error)) {
+    if (error.empty())
+      ::abort();
+    return 0;
+  }
+  time_t time = 1700000000;
+  for (int round = 0; round < 4; ++round) {
+    time_t next = 0;
+    if (!schedule.next_after(time, next))
+      ::abort(); // a day that never comes must have been refused
+    if (next <= time)
+      ::abort();
+    time = next;
+  }
+  return 0;
+}
