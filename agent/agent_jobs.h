@@ -58,9 +58,10 @@ public:
   struct Settings {
     std::string database;  ///< empty: agent.db of the component's state directory
     std::string host_uuid; ///< stands in the run records
-    std::string name;      ///< of this host, for texts
     unsigned max_concurrent = 2;
     unsigned history_days = 90;
+    /// Records of ended runs wait for mark_sent(), however old. False when there is no server.
+    bool server = true;
   };
 
   Agent_Jobs(Module_Table& modules, Settings settings);

@@ -1,19 +1,19 @@
 #include "agent/embedded_host.h"
 
+#include "agent/agent_config.h"
 #include "agent/failure_text.h"
+#include "agent/run_lock.h"
 #include "base/clock.h"
 #include "base/file_lock.h"
 #include "base/log.h"
 #include "base/path_conf.h"
 #include "base/scope_guard.h"
-#include "base/uuid.h"
 #include "instances/instance_handler.h"
 #include "jobs/job.h"
 #include "jobs/job_creator.h"
 #include "jobs/job_event.h"
 
 #include <cerrno>
-#include <climits>
 #include <clocale>
 #include <csignal>
 #include <cstring>
@@ -24,18 +24,6 @@ namespace kestrel
 namespace
 {
 constexpr int64_t poll_msec = 100;
-
-std::string default_module_path()
-{
-  char path[PATH_MAX];
-  const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path);
-  std::string program(path, length > 0 ? static_cast<size_t>(length) : 0);
-  program.erase(program.find_last_of('/') == std::string::npos ? 0 : program.find_last_of('/'));
-  for (const char* place : {"/../lib/oscar.so", "/../lib/kestrel/oscar.so", "/oscar.so"})
-    if (::access((program + place).c_str(), R_OK) == 0)
-      return program + place;
-  return program + "/../lib/oscar.so";
-}
 
 /// Hands the events of one definition to the hooks of its run.
 class Run_Listener : public Job_Event_Listener
@@ -70,20 +58,9 @@ private:
   const std::string definition_id_;
 };
 
-/// Runs with the same key exclude each other. An import may run beside everything else on its source, but two
-/// runs of one definition would share the directory of their files.
-std::string lock_key(const Job_Definition& definition)
+/// Waits for the runs of other processes with the same lock. False when a cancel came first.
+bool lock_runs(const std::string& path, const Job_Run_Hooks& hooks, File_Lock& lock, std::string& error)
 {
-  const bool import =
-      definition.type() == JOB_DEFINITION_RESTORE && definition.subtype() == JOB_DEFINITION_SUBTYPE_IMPORT;
-  return definition.source() && !import ? definition.source()->id() : definition.id();
-}
-
-/// Waits for the runs of other processes with the same key. False when a cancel came first.
-bool lock_runs(const std::string& key, const Job_Run_Hooks& hooks, File_Lock& lock, std::string& error)
-{
-  const std::string path =
-      Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT", "locks").path((name_uuid(key) + ".lock").c_str());
   bool noted = false;
   while (!lock.try_lock(path)) {
     if (errno != EWOULDBLOCK) {
@@ -136,31 +113,36 @@ bool Embedded_Host::start(const Options& options, std::string& error)
   if (!load_host_identity(identity_, error))
     return false;
 
-  auto module = std::make_unique<Oscar_Module>();
-  if (!module->open(options.module_path.empty() ? default_module_path() : options.module_path, error))
+  std::vector<Module_Config> modules = default_agent_config().modules;
+  // Nobody asks this process through JSON-RPC.
+  modules.front().rpc.clear();
+  if (!options.module_path.empty())
+    modules.front().path = options.module_path;
+  if (!modules_.open(modules, error))
     return false;
-  module->add_parsers_to(loader_);
   instances_ = std::make_unique<Instance_Registry>(identity_.host_id);
   pools_ = std::make_unique<Pool_Registry>();
-  module_ = std::move(module);
   return true;
 }
 
-bool Embedded_Host::run(const Job_Definition_Ptr& definition, const Job_Run_Hooks& hooks, Job_Run_Result& result,
-                        std::string& error)
+bool Embedded_Host::run(const Job_Definition_Ptr& definition, const Job_Run_Hooks& hooks,
+                        Job_Run_Result& result, std::string& error)
 {
   if (!present_ && !presence_.enter(error))
     return false;
   present_ = true;
 
   errno = 0;
-  ACE_Intrusive_Auto_Ptr<Job> job = module_->job_creator().create(definition);
+  Job_Creator* const creator = modules_.job_creator(definition->type(), definition->subtype());
+  ACE_Intrusive_Auto_Ptr<Job> job;
+  if (creator)
+    job = creator->create(definition);
   if (!job.get()) {
     error = refusal_reason(errno);
     return false;
   }
   File_Lock source_lock;
-  if (!lock_runs(lock_key(*definition), hooks, source_lock, error)) {
+  if (!lock_runs(run_lock_path(*definition), hooks, source_lock, error)) {
     if (!error.empty())
       return false;
     result.state = JOB_STATE_CANCELED;

@@ -2,7 +2,7 @@
 
 #include "agent/host_identity.h"
 #include "agent/job_presence.h"
-#include "agent/oscar_module.h"
+#include "agent/module_table.h"
 #include "instances/instance_registry.h"
 #include "jobs/job_alert.h"
 #include "jobs/job_definition_loader.h"
@@ -62,20 +62,19 @@ public:
 
   Instance_Registry& instances() { return *instances_; }
   Pool_Registry& pools() { return *pools_; }
-  Instance_Handler& instance_handler() { return module_->instance_handler(); }
+  Instance_Handler& instance_handler() { return *modules_.instance_handlers().front(); }
   const Host_Identity& identity() const { return identity_; }
-  const Job_Definition_Loader& loader() const { return loader_; }
+  const Job_Definition_Loader& loader() const { return modules_.loader(); }
 
-  /// Runs one job to its end. True when it ran, whatever came of it: `result` tells. Runs of several processes on one
-  /// source wait for each other; imports wait for runs of their own definition only.
-  [[nodiscard]] bool run(const Job_Definition_Ptr& definition, const Job_Run_Hooks& hooks, Job_Run_Result& result,
-                         std::string& error);
+  /// Runs one job to its end. True when it ran, whatever came of it: `result` tells. Runs of several
+  /// processes on one source wait for each other; imports wait for runs of their own definition only.
+  [[nodiscard]] bool run(const Job_Definition_Ptr& definition, const Job_Run_Hooks& hooks,
+                         Job_Run_Result& result, std::string& error);
 
 private:
-  std::unique_ptr<Oscar_Module> module_;
+  Module_Table modules_; // the last to go
   std::unique_ptr<Instance_Registry> instances_;
   std::unique_ptr<Pool_Registry> pools_;
-  Job_Definition_Loader loader_;
   Host_Identity identity_;
   Job_Presence presence_;
   bool present_ = false;

@@ -1,7 +1,6 @@
 #include "agent/job_presence.h"
 
 #include "base/files.h"
-#include "base/ignore_result.h"
 #include "base/path_conf.h"
 #include "base/uuid.h"
 
@@ -16,7 +15,7 @@ namespace kestrel
 namespace
 {
 /// Pipes lie one directory below the state directory, one directory for each kind of database.
-void remove_stale_fifos(const std::filesystem::path& state_directory)
+void remove_stale_fifos(const std::filesystem::path& state_directory, std::vector<std::string>& removed)
 {
   std::error_code failure;
   for (const auto& folder : std::filesystem::directory_iterator(state_directory, failure)) {
@@ -24,26 +23,28 @@ void remove_stale_fifos(const std::filesystem::path& state_directory)
       continue;
     for (const auto& entry : std::filesystem::directory_iterator(folder, failure)) {
       const std::string name = entry.path().filename();
-      if (entry.is_fifo(failure) && name.size() > 5 && name.compare(name.size() - 5, 5, "_fifo") == 0)
-        std::filesystem::remove(entry.path(), failure);
+      if (entry.is_fifo(failure) && name.size() > 5 && name.compare(name.size() - 5, 5, "_fifo") == 0 &&
+          std::filesystem::remove(entry.path(), failure))
+        removed.push_back(entry.path());
     }
   }
 }
 
 /// What killed exports and imports left: data that lies nowhere else in clear. Only directories named like a
 /// definition are theirs.
-void remove_stale_dumps()
+void remove_stale_dumps(std::vector<std::string>& removed)
 {
   std::error_code failure;
   const std::string root = product_path("/var/cache/tarnvik/kestrel3/oscar/dump");
   for (std::filesystem::directory_iterator folder(root, failure), end; !failure && folder != end;
        folder.increment(failure))
-    if (is_uuid(folder->path().filename()))
-      ignore_result(rm_rf(folder->path().c_str()), "the definition's next run tries again, and tells");
+    // What stays is tried again, and told, by the definition's next run.
+    if (is_uuid(folder->path().filename()) && rm_rf(folder->path().c_str()) == 0)
+      removed.push_back(folder->path());
 }
 } // namespace
 
-bool Job_Presence::enter(std::string& error)
+bool Job_Presence::enter(std::string& error, std::vector<std::string>* removed)
 {
   const std::string path = state_path("jobs.lock");
   Auto_Closer<int, Auto_Handle_Trait> lock(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640));
@@ -54,8 +55,11 @@ bool Job_Presence::enter(std::string& error)
   // Alone: nobody else can be using a pipe or a dump file, and nobody can start to before the lock is shared
   // again.
   if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) {
-    remove_stale_fifos(std::filesystem::path(path).parent_path());
-    remove_stale_dumps();
+    std::vector<std::string> gone;
+    remove_stale_fifos(std::filesystem::path(path).parent_path(), gone);
+    remove_stale_dumps(gone);
+    if (removed)
+      removed->swap(gone);
   }
   if (::flock(lock.get(), LOCK_SH) != 0) {
     error = "cannot lock " + path + ": " + std::strerror(errno);

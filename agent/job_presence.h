@@ -3,6 +3,7 @@
 #include "base/descriptor.h"
 
 #include <string>
+#include <vector>
 
 namespace kestrel
 {
@@ -15,7 +16,8 @@ namespace kestrel
 class Job_Presence
 {
 public:
-  [[nodiscard]] bool enter(std::string& error);
+  /// `removed`, when it is not null, gets the paths that were cleared away.
+  [[nodiscard]] bool enter(std::string& error, std::vector<std::string>* removed = nullptr);
 
 private:
   Auto_Closer<int, Auto_Handle_Trait> lock_{Auto_Handle_Trait::invalid()};

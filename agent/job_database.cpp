@@ -1,0 +1,198 @@
+#include "agent/job_database.h"
+
+#include "base/descriptor.h"
+
+#include <soci/soci.h>
+#include <soci/sqlite3/soci-sqlite3.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <stdexcept>
+
+namespace kestrel
+{
+namespace
+{
+constexpr int busy_timeout_msec = 5000;
+
+const char* cure_of(int code)
+{
+  switch (code & 0xff) {
+  case SQLITE_CORRUPT:
+  case SQLITE_NOTADB:
+    return "The file is damaged: move it away with its -wal and -shm files; definitions of the server come "
+           "back by "
+           "themselves";
+  case SQLITE_FULL:
+  case SQLITE_IOERR:
+    return "Free space on its disk, or check the disk and the system log";
+  case SQLITE_READONLY:
+  case SQLITE_CANTOPEN:
+  case SQLITE_PERM:
+    return "Check that this user may read and write the file and its directory";
+  case SQLITE_BUSY:
+  case SQLITE_LOCKED:
+    return "Another program has it locked";
+  default:
+    return "See the agent's log";
+  }
+}
+
+std::string describe(const std::string& path, const std::exception& problem)
+{
+  std::string text = "the agent's database " + path + ": " + problem.what();
+  if (const auto* failure = dynamic_cast<const soci::sqlite3_soci_error*>(&problem))
+    text += std::string(". ") + cure_of(failure->result());
+  return text;
+}
+
+/// ROLLBACK unless commit() was reached.
+class Transaction
+{
+public:
+  explicit Transaction(soci::session& session) : session_(session) { session_ << "BEGIN IMMEDIATE"; }
+  ~Transaction()
+  {
+    if (done_)
+      return;
+    try {
+      session_ << "ROLLBACK";
+    } catch (const std::exception&) {
+      // The database has undone the changes by itself, as it does when its disk is full.
+    }
+  }
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+
+  void commit()
+  {
+    session_ << "COMMIT";
+    done_ = true;
+  }
+
+private:
+  soci::session& session_;
+  bool done_ = false;
+};
+
+void migrate(soci::session& session, const Job_Database::Migrations& migrations)
+{
+  int version = 0;
+  session << "PRAGMA user_version", soci::into(version);
+  const int newest = static_cast<int>(migrations.size());
+  if (version > newest)
+    throw std::runtime_error("was written by a newer release (schema " + std::to_string(version) +
+                             ", this program knows up to " + std::to_string(newest) +
+                             "); update this program");
+  if (version == newest)
+    return;
+  Transaction transaction(session);
+  for (; version < newest; ++version)
+    for (const std::string& statement : migrations[static_cast<size_t>(version)])
+      session << statement;
+  session << "PRAGMA user_version = " << newest;
+  transaction.commit();
+}
+} // namespace
+
+struct Job_Database::State {
+  std::string path;
+  mutable std::mutex mutex;
+  mutable soci::session session;
+};
+
+Job_Database::Job_Database() : state_(new State) {}
+
+Job_Database::~Job_Database() = default;
+
+const Job_Database::Migrations& Job_Database::schema()
+{
+  static const Migrations migrations = {{
+      "CREATE TABLE definition (id TEXT PRIMARY KEY, revision INTEGER NOT NULL, enabled INTEGER NOT NULL, "
+      "origin TEXT NOT NULL, document TEXT NOT NULL, since INTEGER NOT NULL)",
+      "CREATE TABLE run (number INTEGER PRIMARY KEY AUTOINCREMENT, run_id TEXT NOT NULL UNIQUE, "
+      "definition_id TEXT NOT NULL, revision INTEGER NOT NULL, name TEXT NOT NULL, cause TEXT NOT NULL, "
+      "state INTEGER NOT NULL, queued_at INTEGER NOT NULL, started_at INTEGER NOT NULL, ended_at INTEGER NOT "
+      "NULL, "
+      "reason TEXT NOT NULL, log_path TEXT NOT NULL, alerts TEXT NOT NULL, done_bytes INTEGER NOT NULL, "
+      "instance TEXT NOT NULL, sent INTEGER NOT NULL)",
+      "CREATE INDEX run_definition ON run (definition_id, number)",
+      "CREATE INDEX run_unsent ON run (number) WHERE sent = 0",
+      "CREATE INDEX run_open ON run (number) WHERE ended_at = 0",
+      "CREATE INDEX run_ended ON run (ended_at)",
+      "CREATE TABLE setting (name TEXT PRIMARY KEY, value TEXT NOT NULL)",
+  }};
+  return migrations;
+}
+
+bool Job_Database::open(const std::string& path, std::string& error, const Migrations& migrations)
+{
+  const std::lock_guard<std::mutex> guard(state_->mutex);
+  state_->path = path;
+  {
+    // Definitions hold scripts: for this user only. The database gives its other files the same mode.
+    const Auto_Fd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (file.get() < 0) {
+      error = "cannot open the agent's database " + path + ": " + std::strerror(errno);
+      return false;
+    }
+  }
+  try {
+    if (path.find('"') != std::string::npos)
+      throw std::runtime_error("a quotation mark in a path is not possible");
+    soci::session& session = state_->session;
+    session.open(soci::sqlite3, "db=\"" + path + "\"");
+    session << "PRAGMA busy_timeout = " << busy_timeout_msec;
+    session << "PRAGMA journal_mode = WAL";
+    session << "PRAGMA synchronous = FULL";
+    migrate(session, migrations);
+    return true;
+  } catch (const std::exception& problem) {
+    error = describe(path, problem);
+  }
+  try {
+    state_->session.close();
+  } catch (const std::exception&) {
+    // It was not open.
+  }
+  return false;
+}
+
+void Job_Database::close()
+{
+  const std::lock_guard<std::mutex> guard(state_->mutex);
+  try {
+    state_->session.close();
+  } catch (const std::exception&) {
+    // It was not open.
+  }
+}
+
+bool Job_Database::read(const Work& work, std::string& error) const
+{
+  const std::lock_guard<std::mutex> guard(state_->mutex);
+  try {
+    work(state_->session);
+    return true;
+  } catch (const std::exception& problem) {
+    error = describe(state_->path, problem);
+    return false;
+  }
+}
+
+bool Job_Database::write(const Work& work, std::string& error)
+{
+  const std::lock_guard<std::mutex> guard(state_->mutex);
+  try {
+    Transaction transaction(state_->session);
+    work(state_->session);
+    transaction.commit();
+    return true;
+  } catch (const std::exception& problem) {
+    error = describe(state_->path, problem);
+    return false;
+  }
+}
+} // namespace kestrel

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "jobs/job_types.h"
+#include "json/value.h"
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+namespace kestrel
+{
+class Job_Database;
+
+/// One run of a job, from the moment it was asked for. Times are seconds since the epoch, 0: not yet.
+struct Run_Record {
+  std::string run_id;
+  std::string definition_id;
+  uint64_t revision = 0;
+  std::string name;
+  std::string trigger; ///< "schedule", "console", "restart" (a missed run made up for) or "ondemand"
+  Job_State state = JOB_STATE_DISPATCHING;
+  time_t queued_at = 0;
+  time_t started_at = 0;
+  time_t ended_at = 0;
+  std::string reason;
+  std::string log_path;
+  json_spirit::Array alerts; ///< {"category","code","data"} each
+  uint64_t done_bytes = 0;
+  std::string instance;
+};
+
+/// The record as it travels to the server and to consoles.
+json_spirit::Object run_record_json(const Run_Record& record, const std::string& host_uuid);
+
+/// The runs in the agent's database.
+/// Threads:   any. Ownership: the database is not owned. Errors: as Job_Database.
+class Run_History
+{
+public:
+  /// `wait_for_server`: ended runs stay until a server has acknowledged them, however old.
+  Run_History(Job_Database& database, bool wait_for_server)
+      : database_(database), wait_for_server_(wait_for_server)
+  {
+  }
+
+  /// Stores a record, or replaces the one with its run id.
+  [[nodiscard]] bool put(const std::vector<Run_Record>& records, std::string& error);
+  [[nodiscard]] bool put(const Run_Record& record, std::string& error);
+
+  /// Runs that did not end.
+  [[nodiscard]] bool open_runs(std::vector<Run_Record>& records, std::string& error) const;
+  /// The last run of every definition that has one.
+  [[nodiscard]] bool last_runs(std::vector<Run_Record>& records, std::string& error) const;
+  /// `found` is false when there is no such run.
+  [[nodiscard]] bool find(const std::string& run_id, Run_Record& record, bool& found,
+                          std::string& error) const;
+  /// Latest first; of all definitions when `definition_id` is empty.
+  [[nodiscard]] bool list(const std::string& definition_id, unsigned limit, std::vector<Run_Record>& records,
+                          std::string& error) const;
+  /// Ended runs that the server has not acknowledged, oldest first.
+  [[nodiscard]] bool unsent(unsigned limit, std::vector<Run_Record>& records, std::string& error) const;
+  [[nodiscard]] bool mark_sent(const std::vector<std::string>& run_ids, std::string& error);
+  /// Forgets acknowledged runs that ended before the time, and says which logs they leave.
+  [[nodiscard]] bool prune(time_t ended_before, std::vector<std::string>& log_paths, std::string& error);
+
+private:
+  bool select(const std::string& rest, std::vector<Run_Record>& records, std::string& error,
+              const std::string& key = std::string()) const;
+
+  Job_Database& database_;
+  const bool wait_for_server_;
+};
+} // namespace kestrel
