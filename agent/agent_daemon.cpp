@@ -151,7 +151,7 @@ bool Agent_Daemon::open_jobs(std::string& error)
 
   Agent_Jobs::Settings settings;
   settings.host_uuid = identity_.host_id;
-  settings.name = name_;
+  settings.server = !server_url_.empty();
   settings.max_concurrent = config_.max_concurrent;
   settings.history_days = config_.history_days;
   jobs_ = std::make_unique<Agent_Jobs>(modules_, settings);

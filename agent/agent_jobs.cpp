@@ -394,7 +394,7 @@ bool Agent_Jobs::control(const std::string& id, const std::string& action, const
       return false;
     }
     if (state.stopping || !state.scheduling.joinable()) {
-      error = Jobs_Error{Jobs_Error::busy, "the agent is stopping"};
+      error = Jobs_Error{Jobs_Error::busy, "the agent runs no jobs now: it starts or stops"};
       return false;
     }
     Known_Job& job = found->second;

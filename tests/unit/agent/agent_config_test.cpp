@@ -123,11 +123,13 @@ TEST(Agent_Config, names_file_line_and_key_of_what_it_refuses)
               refusal("[jobs]\nmax_concurrent = 0\n"));
   expect_part("agent.toml:3: jobs.history_days: must be", refusal("[jobs]\n\nhistory_days = \"9\"\n"));
   expect_part("agent.toml:1: jobs.stop_seconds: must be", refusal("jobs = { stop_seconds = -1 }\n"));
-  expect_part("agent.toml:2: jobs.max_concurrnt: is not known; known here are history_days, max_concurrent, stop",
-              refusal("[jobs]\nmax_concurrnt = 2\n"));
+  expect_part(
+      "agent.toml:2: jobs.max_concurrnt: is not known; known here are history_days, max_concurrent, stop",
+      refusal("[jobs]\nmax_concurrnt = 2\n"));
   expect_part("agent.toml:1: job: is not known; known here are agent, instances, jobs", refusal("[job]\n"));
   expect_part("agent.toml:2: jobs.stop: must be \"wait\" or \"cancel\"", refusal("[jobs]\nstop = \"now\"\n"));
-  expect_part("agent.toml:2: agent.log_level: must be one of debug", refusal("[agent]\nlog_level = \"loud\"\n"));
+  expect_part("agent.toml:2: agent.log_level: must be one of debug",
+              refusal("[agent]\nlog_level = \"loud\"\n"));
   expect_part("agent.toml:1: agent: must be a table", refusal("agent = 1\n"));
   expect_part("agent.toml:2: not TOML", refusal("[agent]\nname = \n"));
   expect_part("agent.toml:2: agent.name: must be a text", refusal("[agent]\nname = 7\n"));
@@ -146,10 +148,13 @@ TEST(Agent_Config, checks_the_modules)
   expect_part("module.name: is missing", refusal("[[module]]\npath = \"a.so\"\n"));
   expect_part("module.path: is missing", refusal("[[module]]\nname = \"a\"\n"));
   expect_part("stands there twice", refusal(one + one));
-  expect_part("agent.toml:5: module.jobs.backups: is no type of job", refusal(one + "[module.jobs]\nbackups = \"C\"\n"));
+  expect_part("agent.toml:5: module.jobs.backups: is no type of job",
+              refusal(one + "[module.jobs]\nbackups = \"C\"\n"));
   expect_part("is no type of job", refusal(one + "[module.jobs]\n\"backup/huge\" = \"C\"\n"));
-  expect_part("module.jobs.backup: must be a factory's name", refusal(one + "[module.jobs]\nbackup = \"\"\n"));
-  expect_part("module.jobs.backup: must be a factory's name", refusal(one + "[module.jobs]\nbackup = \"../x\"\n"));
+  expect_part("module.jobs.backup: must be a factory's name",
+              refusal(one + "[module.jobs]\nbackup = \"\"\n"));
+  expect_part("module.jobs.backup: must be a factory's name",
+              refusal(one + "[module.jobs]\nbackup = \"../x\"\n"));
   expect_part("module: must be tables", refusal("[module]\nname = \"one\"\n"));
   const std::string method = "[module.rpc]\n\"a.b\" = \"C\"\n";
   expect_part("module.rpc.a.b: belongs to the module one",

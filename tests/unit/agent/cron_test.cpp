@@ -161,7 +161,8 @@ TEST(Cron, refuses_what_never_comes)
 
 TEST(Cron, names_the_field_that_it_refuses)
 {
-  EXPECT_NE(std::string::npos, refusal("60 * * * *").find("the minute \"60\" is out of range; allowed are 0 to 59"));
+  EXPECT_NE(std::string::npos,
+            refusal("60 * * * *").find("the minute \"60\" is out of range; allowed are 0 to 59"));
   EXPECT_NE(std::string::npos, refusal("* 24 * * *").find("the hour"));
   EXPECT_NE(std::string::npos, refusal("* * 0 * *").find("the day of the month"));
   EXPECT_NE(std::string::npos, refusal("* * * 13 *").find("the month"));
@@ -182,8 +183,8 @@ TEST(Cron, names_the_field_that_it_refuses)
 
 TEST(Cron, refuses_time_zones_that_the_host_does_not_know)
 {
-  for (const char* zone : {"Europe/Atlantis", "../../etc/passwd", "/etc/localtime", ":Europe/Berlin", "Europe",
-                           "libc:UTC", "Fixed/UTC+01:00:00", "zone.tab", " ", "Europe/Berlin\n"})
+  for (const char* zone : {"Europe/Atlantis", "../../etc/passwd", "/etc/localtime", ":Europe/Berlin",
+                           "Europe", "libc:UTC", "Fixed/UTC+01:00:00", "zone.tab", " ", "Europe/Berlin\n"})
     EXPECT_NE(std::string::npos, refusal("0 2 * * *", zone).find("time zone")) << zone;
   parsed("0 2 * * *", "");
   parsed("0 2 * * *", "Etc/GMT+5");
