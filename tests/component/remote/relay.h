@@ -1,0 +1,78 @@
+#pragma once
+
+#include "base/descriptor.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <list>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace kestrel_test
+{
+/// A bad network between a client and a server on this host: it listens on a port of its own, passes every
+/// byte on, and breaks the connections as it is told.
+/// Threads: the controls from any thread.
+class Relay
+{
+public:
+  explicit Relay(unsigned short target);
+  ~Relay();
+  Relay(const Relay&) = delete;
+  Relay& operator=(const Relay&) = delete;
+
+  unsigned short port() const { return port_; }
+  std::string url() const { return "https://127.0.0.1:" + std::to_string(port_); }
+
+  /// Once that many further bytes went from the client to the server, all connections are cut.
+  void cut_after(uint64_t bytes_up);
+  /// The same for bytes from the server.
+  void cut_after_answer(uint64_t bytes_down);
+  /// Cuts all connections now.
+  void cut();
+  /// Swallows everything, in the named directions, until both are false again; connections stay open.
+  void swallow(bool up, bool down);
+  /// Waits this long before each piece is passed on.
+  void delay_msec(int msec) { delay_msec_ = msec; }
+  /// New connections are closed at once.
+  void refuse(bool refuse) { refuse_ = refuse; }
+  /// Answers every connection with these bytes instead of passing anything on; "" ends that.
+  void babble(const std::string& bytes);
+
+  uint64_t bytes_up() const { return up_.total; }
+  uint64_t bytes_down() const { return down_.total; }
+  unsigned cuts() const { return cuts_; }
+  unsigned connections() const { return connections_; }
+
+private:
+  struct Direction {
+    std::atomic<uint64_t> total{0};
+    std::atomic<uint64_t> cut_at{UINT64_MAX};
+    std::atomic<bool> swallow{false};
+  };
+  struct Pair {
+    kestrel::Auto_Fd client;
+    kestrel::Auto_Fd server;
+    std::thread up;
+    std::thread down;
+  };
+  void accept_all();
+  void pass(int from, int to, Direction& direction);
+
+  const unsigned short target_;
+  unsigned short port_ = 0;
+  kestrel::Auto_Fd listener_;
+  Direction up_;
+  Direction down_;
+  std::atomic<int> delay_msec_{0};
+  std::atomic<bool> refuse_{false};
+  std::atomic<bool> stopped_{false};
+  std::atomic<unsigned> cuts_{0};
+  std::atomic<unsigned> connections_{0};
+  std::mutex lock_;
+  std::list<Pair> pairs_;
+  std::string babble_;
+  std::thread acceptor_;
+};
+} // namespace kestrel_test
