@@ -35,7 +35,7 @@ class Remote_Reader : public Stored_File_Reader
 {
 public:
   Remote_Reader(const Storage_Link& link, const std::string& name)
-      : link_(link), name_(name), path_(link.folder + "/" + name)
+      : link_(link), name_(name), path_(link.pool_id + "/" + link.folder + "/" + name)
   {
   }
 
@@ -102,7 +102,7 @@ public:
 private:
   void fail(std::string& error, const REST_Problem& problem) const
   {
-    error = "cannot read " + path_ + " of the pool " + link_.pool_id + ": " + problem.text;
+    error = "cannot read " + path_ + ": " + problem.text;
   }
 
   REST_Call request(const std::vector<std::string>& path,

@@ -29,7 +29,7 @@ class Remote_Writer : public Stored_File_Writer
 {
 public:
   Remote_Writer(const Storage_Link& link, const std::string& name)
-      : link_(link), path_(link.folder + "/" + name), upload_(make_uuid())
+      : link_(link), path_(link.pool_id + "/" + link.folder + "/" + name), upload_(make_uuid())
   {
   }
 
@@ -103,7 +103,7 @@ public:
 private:
   bool fail(std::string& error, const std::string& reason) const
   {
-    error = "cannot store " + path_ + " in the pool " + link_.pool_id + ": " + reason;
+    error = "cannot store " + path_ + ": " + reason;
     return false;
   }
 

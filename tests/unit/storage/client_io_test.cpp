@@ -167,7 +167,7 @@ TEST_P(Client_IO_Methods, finds_every_kind_of_damage_before_the_end_is_seen)
     std::string got;
     std::string error;
     ASSERT_FALSE(fetch("f", got, error));
-    EXPECT_NE(std::string::npos, error.find(stored_path("f") + " is damaged: ")) << error;
+    EXPECT_NE(std::string::npos, error.find("/source/f is damaged: ")) << error;
     EXPECT_NE(std::string::npos, error.find("take another backup")) << error;
   }
   dir_.write("pool/source/f", stored);
@@ -186,10 +186,9 @@ TEST_P(Client_IO_Methods, finds_flipped_bits_of_the_side_file)
     std::string got;
     std::string error;
     ASSERT_FALSE(fetch("f", got, error)) << position;
-    ASSERT_EQ("cannot verify " + stored_path("f") +
-                  ": its side file cannot be used: it is damaged or incomplete",
-              error)
-        << position;
+    ASSERT_NE(std::string::npos,
+              error.find("/source/f: its side file cannot be used: it is damaged or incomplete"))
+        << position << " " << error;
   }
 }
 
