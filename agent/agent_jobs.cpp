@@ -118,7 +118,8 @@ struct Agent_Jobs::State {
   std::map<std::string, Known_Job> jobs;
   Job_Scheduler scheduler;
   std::vector<Run_Record> unstored; ///< records that did not reach the disk yet
-  bool store_failing = false;
+  bool until_failing = false;       ///< told once
+  bool record_waits = false;        ///< told once
   bool stopping = false;
   bool opened = false;
   time_t until_kept = 0;
@@ -511,9 +512,9 @@ void Agent_Jobs::State::take_due()
   if (now >= until_kept && now - until_kept < keep_until_interval_sec)
     return;
   std::string error;
-  if (!store.set_scheduled_until(now, error) && !store_failing)
+  if (!store.set_scheduled_until(now, error) && !until_failing)
     ACE_ERROR((LM_ERROR, "(%P|%t) Agent_Jobs: %C\n", error.c_str()));
-  store_failing = !error.empty();
+  until_failing = !error.empty();
   until_kept = now;
 }
 
@@ -559,10 +560,10 @@ void Agent_Jobs::State::keep_waiting()
     return;
   if (history.put(unstored, error)) {
     unstored.clear();
-    store_failing = false;
+    record_waits = false;
     notices.put_history();
-  } else if (!store_failing) {
-    store_failing = true;
+  } else if (!record_waits) {
+    record_waits = true;
     ACE_ERROR((LM_ERROR, "(%P|%t) Agent_Jobs: a run's record waits: %C\n", error.c_str()));
   }
 }

@@ -15,7 +15,7 @@ namespace kestrel
 {
 namespace
 {
-constexpr int busy_timeout_msec = 5000;
+constexpr int busy_timeout_msec = 2000;
 
 const char* cure_of(int code)
 {

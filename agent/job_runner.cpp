@@ -485,6 +485,11 @@ bool Job_Runner::stop(int64_t grace_msec, bool cancel, int64_t cancel_msec)
   }
   for (const Run_Ptr& run : waiting)
     end_waiting(run, "the agent stopped before the run began");
+  if (!thread_.joinable()) {
+    // Never started, or stopped before: nothing ends any more.
+    const std::lock_guard<std::mutex> guard(mutex_);
+    return active_.empty();
+  }
   bool idle = !cancel && wait_idle(grace_msec);
   if (!idle) {
     cancel_all();
@@ -495,10 +500,8 @@ bool Job_Runner::stop(int64_t grace_msec, bool cancel, int64_t cancel_msec)
     ending_ = true;
     wake_.notify_all();
   }
-  if (thread_.joinable()) {
-    thread_.join();
-    Job_Event_Manager::instance()->remove_listener(this);
-  }
+  thread_.join();
+  Job_Event_Manager::instance()->remove_listener(this);
   return idle;
 }
 } // namespace kestrel
