@@ -40,17 +40,25 @@ Console::~Console()
     unregister_upstream();
 }
 
-bool Console::start()
+bool prepare_console(Command_Output& output)
 {
   ::setlocale(LC_ALL, "");
   ::signal(SIGPIPE, SIG_IGN);
+  Log_Options log;
+  log.to_stderr = output.line().verbose;
+  std::string error;
+  if (open_process_log(log, error))
+    return true;
+  output.fail(error);
+  return false;
+}
+
+bool Console::start()
+{
   std::string url;
   std::string error;
   bool found = false;
-  Log_Options log;
-  log.to_stderr = line().verbose;
-  if (!open_process_log(log, error) || !normal_server_url(line().server, url, error) ||
-      !load_credentials(url, credentials_, found, error)) {
+  if (!normal_server_url(line().server, url, error) || !load_credentials(url, credentials_, found, error)) {
     fail(error);
     return false;
   }

@@ -104,4 +104,8 @@ private:
   std::string default_pool_;
   std::string last_run_;
 };
+
+/// What the process needs before it speaks to a server: log lines only with --verbose, no death by a closed connection.
+/// False after fail().
+[[nodiscard]] bool prepare_console(Command_Output& output);
 } // namespace kestrel

@@ -7,17 +7,29 @@ namespace kestrel
 {
 namespace
 {
+int sign_in_here(const Command_Line& line)
+{
+  Command_Output output(line);
+  return prepare_console(output) ? served_sign_in(line) : EXIT_CODE_FAILED;
+}
+
+int sign_out_here(const Command_Line& line)
+{
+  Command_Output output(line);
+  return prepare_console(output) ? served_sign_out(line) : EXIT_CODE_FAILED;
+}
+
 void add_sign_in(Command_Registry& registry)
 {
   Command_Line& line = registry.line();
   CLI::App& sign_in =
       registry.add("sign-in", "Sign in at the backup server; later commands need only --server",
-                   {nullptr, served_sign_in, nullptr});
+                   {nullptr, sign_in_here, nullptr});
   sign_in.add_option("--user,-u", line.user, "user of the backup server")->required();
   sign_in.add_option(
       "--password-file", line.password_file,
       "file whose first line is the password; '-' reads standard input; asked for when not given");
-  registry.add("sign-out", "End the session and forget it here", {nullptr, served_sign_out, nullptr});
+  registry.add("sign-out", "End the session and forget it here", {nullptr, sign_out_here, nullptr});
   registry.add("whoami", "Show who is signed in", {nullptr, nullptr, served_whoami});
 }
 } // namespace

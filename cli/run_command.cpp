@@ -43,7 +43,7 @@ int run_command(const Command_Line& line)
     return line.actions.standalone(line);
   if (!line.server.empty()) {
     Console console(line);
-    return console.start() ? line.actions.served(console) : EXIT_CODE_FAILED;
+    return prepare_console(console) && console.start() ? line.actions.served(console) : EXIT_CODE_FAILED;
   }
   Session session(line);
   return session.start() ? line.actions.embedded(session) : EXIT_CODE_FAILED;

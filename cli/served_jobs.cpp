@@ -245,7 +245,9 @@ int served_jobs(Console& console)
   json_spirit::Array list;
   std::vector<std::vector<std::string>> rows = {{"JOB", "KIND", "HOSTS", "STATE", "NEXT RUN", "ID"}};
   for (const json_spirit::Object& job : jobs) {
-    list.push_back(job);
+    json_spirit::Object shown = job;
+    set_value(shown, "name", job_name(job));
+    list.push_back(shown);
     rows.push_back({cut_to(job_name(job), 20), job_kind(object_in(job, "document")),
                     cut_to(host_list(console, job), 14), cut_to(state_of(job), 10), next_run_of(job),
                     short_id(text_in(job, "id"))});

@@ -3,10 +3,7 @@
 #include "cli/served_json.h"
 
 #include "base/durable_file.h"
-#include "base/log.h"
 #include "json/json_util.h"
-
-#include <csignal>
 
 namespace kestrel
 {
@@ -18,11 +15,8 @@ const char no_server[] = "which backup server? Give --server URL or set KESTREL_
 /// What both commands need before they may speak to the server.
 bool prepare(Command_Output& output, std::string& url)
 {
-  ::signal(SIGPIPE, SIG_IGN);
-  Log_Options log;
-  log.to_stderr = output.line().verbose;
   std::string error;
-  if (open_process_log(log, error) && normal_server_url(output.line().server, url, error))
+  if (normal_server_url(output.line().server, url, error))
     return true;
   output.fail(error);
   return false;
