@@ -4,7 +4,10 @@
 #include "cli/served_json.h"
 #include "cli/text_format.h"
 
+#include "base/uuid.h"
 #include "json/json_util.h"
+
+#include <algorithm>
 
 namespace kestrel
 {
@@ -55,6 +58,22 @@ std::string text_of_selection(const json_spirit::Object& selection)
   for (const json_spirit::Object& candidate : objects_in(selection, "candidates"))
     rows.push_back({"  " + text_in(candidate, "host"), node_of(candidate), answer_of(candidate)});
   return text + (rows.empty() ? "" : format_table(rows, {1}));
+}
+/// "POST jobs/d7d01d89/control: run on 1 host"
+std::string change_of(const json_spirit::Object& entry)
+{
+  std::string path = text_in(entry, "path");
+  if (path.compare(0, 6, "/k2/r/") == 0)
+    path.erase(0, 6);
+  std::string text = text_in(entry, "method") + " ";
+  for (size_t begin = 0; begin < path.size();) {
+    const size_t slash = std::min(path.find('/', begin), path.size());
+    const std::string part = path.substr(begin, slash - begin);
+    text += (is_uuid(part) ? short_id(part) : part) + (slash < path.size() ? "/" : "");
+    begin = slash + 1;
+  }
+  const std::string what = text_in(entry, "what");
+  return text + (what.empty() ? "" : ": " + what);
 }
 } // namespace
 
@@ -133,15 +152,10 @@ int served_audit(Console& console)
   if (!console.get_list({"audit"}, {{"limit", std::to_string(console.line().limit)}}, "audit", entries))
     return EXIT_CODE_FAILED;
   std::vector<std::vector<std::string>> rows = {{"TIME", "WHO", "ADDRESS", "STATUS", "WHAT"}};
-  for (const json_spirit::Object& entry : entries) {
-    std::string path = text_in(entry, "path");
-    if (path.compare(0, 6, "/k2/r/") == 0)
-      path.erase(0, 6);
-    const std::string what = text_in(entry, "what");
-    rows.push_back({minute_in(entry, "time"), or_dash(text_in(entry, "who")),
+  for (const json_spirit::Object& entry : entries)
+    rows.push_back({minute_in(entry, "time"), cut_to(or_dash(text_in(entry, "caller")), 10),
                     or_dash(text_in(entry, "address")), std::to_string(number_in(entry, "status")),
-                    cut_to(text_in(entry, "method") + " " + path + (what.empty() ? "" : ": " + what), 60)});
-  }
+                    cut_to(change_of(entry), 30)});
   json_spirit::Object json;
   set_value(json, "audit", array_of(entries));
   console.result(json, entries.empty() ? "Nothing has been changed yet.\n" : format_table(rows, {3}));
