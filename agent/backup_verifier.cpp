@@ -86,15 +86,19 @@ bool find_pool_of_backup(const std::string& pool_uuid, Pool_Info& pool, std::str
   if (!get_pool_info(pool_uuid, "", pool, false, 0, nullptr, true, nullptr, nullptr, false) ||
       !set_options_by_pool(options, pool))
     problem = "its pool " + pool_uuid + " is not known here";
-  else if (::stat(pool.storage_path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))
+  else if (pool.back_end.empty() &&
+           (::stat(pool.storage_path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)))
     problem = "the directory " + pool.storage_path + " of pool " + pool.name + " is not there";
   else
     return true;
   return false;
 }
 
-bool may_not_read(const std::string& path)
+bool tells_nothing(const Pool_Info& pool, const std::string& path, const std::string& error)
 {
+  const auto has = [&error](const char* text) { return error.find(text) != std::string::npos; };
+  if (!pool.back_end.empty())
+    return !has(" is damaged: ") && !has("cannot verify ") && !has(" refused: cannot open ");
   return ::access(path.c_str(), R_OK) != 0 && errno == EACCES;
 }
 
@@ -102,6 +106,7 @@ namespace
 {
 /// Where the stored file of a backup is looked for.
 struct Stored_Place {
+  Pool_Info pool;
   Client_IO_Base::Options options;
   std::string folder;
   std::string problem; ///< why there is no such place
@@ -109,10 +114,10 @@ struct Stored_Place {
 
 bool find_place(const std::string& pool_uuid, const Backup_Entry& backup, Stored_Place& place)
 {
-  Pool_Info pool;
-  if (!find_pool_of_backup(pool_uuid, pool, place.problem) || !set_options_by_pool(place.options, pool))
+  if (!find_pool_of_backup(pool_uuid, place.pool, place.problem) ||
+      !set_options_by_pool(place.options, place.pool))
     return false;
-  place.folder = pool.storage_path + "/" + backup.uri;
+  place.folder = place.pool.storage_path + "/" + backup.uri;
   return true;
 }
 } // namespace
@@ -129,16 +134,19 @@ Verification verify_backup(const Backup_Entry& backup,
   Client_IO_Ex client;
   if (!client.connect(place.folder, place.options))
     return judged(Outcome::unknown, client.error(), 0);
+  const auto failed = [&](uint64_t bytes) {
+    const bool unknown = tells_nothing(place.pool, place.folder + "/" + backup.file, client.error());
+    return judged(unknown ? Outcome::unknown : Outcome::damaged, client.error(), bytes);
+  };
   if (!client.open(backup.file, Client_IO_Ex::MODE_READ, 0, 0))
-    return judged(may_not_read(place.folder + "/" + backup.file) ? Outcome::unknown : Outcome::damaged,
-                  client.error(), 0);
+    return failed(0);
 
   std::vector<unsigned char> block(block_bytes);
   uint64_t bytes = 0;
   for (;;) {
     const int count = client.read(block.data(), block_bytes);
     if (count < 0)
-      return judged(Outcome::damaged, client.error(), bytes);
+      return failed(bytes);
     if (bytes == 0) {
       const std::string problem = info_block_problem(block, static_cast<size_t>(count));
       if (!problem.empty())
@@ -168,7 +176,7 @@ Verification probe_backup(const Backup_Entry& backup, const std::string& pool_uu
     return judged(Outcome::unknown, error, 0);
   const std::unique_ptr<Stored_File_Reader> file = back_end->open(backup.file, error);
   if (!file)
-    return judged(Outcome::damaged, error, 0);
+    return judged(errno == EHOSTUNREACH ? Outcome::unknown : Outcome::damaged, error, 0);
   if (file->size() != backup.stored_size)
     return judged(Outcome::damaged,
                   "the stored file has " + std::to_string(file->size()) + " bytes, the catalog says " +

@@ -33,8 +33,9 @@ Verification verify_backup(const Backup_Entry& backup,
 /// the pool is not known, or its directory is not there.
 [[nodiscard]] bool find_pool_of_backup(const std::string& pool_uuid, Pool_Info& pool, std::string& problem);
 
-/// A file that this user may not read says nothing about its content.
-bool may_not_read(const std::string& path);
+/// Whether the failure to read a stored file says nothing about the file itself: this user may not read it, or a
+/// server's pool could not be asked.
+bool tells_nothing(const Pool_Info& pool, const std::string& path, const std::string& error);
 
 /// Looks at the stored file without reading it: whether it is there, as long as the catalog says, and, by its
 /// side file, the one that was stored. What this finds would make a restore fail half-way; good does not mean

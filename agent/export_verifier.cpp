@@ -89,7 +89,7 @@ Verification verify_export(const Export_Entry& backup,
   result.problem = read ? disagreement_with_catalog(backup, archive) : archive.error();
   const std::string path =
       pool.storage_path + "/" + backup.minor_resource_id + "/" + archive_file_name(backup.seq);
-  if (!read && may_not_read(path))
+  if (!read && tells_nothing(pool, path, result.problem))
     return result;
   result.outcome = result.problem.empty() ? Verification::Outcome::good : Verification::Outcome::damaged;
   return result;
