@@ -55,7 +55,7 @@ REST_Reply Account_Resources::sign_in(REST_Request& request)
   const json_spirit::Object body = body_of(request);
   const std::string name = required<std::string>(body, "user");
   std::string password = required<std::string>(body, "password");
-  Wipe_Guard<std::string> wiped(password);
+  Wipe_Guard<std::string> wiped(password), wiped_body(request.body);
   // The audit names who tried.
   request.caller.name = is_account_name(name) ? name : "";
   try {
@@ -125,7 +125,7 @@ REST_Reply Account_Resources::add_user(REST_Request& request)
   const json_spirit::Object body = body_of(request);
   const std::string name = required<std::string>(body, "name"), role = required<std::string>(body, "role");
   std::string password = required<std::string>(body, "password");
-  Wipe_Guard<std::string> wiped(password);
+  Wipe_Guard<std::string> wiped(password), wiped_body(request.body);
   accounts_.add_user(name, role, password);
   REST_Reply reply;
   reply.status = 201;

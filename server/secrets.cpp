@@ -7,6 +7,7 @@
 #include <openssl/rand.h>
 #include <openssl/sha.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -18,7 +19,8 @@ namespace kestrel
 {
 namespace
 {
-const unsigned SCRYPT_LOG2_N = 15, SCRYPT_R = 8, SCRYPT_P = 1;
+const unsigned SCRYPT_R = 8, SCRYPT_P = 1;
+std::atomic<unsigned> password_cost{15};
 const uint64_t SCRYPT_MEMORY = 64u << 20;
 const unsigned SALT_BYTES = 16, HASH_BYTES = 32;
 
@@ -88,8 +90,8 @@ std::string scrypt_hex(const std::string& password, const std::vector<unsigned c
 {
   const Scrypt_Turn turn;
   unsigned char hash[HASH_BYTES];
-  if (::EVP_PBE_scrypt(password.data(), password.size(), salt.data(), salt.size(), uint64_t(1) << log2_n, r, p,
-                       SCRYPT_MEMORY, hash, sizeof hash) != 1)
+  if (::EVP_PBE_scrypt(password.data(), password.size(), salt.data(), salt.size(), uint64_t(1) << log2_n, r,
+                       p, SCRYPT_MEMORY, hash, sizeof hash) != 1)
     throw std::bad_alloc();
   return to_hex(hash, sizeof hash);
 }
@@ -148,9 +150,9 @@ std::string hash_password(const std::string& password)
   std::vector<unsigned char> salt;
   if (!from_hex(salt_hex, salt))
     throw std::bad_alloc();
-  return "scrypt$" + std::to_string(SCRYPT_LOG2_N) + "$" + std::to_string(SCRYPT_R) + "$" +
-         std::to_string(SCRYPT_P) + "$" + salt_hex + "$" +
-         scrypt_hex(password, salt, SCRYPT_LOG2_N, SCRYPT_R, SCRYPT_P);
+  const unsigned cost = password_cost;
+  return "scrypt$" + std::to_string(cost) + "$" + std::to_string(SCRYPT_R) + "$" + std::to_string(SCRYPT_P) +
+         "$" + salt_hex + "$" + scrypt_hex(password, salt, cost, SCRYPT_R, SCRYPT_P);
 }
 
 bool check_password(const std::string& password, const std::string& hash)
@@ -166,6 +168,11 @@ bool check_password(const std::string& password, const std::string& hash)
 void check_no_password(const std::string& password)
 {
   const std::vector<unsigned char> salt(SALT_BYTES);
-  scrypt_hex(password, salt, SCRYPT_LOG2_N, SCRYPT_R, SCRYPT_P);
+  scrypt_hex(password, salt, password_cost, SCRYPT_R, SCRYPT_P);
+}
+
+void set_password_cost(unsigned log2_n)
+{
+  password_cost = log2_n;
 }
 } // namespace kestrel

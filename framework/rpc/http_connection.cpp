@@ -356,8 +356,17 @@ private:
   {
     std::function<void(bool)> after = std::move(after_sent_);
     after_sent_ = nullptr;
-    if (after && !shared_->workers.post_always([after, written] { after(written); }))
-      after(written); // the workers are gone already
+    if (!after)
+      return;
+    const auto follow = [after, written] {
+      try {
+        after(written);
+      } catch (const std::exception& error) {
+        ACE_ERROR((LM_ERROR, "(%P|%t) HTTP_Server: after a reply: %s\n", error.what()));
+      }
+    };
+    if (!shared_->workers.post_always(follow))
+      follow(); // the workers are gone already
   }
 
   /// After the last answer: tells the client that nothing follows, and reads what it still sends.
