@@ -1,7 +1,7 @@
 #include "catalog_fixture.h"
 
 #include "catalog/catalog_admin.h"
-#include "fault_vfs.h"
+#include "support/fault_vfs.h"
 #include "support/clocks.h"
 
 #include <sqlite3.h>

@@ -1,4 +1,4 @@
-#include "fault_vfs.h"
+#include "support/fault_vfs.h"
 
 #include <sqlite3.h>
 
