@@ -134,7 +134,6 @@ void Agent_Hub_Service::Parts::keep_up()
   std::unique_lock<std::mutex> lock(mutex);
   while (!changed.wait_for(lock, std::chrono::milliseconds(UPKEEP_MSEC), [this] { return stopping; })) {
     lock.unlock();
-    hub.drop_revoked();
     sync.retry();
     if (clock().monotonic_msec() >= pruned_at + PRUNE_MSEC) {
       pruned_at = clock().monotonic_msec();

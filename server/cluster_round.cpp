@@ -10,6 +10,8 @@ namespace kestrel
 namespace
 {
 constexpr unsigned QUESTION_TRIES = 3;
+/// Even without a window there is a time in which nodes are asked.
+constexpr int64_t LEAST_QUESTION_MSEC = 1000;
 /// A reply that was not written after this time never will be: no request takes as long.
 constexpr int64_t REPLY_LIMIT_MSEC = 90000;
 
@@ -123,8 +125,9 @@ bool Cluster_Round::wants_answer(const Candidate& candidate, Host_View& view) co
 std::vector<std::string> Cluster_Round::take_questions(Host_View& view, int64_t now)
 {
   std::vector<std::string> hosts;
-  // What comes later than this cannot be answered before the choice.
-  if (decided_ || job_.instance.empty() || now >= opened_at_ + limits_.window_msec)
+  // Who comes later than this would hold up the choice.
+  const int64_t last = opened_at_ + std::max(limits_.window_msec, LEAST_QUESTION_MSEC);
+  if (decided_ || job_.instance.empty() || now >= last)
     return hosts;
   for (Candidate& candidate : candidates_) {
     if (!wants_answer(candidate, view))
@@ -184,13 +187,13 @@ std::vector<Node_Candidate> Cluster_Round::candidates(Host_View& view) const
     node.connected = candidate.connected;
     node.running_jobs = candidate.running_jobs;
     node.last_chosen = candidate.last_chosen;
-    node.problem = !candidate.excluded.empty()                 ? candidate.excluded
-                   : !candidate.connected                      ? "its agent is not connected"
-                   : job_.instance.empty()                     ? "the instance of the job is not known"
-                   : !candidate.state.problem.empty()          ? candidate.state.problem
-                   : candidate.question == Question::open      ? "its agent did not answer in time"
-                   : candidate.question == Question::none      ? "its agent was connected too late to be asked"
-                                                               : "";
+    node.problem = !candidate.excluded.empty()            ? candidate.excluded
+                   : !candidate.connected                 ? "its agent is not connected"
+                   : job_.instance.empty()                ? "the instance of the job is not known"
+                   : !candidate.state.problem.empty()     ? candidate.state.problem
+                   : candidate.question == Question::open ? "its agent did not answer in time"
+                   : candidate.question == Question::none ? "its agent was connected too late to be asked"
+                                                          : "";
     node.answered = node.problem.empty();
     if (node.answered) {
       node.node_id = candidate.state.node_id;

@@ -32,13 +32,18 @@ bool run_under_way(const std::string& state)
 void Host_Jobs::greeted(const json_spirit::Array& jobs)
 {
   jobs_.clear();
+  running_.clear();
   listed(jobs);
+  for (const auto& [id, job] : jobs_) {
+    const json_spirit::Value& running = json_spirit::find_value(job.listed, "running");
+    if (running.type() == json_spirit::bool_type && running.get_bool())
+      running_.insert(id);
+  }
 }
 
 void Host_Jobs::listed(const json_spirit::Array& jobs)
 {
   std::map<std::string, Job> fresh;
-  running_.clear();
   for (const json_spirit::Value& entry : jobs) {
     if (entry.type() != json_spirit::obj_type || fresh.size() >= JOB_LIMIT)
       continue;
@@ -50,9 +55,6 @@ void Host_Jobs::listed(const json_spirit::Array& jobs)
     const auto known = jobs_.find(id);
     if (known != jobs_.end())
       fresh[id].now = known->second.now;
-    const json_spirit::Value& running = json_spirit::find_value(job, "running");
-    if (running.type() == json_spirit::bool_type && running.get_bool())
-      running_[text_of(job, "run_id")] = id;
   }
   jobs_ = std::move(fresh);
 }
@@ -71,21 +73,16 @@ bool Host_Jobs::changed(const json_spirit::Object& state)
     copy_number(state, key, now);
   now.emplace_back("item", text_of(state, "item"));
   jobs_[id].now = std::move(now);
-  if (run.empty())
-    return true;
   if (!run_under_way(word))
-    running_.erase(run);
+    running_.erase(id);
   else if (running_.size() < JOB_LIMIT)
-    running_[run] = id;
+    running_.insert(id);
   return true;
 }
 
 unsigned Host_Jobs::running_but(const std::string& definition_uuid) const
 {
-  unsigned count = 0;
-  for (const auto& [run, definition] : running_)
-    count += definition != definition_uuid;
-  return count;
+  return static_cast<unsigned>(running_.size() - running_.count(definition_uuid));
 }
 
 bool Host_Jobs::find_run(const std::string& run_id, std::string& definition_uuid, std::string& state) const

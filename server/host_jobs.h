@@ -3,6 +3,7 @@
 #include "json/value.h"
 
 #include <map>
+#include <set>
 #include <string>
 
 namespace kestrel
@@ -19,7 +20,7 @@ public:
 
   /// After a new connection: nothing of before counts.
   void greeted(const json_spirit::Array& jobs);
-  /// The present list.
+  /// The present list. It does not count what runs: it may be older than the last change that was told.
   void listed(const json_spirit::Array& jobs);
   /// False when the message cannot be used.
   [[nodiscard]] bool changed(const json_spirit::Object& state);
@@ -37,8 +38,9 @@ private:
     json_spirit::Object listed;
     json_spirit::Object now;
   };
-  std::map<std::string, Job> jobs_;             ///< by definition
-  std::map<std::string, std::string> running_; ///< runs under way and their definitions
+  std::map<std::string, Job> jobs_; ///< by definition
+  /// Definitions with a run under way: a host runs none of them twice, and tells only the newest state.
+  std::set<std::string> running_;
 };
 
 /// Whether this word is the state of a run that has not ended.

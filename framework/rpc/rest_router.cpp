@@ -203,7 +203,8 @@ struct REST_Router::State {
 
     bool audited(const REST_Reply& reply) const
     {
-      return method != "GET" && options.changes && !(options.quiet_audit && reply.status < 400);
+      return method != "GET" && options.changes && reply.changed &&
+             !(options.quiet_audit && reply.status < 400);
     }
   };
 

@@ -72,8 +72,8 @@ protected:
 
   void begin(Cluster_Job job = backup_job(), bool select_master = false)
   {
-    round_.reset(new Cluster_Round(Cluster_Limits(), std::move(job), request_of("a", select_master), 1700000000,
-                                   17, now_));
+    round_.reset(new Cluster_Round(Cluster_Limits(), std::move(job), request_of("a", select_master),
+                                   1700000000, 17, now_));
   }
   unsigned ask(const std::string& host, bool select_master = false)
   {
@@ -127,7 +127,8 @@ TEST_F(Cluster_Round_Test, decides_as_soon_as_every_connected_host_has_asked_and
   ask("a");
   EXPECT_EQ(questions(), (Hosts{"a", "b", "c"}));
   EXPECT_EQ(questions(), Hosts()) << "each is asked once";
-  EXPECT_EQ(write_json(round_->question()), R"({"instance":"DB1","uid":"user","virtual_address":"10.0.0.9"})");
+  EXPECT_EQ(write_json(round_->question()),
+            R"({"instance":"DB1","uid":"user","virtual_address":"10.0.0.9"})");
   round_->answered("a", node(1));
   round_->answered("b", node(2));
   ask("b");
@@ -148,6 +149,20 @@ TEST_F(Cluster_Round_Test, waits_for_a_connected_host_that_has_not_asked_until_t
   now_ += 1;
   EXPECT_TRUE(decide());
   EXPECT_EQ(round_->choice().host_uuid, "a");
+}
+
+TEST_F(Cluster_Round_Test, asks_the_nodes_even_without_a_window)
+{
+  Cluster_Limits limits;
+  limits.window_msec = 0;
+  round_.reset(new Cluster_Round(limits, backup_job(), request_of("a"), 1700000000, 17, now_));
+  ask("a");
+  EXPECT_EQ(questions(), (Hosts{"a", "b", "c"}));
+  EXPECT_FALSE(decide());
+  for (const char* host : {"a", "b", "c"})
+    round_->answered(host, node(host[0]));
+  EXPECT_TRUE(decide());
+  EXPECT_TRUE(round_->choice().success);
 }
 
 TEST_F(Cluster_Round_Test, does_not_wait_for_a_host_that_is_not_connected)
@@ -235,8 +250,9 @@ TEST_F(Cluster_Round_Test, a_failure_is_told_only_when_the_window_is_over)
   now_ += 3000;
   EXPECT_TRUE(decide());
   EXPECT_EQ(announce(), Hosts{"a"});
-  EXPECT_EQ(params_, R"({"definition_uuid":"job","instance":"DB1","host_uuid":"","state":"failed","node_id":-1,)"
-                     R"("selection_time":1700000000})");
+  EXPECT_EQ(params_,
+            R"({"definition_uuid":"job","instance":"DB1","host_uuid":"","state":"failed","node_id":-1,)"
+            R"("selection_time":1700000000})");
 }
 
 TEST_F(Cluster_Round_Test, announces_only_after_the_reply_and_the_decision)
@@ -250,8 +266,9 @@ TEST_F(Cluster_Round_Test, announces_only_after_the_reply_and_the_decision)
   EXPECT_EQ(announce(), Hosts()) << "the reply has not left";
   round_->reply_written(ticket, true, now_);
   EXPECT_EQ(announce(), Hosts{"a"});
-  EXPECT_EQ(params_, R"({"definition_uuid":"job","instance":"DB1","host_uuid":"a","state":"success","node_id":1,)"
-                     R"("selection_time":1700000000})");
+  EXPECT_EQ(params_,
+            R"({"definition_uuid":"job","instance":"DB1","host_uuid":"a","state":"success","node_id":1,)"
+            R"("selection_time":1700000000})");
   EXPECT_EQ(announce(), Hosts()) << "once";
   round_->reply_written(ticket, true, now_);
   EXPECT_EQ(announce(), Hosts());
@@ -505,7 +522,8 @@ TEST(Cluster_Node_State, only_a_whole_answer_of_the_right_types_counts)
   for (const char* text :
        {"null", "[]", "true", "\"x\"", "{}", R"({"node_id":"7","is_master":true,"online":true})",
         R"({"node_id":7,"is_master":1,"online":true})", R"({"node_id":7,"is_master":true})",
-        R"({"node_id":7.0,"is_master":true,"online":true})", R"({"node_id":-1,"is_master":true,"online":true})",
+        R"({"node_id":7.0,"is_master":true,"online":true})",
+        R"({"node_id":-1,"is_master":true,"online":true})",
         R"({"node_id":4294967296,"is_master":true,"online":true})"}) {
     EXPECT_FALSE(read(text)) << text;
     EXPECT_FALSE(state.problem.empty()) << text;

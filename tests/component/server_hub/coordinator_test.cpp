@@ -1,0 +1,208 @@
+#include "server/cluster_coordinator.h"
+#include "server/server_database.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+#include "support/waiting.h"
+#include "json/json_util.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <set>
+#include <thread>
+
+using namespace kestrel;
+using namespace kestrel_test;
+
+namespace
+{
+/// Agents without a network: they answer as they are told, and keep what was announced to them.
+class Scripted_Hosts : public Cluster_Hosts
+{
+public:
+  std::string name(const std::string& host) override { return host; }
+  bool connected(const std::string& host) override
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    return online.count(host) > 0;
+  }
+  unsigned running_jobs(const std::string&, const std::string&) override { return 0; }
+  int64_t last_chosen(const std::string&) override { return 0; }
+
+  Agent_Call ask(const std::string& host, const std::string& method, const json_spirit::Value& params, int,
+                 json_spirit::Value& result, JSON_RPC_Error& error) override
+  {
+    if (method == "oscar.node.check_state") {
+      if (before_answer)
+        before_answer(host);
+      json_spirit::Object state;
+      state.emplace_back("node_id", host.back() - '0');
+      state.emplace_back("is_master", host == "host1");
+      state.emplace_back("online", true);
+      result = std::move(state);
+      return Agent_Call::answered;
+    }
+    if (refuse_announcements) {
+      error.message = "refused\n";
+      return Agent_Call::refused;
+    }
+    const std::lock_guard<std::mutex> guard(mutex);
+    announced.emplace_back(host, write_json(params));
+    result = true;
+    return Agent_Call::answered;
+  }
+  Cluster_Job job_of(const Cluster_Request&) override
+  {
+    Cluster_Job job;
+    job.kind = Cluster_Job::Kind::backup;
+    job.defined = true;
+    job.hosts = {"host1", "host2", "host3"};
+    job.instance = "DB1";
+    ++rounds;
+    return job;
+  }
+  size_t announcements()
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    return announced.size();
+  }
+
+  std::mutex mutex;
+  std::set<std::string> online = {"host1", "host2", "host3"};
+  std::vector<std::pair<std::string, std::string>> announced;
+  std::function<void(const std::string& host)> before_answer;
+  std::atomic<bool> refuse_announcements{false};
+  std::atomic<int> rounds{0};
+};
+
+class Cluster_Coordinator_Test : public testing::Test
+{
+protected:
+  Cluster_Coordinator_Test()
+  {
+    Server_Database::Options options;
+    options.path = directory_ / "server.db";
+    options.create = true;
+    std::string error;
+    EXPECT_TRUE(database_.open(options, error)) << error;
+    start();
+  }
+  void start(const Cluster_Limits& limits = Cluster_Limits())
+  {
+    coordinator_.reset();
+    coordinator_.reset(new Cluster_Coordinator(hosts_, history_, limits));
+    std::string error;
+    EXPECT_TRUE(coordinator_->start(error)) << error;
+  }
+  Cluster_Coordinator::Ticket request(const std::string& host)
+  {
+    Cluster_Request asked;
+    asked.host_uuid = host;
+    asked.definition_uuid = "job";
+    return coordinator_->request(asked);
+  }
+
+  const Temp_Dir directory_;
+  Server_Database database_;
+  Cluster_History history_{database_};
+  Scripted_Hosts hosts_;
+  std::unique_ptr<Cluster_Coordinator> coordinator_;
+};
+} // namespace
+
+TEST_F(Cluster_Coordinator_Test, requests_at_the_same_time_share_one_choice)
+{
+  std::vector<std::thread> agents;
+  std::vector<int64_t> times(20);
+  for (size_t i = 0; i < times.size(); ++i)
+    agents.emplace_back([&, i] {
+      const Cluster_Coordinator::Ticket ticket = request("host" + std::to_string(i % 3 + 1));
+      times[i] = ticket.selection_time;
+      coordinator_->reply_listener(ticket)(true);
+    });
+  for (std::thread& agent : agents)
+    agent.join();
+  EXPECT_TRUE(eventually([&] { return hosts_.announcements() == times.size(); }));
+  EXPECT_EQ(std::set<int64_t>(times.begin(), times.end()).size(), 1u);
+  EXPECT_EQ(hosts_.rounds, 1);
+  std::set<std::string> texts;
+  for (const auto& [host, text] : hosts_.announced)
+    texts.insert(text);
+  EXPECT_EQ(texts.size(), 1u) << "all hear the same";
+}
+
+TEST_F(Cluster_Coordinator_Test, a_reply_that_has_not_left_holds_back_its_announcement_only)
+{
+  const Cluster_Coordinator::Ticket chosen = request("host1"), slow = request("host2"),
+                                    third = request("host3");
+  coordinator_->reply_listener(third)(true);
+  coordinator_->reply_listener(chosen)(true);
+  EXPECT_TRUE(eventually([&] { return hosts_.announcements() == 2; }));
+  coordinator_->reply_listener(slow)(true);
+  EXPECT_TRUE(eventually([&] { return hosts_.announcements() == 3; }));
+  EXPECT_EQ(hosts_.announced[0].first, "host1");
+  EXPECT_EQ(hosts_.announced[1].first, "host3");
+  EXPECT_EQ(hosts_.announced[2].first, "host2");
+}
+
+TEST_F(Cluster_Coordinator_Test, the_explanation_is_kept_before_the_first_announcement)
+{
+  Log_Capture log;
+  log.allow(LM_WARNING, "may not have been told: its agent answered: refused");
+  hosts_.refuse_announcements = true;
+  for (const char* host : {"host1", "host2", "host3"})
+    coordinator_->reply_listener(request(host))(true);
+  const auto state = [&] {
+    return json_spirit::find_value(history_.list(1, "").at(0).get_obj(), "state").get_str();
+  };
+  EXPECT_TRUE(eventually([&] { return state() == "failed"; })) << "each was chosen and refused";
+  const std::string text = write_json(history_.list(1, "").at(0));
+  EXPECT_NE(text.find("its agent refused the announcement: its agent answered: refused (-32603)"),
+            std::string::npos)
+      << text;
+}
+
+TEST_F(Cluster_Coordinator_Test, a_stopped_server_announces_nothing_and_late_replies_are_harmless)
+{
+  const Cluster_Coordinator::Ticket ticket = request("host1");
+  const std::function<void(bool)> listener = coordinator_->reply_listener(ticket);
+  coordinator_->stop();
+  listener(true);
+  coordinator_.reset();
+  listener(true);
+  EXPECT_EQ(hosts_.announcements(), 0u);
+  start();
+  EXPECT_EQ(json_spirit::find_value(history_.list(1, "").at(0).get_obj(), "state").get_str(), "interrupted");
+  EXPECT_GT(request("host1").selection_time, ticket.selection_time);
+}
+
+TEST_F(Cluster_Coordinator_Test, a_new_run_begins_a_new_choice_within_the_window)
+{
+  const Cluster_Coordinator::Ticket first = request("host1");
+  coordinator_->new_run("job");
+  const Cluster_Coordinator::Ticket second = request("host1");
+  EXPECT_GT(second.selection_time, first.selection_time);
+  EXPECT_EQ(hosts_.rounds, 2);
+  coordinator_->new_run("unknown");
+}
+
+TEST_F(Cluster_Coordinator_Test, one_host_that_hangs_does_not_hold_up_other_jobs)
+{
+  std::atomic<bool> hanging{true};
+  hosts_.before_answer = [&](const std::string& host) {
+    while (host == "host3" && hanging)
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  };
+  for (int job = 0; job < 40; ++job) {
+    Cluster_Request asked;
+    asked.definition_uuid = "job" + std::to_string(job);
+    for (const char* host : {"host1", "host2", "host3"}) {
+      asked.host_uuid = host;
+      coordinator_->reply_listener(coordinator_->request(asked))(true);
+    }
+  }
+  // The choices themselves are late, but none is missing and every request is answered for.
+  hanging = false;
+  EXPECT_TRUE(eventually([&] { return hosts_.announcements() == 120; })) << hosts_.announcements();
+}
