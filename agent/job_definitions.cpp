@@ -2,6 +2,7 @@
 
 #include "agent/module_table.h"
 #include "base/durable_file.h"
+#include "base/uri.h"
 #include "base/uuid.h"
 #include "jobs/job.h"
 #include "jobs/job_creator.h"
@@ -51,9 +52,9 @@ std::string instance_of(const json_spirit::Object& document)
   json_spirit::Array entries;
   if (!optional(source.get_obj(), "entries", entries) || entries.empty())
     return std::string();
-  const std::string entry = entries.front().get_str();
-  const std::size_t from = entry.find('/') == std::string::npos ? 0 : entry.find('/') + 1;
-  return entry.substr(from, entry.find('/', from) - from);
+  URI entry;
+  entry.path(entries.front().get_str(), true);
+  return entry.segments().size() > 1 ? entry.segments()[1] : std::string();
 }
 
 Job_Ptr make_job(Module_Table& modules, const Known_Job& known)
@@ -188,19 +189,18 @@ void tell_enabled(Module_Table& modules, const Known_Job& known)
                known.stored.id.c_str()));
 }
 
-void remove_traces(Module_Table& modules, const Known_Job& known, Job* job)
+void remove_traces(Module_Table& modules, const Known_Job& known)
 {
   const std::string path = Job_Activity_Path_Conf::path(known.stored.id);
-  Job_Ptr made;
   // A job that never ran has nothing to undo.
-  if (!job && ::access(path.c_str(), F_OK) == 0) {
-    made = make_job(modules, known);
-    job = made.get();
+  if (::access(path.c_str(), F_OK) != 0)
+    return;
+  {
+    const Job_Ptr job = make_job(modules, known);
+    if (job.get() && job->remove(true) != 0)
+      ACE_ERROR((LM_WARNING, "(%P|%t) remove_traces: the module keeps something of job %C\n",
+                 known.stored.id.c_str()));
   }
-  if (job && job->remove(true) != 0)
-    ACE_ERROR((LM_WARNING, "(%P|%t) remove_traces: the module keeps something of job %C\n",
-               known.stored.id.c_str()));
-  made.reset();
   if (::unlink(path.c_str()) != 0 && errno != ENOENT)
     ACE_ERROR((LM_WARNING, "(%P|%t) remove_traces: %C: %m\n", path.c_str()));
 }

@@ -11,8 +11,6 @@
 #include <utility>
 #include <vector>
 
-class Job;
-
 namespace kestrel
 {
 class Job_Definition_Loader;
@@ -63,7 +61,7 @@ void read_definition(const Job_Definition_Loader& loader, Known_Job& job);
 
 /// Lets the job's own record say whether the job is enabled, for other processes.
 void tell_enabled(Module_Table& modules, const Known_Job& job);
-/// Lets the module undo what it keeps for the definition, and removes the job's record. `job` is the object
-/// of its last run, or null.
-void remove_traces(Module_Table& modules, const Known_Job& known, Job* job);
+/// Lets the module undo what it keeps for the definition, and removes the job's record. Not while a run is
+/// under way.
+void remove_traces(Module_Table& modules, const Known_Job& known);
 } // namespace kestrel

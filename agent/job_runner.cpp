@@ -212,7 +212,7 @@ void Job_Runner::begin(const Run_Ptr& run)
     cancel = run->cancel;
   }
   if (failure.empty()) {
-    changed_(record, job.get());
+    changed_(record);
     if (cancel)
       ignore_result(job->stop(), "it has ended by itself");
     return;
@@ -223,7 +223,7 @@ void Job_Runner::begin(const Run_Ptr& run)
     record.reason = failure;
     run->lock.unlock();
   }
-  changed_(record, job.get());
+  changed_(record);
   forget(run);
 }
 
@@ -295,7 +295,7 @@ void Job_Runner::end(const Run_Ptr& run)
     run->record = record;
     run->lock.unlock();
   }
-  changed_(record, job.get());
+  changed_(record);
   job.reset();
   forget(run);
 }
@@ -306,7 +306,7 @@ void Job_Runner::end_waiting(const Run_Ptr& run, const std::string& reason)
   run->record.state = JOB_STATE_CANCELED;
   run->record.ended_at = clock().now();
   run->record.reason = reason;
-  changed_(run->record, nullptr);
+  changed_(run->record);
   notices_.put_state(notice_of(*run, JOB_STATE_CANCELED));
 }
 

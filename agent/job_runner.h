@@ -30,9 +30,9 @@ class Module_Table;
 class Job_Runner : private Job_Event_Listener
 {
 public:
-  /// A run has begun or ended. `job` is null when the run never got one; the run is still listed. On the
-  /// runner's thread, or on the one that cancels a waiting run or stops the runner; without locks.
-  typedef std::function<void(const Run_Record& record, Job* job)> Changed;
+  /// A run has begun or ended; it is listed until this has returned. On the runner's thread, or on the one
+  /// that cancels a waiting run or stops the runner; without locks.
+  typedef std::function<void(const Run_Record& record)> Changed;
 
   Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed);
   ~Job_Runner() override;

@@ -1,4 +1,5 @@
 #include "agent/agent_config.h"
+#include "support/paths.h"
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -159,4 +160,36 @@ TEST(Agent_Config, checks_the_modules)
   const std::string method = "[module.rpc]\n\"a.b\" = \"C\"\n";
   expect_part("module.rpc.a.b: belongs to the module one",
               refusal(one + method + "[[module]]\nname = \"two\"\npath = \"two.so\"\n" + method));
+}
+
+TEST(Agent_Config, has_the_values_that_the_documentation_shows)
+{
+  const std::string page = kestrel_test::read_file(kestrel_test::source_dir() + "/docs/formats.md");
+  const std::string fence = "```toml\n";
+  const size_t from = page.find(fence);
+  ASSERT_NE(std::string::npos, from);
+  const Agent_Config shown =
+      parsed(page.substr(from + fence.size(), page.find("```", from + fence.size()) - from - fence.size()));
+  const Agent_Config values = default_agent_config();
+  EXPECT_EQ(values.log_level, shown.log_level);
+  EXPECT_EQ(values.probe_minutes, shown.probe_minutes);
+  EXPECT_EQ(values.max_concurrent, shown.max_concurrent);
+  EXPECT_EQ(values.history_days, shown.history_days);
+  EXPECT_EQ(values.cancel_at_stop, shown.cancel_at_stop);
+  EXPECT_EQ(values.stop_seconds, shown.stop_seconds);
+  ASSERT_EQ(1u, shown.modules.size());
+  const auto factories = [](const std::map<std::string, Service_Line>& lines) {
+    std::map<std::string, std::string> found;
+    for (const auto& line : lines)
+      found[line.first] = line.second.factory;
+    return found;
+  };
+  const Module_Config& module = values.modules[0];
+  EXPECT_EQ(module.name, shown.modules[0].name);
+  EXPECT_EQ(module.path, shown.modules[0].path);
+  EXPECT_EQ(factories(module.rpc), factories(shown.modules[0].rpc));
+  EXPECT_EQ(factories(module.jobs), factories(shown.modules[0].jobs));
+  EXPECT_EQ(factories(module.source_parsers), factories(shown.modules[0].source_parsers));
+  EXPECT_EQ(factories(module.options_parsers), factories(shown.modules[0].options_parsers));
+  EXPECT_EQ(module.instance_handlers[0].factory, shown.modules[0].instance_handlers[0].factory);
 }
