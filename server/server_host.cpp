@@ -132,7 +132,12 @@ void Server_Host::Parts::connect_router()
     return accounts->authenticate(request, caller, problem);
   });
   router.set_auditor([this](const REST_Request& request, int status, const std::string& what) {
-    audit->add(request.caller, request.method, request.path, what, status);
+    try {
+      audit->add(request.caller, request.method, request.path, what, status);
+    } catch (const std::exception& error) {
+      // The library's own text holds the values of the statement.
+      throw database.translate(error);
+    }
   });
   router.set_observer([this](const std::string& method, const std::string& pattern, int status,
                              double seconds) { metrics.request(method, pattern, status, seconds); });
