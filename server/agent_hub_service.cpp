@@ -3,6 +3,7 @@
 #include "base/clock.h"
 #include "server/cluster_coordinator.h"
 #include "server/cluster_resources.h"
+#include "server/host_gate.h"
 #include "server/host_jobs.h"
 #include "server/host_resources.h"
 #include "server/job_definitions.h"
@@ -69,17 +70,18 @@ private:
 
 struct Agent_Hub_Service::Parts {
   Parts(Server_Database& database, const Options& given)
-      : options(given), hub(database), definitions(database), runs(database), history(database),
+      : options(given), hub(database), gate(given.waiting_requests), definitions(database), runs(database), history(database),
         sync(hub, definitions), served_hosts(hub, definitions),
-        coordinator(served_hosts, history, given.cluster), host_resources(hub),
-        job_resources(hub, definitions, sync,
+        coordinator(served_hosts, history, given.cluster), host_resources(hub, gate),
+        job_resources(hub, gate, definitions, sync,
                       [this](const std::string& definition) { coordinator.new_run(definition); }),
-        run_resources(hub, runs, definitions), cluster_resources(coordinator, history, definitions)
+        run_resources(hub, gate, runs, definitions), cluster_resources(coordinator, history, definitions)
   {
   }
 
   const Options options;
   Agent_Hub hub;
+  Host_Gate gate;
   Job_Definitions definitions;
   Run_Records runs;
   Cluster_History history;

@@ -23,6 +23,8 @@ public:
   struct Options {
     Cluster_Limits cluster;
     int keep_run_days = 90;
+    /// Requests that wait for agents at the same time; fewer than the HTTP server has workers.
+    unsigned waiting_requests = 4;
   };
 
   Agent_Hub_Service(Server_Database& database, const Options& options);

@@ -8,14 +8,15 @@
 namespace kestrel
 {
 class Agent_Hub;
+class Host_Gate;
 struct Host_Status;
 
 /// /k2/r/hosts: the hosts, and calls that are forwarded to their agents.
-/// Threads: as the router. Ownership: the hub is not owned and must outlive the router.
+/// Threads: as the router. Ownership: hub and gate are not owned and must outlive the router.
 class Host_Resources
 {
 public:
-  explicit Host_Resources(Agent_Hub& hub) : hub_(hub) {}
+  Host_Resources(Agent_Hub& hub, Host_Gate& gate) : hub_(hub), gate_(gate) {}
   void add_to(REST_Router& router);
 
 private:
@@ -24,6 +25,7 @@ private:
   REST_Reply forward(REST_Request& request);
 
   Agent_Hub& hub_;
+  Host_Gate& gate_;
 };
 
 /// The host of this uuid or name. Errors: throws REST_Error 404.

@@ -3,11 +3,13 @@
 #include "base/ignore_result.h"
 #include "base/uuid.h"
 #include "server/agent_hub.h"
+#include "server/host_gate.h"
 #include "server/host_resources.h"
 #include "server/job_sync.h"
 #include "json/json_util.h"
 
 #include <algorithm>
+#include <chrono>
 #include <set>
 
 namespace kestrel
@@ -243,6 +245,17 @@ REST_Reply Job_Resources::set_enabled(const Server_Definition_Ptr& definition, b
   return reply;
 }
 
+/// So that hosts know what they are asked to run.
+void Job_Resources::await_sync(const std::vector<std::string>& hosts)
+{
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(SYNC_MSEC);
+  for (const std::string& host : hosts) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    ignore_result(sync_.await(host, static_cast<int>(std::max<int64_t>(0, left.count()))),
+                  "the host refuses what it does not know");
+  }
+}
+
 REST_Reply Job_Resources::control(REST_Request& request)
 {
   const json_spirit::Object& body = request.json.get_obj();
@@ -268,9 +281,9 @@ REST_Reply Job_Resources::control(REST_Request& request)
   json_spirit::Object run;
   if (optional(body, "run", run))
     params.emplace_back("run", run);
+  const Host_Gate::Pass pass(gate_);
   if (action == "run") {
-    for (const std::string& host : hosts)
-      ignore_result(sync_.await(host, SYNC_MSEC), "the host refuses what it does not know");
+    await_sync(hosts);
     new_run_(definition->id);
   }
   json_spirit::Array results;

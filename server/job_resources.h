@@ -10,6 +10,7 @@
 namespace kestrel
 {
 class Agent_Hub;
+class Host_Gate;
 class Job_Sync;
 
 /// /k2/r/jobs: job definitions, and what is asked of their hosts.
@@ -18,9 +19,9 @@ class Job_Resources
 {
 public:
   /// `new_run` is called before hosts are asked to run a job.
-  Job_Resources(Agent_Hub& hub, Job_Definitions& definitions, Job_Sync& sync,
+  Job_Resources(Agent_Hub& hub, Host_Gate& gate, Job_Definitions& definitions, Job_Sync& sync,
                 std::function<void(const std::string& definition_id)> new_run)
-      : hub_(hub), definitions_(definitions), sync_(sync), new_run_(std::move(new_run))
+      : hub_(hub), gate_(gate), definitions_(definitions), sync_(sync), new_run_(std::move(new_run))
   {
   }
   void add_to(REST_Router& router);
@@ -36,9 +37,11 @@ private:
   json_spirit::Object to_json(const Server_Definition& definition) const;
   json_spirit::Object state_on(const std::string& host_uuid, const Server_Definition& definition) const;
   json_spirit::Object result_of(const std::string& host_uuid) const;
+  void await_sync(const std::vector<std::string>& hosts);
   void tell_hosts(const Server_Definition_Ptr& former, const Server_Definition_Ptr& stored);
 
   Agent_Hub& hub_;
+  Host_Gate& gate_;
   Job_Definitions& definitions_;
   Job_Sync& sync_;
   const std::function<void(const std::string&)> new_run_;

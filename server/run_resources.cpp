@@ -1,6 +1,7 @@
 #include "server/run_resources.h"
 
 #include "server/agent_hub.h"
+#include "server/host_gate.h"
 #include "server/host_resources.h"
 #include "server/job_definitions.h"
 #include "server/run_records.h"
@@ -117,6 +118,7 @@ REST_Reply Run_Resources::log(REST_Request& request)
   params.emplace_back("run_id", run_id);
   params.emplace_back("offset", request.query_number("offset", 0, 0, INT64_MAX));
   params.emplace_back("limit", request.query_number("limit", 64 * 1024, 1, LOG_BYTES));
+  const Host_Gate::Pass pass(gate_);
   JSON_RPC_Error error;
   REST_Reply reply;
   switch (hub_.ask(host, "job.log", params, LOG_MSEC, reply.json, error)) {

@@ -5,6 +5,7 @@
 namespace kestrel
 {
 class Agent_Hub;
+class Host_Gate;
 class Job_Definitions;
 class Run_Records;
 
@@ -13,8 +14,8 @@ class Run_Records;
 class Run_Resources
 {
 public:
-  Run_Resources(Agent_Hub& hub, Run_Records& runs, Job_Definitions& definitions)
-      : hub_(hub), runs_(runs), definitions_(definitions)
+  Run_Resources(Agent_Hub& hub, Host_Gate& gate, Run_Records& runs, Job_Definitions& definitions)
+      : hub_(hub), gate_(gate), runs_(runs), definitions_(definitions)
   {
   }
   void add_to(REST_Router& router);
@@ -27,6 +28,7 @@ private:
   REST_Reply log(REST_Request& request);
 
   Agent_Hub& hub_;
+  Host_Gate& gate_;
   Run_Records& runs_;
   Job_Definitions& definitions_;
 };

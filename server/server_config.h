@@ -17,7 +17,7 @@ struct Server_Config {
   bool plain = false;
   std::string certificate_file; ///< empty: tls/server.crt of the state directory
   std::string key_file;         ///< empty: tls/server.key
-  unsigned workers = 8;
+  unsigned workers = 16; ///< half of them may wait for agents
   HTTP_Limits limits;
   int session_hours = 12;
   /// Requests of one definition within this time share one choice of a node.

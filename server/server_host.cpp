@@ -18,6 +18,7 @@
 
 #include <ace/Log_Msg.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -117,6 +118,7 @@ void Server_Host::Parts::make_resources()
   Agent_Hub_Service::Options options;
   options.cluster.window_msec = config.cluster_window_seconds * 1000;
   options.keep_run_days = config.keep_run_days;
+  options.waiting_requests = std::max(1u, config.workers / 2);
   agents = std::make_unique<Agent_Hub_Service>(database, options);
 
   account_resources->add_to(router);

@@ -212,3 +212,31 @@ TEST_F(Served_Hosts, hosts_that_are_away_or_slow_are_told_apart)
   done = true;
   EXPECT_EQ(status_of(call("db1", R"({"method":"job.log","timeout":20})")), 503) << "it went away meanwhile";
 }
+
+TEST_F(Served_Hosts, requests_that_wait_for_a_hanging_host_leave_room_for_others)
+{
+  config_.workers = 4;
+  stop();
+  start();
+  add_agent("db1");
+  std::atomic<bool> done{false};
+  std::atomic<int> waiting{0};
+  agent(0).on("agent.status", [&](const json_spirit::Value&, json_spirit::Value& result, auto&) {
+    ++waiting;
+    result = json("{}");
+    return eventually([&] { return done.load(); });
+  });
+  connect(agent(0));
+  std::vector<std::thread> threads;
+  std::atomic<int> answered{0};
+  console();
+  for (int i = 0; i < 2; ++i)
+    threads.emplace_back([&] { answered += status_of(call("db1", R"({"method":"agent.status"})")) == 0; });
+  EXPECT_TRUE(eventually([&] { return waiting == 2; }));
+  EXPECT_EQ(status_of(call("db1", R"({"method":"agent.status"})")), 503) << "half of the workers wait already";
+  EXPECT_TRUE(is_online("db1"));
+  done = true;
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(answered, 2);
+}
