@@ -19,6 +19,8 @@ public:
   bool ssl = false;
   /// Tells the server which session the requests belong to. A secret: never to be logged.
   std::string cookie;
+  /// The CA of the server's certificate, as PEM text. Empty: none is registered, and nothing is checked here.
+  std::string ca_pem;
 };
 
 /// An open connection to the backup server, or the stand-in for one on a host that has no server.
@@ -33,15 +35,16 @@ public:
 /// Makes sessions.
 /// Threads: any.
 /// Units:   seconds.
-/// Errors:  a null pointer when the server does not accept a connection within CONNECT_SECONDS; errno says
-/// why.
+/// Errors:  a null pointer when the server does not accept a connection within CONNECT_SECONDS, or the TLS
+///          handshake does not succeed within as many again; errno says why: EPROTO when the handshake
+///          failed, EACCES when the certificate is refused, with the reason in the log at LM_INFO.
 class HTTP_Session_Factory
 {
 public:
   static constexpr int CONNECT_SECONDS = 10;
 
-  /// An empty host always succeeds. With ssl the connection is made all the same; the handshake comes with
-  /// the first request.
+  /// An empty host always succeeds. With ssl and a registered CA (WebSocket_Options) the server must prove
+  /// that it is `host`; without a CA the handshake is left to the first request.
   static std::unique_ptr<HTTP_Session> create(const std::string& host, unsigned short port, bool ssl);
 };
 
