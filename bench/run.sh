@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Every benchmark in one run: builds, measures, prints a table of figures with what is demanded of them, and writes the
 # same as Markdown. Takes about ten minutes and wants a machine with nothing else to do.
-#   bench/run.sh [--quick] [--no-build] [--rounds N] [--dir DIR] [--output FILE] [pump] [instance] [archive] [isql] [catalog]
+#   bench/run.sh [--quick] [--no-build] [--rounds N] [--dir DIR] [--output FILE] [pump] [instance] [archive] [isql] [catalog] [rpc]
 #     --quick     small sizes and two rounds: shows that all works; its figures mean nothing
 #     --dir       where the private work directory is made; its disk is the one measured (TMPDIR, else /tmp)
 #     --output    the Markdown file (build/bench/benchmarks.md)
@@ -19,12 +19,12 @@ while [ $# -gt 0 ]; do
     --rounds) rounds=$2; shift ;;
     --dir) dir=$2; shift ;;
     --output) output=$2; shift ;;
-    pump | instance | archive | isql | catalog) parts+=("$1") ;;
+    pump | instance | archive | isql | catalog | rpc) parts+=("$1") ;;
     *) sed -n '2,9s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
   esac
   shift
 done
-[ ${#parts[@]} -gt 0 ] || parts=(pump instance archive isql catalog)
+[ ${#parts[@]} -gt 0 ] || parts=(pump instance archive isql catalog rpc)
 wants() { [[ " ${parts[*]} " == *" $1 "* ]]; }
 
 bin=$top/build/bench/bin
@@ -32,7 +32,7 @@ programs=$top/build/release/bin
 bench=$bin/pump_bench
 if [ -n "$build" ]; then
   "$top/tools/install-deps.sh" --bench
-  "$top/tools/build.sh" bench pump_bench archive_bench stream_tool catalog_bench isql_bench >/dev/null
+  "$top/tools/build.sh" bench pump_bench archive_bench stream_tool catalog_bench isql_bench rpc_bench >/dev/null
   "$top/tools/build.sh" release kestrel_cli oscar kestrel-lab >/dev/null
 fi
 work=$(mktemp -d "$dir/kestrel-bench.XXXXXX")
@@ -86,6 +86,20 @@ measure_catalog() {
   listing commit_one "commit of one backup"
 }
 
+# requests NAME TITLE
+requests() {
+  local value
+  value=$(of rpc_bench "$1" 4)
+  row "$2" "$(printf '%.0f' "$value") requests/s" "-" "-" "-" ">= 2000 requests/s" "$(judge "$value" '>=' 2000)"
+}
+measure_rpc() {
+  repetitions rpc_bench
+  section "Small JSON-RPC requests over one WebSocket with TLS"
+  requests rpc_one_at_a_time/real_time "one at a time"
+  requests rpc_pipelined/64/real_time "up to 64 under way"
+  requests rpc_pipelined_both_ways/64/real_time "up to 64 under way, both sides ask"
+}
+
 machine() {
   echo "$(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | sort -u | head -1), $(nproc) processors," \
     "$(awk '/MemTotal/ {printf "%.0f", $2 / 1048576}' /proc/meminfo) GiB, Linux $(uname -r)," \
@@ -100,6 +114,7 @@ started=$SECONDS
 ! wants archive || "$top/bench/run-archive.sh" -b "$bin" -d "$work" -s "$archive_mib" -l "$sparse_gib" -r "$rounds" -o "$results"
 ! wants isql || measure_isql
 ! wants catalog || measure_catalog
+! wants rpc || measure_rpc
 remark "load average before the run $load_before, after it $(cut -d' ' -f1-3 /proc/loadavg); the run took $((SECONDS - started)) s"
 [ -z "$quick" ] || remark "a quick run: sizes are too small for these figures to mean anything"
 

@@ -109,6 +109,7 @@ bool register_upstream(const Upstream_Options& options, std::string& error)
     return false;
   }
   server.ssl = true;
+  server.ca_pem = options.ca_pem;
   REST_Client_Options connection;
   connection.url = options.url;
   connection.ca_pem = options.ca_pem;
