@@ -101,6 +101,15 @@ void Agent_Jobs::State::adopt(Known_Job& job, time_t after)
     scheduler.remove(job.stored.id);
 }
 
+void Agent_Jobs::State::replace(Known_Job& job, Known_Job other, time_t now)
+{
+  const bool was_enabled = job.stored.enabled;
+  job.replace(std::move(other));
+  if (was_enabled != job.stored.enabled)
+    tell_enabled(modules, job);
+  adopt(job, now);
+}
+
 void Agent_Jobs::State::forget(const std::string& id)
 {
   const auto found = jobs.find(id);
@@ -127,8 +136,8 @@ void Agent_Jobs::State::settle_pending()
     if (found->second.removed) {
       forget(id);
     } else if (found->second.next) {
-      found->second.take_postponed();
-      adopt(found->second, clock().now());
+      Known_Job next = std::move(*found->second.next);
+      replace(found->second, std::move(next), clock().now());
     }
   }
 }
@@ -189,9 +198,9 @@ bool Agent_Jobs::State::apply(std::vector<Definition_Offer> offers, const std::s
     if (runner.status(each.first, status)) {
       job.postpone(std::move(each.second));
       pending.insert(each.first);
-    } else
-      job.replace(std::move(each.second));
-    adopt(job, now);
+    } else {
+      replace(job, std::move(each.second), now);
+    }
   }
   for (const std::string& id : removed) {
     Job_Runner::Status status;

@@ -39,6 +39,7 @@ struct Agent_Jobs::State {
 
   // Definitions. With the mutex.
   void adopt(Known_Job& job, time_t after);
+  void replace(Known_Job& job, Known_Job other, time_t now);
   void forget(const std::string& id);
   /// Changes and removals that waited for the end of a run.
   void settle_pending();

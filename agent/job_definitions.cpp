@@ -102,12 +102,6 @@ void Known_Job::postpone(Known_Job other)
   next = std::make_shared<Known_Job>(std::move(other));
 }
 
-void Known_Job::take_postponed()
-{
-  const std::shared_ptr<Known_Job> taken = next;
-  replace(std::move(*taken));
-}
-
 bool read_offer(const json_spirit::Value& value, Definition_Offer& offer, std::string& reason)
 {
   try {

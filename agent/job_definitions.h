@@ -46,7 +46,6 @@ struct Known_Job {
 
   void replace(Known_Job other);
   void postpone(Known_Job other);
-  void take_postponed();
 };
 
 /// {"id","revision","enabled","document"}. False with `reason`; `offer.id` is set as far as it could be read.

@@ -323,6 +323,25 @@ TEST(Agent_Jobs, replaces_and_removes_definitions_when_their_run_has_ended)
   EXPECT_EQ(2u, agent.history().size()) << "the history stays";
 }
 
+TEST(Agent_Jobs, a_definition_that_the_server_disables_is_disabled_for_other_processes_too)
+{
+  Agent_Bench agent;
+  agent.start();
+  agent.sync({Agent_Bench::definition(agent.document(1), 1, false)});
+  EXPECT_EQ("disabled", agent.state(1));
+  EXPECT_EQ("the job is disabled", agent.refusal(1, "run"));
+  {
+    // As a process without an agent makes it.
+    kestrel::Job_Definition_Fields fields = agent.bench.backup_fields();
+    fields.id = Agent_Bench::id(1);
+    const Job_Ptr job = Physical_Bench::make_job(fields);
+    EXPECT_EQ(-1, job->start());
+    EXPECT_EQ(EPERM, errno);
+  }
+  agent.sync({Agent_Bench::definition(agent.document(1), 2, true)});
+  EXPECT_EQ("completed", text_of(agent.wait_ended(agent.control(1, "run")), "state"));
+}
+
 TEST(Agent_Jobs, keeps_no_password)
 {
   Agent_Bench agent;
