@@ -18,6 +18,7 @@ const int64_t POLL_MSEC = 400;
 /// is given up.
 const int64_t SILENCE_NOTED_MSEC = 10 * 1000;
 const int64_t SILENCE_LOST_MSEC = 120 * 1000;
+const int64_t LEAVE_MSEC = 5 * 1000;
 
 Progress_Display::Mode display_mode(const Command_Line& line)
 {
@@ -85,6 +86,7 @@ std::vector<Run_End> Run_Follower::follow(const std::vector<Followed_Run>& runs)
       break;
     if (Cancel_Signals::requested() && !cancel_sent_)
       send_cancel();
+    leave_after_refusal();
     if (!all_finished())
       clock().sleep_msec(POLL_MSEC);
   }
@@ -118,6 +120,12 @@ void Run_Follower::poll_job()
 
 void Run_Follower::take_state(Watch& watch, const json_spirit::Object& told)
 {
+  const json_spirit::Value& online = find_value(told, "online");
+  const bool away = online.type() == json_spirit::bool_type && !online.get_bool();
+  if (away != watch.noted_absence)
+    display_.note("the host " + console_.host_name(watch.end.run.host_uuid) +
+                  (away ? " is not connected; its run goes on without the server" : " is connected again"));
+  watch.noted_absence = away;
   const json_spirit::Object now = object_in(told, "now");
   const bool this_run = text_in(now, "run_id") == watch.end.run.run_id;
   const bool listed = text_in(told, "run_id") == watch.end.run.run_id && flag_in(told, "running");
@@ -206,11 +214,23 @@ void Run_Follower::send_cancel()
     end_all("the cancel did not reach the server, and the job goes on: " + problem.text);
     return;
   }
-  display_.note("canceling: waiting for the tools to end");
-  for (const Control_Result& result : results)
+  bool taken = false;
+  for (const Control_Result& result : results) {
+    taken = taken || result.problem.empty();
     if (!result.problem.empty())
-      display_.note("the host " + console_.host_name(result.host_uuid) +
-                    " did not take the cancel: " + result.problem);
+      cancel_refusal_ =
+          "the host " + console_.host_name(result.host_uuid) + " did not take the cancel: " + result.problem;
+  }
+  cancel_refused_msec_ = taken ? 0 : clock().monotonic_msec();
+  display_.note(taken ? "canceling: waiting for the tools to end" : cancel_refusal_);
+}
+
+/// Who asked for a cancel that nobody took is not kept waiting; a run that had just ended still shows its
+/// end.
+void Run_Follower::leave_after_refusal()
+{
+  if (cancel_refused_msec_ > 0 && clock().monotonic_msec() - cancel_refused_msec_ >= LEAVE_MSEC)
+    end_all(cancel_refusal_ + "; the job goes on");
 }
 
 void Run_Follower::note_trouble(const REST_Problem& problem)

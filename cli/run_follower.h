@@ -49,6 +49,7 @@ private:
     std::string item;
     int64_t silent_since_msec = 0; ///< nothing was told of the run since
     bool noted_silence = false;
+    bool noted_absence = false; ///< of its host
   };
 
   void poll_job();
@@ -57,6 +58,7 @@ private:
   void give_up_when_lost(Watch& watch);
   void show_progress();
   void send_cancel();
+  void leave_after_refusal();
   void note_trouble(const REST_Problem& problem);
   void end_all(const std::string& problem);
 
@@ -67,6 +69,8 @@ private:
   uint64_t done_bytes_ = 0;
   bool in_trouble_ = false;
   bool cancel_sent_ = false;
+  std::string cancel_refusal_; ///< why no host took the cancel
+  int64_t cancel_refused_msec_ = 0;
 };
 
 /// A run's record as the result that messages are made of. `log_path` names the host too.

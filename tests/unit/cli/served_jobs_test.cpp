@@ -209,6 +209,52 @@ TEST_F(Served_Jobs, go_on_when_the_cancel_cannot_be_sent)
   EXPECT_TRUE(holds(outcome.err, "the job goes on")) << outcome.err;
 }
 
+TEST_F(Served_Jobs, do_not_hold_who_asked_for_a_cancel_that_no_host_took)
+{
+  server_->answer_once(control(), 200, results(host_1, run_1));
+  server_->answer(one(), [&](const Fake_Server::Request&) {
+    ::raise(SIGINT);
+    server_->answer(control(), 200,
+                    std::string(R"({"results":[{"host":")") + host_1 +
+                        R"(","run_id":"","error":{"code":-32003,"message":"its agent is not connected"}}]})");
+    return std::make_pair(200, entry(host_1, under_way(host_1, run_1, 10)));
+  });
+  const Command_Outcome outcome = run({"job", "run", "nightly", "--wait"});
+  EXPECT_EQ(1, outcome.code);
+  EXPECT_TRUE(holds(outcome.err,
+                    "the host alpha did not take the cancel: its agent is not connected; the job goes on"))
+      << outcome.err;
+  EXPECT_EQ(2u, server_->count(control()));
+  EXPECT_LT(clock_.slept_msec(), 60000);
+}
+
+TEST_F(Served_Jobs, show_their_end_when_the_cancel_came_too_late)
+{
+  server_->answer_once(control(), 200, results(host_1, run_1));
+  server_->answer(one(), [&](const Fake_Server::Request&) {
+    ::raise(SIGINT);
+    server_->answer(control(), 200,
+                    std::string(R"({"results":[{"host":")") + host_1 +
+                        R"(","run_id":"","error":{"code":-32002,"message":"it does not run"}}]})");
+    return std::make_pair(200, entry(host_1, ""));
+  });
+  server_->answer(record_of(run_1), 200, record(run_1, host_1, "completed"));
+  server_->answer_once(record_of(run_1), 404, "{}");
+  EXPECT_EQ(0, run({"job", "run", "nightly", "--wait"}).code);
+}
+
+TEST_F(Served_Jobs, are_waited_for_while_their_host_is_away)
+{
+  server_->answer(one(), 200, entry(host_1, ""));
+  for (int i = 0; i < 1000; ++i)
+    server_->answer_once(one(), 200,
+                         entry(host_1, std::string("\"") + host_1 + R"(":{"online":false,"now":{"run_id":")" +
+                                           run_1 + R"(","state":"running"}})"));
+  server_->answer(record_of(run_1), 200, record(run_1, host_1, "completed"));
+  EXPECT_EQ(0, run({"job", "run", "nightly", "--wait"}).code);
+  EXPECT_GT(clock_.slept_msec(), 300 * 1000);
+}
+
 TEST_F(Served_Jobs, are_given_up_when_a_connected_host_never_tells_the_end)
 {
   server_->answer(std::string("GET /k2/r/hosts/") + host_1, 200, R"({"name":"alpha","online":true})");
