@@ -12,7 +12,7 @@ const char* const job_help = "id of a job, a unique beginning of it, or its name
 
 void add_hosts_option(CLI::App& command, Command_Line& line, const std::string& help)
 {
-  command.add_option("--host", line.hosts, help)->expected(1);
+  command.add_option("--host", line.hosts, help)->allow_extra_args(false);
 }
 
 /// One of the requests that a job can be given.

@@ -191,14 +191,3 @@ set_cluster() {
       "${nodes[@]}" || return 1
   done
 }
-
-not() { ! "$@" 2>/dev/null; }
-# wait_until SECONDS COMMAND...
-wait_until() {
-  local deadline=$((SECONDS + $1))
-  shift
-  until "$@"; do
-    [ "$SECONDS" -lt "$deadline" ] || return 1
-    sleep 0.1
-  done
-}

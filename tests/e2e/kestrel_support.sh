@@ -36,7 +36,7 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-note() { echo "-- $*"; }
+note() { echo "-- ($SECONDS s) $*"; }
 fail() {
   echo "FAILED: $*" >&2
   local log
@@ -58,6 +58,19 @@ said() { grep -qE -- "$1" "$work/out" "$work/err" || fail "expected the output t
 # value JQ_FILTER: from the JSON of the last command.
 value() { jq -r "$1" "$work/out" || fail "no $1 in the JSON output"; }
 equal() { [ "$1" = "$2" ] || fail "${3:-values differ}: '$1' is not '$2'"; }
+
+not() { ! "$@" 2>/dev/null; }
+# wait_closely SECONDS COMMAND...: as wait_until, for what is over in a moment.
+wait_closely() { wait_pause=0.002 wait_until "$@"; }
+# wait_until SECONDS COMMAND...
+wait_until() {
+  local deadline=$((SECONDS + $1))
+  shift
+  until "$@"; do
+    [ "$SECONDS" -lt "$deadline" ] || return 1
+    sleep "${wait_pause:-0.1}"
+  done
+}
 
 # instance_name: unique on this machine, since start scripts of all homes lie in one folder.
 instance_name() { printf 'E%s%s' "$$" "${1:-}"; }
