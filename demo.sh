@@ -5,8 +5,15 @@
 # archive logging, which is stopped for its backup; and exports, imported in place, under a new name and into another
 # instance.
 # Everything happens below one private directory, which is removed at the end (KESTREL_DEMO_KEEP=1 keeps it).
+#
+# ./demo.sh --cluster, as root: a backup server and three hosts made of namespaces, each with a node of one cluster and an
+# agent; one definition runs on all of them while nodes die.
 set -euo pipefail
 cd "$(dirname "$0")"
+case ${1:-} in
+'' | --cluster) ;;
+*) echo "usage: ./demo.sh [--cluster]" >&2; exit 2 ;;
+esac
 megabytes=${KESTREL_DEMO_MEGABYTES:-200}
 
 if [ -t 1 ]; then bold=$(printf '\033[1m') plain=$(printf '\033[0m'); else bold='' plain=''; fi
@@ -18,6 +25,7 @@ give_up() { echo "demo: $*" >&2; exit 1; }
 say "Building (the first time takes some minutes)"
 ./tools/build.sh release kestrel_cli oscar kestrel-lab
 bin=$PWD/build/release/bin
+[ "${1:-}" != --cluster ] || exec tests/e2e/cluster_demo.sh "$bin"
 
 work=$(mktemp -d /tmp/kestrel-demo.XXXXXX)
 chmod 755 "$work"
