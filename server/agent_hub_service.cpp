@@ -25,7 +25,7 @@ namespace kestrel
 {
 namespace
 {
-constexpr int UPKEEP_MSEC = 5000;
+constexpr int UPKEEP_MSEC = 2000;
 constexpr int64_t PRUNE_MSEC = 3600 * 1000;
 constexpr int64_t DAY_SECONDS = 24 * 3600;
 

@@ -31,7 +31,7 @@ public:
   void hello(const std::string& host_uuid);
   /// The list of jobs that the host told has grown old: a run began or ended.
   void list_again(const std::string& host_uuid);
-  /// Sends what could not be sent; called every few seconds.
+  /// Sends what could not be sent; called every other second.
   void retry();
   void stop();
 

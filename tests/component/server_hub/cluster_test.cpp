@@ -10,14 +10,17 @@ namespace
 class Served_Cluster : public Server_Fixture
 {
 protected:
-  /// Every agent asks, one after the other; the time that all of them got.
-  int64_t all_request(const std::string& job, bool select_master = false)
+  /// Every agent asks, one after the other; the first one's time. A failure is shared within the window only,
+  /// which may be over on a busy machine.
+  int64_t all_request(const std::string& job, bool select_master = false, bool shared = true)
   {
-    std::set<int64_t> times;
+    std::vector<int64_t> times;
     for (const std::unique_ptr<Simulated_Agent>& agent : agents_)
-      times.insert(request(*agent, job, select_master));
-    EXPECT_EQ(times.size(), 1u) << "they share one choice";
-    return *times.begin();
+      times.push_back(request(*agent, job, select_master));
+    if (shared) {
+      EXPECT_EQ(std::set<int64_t>(times.begin(), times.end()).size(), 1u) << "they share one choice";
+    }
+    return times.front();
   }
   std::string reason() { return member_text(last_selection(), "reason"); }
 };
@@ -107,9 +110,10 @@ TEST_F(Served_Cluster, the_master_is_taken_and_when_it_is_dead_another_one)
 
 TEST_F(Served_Cluster, a_restore_waits_for_no_other_than_the_master)
 {
+  shorten_window();
   add_connected_agents(2);
   agent(0).set_node(1, true, false);
-  all_request(define(R"(,"rsrc_form":"cluster")", "restore"), true);
+  all_request(define(R"(,"rsrc_form":"cluster")", "restore"), true, false);
   for (size_t i = 0; i < 2; ++i) {
     ASSERT_TRUE(agent(i).await_announcements(1));
     EXPECT_EQ(state_of(agent(i).announcements()[0]), "failed -1");
@@ -119,10 +123,11 @@ TEST_F(Served_Cluster, a_restore_waits_for_no_other_than_the_master)
 
 TEST_F(Served_Cluster, when_no_node_is_online_nobody_works_and_the_reason_is_shown)
 {
+  shorten_window();
   add_connected_agents(2);
   agent(0).set_node(1, true, false);
   agent(1).set_node(2, false, false);
-  all_request(define());
+  all_request(define(), false, false);
   for (size_t i = 0; i < 2; ++i) {
     ASSERT_TRUE(agent(i).await_announcements(1));
     EXPECT_EQ(state_of(agent(i).announcements()[0]), "failed -1");
@@ -185,6 +190,7 @@ TEST_F(Served_Cluster, wrong_requests_are_refused_and_begin_nothing)
 
 TEST_F(Served_Cluster, agents_of_a_job_that_is_not_defined_here_share_a_choice_too)
 {
+  shorten_window();
   add_connected_agents(2);
   for (size_t i = 0; i < 2; ++i)
     agent(i).set_instances(json(R"([{"name":"DB1","uuid":""}])").get_array());

@@ -134,6 +134,9 @@ TEST_F(Served_Module, another_node_that_is_the_master_by_its_own_word_takes_the_
 
 TEST_F(Served_Module, nobody_works_when_the_only_node_is_down)
 {
+  agent(0).disconnect();
+  shorten_window();
+  connect(agent(0));
   home_.write("admin/DB1.conf", "port = 1\nHA_SERVER_IP_ADDRESS = '10.9.8.1'\n");
   const std::string job = define();
   std::string state;

@@ -55,6 +55,8 @@ protected:
     ASSERT_TRUE(kestrel::load_server_config("", config_, error)) << error;
     config_.address = "127.0.0.1";
     config_.port = 0;
+    // A busy machine must not decide too early; whoever has all answers decides at once.
+    config_.cluster_window_seconds = 30;
     ASSERT_TRUE(network_.start(2));
     start();
   }
@@ -67,6 +69,14 @@ protected:
     config_.port = server_->port(); // the same one after a restart
   }
   void stop() { server_.reset(); }
+
+  /// For choices that take the whole window.
+  void shorten_window()
+  {
+    config_.cluster_window_seconds = 1;
+    stop();
+    start();
+  }
 
   std::string url() const { return "https://127.0.0.1:" + std::to_string(config_.port); }
 

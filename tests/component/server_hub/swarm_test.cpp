@@ -16,6 +16,7 @@ protected:
   {
     Server_Fixture::SetUp();
     // All agents come from one address here.
+    config_.cluster_window_seconds = 3;
     config_.limits.connections_per_address = 512;
     stop();
     start();
