@@ -14,6 +14,7 @@
 #include <ace/Log_Msg.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 
@@ -102,9 +103,12 @@ struct Storage_Uploads::Upload {
   /// Why the file can neither be continued nor finished.
   std::string failure;
   int64_t used_msec = clock().monotonic_msec();
+  /// Of a file that is being sent; may be read without the lock.
+  std::atomic<bool> is_open{true};
 
   void close()
   {
+    is_open = false;
     writer.reset();
     used_msec = clock().monotonic_msec();
   }
@@ -192,6 +196,7 @@ void Storage_Uploads::load_one(const std::string& path)
     if (upload->writer && left.inode != record.inode)
       upload->writer.reset();
     upload->offset = left.bytes;
+    upload->is_open = upload->writer != nullptr;
     if (record.boot_id != boot_id_)
       upload->failure = "the server's machine was restarted while " + upload->path +
                         " was being stored: what it confirmed may be lost; run the job again";
@@ -259,6 +264,14 @@ std::vector<Storage_Uploads::Upload_Ptr> Storage_Uploads::of_file(const std::str
   return found;
 }
 
+unsigned Storage_Uploads::open_files(const std::string& host_uuid) const
+{
+  unsigned number = 0;
+  for (const auto& [id, upload] : uploads_)
+    number += upload->is_open && upload->record.host_uuid == host_uuid ? 1 : 0;
+  return number;
+}
+
 uint64_t Storage_Uploads::begin(const Upload_Record& wanted)
 {
   std::string error;
@@ -271,8 +284,11 @@ uint64_t Storage_Uploads::begin(const Upload_Record& wanted)
   bool known = false;
   {
     std::lock_guard<std::mutex> guard(lock_);
+    known = uploads_.count(wanted.id) != 0;
+    if (!known && open_files(wanted.host_uuid) >= limits_.open_of_host)
+      throw REST_Error(429, "too_many", "this host is sending " + std::to_string(limits_.open_of_host) +
+                                            " files already; run fewer jobs at once");
     Upload_Ptr& place = uploads_[wanted.id];
-    known = place != nullptr;
     if (!known) {
       place = std::make_shared<Upload>();
       place->record = wanted;

@@ -41,7 +41,8 @@ struct Upload_Record {
 /// Threads:   any; requests for one file are carried out one after the other.
 /// Ownership: owns the writers; start() runs one thread that gives up what nobody continues.
 /// Units:     bytes, seconds.
-/// Errors:    REST_Error: 404 unknown_upload, 409 name_taken / offset / ended, 422 damaged, 507 storage.
+/// Errors:    REST_Error: 404 unknown_upload, 409 name_taken / offset / ended, 422 damaged, 429 too_many,
+///            507 storage.
 /// Crash:     a note in the state directory outlives the server. With it the unfinished file goes on where it
 ///            ends; a commit whose answer got lost is recognised by the file and its side file.
 class Storage_Uploads
@@ -54,6 +55,8 @@ public:
     /// How long it is known who sent a finished file.
     int64_t remember_seconds = 24 * 3600;
     int64_t clean_up_seconds = 60;
+    /// Files that one host may be sending at the same time.
+    unsigned open_of_host = 64;
   };
 
   /// `folder` keeps the notes and is made when it is missing.
@@ -91,6 +94,8 @@ private:
   Upload_Ptr find(const std::string& id, const std::string& host_uuid);
   std::vector<Upload_Ptr> of_file(const std::string& pool_id, const std::string& folder,
                                   const std::string& name);
+  /// To be called with lock_ held.
+  unsigned open_files(const std::string& host_uuid) const;
   void create(Upload& upload);
   void load_one(const std::string& path);
   void note(Upload& upload);

@@ -8,12 +8,13 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <sys/socket.h>
 
 namespace kestrel
 {
 namespace
 {
-const size_t MOST_IDLE_HANDLES = 8;
+const size_t MOST_IDLE_HANDLES = 4;
 const int ACCESS_KEY_HEAD = 49;
 // The server closes a connection that was idle for a minute; a younger one is still good.
 const long MOST_IDLE_SECONDS = 45;
@@ -92,6 +93,12 @@ int check_stopped(void* context, curl_off_t, curl_off_t, curl_off_t, curl_off_t)
 {
   const Attempt& attempt = *static_cast<Attempt*>(context);
   return attempt.call.stopped && *attempt.call.stopped ? 1 : 0;
+}
+
+/// Children of this process have no use for the connection.
+curl_socket_t open_socket(void*, curlsocktype, curl_sockaddr* address)
+{
+  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
 bool is_certificate_failure(CURLcode code)
@@ -200,6 +207,7 @@ private:
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, reason);
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "https");
+    curl_easy_setopt(handle, CURLOPT_OPENSOCKETFUNCTION, open_socket);
     curl_easy_setopt(handle, CURLOPT_PROXY, "");
     curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));

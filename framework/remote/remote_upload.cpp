@@ -20,6 +20,8 @@ using json_spirit::Value;
 
 const int64_t FIRST_PAUSE_MSEC = 100;
 const int64_t LONGEST_PAUSE_MSEC = 5000;
+/// Less than this is not sent at once, however slow the network is.
+const unsigned LEAST_SENT_BYTES = 64u << 10;
 /// The server may have to wait for its disk.
 const unsigned COMMIT_SECONDS = 300;
 /// For a farewell that the server can do without: it finds out by itself in time.
@@ -42,6 +44,7 @@ public:
   bool begin(const std::string& name, bool overwrite, std::string& error)
   {
     piece_.reset(new (std::nothrow) char[link_.piece_bytes]);
+    most_sent_ = link_.piece_bytes;
     if (!piece_)
       return fail(error, "not enough memory");
     const Value body = Object{{"upload", upload_},       {"pool", link_.pool_id},
@@ -156,7 +159,10 @@ private:
         }
         if (!recover(give_up, wait, stored, problem))
           return fail(error, problem.text);
-      }
+        // A network too slow for the whole may be fast enough for a part.
+        most_sent_ = std::max(LEAST_SENT_BYTES, most_sent_ / 2);
+      } else
+        most_sent_ = std::min(link_.piece_bytes, 2 * most_sent_);
       if (stored < piece_begin_ || stored > piece_end())
         return fail(error, "the server's unfinished file has " + std::to_string(stored) + " bytes instead of " +
                                std::to_string(piece_end()) + "; run the job again");
@@ -174,7 +180,7 @@ private:
     REST_Call call = request("PUT", {"uploads", upload_, "bytes"});
     call.path += "?offset=" + std::to_string(stored);
     call.body = piece_.get() + (stored - piece_begin_);
-    call.body_bytes = piece_end() - stored;
+    call.body_bytes = std::min<uint64_t>(most_sent_, piece_end() - stored);
     call.has_body = true;
     call.content_type = "application/octet-stream";
     return take_offset(call, stored, problem);
@@ -224,6 +230,7 @@ private:
   /// What the server has not confirmed yet, and where in the file that begins.
   std::unique_ptr<char[]> piece_;
   unsigned filled_ = 0;
+  unsigned most_sent_ = 0;
   uint64_t piece_begin_ = 0;
 };
 } // namespace

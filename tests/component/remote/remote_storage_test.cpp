@@ -290,6 +290,40 @@ TEST_F(Remote_Storage, gives_up_what_nobody_continues)
   EXPECT_TRUE(exists(path("g")));
 }
 
+TEST_F(Remote_Storage, limits_the_files_that_a_host_sends_at_once)
+{
+  place_.limits.open_of_host = 3;
+  place_.restart();
+  options_.max_seconds_retry = 5;
+  std::vector<std::unique_ptr<Client_IO_Ex>> clients;
+  for (int i = 0; i < 4; ++i) {
+    clients.push_back(std::make_unique<Client_IO_Ex>());
+    ASSERT_TRUE(clients.back()->connect(location_, options_));
+    EXPECT_EQ(i < 3, clients.back()->open("f" + std::to_string(i), 2, 0, 0)) << clients.back()->error();
+  }
+  EXPECT_NE(std::string::npos, std::string(clients[3]->error()).find("run fewer jobs at once"));
+  EXPECT_TRUE(clients[0]->close()) << clients[0]->error();
+  EXPECT_TRUE(clients[1]->discard());
+  EXPECT_TRUE(clients[3]->open("f3", 2, 0, 0)) << clients[3]->error();
+  use_host("host-2");
+  EXPECT_TRUE(store("other", "abc")) << error_;
+}
+
+TEST_F(Remote_Storage, sends_less_at_once_over_a_network_that_is_too_slow)
+{
+  options_.resumption_buffer_size = 8 * PIECE;
+  // A piece of more than 100000 bytes never arrives in time.
+  place_.before([](const REST_Request& request, REST_Reply& reply) {
+    if (request.method != "PUT" || request.body.size() <= 100000)
+      return false;
+    reply = rest_error(503, "busy", "too slow");
+    return true;
+  });
+  const std::string content = test_content(20 * PIECE);
+  ASSERT_TRUE(store("f", content)) << error_;
+  EXPECT_TRUE(content == fetch("f")) << error_;
+}
+
 TEST_F(Remote_Storage, tells_the_agent_that_the_pool_is_full)
 {
   const std::string content = test_content(5 * PIECE);
