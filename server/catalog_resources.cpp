@@ -114,6 +114,7 @@ REST_Reply Catalog_Resources::commit(REST_Request& request)
   bool must_be_new = required<bool>(body, "must_be_new");
   bool repeated = false;
   optional(body, "repeated", repeated);
+  const std::lock_guard<std::mutex> in_line(commits_);
   if (repeated && has_same(record)) {
     ACE_DEBUG((LM_DEBUG, "(%P|%t) Catalog_Resources::commit: %C was repeated by %C\n",
                text_field(record, "uuid").c_str(), request.caller.name.c_str()));

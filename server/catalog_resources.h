@@ -4,6 +4,7 @@
 #include "rpc/rest_router.h"
 
 #include <memory>
+#include <mutex>
 
 namespace kestrel
 {
@@ -34,6 +35,8 @@ private:
   json_spirit::Array rows(const std::string& catalog, const std::map<std::string, json_spirit::Value>& query);
 
   const std::shared_ptr<Catalog_Back_End> catalog_;
+  /// The catalog takes one writer at a time, and waiting in line is faster than asking again and again.
+  std::mutex commits_;
 };
 
 /// Throws the REST_Error of a catalog operation that was not done.
