@@ -145,11 +145,6 @@ void copy_state(const std::string& directory, std::vector<std::string>& notes)
   for (const char* name : tls_files)
     if (is_there(state_path(name)))
       copy_file(state_path(name), directory + "/" + name);
-  if (!write_secret(directory + "/complete",
-                    std::string("saved by kestrel ") + version() + " at " + std::to_string(clock().now()) +
-                        "\n",
-                    error))
-    throw std::runtime_error(error);
 }
 } // namespace
 
@@ -283,7 +278,10 @@ bool save_server(const std::string& directory, std::vector<std::string>& notes, 
     error = "The copy in " + directory + " is not complete: " + failed.what();
     return false;
   }
+  const std::string mark =
+      std::string("saved by kestrel ") + version() + " at " + std::to_string(clock().now()) + "\n";
   return with_accounts(
-      "server save", directory, [](Accounts&, Audit&) {}, error);
+             "server save", directory, [](Accounts&, Audit&) {}, error) &&
+         write_secret(directory + "/complete", mark, error);
 }
 } // namespace kestrel
