@@ -259,11 +259,11 @@ bool Server_Host::start(const Server_Config& config, std::string& error)
   parts->started = clock().now();
   if (!parts->lock_state(error) || !parts->open_database(error))
     return false;
-  parts->make_resources();
-  parts->connect_router();
-  parts->add_gauges();
-  parts->add_agents();
   try {
+    parts->make_resources();
+    parts->connect_router();
+    parts->add_gauges();
+    parts->add_agents();
     parts->prune();
   } catch (const std::exception& failed) {
     error = parts->database.translate(failed).what();

@@ -408,8 +408,10 @@ REST_Reply REST_Router::State::answer(REST_Request& request, const std::string& 
 
 void REST_Router::State::audit(const Route& route, const REST_Request& request, const REST_Reply& reply) const
 {
-  // Strangers could fill the disk with what they tried.
-  const bool stranger = request.caller.kind == REST_Caller::nobody && route.least != REST_Access::anyone;
+  // Strangers could fill the disk with what they tried. A failed sign-in is worth a row, and its handler
+  // limits how many there are.
+  const bool stranger = request.caller.kind == REST_Caller::nobody &&
+                        !(route.least == REST_Access::anyone && reply.status == 401);
   if (!auditor || stranger || !route.audited(reply))
     return;
   auditor(request, reply.status, reply.audit);

@@ -109,7 +109,8 @@ public:
   /// Whoever the headers name: fills `caller` and returns true, also for nobody when no credential was sent.
   /// False: the credential is not valid; the request is answered with 401 and `problem` as its text.
   typedef std::function<bool(const REST_Request&, REST_Caller& caller, std::string& problem)> Authenticator;
-  /// One request that changed something, or tried to.
+  /// One request that changed something, or tried to. Of strangers only what a handler that anyone may use
+  /// refused with 401.
   typedef std::function<void(const REST_Request&, int status, const std::string& what)> Auditor;
   /// Every request: pattern is "" when none matched.
   typedef std::function<void(const std::string& method, const std::string& pattern, int status,

@@ -357,6 +357,23 @@ TEST_F(Rest_Router, audits_what_changes_and_nothing_else)
   EXPECT_EQ((std::vector<std::string>{"POST /a 200 note", "POST /quiet 403 "}), audit_);
 }
 
+TEST_F(Rest_Router, of_strangers_only_failed_sign_ins_are_audited)
+{
+  int status = 401;
+  router_.add("POST", "/in", REST_Access::anyone, [&](REST_Request& request) {
+    if (status == 201)
+      request.caller = caller_of("viewer");
+    return rest_error(status, "code", "message");
+  });
+  caller_ = caller_of("");
+  for (const int each : {400, 401, 429, 500, 201}) {
+    status = each;
+    handle("POST", "/in");
+  }
+  handle("POST", "/in", "garbage");
+  EXPECT_EQ((std::vector<std::string>{"POST /in 401 ", "POST /in 201 "}), audit_);
+}
+
 TEST_F(Rest_Router, what_was_done_stays_done_when_the_audit_fails)
 {
   kestrel_test::Log_Capture log;
