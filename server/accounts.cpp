@@ -147,14 +147,24 @@ Accounts::New_Session Accounts::sign_in(const std::string& name, const std::stri
     *session << "SELECT password FROM account WHERE name = :n", soci::use(name, "n"), soci::into(hash);
     known = session->got_data();
   } // hashing takes long
-  const bool right = password.size() <= LONGEST_PASSWORD &&
-                     (known ? check_password(password, hash) : (check_no_password(password), false));
+  bool right = password.size() <= LONGEST_PASSWORD;
+  if (known)
+    right = right && check_password(password, hash);
+  else {
+    check_no_password(password);
+    right = false;
+  }
   if (!right) {
     limiter_.failed(name, address);
     throw REST_Error(401, "sign_in_failed", "Name and password do not fit");
   }
   limiter_.succeeded(name, address);
+  return open_session(name, hash, address);
+}
 
+Accounts::New_Session Accounts::open_session(const std::string& name, const std::string& hash,
+                                             const std::string& address)
+{
   New_Session made;
   made.token = random_hex(TOKEN_BYTES);
   const std::string token_hash = sha256_hex(made.token), id = make_uuid();

@@ -81,7 +81,8 @@ public:
   [[nodiscard]] bool authenticate(const REST_Request& request, REST_Caller& caller, std::string& problem);
 
 private:
-  void limit_sessions(const std::string& name);
+  /// For a user whose password has this hash and was right.
+  New_Session open_session(const std::string& name, const std::string& hash, const std::string& address);
 
   Server_Database& database_;
   const int session_seconds_;
