@@ -7,34 +7,14 @@ source "$here/kestrel_support.sh"
 # shellcheck source=tests/e2e/served_support.sh
 source "$here/served_support.sh"
 
+# shellcheck source=tests/e2e/served_one_host.sh
+source "$here/served_one_host.sh"
+
 instance=$(instance_name S)
-agent_root=$KESTREL_ROOT
-agent_pid='' server_pid=''
-end_daemons() { kill -KILL $agent_pid $server_pid 2>/dev/null || true; }
-trap 'end_daemons; cleanup' EXIT
-
-port_is_open() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-start_server() {
-  "${server_side[@]}" "$kestrel" server </dev/null >>"$work/server.out" 2>&1 &
-  server_pid=$!
-  wait_until 60 port_is_open "$port" || fail "the server does not answer: $(tail -5 "$work/server.out")"
-}
-start_agent() {
-  env KESTREL_ROOT="$agent_root" "$kestrel" agent --enrollment "$work/here.enrollment" </dev/null >>"$work/agent.out" 2>&1 &
-  agent_pid=$!
-  wait_until 60 host_is_online here || fail "the agent does not come online: $(tail -5 "$work/agent.out")"
-}
-end_process() { # PID SIGNAL
-  kill "-$2" "$1"
-  wait_until 60 not kill -0 "$1" || fail "process $1 does not end"
-  wait "$1" 2>/dev/null || true
-}
-
 note "server, enrollment, agent, first sign-in"
-port=$((20000 + RANDOM % 12000))
-url=https://127.0.0.1:$port
+choose_port
 make_instance "$instance" 30
-server_port=$port init_server 127.0.0.1 localhost
+init_server 127.0.0.1 localhost
 start_server
 enroll here
 equal "$(stat -c %a "$work/here.enrollment" "$server_files/tls/server.key" "$server_files/tls/ca.key" | sort -u)" 600 "modes of secrets"
@@ -77,17 +57,14 @@ backup=$(asked '.backups[0].id' backups)
 note "what an operator does: pause, resume, cancel"
 ask 0 job define <(jq '.name = "slow" | .rate_limits = {"write": 400000} | del(.id)' "$work/nightly.json") --host here
 tell 0 job run slow
-slow_run() { asked '.jobs[] | select(.document.name == "slow") | .states[].now | .run_id // ""' jobs; }
-slow_state() { asked '.jobs[] | select(.document.name == "slow") | .states[].now | .state // ""' jobs; }
-is_slow_state() { [[ "$(slow_state)" =~ ^($1)$ ]]; }
-wait_until 60 is_slow_state running || fail "the job does not run: $(slow_state)"
+wait_until 60 job_is slow running || fail "the job does not run: $(now_of slow state)"
 ask 1 job run slow # refused while one is under way
 tell 0 job pause slow
 # A tool that runs is not held up: the job waits for its next step.
-wait_until 60 is_slow_state "paus(ing|ed)" || fail "the job does not pause: $(slow_state)"
+wait_until 60 job_is slow "paus(ing|ed)" || fail "the job does not pause: $(now_of slow state)"
 tell 0 job resume slow
-wait_until 60 is_slow_state running || fail "the job does not go on: $(slow_state)"
-run_id=$(slow_run)
+wait_until 60 job_is slow running || fail "the job does not go on: $(now_of slow state)"
+run_id=$(now_of slow run_id)
 tell 0 job cancel slow
 wait_until 60 run_has_ended "$run_id" || fail "the canceled run does not end"
 equal "$(state_of_run "$run_id")" canceled "state of the canceled run"
@@ -96,8 +73,8 @@ nothing_left
 
 note "the agent is killed in a run: the run is reported as failed when it is back"
 tell 0 job run slow
-wait_until 60 is_slow_state running || fail "the job does not run: $(slow_state)"
-run_id=$(slow_run)
+wait_until 60 job_is slow running || fail "the job does not run: $(now_of slow state)"
+run_id=$(now_of slow run_id)
 end_process "$agent_pid" KILL
 wait_until 100 host_is_offline here || fail "the host stays online"
 start_agent
@@ -111,11 +88,8 @@ equal "$(served_backup_count)" 1 "backups after the kill"
 note "the server is killed in a backup: the backup ends well"
 ask 0 job define <(jq '.name = "steady" | .rate_limits = {"write": 3000000} | del(.id)' "$work/nightly.json") --host here
 tell 0 job run steady
-steady_state() { asked '.jobs[] | select(.document.name == "steady") | .states[].now | .state // ""' jobs; }
-is_steady_state() { [ "$(steady_state)" = "$1" ]; }
-wait_until 60 is_steady_state running || fail "the job does not run"
-end_process "$server_pid" KILL
-start_server
+wait_until 60 job_is steady running || fail "the job does not run"
+restart_server KILL
 wait_until 100 host_is_online here || fail "the agent does not come back"
 steady_ended() { [ -n "$(runs_of steady .state)" ]; }
 wait_until 120 steady_ended || fail "the run is not reported"
@@ -124,14 +98,12 @@ equal "$(served_backup_count)" 2 "backups"
 
 note "the server is killed when bytes come, when they are complete, and around the commit"
 appears() { find "$pool" -type f -newer "$work/mark" -name "$1" | grep -q .; }
-more_runs() { [ "$(run_count "$1")" -gt "$2" ]; }
 for pattern in '*' '*.meta' '*.zst'; do
   before=$(run_count nightly)
   touch "$work/mark"
   tell 0 job run nightly
   wait_closely 60 appears "$pattern" || fail "the backup stores nothing like $pattern"
-  end_process "$server_pid" KILL
-  start_server
+  restart_server KILL
   wait_until 100 host_is_online here || fail "the agent does not come back"
   wait_until 100 more_runs nightly "$before" || fail "the run is not reported ($pattern)"
   equal "$(runs_of nightly .state | head -1)" completed "backup with a server killed at $pattern"
