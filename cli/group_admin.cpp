@@ -10,7 +10,7 @@ void add_admin_commands(Command_Registry& registry)
   Command_Line& line = registry.line();
   registry.add("users", "List the users of the backup server", {nullptr, nullptr, served_users});
   registry.group("user", "Add and remove users of the backup server");
-  CLI::App& add = registry.add("user add", "Add a user, or give one a new role and password",
+  CLI::App& add = registry.add("user add", "Add a user",
                                {nullptr, nullptr, served_user_add});
   add.add_option("NAME", line.user, "name of the user")->required();
   add.add_option("--role", line.role, "what the user may do")
