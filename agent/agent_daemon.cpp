@@ -58,7 +58,8 @@ int Agent_Daemon::run()
   std::string error;
   if (!prepare(error) || !open_jobs(error) || !serve(error)) {
     std::fprintf(stderr, "kestrel: the agent cannot start: %s\n", error.c_str());
-    ACE_ERROR((LM_ERROR, "The agent cannot start: %C\n", error.c_str()));
+    if (log_opened_)
+      ACE_ERROR((LM_ERROR, "The agent cannot start: %C\n", error.c_str()));
     ignore_result(notifier_.stopping(error), "it is over either way");
     give_up();
     return EXIT_FAILURE;
@@ -137,7 +138,8 @@ bool Agent_Daemon::open_log(std::string& error)
   log.file = Path_Conf("/var/log/kestrel3").path("agent.log");
   log.to_stderr = options_.stderr_log;
   log.minimum = config_.log_level;
-  return open_process_log(log, error);
+  log_opened_ = open_process_log(log, error);
+  return log_opened_;
 }
 
 bool Agent_Daemon::open_jobs(std::string& error)

@@ -87,6 +87,7 @@ private:
   Host_Identity identity_;
   std::string name_;
   File_Lock lock_;
+  bool log_opened_ = false;
 
   // In the order in which they depend on each other.
   Module_Table modules_;

@@ -73,6 +73,12 @@ bool WebSocket_State::open() const
   return phase() == Phase::open;
 }
 
+std::size_t WebSocket_State::unsent() const
+{
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return queue_.size() + (writing_bytes_ != 0 ? 1 : 0);
+}
+
 void WebSocket_State::attach(const std::weak_ptr<WebSocket_Session_Base>& session)
 {
   const std::lock_guard<std::mutex> guard(mutex_);
@@ -155,6 +161,7 @@ public:
   void close(const std::string& why) override { state_->close(why); }
   bool open() const override { return state_->open(); }
   std::string address() const override { return state_->address; }
+  std::size_t unsent() const override { return state_->unsent(); }
   std::size_t message_limit_bytes() const override { return state_->limits.message_bytes; }
 
 private:

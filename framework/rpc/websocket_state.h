@@ -41,6 +41,7 @@ public:
   bool send(const std::string& text);
   void close(const std::string& why);
   bool open() const;
+  std::size_t unsent() const;
 
   // For the network end.
   void attach(const std::weak_ptr<WebSocket_Session_Base>& session);
