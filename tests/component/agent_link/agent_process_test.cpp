@@ -292,7 +292,7 @@ TEST_F(Agent_Process_Test, a_second_request_to_end_cancels_the_run)
 
 TEST_F(Agent_Process_Test, an_agent_that_may_cancel_does_so_at_the_first_request)
 {
-  root_.write("agent.toml", "[jobs]\ncancel_at_stop = true\n");
+  root_.write("agent.toml", "[jobs]\nstop = \"cancel\"\n");
   const std::string file = root_.write("enroll.json", server_.enrollment(), 0600);
   agent_.start({"--enrollment", file, "--config", root_ / "agent.toml"});
   ASSERT_TRUE(server_.wait_greeting()) << agent_.errors();
