@@ -93,7 +93,7 @@ protected:
   {
     json_spirit::Object params;
     set_value(params, "definitions", json_spirit::Array{definition()});
-    EXPECT_EQ("{\"refused\":[]}", write_json(json_spirit::find_value(server_.call("job.sync", params), "result")));
+    ASSERT_EQ("{\"refused\":[]}", write_json(json_spirit::find_value(server_.call("job.sync", params), "result")));
   }
   void run()
   {

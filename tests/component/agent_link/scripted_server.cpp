@@ -55,8 +55,8 @@ public:
   }
   void closed(const std::string&) override {}
 
-  /// One call to the agent; false when no answer came.
-  bool call(const std::string& method, const json_spirit::Object& params, json_spirit::Object& answer)
+  /// One call to the agent; false when no answer came within the time.
+  bool call(const std::string& method, const json_spirit::Object& params, int seconds, json_spirit::Object& answer)
   {
     std::unique_lock<std::mutex> lock(answers_mutex_);
     const int id = ++last_id_;
@@ -67,7 +67,7 @@ public:
     set_value(request, "params", params);
     if (!channel_->send(write_json(request)))
       return false;
-    const bool came = answered_.wait_for(lock, std::chrono::seconds(60), [&] { return answers_.count(id) != 0; });
+    const bool came = answered_.wait_for(lock, std::chrono::seconds(seconds), [&] { return answers_.count(id) != 0; });
     if (came)
       answer = answers_[id];
     return came;
@@ -78,8 +78,11 @@ public:
 private:
   void take_answer(const json_spirit::Object& answer)
   {
+    const json_spirit::Value& id = json_spirit::find_value(answer, "id");
+    if (id.type() != json_spirit::int_type)
+      return; // about something that was no call
     const std::lock_guard<std::mutex> guard(answers_mutex_);
-    answers_[json_spirit::find_value(answer, "id").get_int()] = answer;
+    answers_[id.get_int()] = answer;
     answered_.notify_all();
   }
 
@@ -154,7 +157,11 @@ Agent_Server::Agent_Server(WebSocket_Limits limits)
 Agent_Server::~Agent_Server()
 {
   hold = false;
-  server_.stop(1000);
+  server_.stop(1000, [this] {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    for (const std::shared_ptr<Connection>& connection : connections_)
+      connection->close();
+  });
 }
 
 std::string Agent_Server::enrollment(unsigned short other_port) const
@@ -255,17 +262,24 @@ bool Agent_Server::wait_greeting(size_t number) const
   return eventually([&] { return greetings() > number; });
 }
 
+std::shared_ptr<Agent_Server::Connection> Agent_Server::latest_greeted() const
+{
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return greeted_.empty() ? nullptr : connections_[greeted_.back()];
+}
+
 json_spirit::Object Agent_Server::call(const std::string& method, const json_spirit::Object& params)
 {
-  std::shared_ptr<Connection> latest;
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    if (!greeted_.empty())
-      latest = connections_[greeted_.back()];
-  }
+  const std::shared_ptr<Connection> latest = latest_greeted();
   json_spirit::Object answer;
-  EXPECT_TRUE(latest && latest->call(method, params, answer)) << method << " was not answered";
+  EXPECT_TRUE(latest && latest->call(method, params, 60, answer)) << method << " was not answered";
   return answer;
+}
+
+bool Agent_Server::try_call(const std::string& method, const json_spirit::Object& params, json_spirit::Object& answer)
+{
+  const std::shared_ptr<Connection> latest = latest_greeted();
+  return latest && latest->call(method, params, 1, answer);
 }
 
 void Agent_Server::say(const std::string& text)

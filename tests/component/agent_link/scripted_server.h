@@ -58,6 +58,8 @@ public:
   bool wait_greeting(size_t number = 0) const;
   /// Calls the agent of the latest greeted connection and gives its whole answer; without one the test fails.
   json_spirit::Object call(const std::string& method, const json_spirit::Object& params = json_spirit::Object());
+  /// The same without a failure when no answer comes within a second.
+  bool try_call(const std::string& method, const json_spirit::Object& params, json_spirit::Object& answer);
   /// Sends a text as it is on the latest connection.
   void say(const std::string& text);
   /// Closes the latest connection.
@@ -65,6 +67,7 @@ public:
 
 private:
   class Connection;
+  std::shared_ptr<Connection> latest_greeted() const;
   void add_connection(std::shared_ptr<kestrel::WebSocket_Channel> channel);
   kestrel::REST_Reply answer(kestrel::REST_Request& request, const std::string& target);
 
