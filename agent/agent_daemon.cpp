@@ -26,6 +26,8 @@ namespace
 {
 const int64_t turn_msec = 500;
 const int64_t main_stuck_msec = 120 * 1000;
+/// Its turns wait for the disk.
+const int64_t scheduler_stuck_msec = 120 * 1000;
 /// Asked for again and again while the runs end; the unit's own limit need not know agent.toml.
 const int64_t extend_msec = 60 * 1000;
 const int64_t extend_every_msec = 10 * 1000;
@@ -206,6 +208,9 @@ bool Agent_Daemon::serve(std::string& error)
     if (link_)
       link_->instances_changed(instances);
   });
+  const size_t scheduler = heartbeats_.add("scheduler", scheduler_stuck_msec);
+  jobs_->set_heartbeat([this, scheduler] { heartbeats_.beat(scheduler); });
+  scheduler_heartbeat_ = scheduler;
   instances_->start();
   // Jobs may ask the server as soon as they run.
   return connect(error) && jobs_->start(error);
@@ -378,10 +383,12 @@ void Agent_Daemon::cancel_runs()
     try {
       if (!required<bool>(job.get_obj(), "running"))
         continue;
+      const std::string id = required<std::string>(job.get_obj(), "id");
       std::string run_id;
       Jobs_Error problem;
-      if (!jobs_->control(required<std::string>(job.get_obj(), "id"), "cancel", json_spirit::Object(), run_id, problem))
-        ACE_ERROR((LM_WARNING, "A run cannot be canceled: %C\n", problem.text.c_str()));
+      // One that is just beginning or ending refuses; the next turn asks again what is left.
+      if (!jobs_->control(id, "cancel", json_spirit::Object(), run_id, problem))
+        ACE_DEBUG((LM_INFO, "The run of %C is not canceled now: %C\n", id.c_str(), problem.text.c_str()));
     } catch (const std::exception& exception) {
       ACE_ERROR((LM_ERROR, "A run cannot be canceled: %C\n", exception.what()));
     }
@@ -392,6 +399,7 @@ bool Agent_Daemon::stop_jobs()
 {
   std::atomic<bool> ended{false};
   bool all_ended = false;
+  heartbeats_.end(scheduler_heartbeat_);
   std::thread waiter([&] {
     all_ended = jobs_->stop(config_.stop_seconds, config_.cancel_at_stop);
     ended = true;
@@ -405,9 +413,10 @@ bool Agent_Daemon::stop_jobs()
       ignore_result(notifier_.extend(extend_msec), "logged");
       extended = waited + 1;
     }
-    if (signals_.terminations() > 1 && !canceled) {
+    if (signals_.terminations() > 1) {
+      if (!canceled)
+        ACE_DEBUG((LM_INFO, "Asked again to end: the runs under way are canceled\n"));
       canceled = true;
-      ACE_DEBUG((LM_INFO, "Asked again to end: the runs under way are canceled\n"));
       cancel_runs();
     }
     signals_.wait(turn_msec);

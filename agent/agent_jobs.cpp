@@ -95,7 +95,6 @@ bool Agent_Jobs::stop(unsigned grace_seconds, bool cancel)
     state.opened = false;
   }
   state.notices.stop();
-  state.database.close();
   state.only_agent.unlock();
   return idle;
 }
@@ -158,7 +157,9 @@ bool Agent_Jobs::control(const std::string& id, const std::string& action, const
       error = Jobs_Error{Jobs_Error::unknown_id, "there is no job " + id.substr(0, 80)};
       return false;
     }
-    if (state.stopping || !state.scheduling.joinable()) {
+    // A run that a stop waits for may still be ended.
+    const bool ends = action == "cancel" || action == "abort";
+    if (!state.opened || (!ends && (state.stopping || !state.scheduling.joinable()))) {
       error = Jobs_Error{Jobs_Error::busy, "the agent runs no jobs now: it starts or stops"};
       return false;
     }
@@ -259,6 +260,12 @@ Agent_Jobs::Counts Agent_Jobs::counts() const
   counts.definitions = static_cast<unsigned>(state_->jobs.size());
   state_->runner.counts(counts.running, counts.queued);
   return counts;
+}
+
+void Agent_Jobs::set_heartbeat(std::function<void()> heartbeat)
+{
+  const std::lock_guard<std::mutex> guard(state_->mutex);
+  state_->heartbeat = std::move(heartbeat);
 }
 
 void Agent_Jobs::set_listener(std::function<void(const Job_Notice&)> listener)

@@ -77,6 +77,7 @@ public:
   /// Begins no more runs. Waits for the runs under way for the grace time, or cancels them at once; cancels
   /// what is left then and waits for at most another two minutes. False when a run is still under way after
   /// that: module code may be running, so the caller may only end the process.
+  /// Meanwhile runs may be canceled from other threads, and afterwards records can still be read and acknowledged.
   [[nodiscard]] bool stop(unsigned grace_seconds, bool cancel);
 
   /// The complete set of definitions that the server manages: {"id","revision","enabled","document"} each.
@@ -120,6 +121,9 @@ public:
   };
   Counts counts() const;
 
+  /// Called with every turn of the loop that looks for due runs, at least twice a second, until stop(). It must return at
+  /// once and not call back. Before start().
+  void set_heartbeat(std::function<void()> heartbeat);
   /// Hears every change of state, and progress at most about once a second for each run. Null ends it: no
   /// call into the former listener goes on afterwards.
   void set_listener(std::function<void(const Job_Notice&)> listener);

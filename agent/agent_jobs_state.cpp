@@ -301,6 +301,8 @@ void Agent_Jobs::State::schedule_loop()
     take_due();
     if (now < pruned_at || now - pruned_at >= prune_interval_sec)
       prune(now);
+    if (heartbeat)
+      heartbeat();
     wake.wait_for(lock, schedule_interval);
   }
 }

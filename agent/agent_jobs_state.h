@@ -11,6 +11,7 @@
 #include "agent/run_history.h"
 #include "base/file_lock.h"
 
+#include <functional>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -83,6 +84,7 @@ struct Agent_Jobs::State {
   bool record_waits = false;        ///< told once
   bool stopping = false;
   bool opened = false;
+  std::function<void()> heartbeat;
   time_t until_kept = 0;
   time_t pruned_at = 0;
   std::thread scheduling;

@@ -207,7 +207,7 @@ TEST_F(Agent_Process_Test, runs_that_ended_are_reported_after_a_kill_until_they_
   let_go();
   server_.runs_status = 503;
   run();
-  ASSERT_TRUE(eventually([&] { return posted_states().count("failed") != 0; })) << agent_.log();
+  ASSERT_TRUE(eventually([&] { return posted_states().count("error") != 0; })) << agent_.log();
   const std::string run_id = server_.posted().back();
   EXPECT_EQ(128 + SIGKILL, agent_.kill_and_wait());
 
@@ -243,7 +243,7 @@ TEST_F(Agent_Process_Test, a_killed_agent_reports_the_run_that_was_under_way_as_
   EXPECT_EQ(128 + SIGKILL, agent_.kill_and_wait());
   let_go(); // the script of the killed agent ends
   enroll_and_start();
-  ASSERT_TRUE(eventually([&] { return posted_states().count("failed") != 0; })) << agent_.log();
+  ASSERT_TRUE(eventually([&] { return posted_states().count("error") != 0; })) << agent_.log();
 }
 
 TEST_F(Agent_Process_Test, tells_of_a_run_while_it_goes_on)
@@ -256,7 +256,7 @@ TEST_F(Agent_Process_Test, tells_of_a_run_while_it_goes_on)
   let_go();
   EXPECT_TRUE(eventually([&] {
     const std::vector<json_spirit::Object> told = server_.notices("job.state");
-    return json_spirit::find_value(told.back(), "state").get_str() == "failed";
+    return json_spirit::find_value(told.back(), "state").get_str() == "error";
   })) << agent_.log();
 }
 
