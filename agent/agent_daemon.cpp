@@ -414,10 +414,10 @@ bool Agent_Daemon::stop_jobs()
       extended = waited + 1;
     }
     if (signals_.terminations() > 1) {
+      cancel_runs();
       if (!canceled)
         ACE_DEBUG((LM_INFO, "Asked again to end: the runs under way are canceled\n"));
       canceled = true;
-      cancel_runs();
     }
     signals_.wait(turn_msec);
   }

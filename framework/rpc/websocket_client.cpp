@@ -122,7 +122,7 @@ public:
       self->cancelled_ = true;
       if (self->session_)
         self->session_->abort();
-      else
+      else if (self->stream_)
         beast::get_lowest_layer(*self->stream_).close();
     });
   }
@@ -201,6 +201,7 @@ private:
   {
     const auto state = std::make_shared<WebSocket_State>(options_.limits, where_);
     session_ = std::make_shared<WebSocket_Session<Stream>>(std::move(*stream_), state, nullptr);
+    stream_.reset();
     session_->shake_hands(where_, url_.target, options_.headers, options_.upgrade_msec, response_,
                           [self = this->shared_from_this()](Error error) { self->upgraded(error); });
   }
@@ -241,7 +242,7 @@ private:
   const std::vector<tcp::endpoint> endpoints_;
   const std::shared_ptr<Outcome> outcome_;
   const asio::strand<asio::io_context::executor_type> strand_;
-  std::optional<Stream> stream_;
+  std::optional<Stream> stream_; ///< until the session has it
   std::shared_ptr<WebSocket_Session<Stream>> session_; ///< while it shakes hands
   typename WebSocket_Session<Stream>::Response response_;
   std::size_t next_endpoint_ = 0;

@@ -105,6 +105,27 @@ protected:
   }
   void let_go() { root_.write("go", ""); }
   bool run_begun() { return wait_for_file(begun_); }
+  /// The script may be faster than the record of its run.
+  bool begin_is_recorded()
+  {
+    return eventually([&] {
+      const json_spirit::Object answer = server_.call("job.list");
+      const json_spirit::Object result = json_spirit::find_value(answer, "result").get_obj();
+      const json_spirit::Object job = json_spirit::find_value(result, "jobs").get_array().at(0).get_obj();
+      const json_spirit::Value& run = json_spirit::find_value(job, "last_run");
+      return !run.is_null() && write_json(json_spirit::find_value(run.get_obj(), "started_at")) != "0";
+    });
+  }
+  /// Whether a run was said to be in this state.
+  bool wait_for_state(const std::string& state) const
+  {
+    return eventually([&] {
+      const std::vector<json_spirit::Object> told = server_.notices("job.state");
+      return std::any_of(told.begin(), told.end(), [&](const json_spirit::Object& params) {
+        return json_spirit::find_value(params, "state").get_str() == state;
+      });
+    });
+  }
   /// The states of the records of ended runs that the server was sent.
   std::set<std::string> posted_states() const
   {
@@ -239,7 +260,7 @@ TEST_F(Agent_Process_Test, a_killed_agent_reports_the_run_that_was_under_way_as_
   enroll_and_start();
   define();
   run();
-  ASSERT_TRUE(run_begun()) << agent_.log();
+  ASSERT_TRUE(run_begun() && begin_is_recorded()) << agent_.log();
   EXPECT_EQ(128 + SIGKILL, agent_.kill_and_wait());
   let_go(); // the script of the killed agent ends
   enroll_and_start();
@@ -274,6 +295,7 @@ TEST_F(Agent_Process_Test, waits_for_the_run_under_way_when_it_is_asked_to_end)
   let_go();
   EXPECT_EQ(0, agent_.wait()) << agent_.log();
   EXPECT_NE(std::string::npos, agent_.log().find("The agent has ended"));
+  EXPECT_EQ(std::set<std::string>{"error"}, posted_states());
 }
 
 TEST_F(Agent_Process_Test, a_second_request_to_end_cancels_the_run)
@@ -285,9 +307,11 @@ TEST_F(Agent_Process_Test, a_second_request_to_end_cancels_the_run)
   agent_.signal(SIGTERM);
   ASSERT_TRUE(eventually([&] { return agent_.log().find("ending when 1 run has ended") != std::string::npos; }));
   agent_.signal(SIGTERM);
+  ASSERT_TRUE(eventually([&] { return agent_.log().find("Asked again to end") != std::string::npos; }));
+  EXPECT_TRUE(wait_for_state("canceling")) << agent_.log();
+  let_go(); // a script of the user's is never cut off
   EXPECT_EQ(0, agent_.wait()) << agent_.log();
-  EXPECT_NE(std::string::npos, agent_.log().find("Asked again to end"));
-  let_go();
+  EXPECT_EQ(std::set<std::string>{"canceled"}, posted_states());
 }
 
 TEST_F(Agent_Process_Test, an_agent_that_may_cancel_does_so_at_the_first_request)
@@ -300,8 +324,10 @@ TEST_F(Agent_Process_Test, an_agent_that_may_cancel_does_so_at_the_first_request
   run();
   ASSERT_TRUE(run_begun()) << agent_.log();
   agent_.signal(SIGTERM);
-  EXPECT_EQ(0, agent_.wait()) << agent_.log();
+  EXPECT_TRUE(wait_for_state("canceling")) << agent_.log();
   let_go();
+  EXPECT_EQ(0, agent_.wait()) << agent_.log();
+  EXPECT_EQ(std::set<std::string>{"canceled"}, posted_states());
 }
 
 TEST_F(Agent_Process_Test, speaks_with_the_service_manager_from_start_to_end)
