@@ -1,5 +1,6 @@
 #include "agent/server_link.h"
 
+#include "base/scope_guard.h"
 #include "json/json_util.h"
 #include "rpc/json_rpc_peer.h"
 #include "storage/host_manager.h"
@@ -52,6 +53,7 @@ struct Server_Link::Shared {
   std::condition_variable wake;        ///< for the connection's thread
   std::condition_variable wake_report; ///< for the reports' thread
   bool stop = false;
+  std::shared_ptr<JSON_RPC_Peer> peer; ///< of the connection in use
   uint64_t connection = 0; ///< number of the one in use
   uint64_t closed = 0;     ///< number of the last one that has gone
   std::string close_reason;
@@ -97,11 +99,16 @@ void Server_Link::start()
 
 void Server_Link::stop()
 {
+  std::shared_ptr<JSON_RPC_Peer> peer;
   {
     const std::lock_guard<std::mutex> guard(shared_->mutex);
     shared_->stop = true;
+    peer = shared_->peer;
   }
   client_.cancel();
+  // A greeting may be waiting for its answer.
+  if (peer)
+    peer->close("The agent stops.");
   shared_->wake.notify_all();
   shared_->wake_report.notify_all();
   for (std::thread* thread : {&thread_, &report_thread_})
@@ -193,7 +200,11 @@ int64_t Server_Link::connect_once()
   }
   const Time::time_point begin = Time::now();
   const std::shared_ptr<JSON_RPC_Peer> peer = start_peer(channel);
-  if (!greet(*peer)) {
+  const Scope_Guard forget([this] {
+    const std::lock_guard<std::mutex> guard(shared_->mutex);
+    shared_->peer.reset();
+  });
+  if (!use(peer) || !greet(*peer)) {
     peer->close();
     return delay_.after_failure();
   }
@@ -228,6 +239,14 @@ std::shared_ptr<JSON_RPC_Peer> Server_Link::start_peer(const std::shared_ptr<Web
     shared->wake.notify_all();
   };
   return JSON_RPC_Peer::start(channel, &dispatcher_, options);
+}
+
+/// False when it came too late: the link stops.
+bool Server_Link::use(const std::shared_ptr<JSON_RPC_Peer>& peer)
+{
+  const std::lock_guard<std::mutex> guard(shared_->mutex);
+  shared_->peer = peer;
+  return !shared_->stop;
 }
 
 bool Server_Link::greet(JSON_RPC_Peer& peer)

@@ -81,7 +81,7 @@ public:
   Server_Link& operator=(const Server_Link&) = delete;
 
   void start();
-  /// Says good-bye and waits for the threads; a request under way to the server ends first. Not to be started again.
+  /// Says good-bye and waits for the threads; a report under way to the server ends first. Not to be started again.
   void stop();
 
   void job_changed(const Job_Notice& notice);
@@ -99,6 +99,7 @@ private:
   /// One connection from dial to end. Gives how long to wait before the next.
   int64_t connect_once();
   std::shared_ptr<JSON_RPC_Peer> start_peer(const std::shared_ptr<WebSocket_Channel>& channel);
+  bool use(const std::shared_ptr<JSON_RPC_Peer>& peer);
   bool greet(JSON_RPC_Peer& peer);
   void keep_telling(JSON_RPC_Peer& peer);
   bool tell_next(JSON_RPC_Peer& peer);

@@ -87,14 +87,15 @@ public:
   }
   ~Connection() override { answered(false); }
 
+  // The timer's executor is the stream's, and stays when the stream is handed over.
   void start() override
   {
-    asio::dispatch(stream_.get_executor(), [self = this->shared_from_this()] { self->open(); });
+    asio::dispatch(deadline_.get_executor(), [self = this->shared_from_this()] { self->open(); });
   }
 
   void close_when_idle() override
   {
-    asio::post(stream_.get_executor(), [self = this->shared_from_this()] {
+    asio::post(deadline_.get_executor(), [self = this->shared_from_this()] {
       if (self->idle_ && !self->handed_over_)
         self->lowest().cancel();
     });
@@ -102,7 +103,7 @@ public:
 
   void abort() override
   {
-    asio::post(stream_.get_executor(), [self = this->shared_from_this()] {
+    asio::post(deadline_.get_executor(), [self = this->shared_from_this()] {
       self->ended_ = true;
       if (!self->handed_over_)
         self->lowest().close();
