@@ -26,8 +26,9 @@ namespace asio = boost::asio;
 using asio::ip::tcp;
 typedef boost::system::error_code Error;
 
-/// How long the threads may take to end once every connection was cut.
-const int END_MSEC = 5000;
+/// How long the threads may take to end once every connection was cut. Longer than a WebSocket waits for the
+/// other side's good-bye.
+const int END_MSEC = 20000;
 /// A remark about refused connections once in so long.
 const int64_t REMARK_MSEC = 60000;
 

@@ -163,6 +163,13 @@ bool Raw_Client::sees_end()
   return state_->received.empty() && !state_->read_more();
 }
 
+bool Raw_Client::skip_bytes()
+{
+  const bool read = !state_->received.empty() || state_->read_more();
+  state_->received.clear();
+  return read;
+}
+
 void Raw_Client::close(bool reset)
 {
   const struct linger at_once = {1, 0};

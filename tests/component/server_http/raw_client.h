@@ -42,6 +42,8 @@ public:
   void end_sending();
   /// True when the server closes without a further byte.
   bool sees_end();
+  /// Waits for any bytes and forgets them; false at the end.
+  bool skip_bytes();
   /// Closes at once; with `reset` unsent data is dropped and the server sees a reset.
   void close(bool reset = false);
 

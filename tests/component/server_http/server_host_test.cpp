@@ -247,7 +247,10 @@ TEST_F(Server, a_stop_ends_connections_of_agents)
   Raw_Client agent(host_.port(), tls());
   EXPECT_EQ(101, agent.ask(http_request("GET", "/k2/w/agent", upgrade_headers + key_header("db1"))).status);
   const unsigned short port = host_.port();
-  host_.stop(0);
+  std::thread stopper([this] { host_.stop(0); });
+  EXPECT_TRUE(agent.skip_bytes()) << "a good-bye";
+  agent.close();
+  stopper.join();
   EXPECT_FALSE(Raw_Client(port, tls()).connected());
 }
 
