@@ -1,5 +1,5 @@
+#include "cli/pool_output.h"
 #include "cli/session.h"
-#include "cli/text_format.h"
 
 #include "catalog/catalog_admin.h"
 #include "json/json_util.h"
@@ -8,15 +8,6 @@ namespace kestrel
 {
 namespace
 {
-json_spirit::Object json_of(const Pool_Info& pool)
-{
-  json_spirit::Object object;
-  set_value(object, "id", pool.pool_id);
-  set_value(object, "name", pool.name);
-  set_value(object, "path", pool.storage_path);
-  return object;
-}
-
 /// Sets in the pool; a short wait only, as somebody is looking at the screen.
 bool count_backups(const Pool_Info& pool, uint64_t& count, std::string& error)
 {
@@ -35,7 +26,8 @@ int run_pool_add(Session& session)
     return session.fail("the pool " + line.pool + " was not added: " + error);
   if (line.make_default && !pools.set_default_pool(pool.pool_id, error))
     return session.fail("the pool " + line.pool + " was added, but is not the default: " + error);
-  session.result(json_of(pool), "Pool " + pool.name + " keeps its files in " + pool.storage_path + ".\n");
+  session.result(json_of_pool(pool),
+                 "Pool " + pool.name + " keeps its files in " + pool.storage_path + ".\n");
   return EXIT_CODE_DONE;
 }
 
@@ -49,24 +41,14 @@ int run_pool_list(Session& session)
   if (!session.host().pools().default_pool(default_pool, error))
     default_pool.pool_id.clear();
 
-  json_spirit::Array list;
-  std::vector<std::vector<std::string>> rows = {{"NAME", "DEFAULT", "BACKUPS", "PATH"}};
+  std::vector<Listed_Pool> listed;
   for (const Pool_Info& pool : pools) {
     uint64_t count = 0;
     if (!count_backups(pool, count, error))
       return session.fail("the pools cannot be listed: " + error);
-    const bool is_default = pool.pool_id == default_pool.pool_id;
-    json_spirit::Object object = json_of(pool);
-    set_value(object, "default", is_default);
-    set_value(object, "backups", count);
-    list.push_back(object);
-    rows.push_back({pool.name, is_default ? "yes" : "", std::to_string(count), pool.storage_path});
+    listed.push_back({pool, pool.pool_id == default_pool.pool_id, count});
   }
-  json_spirit::Object json;
-  set_value(json, "pools", list);
-  session.result(json, pools.empty()
-                           ? "There is no pool yet. Add one: kestrel pool add NAME --path DIR --default\n"
-                           : format_table(rows, {2}));
+  show_pools(session, listed);
   return EXIT_CODE_DONE;
 }
 
@@ -83,7 +65,7 @@ int run_pool_remove(Session& session)
                         " backups live in it; kestrel backups lists them");
   if (!session.host().pools().remove(pool.pool_id, error))
     return session.fail("the pool " + name + " was not removed: " + error);
-  session.result(json_of(pool), "Pool " + pool.name + " is forgotten; its directory was left alone.\n");
+  session.result(json_of_pool(pool), "Pool " + pool.name + " is forgotten; its directory was left alone.\n");
   return EXIT_CODE_DONE;
 }
 } // namespace kestrel

@@ -12,6 +12,7 @@ const char* const job_help = "id of a job, a unique beginning of it, or its name
 
 void add_hosts_option(CLI::App& command, Command_Line& line, const std::string& help)
 {
+  // One a time, so that what follows is not taken for another host.
   command.add_option("--host", line.hosts, help)->allow_extra_args(false);
 }
 

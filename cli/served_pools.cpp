@@ -1,6 +1,6 @@
+#include "cli/pool_output.h"
 #include "cli/served_commands.h"
 #include "cli/served_json.h"
-#include "cli/text_format.h"
 
 #include "json/json_util.h"
 
@@ -8,15 +8,6 @@ namespace kestrel
 {
 namespace
 {
-json_spirit::Object json_of(const Pool_Info& pool)
-{
-  json_spirit::Object object;
-  set_value(object, "id", pool.pool_id);
-  set_value(object, "name", pool.name);
-  set_value(object, "path", pool.storage_path);
-  return object;
-}
-
 bool count_backups(Console& console, const Pool_Info& pool, uint64_t& count)
 {
   json_spirit::Object reply;
@@ -93,7 +84,7 @@ int served_pool_add(Console& console)
   pool.storage_path = text_in(reply, "path");
   if (pool.pool_id.empty())
     return console.fail_answer("the new pool's id");
-  console.result(json_of(pool),
+  console.result(json_of_pool(pool),
                  "Pool " + pool.name + " keeps its files in " + pool.storage_path + " of the server.\n");
   return EXIT_CODE_DONE;
 }
@@ -105,24 +96,14 @@ int served_pool_list(Console& console)
   std::string error;
   if (!console.pools(pools, default_id, error))
     return console.fail("the pools cannot be listed: " + error);
-  json_spirit::Array list;
-  std::vector<std::vector<std::string>> rows = {{"NAME", "DEFAULT", "BACKUPS", "PATH"}};
+  std::vector<Listed_Pool> listed;
   for (const Pool_Info& pool : pools) {
     uint64_t count = 0;
     if (!count_backups(console, pool, count))
       return EXIT_CODE_FAILED;
-    const bool is_default = pool.pool_id == default_id;
-    json_spirit::Object object = json_of(pool);
-    set_value(object, "default", is_default);
-    set_value(object, "backups", count);
-    list.push_back(object);
-    rows.push_back({pool.name, is_default ? "yes" : "", std::to_string(count), pool.storage_path});
+    listed.push_back({pool, pool.pool_id == default_id, count});
   }
-  json_spirit::Object json;
-  set_value(json, "pools", list);
-  console.result(json, pools.empty()
-                           ? "There is no pool yet. Add one: kestrel pool add NAME --path DIR --default\n"
-                           : format_table(rows, {2}));
+  show_pools(console, listed);
   return EXIT_CODE_DONE;
 }
 
@@ -135,7 +116,7 @@ int served_pool_remove(Console& console)
   json_spirit::Object reply;
   if (!console.send("DELETE", {"pools", pool.pool_id}, json_spirit::Value(), reply))
     return EXIT_CODE_FAILED;
-  console.result(json_of(pool), "Pool " + pool.name + " is forgotten; its directory was left alone.\n");
+  console.result(json_of_pool(pool), "Pool " + pool.name + " is forgotten; its directory was left alone.\n");
   return EXIT_CODE_DONE;
 }
 } // namespace kestrel

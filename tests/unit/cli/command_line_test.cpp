@@ -2,6 +2,8 @@
 
 #include "cli/exit_code.h"
 
+#include "support/scoped_env.h"
+
 #include <gtest/gtest.h>
 
 #include <map>
@@ -194,4 +196,58 @@ TEST(Command_Line, takes_an_import_with_its_names)
   EXPECT_TRUE(parsed.line.assume_yes);
   EXPECT_FALSE(parse({"import"}).ok);
   EXPECT_FALSE(parse({"import", "A", "B"}).ok);
+}
+
+TEST(Command_Line, takes_the_server_from_the_environment_unless_it_is_given)
+{
+  const kestrel_test::Scoped_Env server("KESTREL_SERVER", "https://one");
+  const Parsed by_environment = parse({"jobs"});
+  EXPECT_EQ("https://one", by_environment.line.server);
+  EXPECT_FALSE(by_environment.line.server_given);
+  const Parsed given = parse({"jobs", "--server=https://two"});
+  EXPECT_EQ("https://two", given.line.server);
+  EXPECT_TRUE(given.line.server_given);
+}
+
+TEST(Command_Line, leaves_the_agents_own_server_to_the_agent)
+{
+  const kestrel_test::Scoped_Env server("KESTREL_SERVER", "");
+  const Parsed parsed = parse({"agent", "--server", "https://one"});
+  ASSERT_TRUE(parsed.ok) << parsed.err;
+  EXPECT_EQ("", parsed.line.server);
+}
+
+TEST(Command_Line, takes_several_hosts_and_flags_of_jobs)
+{
+  const Parsed define = parse({"job", "define", "f.json", "--host", "a", "--host", "b", "--disabled"});
+  ASSERT_TRUE(define.ok) << define.err;
+  EXPECT_EQ("job define", define.line.command);
+  EXPECT_EQ((std::vector<std::string>{"a", "b"}), define.line.hosts);
+  EXPECT_TRUE(define.line.disabled);
+  const Parsed run = parse({"job", "run", "nightly", "--wait"});
+  EXPECT_TRUE(run.line.wait);
+  const Parsed log = parse({"job", "log", "-f", "nightly"});
+  EXPECT_TRUE(log.line.follow);
+  EXPECT_EQ(2, parse({"job"}).exit_code);
+  EXPECT_EQ(2, parse({"job", "log"}).exit_code);
+}
+
+TEST(Command_Line, refuses_commands_that_make_no_sense_with_or_without_a_server)
+{
+  const kestrel_test::Scoped_Env none("KESTREL_SERVER", "");
+  for (const std::vector<std::string>& words : {std::vector<std::string>{"jobs"},
+                                                {"--server", "https://one", "verify"},
+                                                {"backup", "DB1", "--host", "a"}}) {
+    const Parsed parsed = parse(words);
+    ASSERT_TRUE(parsed.ok) << words.front();
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(2, run_command(parsed.line)) << words.front();
+    EXPECT_NE("", testing::internal::GetCapturedStderr()) << words.front();
+  }
+}
+
+TEST(Command_Line, runs_the_inner_of_two_commands)
+{
+  EXPECT_EQ("server", parse({"server"}).line.command);
+  EXPECT_EQ("server user list", parse({"server", "user", "list"}).line.command);
 }
