@@ -1,6 +1,9 @@
 #include "network_test.h"
 #include "wire.h"
 
+#include <chrono>
+#include <thread>
+
 using kestrel::WebSocket_Dial;
 using kestrel::WebSocket_Limits;
 using kestrel_test::eventually;

@@ -4,6 +4,10 @@
 #include "rpc/tls.h"
 #include "support/temp_dir.h"
 
+#include <atomic>
+#include <map>
+#include <thread>
+
 using kestrel::WebSocket_Dial;
 using kestrel::WebSocket_Failure;
 using kestrel_test::Certificate_Wish;

@@ -1,6 +1,11 @@
 #include "network_test.h"
 #include "wire.h"
 
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <thread>
+
 using json_spirit::Array;
 using json_spirit::Value;
 using kestrel::JSON_RPC_Dispatcher;

@@ -7,6 +7,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
 using json_spirit::Array;
 using json_spirit::Object;
 using json_spirit::Value;
