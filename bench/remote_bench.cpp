@@ -46,7 +46,7 @@ public:
     directory_ = pattern;
     Catalog_Place place;
     place.path = directory_ + "/catalog.db";
-    const auto catalog = std::make_shared<Sql_Back_End>(place);
+    const auto catalog = std::make_shared<Sql_Back_End>(place, true);
     const Pool_Registry pools(directory_ + "/pools.json");
     std::string error;
     std::filesystem::create_directory(directory_ + "/pool");

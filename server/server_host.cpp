@@ -108,7 +108,7 @@ void Server_Host::Parts::make_resources()
 {
   accounts = std::make_unique<Accounts>(database, config.session_hours);
   audit = std::make_unique<Audit>(database);
-  catalog = std::make_shared<Sql_Back_End>(default_catalog_place());
+  catalog = std::make_shared<Sql_Back_End>(default_catalog_place(), true);
   pools = std::make_unique<Pool_Registry>();
   account_resources = std::make_unique<Account_Resources>(
       *accounts, *audit, metrics, [this](json_spirit::Object& status) { describe(status); });

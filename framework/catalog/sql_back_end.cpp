@@ -60,7 +60,19 @@ Catalog_Place default_catalog_place()
   return place;
 }
 
-Sql_Back_End::Sql_Back_End(const Catalog_Place& place) : place_(place) {}
+Sql_Back_End::Sql_Back_End(const Catalog_Place& place, bool held_open)
+    : place_(place), held_open_(held_open && place.server.empty())
+{
+}
+
+void Sql_Back_End::hold()
+{
+  if (!held_open_)
+    return;
+  const std::lock_guard<std::mutex> guard(held_lock_);
+  if (!held_)
+    held_ = std::make_unique<Catalog_Database>(place_);
+}
 
 /// Runs work(session) on an open catalog; every exception ends here.
 template <class Work> Catalog_Status Sql_Back_End::run(std::string& error, Work work)
@@ -70,6 +82,7 @@ template <class Work> Catalog_Status Sql_Back_End::run(std::string& error, Work 
     if (database.created())
       ACE_DEBUG((LM_NOTICE, "(%P|%t) There was no catalog yet: the empty catalog %s was made\n",
                  place_.name().c_str()));
+    hold();
     work(database.session());
     return Catalog_Status::done;
   } catch (const std::invalid_argument& refused) {

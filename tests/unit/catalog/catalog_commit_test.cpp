@@ -176,6 +176,26 @@ TEST_F(Catalog_Commit, removing_a_set_removes_all_of_it)
   ASSERT_TRUE(commit(set)) << "the uuid is free again";
 }
 
+TEST_F(Catalog_Commit, a_held_catalog_is_complete_for_others_and_after_its_end)
+{
+  if (::getenv("KESTREL_TEST_POSTGRESQL"))
+    GTEST_SKIP() << "there is no file to hold";
+  const auto place = kestrel::default_catalog_place();
+  std::string warning, error;
+  {
+    kestrel::Sql_Back_End held(place, true);
+    ASSERT_EQ(kestrel::Catalog_Status::done, held.commit(make_set("a").record(), true, warning, error)) << error;
+    EXPECT_TRUE(kestrel_test::exists(catalog_path() + "-wal")) << "nobody holds it";
+    EXPECT_EQ("a", ids({}));
+    ASSERT_TRUE(commit(make_set("b")));
+    json_spirit::Value result;
+    ASSERT_EQ(kestrel::Catalog_Status::done, held.get_view("oscar_brcmd", "catalogs", {}, result, error));
+    EXPECT_EQ(2u, json_spirit::find_value(result.get_obj(), "rows").get_array().size());
+  }
+  EXPECT_FALSE(kestrel_test::exists(catalog_path() + "-wal"));
+  EXPECT_EQ("a b", ids({}));
+}
+
 TEST_F(Catalog_Commit, counts_the_sets_of_a_pool)
 {
   ASSERT_TRUE(commit(make_set("b1")));
