@@ -155,13 +155,13 @@ destroy_network() {
   for name in "${host_names[@]}"; do
     [ -z "${host_init[$name]:-}" ] || kill -KILL "${host_init[$name]}" 2>/dev/null || true
   done
+  # The last process of a host holds its files until it is gone; its parent takes note of the end at once.
+  for name in "${host_names[@]}"; do
+    [ -z "${host_init[$name]:-}" ] || wait_until 20 not kill -0 "${host_init[$name]}" || true
+  done
   for name in "${host_names[@]}" switch probe; do
-    # The last process of a host holds its files until it is gone.
     ip netns pids "$(net_of "$name")" 2>/dev/null | xargs -r kill -KILL 2>/dev/null || true
     ip netns del "$(net_of "$name")" 2>/dev/null || true
-  done
-  for name in "${host_names[@]}"; do
-    [ -z "${host_init[$name]:-}" ] || wait_until 20 not kill -0 "${host_init[$name]}" 2>/dev/null || true
   done
   host_names=()
 }
