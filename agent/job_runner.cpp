@@ -20,10 +20,11 @@ namespace kestrel
 {
 namespace
 {
+typedef std::chrono::steady_clock Real_Clock;
 /// How often runs and locks are looked at; ends are told by events, so this is for locks of other processes.
 constexpr auto look_interval = std::chrono::milliseconds(100);
 /// How long the thread of an ended run may take to go before it no longer matters.
-constexpr int64_t thread_end_msec = 10 * 1000;
+constexpr auto thread_end_time = std::chrono::seconds(10);
 constexpr int64_t progress_interval_msec = 1000;
 
 json_spirit::Array alerts_json(const std::vector<Job_Alert>& alerts)
@@ -67,7 +68,7 @@ struct Job_Runner::Run {
   uint64_t total_bytes = 0;
   std::string item;
   int64_t told_at = 0;
-  int64_t ended_at = 0; ///< when the end was first seen
+  Real_Clock::time_point ended_at; ///< when the end was first seen
 };
 
 Job_Runner::Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed)
@@ -236,11 +237,11 @@ bool Job_Runner::has_ended(const Run_Ptr& run) const
   }
   if (!job.get() || job->running())
     return false;
-  const int64_t now = clock().monotonic_msec();
-  if (run->ended_at == 0)
+  const Real_Clock::time_point now = Real_Clock::now();
+  if (run->ended_at == Real_Clock::time_point())
     run->ended_at = now;
   job.reset(); // not to be counted
-  return is_last_reference(*run->job) || now - run->ended_at > thread_end_msec;
+  return is_last_reference(*run->job) || now - run->ended_at > thread_end_time;
 }
 
 void Job_Runner::end_runs()

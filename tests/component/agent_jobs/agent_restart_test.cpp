@@ -233,6 +233,7 @@ TEST(Agent_Restart, a_stop_cancels_runs_at_once_or_after_the_grace_time)
     ASSERT_TRUE(agent.wait_up(1));
     std::thread stopping([&] { EXPECT_TRUE(agent.jobs->stop(cancel ? 100000 : 1, cancel)); });
     EXPECT_TRUE(eventually([&] { return agent.state(1) == "canceling"; }));
+    agent.bench.clock.stand_still(); // the stop has all the time it needs
     agent.let_go(1);
     stopping.join();
     agent.open();
@@ -247,7 +248,10 @@ TEST(Agent_Restart, a_stop_ends_a_run_whose_script_hangs)
   agent.sync_documents({agent.document(1, true)});
   const std::string run = agent.control(1, "run");
   ASSERT_TRUE(agent.wait_up(1));
-  EXPECT_TRUE(agent.jobs->stop(0, true));
+  std::thread stopping([&] { EXPECT_TRUE(agent.jobs->stop(0, true)); });
+  EXPECT_TRUE(eventually([&] { return agent.bench.log.contains("script has been terminated"); }));
+  agent.bench.clock.stand_still(); // the stop has all the time it needs
+  stopping.join();
   EXPECT_TRUE(agent.bench.log.expect(LM_WARNING, "script has been silent for"));
   EXPECT_TRUE(agent.bench.log.expect(LM_WARNING, "script has been terminated"));
   agent.open();
