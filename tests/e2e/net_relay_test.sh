@@ -3,11 +3,11 @@
 set -euo pipefail
 bin=$(cd "${1:?usage: $0 FOLDER_OF_PROGRAMS}" && pwd)
 work=$(mktemp -d /tmp/kestrel-relay.XXXXXX)
-trap 'kill $(jobs -p) 2>/dev/null; rm -rf "$work"' EXIT
+trap 'rm -rf "$work"' EXIT
 trap 'exit 130' INT TERM
 
 cat >"$work/test.py" <<'END'
-import os, socket, subprocess, sys, threading, time
+import atexit, os, socket, subprocess, sys, threading, time
 
 relay_program, folder = sys.argv[1:]
 control = folder + "/control"
@@ -44,6 +44,7 @@ def echo(peer):
 threading.Thread(target=serve, daemon=True).start()
 relay = subprocess.Popen([relay_program, "127.0.0.1:0", "127.0.0.1:%d" % server.getsockname()[1], control],
                          stdout=subprocess.PIPE, text=True)
+atexit.register(relay.kill)  # also after an assertion that failed
 lines = []
 
 
