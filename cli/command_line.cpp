@@ -32,6 +32,7 @@ bool parse_command_line(int argc, char** argv, Command_Line& line, int& exit_cod
                  "work through this backup server, https://HOST[:PORT]; without it, on this host alone")
       ->envname("KESTREL_SERVER");
   app.add_option("--ca", line.ca_file, "file with the authority of the server's certificate (PEM)");
+  app.add_flag("--local", line.local, "on an enrolled host: use its own catalog and pools, which the server never sees");
   app.add_flag("--json", line.json, "print results as JSON");
   app.add_flag("--verbose,-v", line.verbose, "show log lines as well");
   app.add_flag("--quiet,-q", line.quiet, "no progress");

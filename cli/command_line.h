@@ -31,6 +31,7 @@ struct Command_Line {
   std::string server;        ///< URL of a backup server; empty: this host alone
   bool server_given = false; ///< on the command line, not by KESTREL_SERVER
   std::string ca_file;
+  bool local = false; ///< use this host's own catalog and pools although it is enrolled at a server
   bool json = false;
   bool verbose = false;
   bool quiet = false;

@@ -2,9 +2,12 @@
 
 #include "agent/backup_verifier.h"
 #include "agent/failure_text.h"
+#include "agent/server_key.h"
 #include "cli/job_command.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
+
+#include <set>
 
 namespace kestrel
 {
@@ -13,10 +16,27 @@ bool Session::start()
   Embedded_Host::Options options;
   options.stderr_log = line().verbose;
   std::string error;
-  if (host_.start(options, error))
-    return true;
-  fail("kestrel cannot start: " + error);
-  return false;
+  Server_Key key;
+  if (!host_.start(options, error) || !load_server_key(key, error)) {
+    fail("kestrel cannot start: " + error);
+    return false;
+  }
+  return line().local || !key.enrolled() || allowed_beside_server(key.url);
+}
+
+bool Session::allowed_beside_server(const std::string& url)
+{
+  const std::string& command = line().command;
+  const std::set<std::string> adding = {"backup", "export", "run", "pool add", "pool remove"};
+  const std::set<std::string> unconcerned = {"instances", "login"};
+  if (adding.count(command) != 0) {
+    fail("this host is enrolled at " + url + ", which keeps its backups and pools: give --server " + url +
+         ", or --local to use the catalog and the pools of this host alone");
+    return false;
+  }
+  if (unconcerned.count(command) == 0)
+    note("this host is enrolled at " + url + "; this is about what it keeps itself, see --server");
+  return true;
 }
 
 bool Session::find_registered(const std::string& name, Known_Instance& instance, std::string& error)

@@ -30,6 +30,9 @@ public:
   std::string fallback_reason(const Job_Run_Result& run) override;
 
 private:
+  /// On an enrolled host: a second catalog would hold backups that the server and its consoles never see. False after
+  /// fail().
+  bool allowed_beside_server(const std::string& url);
   bool find_registered(const std::string& name, Known_Instance& instance, std::string& error);
 
   Embedded_Host host_;

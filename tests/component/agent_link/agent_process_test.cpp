@@ -1,12 +1,14 @@
 #include "agent_process.h"
 #include "scripted_server.h"
 #include "base/descriptor.h"
+#include "support/paths.h"
 #include "support/waiting.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <poll.h>
@@ -363,5 +365,24 @@ TEST_F(Agent_Process_Test, reads_its_settings_again_and_keeps_the_old_ones_when_
   root_.write("enroll.json", other.enrollment(), 0600);
   agent_.signal(SIGHUP);
   EXPECT_TRUE(other.wait_greeting()) << agent_.log();
+}
+
+TEST_F(Agent_Process_Test, commands_add_to_a_second_catalog_only_when_told_so)
+{
+  enroll_and_start();
+  const auto output_of = [&](const std::string& command) {
+    const std::string all = bin_dir() + "/kestrel --root " + root_.path() + " " + command + " >" + (root_ / "out") + " 2>&1";
+    EXPECT_NE(-1, std::system(all.c_str()));
+    return read_file(root_ / "out");
+  };
+  root_.make_dir("pool");
+  const std::string add = "pool add main --path " + (root_ / "pool");
+  for (const std::string& command : {add, std::string("backup DB1"), std::string("export DB1")})
+    EXPECT_NE(std::string::npos, output_of(command).find("enrolled at " + server_.url())) << command;
+  EXPECT_EQ(std::string::npos, output_of("instances").find("enrolled"));
+  EXPECT_NE(std::string::npos, output_of("--local " + add).find("Pool main keeps its files"));
+  const std::string listed = output_of("pool list");
+  EXPECT_NE(std::string::npos, listed.find("main")) << listed;
+  EXPECT_NE(std::string::npos, listed.find("what it keeps itself")) << listed;
 }
 } // namespace
