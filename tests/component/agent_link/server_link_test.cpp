@@ -175,7 +175,7 @@ TEST_F(Server_Link_Test, comes_back_and_greets_again_after_each_cut)
     server_.hang_up();
   }
   ASSERT_TRUE(server_.wait_greeting(5));
-  EXPECT_TRUE(answered_echo());
+  EXPECT_TRUE(eventually([&] { return answered_echo_now(); }));
   for (size_t number = 0; number < 6; ++number) {
     // Empty when it was hung up before a word was said.
     const std::vector<std::string> methods = server_.methods(number);
@@ -251,8 +251,9 @@ TEST_F(Server_Link_Test, lives_through_garbage_of_the_server)
     // Answered with an error, ignored, or the connection is made anew: the agent serves either way.
     server_.hang_up();
     ASSERT_TRUE(server_.wait_greeting(greetings)) << text;
-    ++greetings;
-    ASSERT_TRUE(answered_echo()) << text;
+    // The connection that was hung up may have been the next one already.
+    ASSERT_TRUE(eventually([&] { return answered_echo_now(); })) << text;
+    greetings = server_.greetings();
   }
 }
 
