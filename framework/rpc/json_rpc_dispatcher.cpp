@@ -121,6 +121,7 @@ struct JSON_RPC_Dispatcher::Core : std::enable_shared_from_this<JSON_RPC_Dispatc
             const std::shared_ptr<JSON_RPC_Answers>& answers, std::size_t part);
   const char* enqueue(Task& task, const std::shared_ptr<JSON_RPC_Answers>& answers, std::size_t part);
   bool full();
+  void left_queue(const Message_Channel* from);
   std::vector<Task> take_queued(const std::function<bool(const Task&)>& wanted);
 
   void serve();
@@ -144,6 +145,8 @@ struct JSON_RPC_Dispatcher::Core : std::enable_shared_from_this<JSON_RPC_Dispatc
   std::deque<Task> queue;
   /// Connections of which a request that must not be overtaken runs or is about to, with those that wait.
   std::map<const Message_Channel*, std::deque<Task>> lanes;
+  /// How many tasks of each connection are queued, in a lane or not. They keep it alive.
+  std::unordered_map<const Message_Channel*, unsigned> queued_of;
   std::unordered_map<uint64_t, Open_Request> open;
   uint64_t last_key = 0;
   Statistics statistics;
@@ -187,10 +190,19 @@ bool JSON_RPC_Dispatcher::Core::next(Task& task, std::unique_lock<std::mutex>& l
       }
       task.holds_lane = true;
     }
-    --statistics.queued;
+    left_queue(task.from.get());
     ++statistics.running;
     return true;
   }
+}
+
+/// With the lock held.
+void JSON_RPC_Dispatcher::Core::left_queue(const Message_Channel* from)
+{
+  --statistics.queued;
+  const auto count = queued_of.find(from);
+  if (count != queued_of.end() && --count->second == 0)
+    queued_of.erase(count);
 }
 
 /// Hands the lane to the next one that waits for it. That one goes to the front of the queue: it is older
@@ -294,6 +306,11 @@ const char* JSON_RPC_Dispatcher::Core::enqueue(Task& task, const std::shared_ptr
     ++statistics.refused_busy;
     return "Too many requests wait already; try again later.";
   }
+  unsigned& own = queued_of[task.from.get()];
+  if (options.channel_queue_limit && own >= options.channel_queue_limit) {
+    ++statistics.refused_busy;
+    return "Too many requests of this connection wait already; try again later.";
+  }
   std::function<void()> answered;
   if (answers) {
     task.key = ++last_key;
@@ -307,6 +324,7 @@ const char* JSON_RPC_Dispatcher::Core::enqueue(Task& task, const std::shared_ptr
   if (answers)
     open.emplace(task.key, Open_Request{task.from.get(), answers, task.channel});
   queue.push_back(std::move(task));
+  ++own;
   ++statistics.queued;
   work.notify_one();
   return nullptr;
@@ -351,10 +369,11 @@ std::vector<Task> JSON_RPC_Dispatcher::Core::take_queued(const std::function<boo
   move_out(queue);
   for (auto& lane : lanes)
     move_out(lane.second);
-  statistics.queued -= static_cast<unsigned>(taken.size());
-  for (const Task& task : taken)
+  for (const Task& task : taken) {
+    left_queue(task.from.get());
     if (task.holds_lane)
       release_lane(task.from.get());
+  }
   return taken;
 }
 

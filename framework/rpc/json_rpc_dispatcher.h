@@ -22,9 +22,9 @@ enum JSON_RPC_Code {
   JSON_RPC_WRONG_STATE = -32002,
   JSON_RPC_NOT_ON_THIS_HOST = -32003,
   // Only seen by the caller (JSON_RPC_Peer), never sent.
-  JSON_RPC_CLOSED = 1,    ///< the connection is, or was closed before the answer came
+  JSON_RPC_CLOSED = 1,    ///< the connection was closed before the answer came
   JSON_RPC_TIMED_OUT = 2, ///< no answer within the time; whether the call took effect is unknown
-  JSON_RPC_NOT_SENT = 3   ///< too many calls wait for answers, or the request is too large
+  JSON_RPC_NOT_SENT = 3   ///< too many calls wait, the request is too large, or the connection is closed
 };
 
 struct JSON_RPC_Error {
@@ -58,6 +58,7 @@ public:
   struct Options {
     unsigned threads = 4; ///< at least two, so that one handler can wait for what another delivers
     unsigned queue_limit = 256;
+    unsigned channel_queue_limit = 0; ///< of these, how many of one connection; 0: no limit of its own
     unsigned open_limit = 4096;        ///< requests whose answers are outstanding, queued or not
     unsigned batch_limit = 1000;       ///< requests of one batch
     int stop_timeout_msec = 30 * 1000; ///< how long stop() waits for handlers

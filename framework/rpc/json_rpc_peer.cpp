@@ -39,7 +39,7 @@ public:
   {
     const std::lock_guard<std::mutex> guard(pending_->mutex);
     if (pending_->closed) {
-      fail(JSON_RPC_CLOSED, method_ + " was not sent: " + pending_->why);
+      fail(JSON_RPC_NOT_SENT, method_ + " was not sent: " + pending_->why);
       return false;
     }
     if (pending_->calls.size() >= pending_limit) {
@@ -150,6 +150,9 @@ bool read_error(const json_spirit::Value& value, JSON_RPC_Error& error)
     error.code = required<int>(members, "code");
     error.message = required<std::string>(members, "message");
     error.data = json_spirit::find_value(members, "data");
+    // These say what became of a call on this side; the other side cannot know.
+    if (error.code >= JSON_RPC_CLOSED && error.code <= JSON_RPC_NOT_SENT)
+      error.code = JSON_RPC_INTERNAL_ERROR;
     return true;
   } catch (const std::exception&) {
     return false;
@@ -210,7 +213,7 @@ std::shared_ptr<JSON_RPC_Peer::Call> JSON_RPC_Peer::begin_call(const std::string
                                         std::to_string(text.size()) +
                                         " bytes are more than a message may have.");
     else
-      call->fail(JSON_RPC_CLOSED,
+      call->fail(JSON_RPC_NOT_SENT,
                  method + " was not sent: the connection with " + channel_->address() + " is closed.");
   } catch (const std::exception& failure) {
     call->fail(JSON_RPC_NOT_SENT, method + " was not sent: " + failure.what());

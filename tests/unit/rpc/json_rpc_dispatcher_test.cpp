@@ -400,6 +400,28 @@ TEST_F(Dispatcher_Test, is_busy_when_the_queue_is_full)
             ask(R"({"jsonrpc":"2.0","method":"echo","id":10})"));
 }
 
+TEST_F(Dispatcher_Test, one_connection_cannot_take_the_whole_queue)
+{
+  JSON_RPC_Dispatcher::Options options;
+  options.threads = 2;
+  options.channel_queue_limit = 2;
+  EXPECT_TRUE(dispatcher_.start(options));
+  send(R"([{"jsonrpc":"2.0","method":"wait"},{"jsonrpc":"2.0","method":"wait"}])");
+  gate_.wait_for(2);
+  const auto other = std::make_shared<Memory_Channel>();
+  for (int i = 0; i < 2; ++i)
+    send(R"({"jsonrpc":"2.0","method":"echo","id":"fits"})");
+  EXPECT_NE(std::string::npos, ask(R"({"jsonrpc":"2.0","method":"echo","id":9})").find("of this connection wait"));
+  for (int i = 0; i < 2; ++i)
+    dispatcher_.receive(other, R"({"jsonrpc":"2.0","method":"echo","id":"others"})");
+  EXPECT_EQ(1u, dispatcher_.statistics().refused_busy);
+  gate_.open();
+  EXPECT_EQ(R"({"jsonrpc":"2.0","id":"others","result":null})", other->wait_sent(2)[1]);
+  settle();
+  EXPECT_EQ(R"({"jsonrpc":"2.0","id":10,"result":null})",
+            ask(R"({"jsonrpc":"2.0","method":"echo","id":10})"));
+}
+
 TEST_F(Dispatcher_Test, is_busy_when_too_many_answers_are_outstanding)
 {
   handler_.work = [](Weak_Channel, JSON_RPC_Object_Ptr) { return 0; };

@@ -199,6 +199,18 @@ TEST_F(Peer_Test, gives_up_after_the_time_and_drops_the_late_answer)
   EXPECT_EQ(1u, channel_->sent().size());
 }
 
+TEST_F(Peer_Test, does_not_take_the_other_sides_word_for_what_only_this_side_knows)
+{
+  for (const int code : {1, 2, 3}) {
+    const auto call = begin();
+    channel_->deliver(R"({"jsonrpc":"2.0","id":)" + std::to_string(code) + R"(,"error":{"code":)" +
+                      std::to_string(code) + R"(,"message":"told"}})");
+    EXPECT_FALSE(finish(call));
+    EXPECT_EQ(kestrel::JSON_RPC_INTERNAL_ERROR, error_.code);
+    EXPECT_EQ("told", error_.message);
+  }
+}
+
 TEST_F(Peer_Test, limits_the_calls_that_wait)
 {
   const auto few = std::make_shared<Memory_Channel>();
@@ -250,7 +262,7 @@ TEST_F(Peer_Test, fails_all_calls_at_once_when_the_connection_closes)
     thread.join();
   EXPECT_FALSE(peer_->open());
   EXPECT_FALSE(finish(begin()));
-  EXPECT_EQ(kestrel::JSON_RPC_CLOSED, error_.code);
+  EXPECT_EQ(kestrel::JSON_RPC_NOT_SENT, error_.code);
   EXPECT_EQ("m was not sent: The cable was cut.", error_.message);
   EXPECT_FALSE(peer_->notify("m", Value()));
 }
@@ -347,7 +359,10 @@ TEST(JSON_RPC_Peers, close_during_calls_of_both_sides)
       JSON_RPC_Error error;
       while (both.peers[i % 2]->call("echo", Value(), LONG_MSEC, result, error))
         ++done;
-      EXPECT_EQ(kestrel::JSON_RPC_CLOSED, error.code) << error.message;
+      EXPECT_EQ(error.message.find("was not sent") == std::string::npos ? kestrel::JSON_RPC_CLOSED
+                                                                        : kestrel::JSON_RPC_NOT_SENT,
+                error.code)
+          << error.message;
     });
   EXPECT_TRUE(eventually([&] { return done > 100; }));
   both.peers[1]->close("Good night.");
