@@ -197,7 +197,7 @@ void Storage_Uploads::load_one(const std::string& path)
       upload->writer.reset();
     upload->offset = left.bytes;
     upload->is_open = upload->writer != nullptr;
-    if (record.boot_id != boot_id_)
+    if (record.state == Upload_Record::open && record.boot_id != boot_id_)
       upload->failure = "the server's machine was restarted while " + upload->path +
                         " was being stored: what it confirmed may be lost; run the job again";
     else if (upload->writer)
@@ -402,12 +402,13 @@ void Storage_Uploads::commit(const std::string& id, const std::string& host_uuid
     std::string error;
     if (!parse_side_file(side_file, side, error) || side.storage_size != size)
       throw REST_Error(422, "damaged", "the side file of " + upload->record.name + " cannot be right: " + error);
-    if (!upload->failure.empty())
+    // What was published is whole, whatever became of the server since.
+    const bool published = !upload->writer && is_published(*upload, size, side_file);
+    if (!published && !upload->failure.empty())
       throw REST_Error(507, "storage", upload->failure);
-    if (!upload->writer) {
-      if (!is_published(*upload, size, side_file))
-        throw ended(upload->record);
-    } else {
+    if (!published && !upload->writer)
+      throw ended(upload->record);
+    if (!published) {
       if (upload->offset != size)
         throw REST_Error(409, "offset", "the unfinished file ends at byte " + std::to_string(upload->offset));
       if (upload->summed && upload->sum.hex() != side.storage_checksum)
@@ -419,6 +420,7 @@ void Storage_Uploads::commit(const std::string& id, const std::string& host_uuid
       }
     }
     upload->close();
+    upload->failure.clear();
     upload->offset = size;
     upload->record.state = Upload_Record::finished;
     try {

@@ -20,6 +20,16 @@ class Remote_Storage : public Served_Storage
 {
 protected:
   Remote_Storage() { options_.resumption_buffer_size = PIECE; }
+
+  /// The note of the only upload is one of before.
+  void pretend_another_boot()
+  {
+    const std::string note = "uploads/" + names_in(place_.dir / "uploads").at(0);
+    std::string text = read_file(place_.dir / note);
+    const size_t boot = text.find("\"boot_id\":\"") + 11;
+    text.replace(boot, 4, "zzzz");
+    place_.dir.write(note, text);
+  }
 };
 
 TEST_F(Remote_Storage, gives_back_what_was_stored)
@@ -489,15 +499,26 @@ TEST_F(Remote_Storage, does_not_go_on_after_the_servers_machine_was_restarted)
   Client_IO_Ex client;
   ASSERT_TRUE(client.connect(location_, options_));
   ASSERT_TRUE(client.open("f", 2, 0, 0)) << client.error();
-  const std::string note = place_.dir / "uploads/" + names_in(place_.dir / "uploads").at(0);
-  std::string text = read_file(note);
-  const size_t boot = text.find("\"boot_id\":\"") + 11;
-  text.replace(boot, 4, "zzzz");
-  place_.dir.write("uploads/" + names_in(place_.dir / "uploads").at(0), text);
+  pretend_another_boot();
   place_.restart();
   ASSERT_TRUE(client.write("abc", 3));
   EXPECT_FALSE(client.close());
   EXPECT_NE(std::string::npos, std::string(client.error()).find("machine was restarted")) << client.error();
+}
+
+TEST_F(Remote_Storage, knows_a_published_file_after_the_servers_machine_was_restarted)
+{
+  Client_IO_Ex client;
+  ASSERT_TRUE(client.connect(location_, options_));
+  ASSERT_TRUE(client.open("f", 2, 0, 0)) << client.error();
+  ASSERT_TRUE(client.write("abc", 3));
+  transport_->fail("POST", Direct_Transport::lost_after, 1, [&] {
+    EXPECT_TRUE(std::filesystem::exists(path("f")));
+    pretend_another_boot();
+    place_.restart();
+  });
+  EXPECT_TRUE(client.close()) << client.error();
+  EXPECT_EQ("abc", fetch("f"));
 }
 
 TEST_F(Remote_Storage, does_not_go_on_in_another_file_of_the_name)
