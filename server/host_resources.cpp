@@ -145,7 +145,7 @@ REST_Reply Host_Resources::forward(REST_Request& request)
   }
   const int seconds = read_timeout(body);
   const Host_Status host = find_host_or_refuse(hub_, request.vars.at("host"));
-  const Host_Gate::Pass pass(gate_);
+  const Host_Gate::Pass pass(gate_, method->changes ? Host_Gate::Purpose::control : Host_Gate::Purpose::asking);
   json_spirit::Value result;
   JSON_RPC_Error error;
   const Agent_Call call = hub_.ask(host.uuid, name, json_spirit::find_value(body, "params"), seconds * 1000,

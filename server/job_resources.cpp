@@ -281,7 +281,7 @@ REST_Reply Job_Resources::control(REST_Request& request)
   json_spirit::Object run;
   if (optional(body, "run", run))
     params.emplace_back("run", run);
-  const Host_Gate::Pass pass(gate_);
+  const Host_Gate::Pass pass(gate_, Host_Gate::Purpose::control);
   if (action == "run") {
     await_sync(hosts);
     new_run_(definition->id);

@@ -103,7 +103,15 @@ void Run_Records::store(const std::string& host_uuid, const json_spirit::Array& 
 
 json_spirit::Array Run_Records::list(const Filter& filter)
 {
+  bool truncated = false;
+  return list(filter, truncated);
+}
+
+json_spirit::Array Run_Records::list(const Filter& filter, bool& truncated)
+{
   json_spirit::Array runs;
+  size_t bytes = 0;
+  truncated = false;
   Server_Database::Lease session = database_.lease();
   const soci::rowset<soci::row> rows =
       (session->prepare << "SELECT record FROM run WHERE (:d1 = '' OR definition_id = :d2)"
@@ -113,9 +121,14 @@ json_spirit::Array Run_Records::list(const Filter& filter)
        soci::use(filter.host_uuid, "h1"), soci::use(filter.host_uuid, "h2"), soci::use(filter.state, "s1"),
        soci::use(filter.state, "s2"), soci::use(filter.limit, "l"));
   for (const soci::row& row : rows) {
+    const std::string text = row.get<std::string>(0);
+    bytes += text.size();
+    truncated = bytes > filter.most_bytes && !runs.empty();
+    if (truncated)
+      break;
     json_spirit::Value record;
     std::string error;
-    if (read_json(row.get<std::string>(0), record, error))
+    if (read_json(text, record, error))
       runs.push_back(std::move(record));
   }
   return runs;

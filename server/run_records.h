@@ -20,6 +20,7 @@ public:
     std::string host_uuid;
     std::string state;
     int limit = 100;
+    size_t most_bytes = size_t(8) << 20; ///< of the records' texts
   };
   struct Refusal {
     std::string run_id; ///< empty when the record has none
@@ -33,7 +34,9 @@ public:
   /// of another host.
   void store(const std::string& host_uuid, const json_spirit::Array& records,
              std::vector<std::string>& stored, std::vector<Refusal>& refused);
-  /// Newest first.
+  /// Newest first. Stops before the records have more bytes than `most_bytes`, but for the first one; then
+  /// `truncated` is set.
+  json_spirit::Array list(const Filter& filter, bool& truncated);
   json_spirit::Array list(const Filter& filter);
   [[nodiscard]] bool find(const std::string& run_id, json_spirit::Value& record);
   /// Removes runs that ended before. How many.

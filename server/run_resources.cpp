@@ -70,7 +70,9 @@ REST_Reply Run_Resources::list(REST_Request& request, const std::string& definit
   if (!host.empty())
     filter.host_uuid = find_host_or_refuse(hub_, host).uuid;
   json_spirit::Object body;
-  body.emplace_back("runs", runs_.list(filter));
+  bool truncated = false;
+  body.emplace_back("runs", runs_.list(filter, truncated));
+  body.emplace_back("truncated", truncated);
   REST_Reply reply;
   reply.json = std::move(body);
   return reply;
@@ -118,7 +120,7 @@ REST_Reply Run_Resources::log(REST_Request& request)
   params.emplace_back("run_id", run_id);
   params.emplace_back("offset", request.query_number("offset", 0, 0, INT64_MAX));
   params.emplace_back("limit", request.query_number("limit", 64 * 1024, 1, LOG_BYTES));
-  const Host_Gate::Pass pass(gate_);
+  const Host_Gate::Pass pass(gate_, Host_Gate::Purpose::asking);
   JSON_RPC_Error error;
   REST_Reply reply;
   switch (hub_.ask(host, "job.log", params, LOG_MSEC, reply.json, error)) {

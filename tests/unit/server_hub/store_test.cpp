@@ -325,6 +325,18 @@ TEST_F(Run_Records_Test, runs_are_listed_newest_first_and_by_what_is_asked)
   EXPECT_EQ(runs_.list(filter).size(), 1u);
 }
 
+TEST_F(Run_Records_Test, a_list_that_is_too_large_ends_early_and_says_so)
+{
+  report(record("r1") + "," + record("r2") + "," + record("r3"));
+  Run_Records::Filter filter;
+  bool truncated = true;
+  EXPECT_EQ(runs_.list(filter, truncated).size(), 3u);
+  EXPECT_FALSE(truncated);
+  filter.most_bytes = 1;
+  EXPECT_EQ(runs_.list(filter, truncated).size(), 1u);
+  EXPECT_TRUE(truncated);
+}
+
 TEST_F(Run_Records_Test, old_runs_are_removed_and_those_under_way_stay)
 {
   report(record("old", R"(,"ended_at":1600000000)") + "," + record("new", R"(,"ended_at":1700000009)") + "," +
