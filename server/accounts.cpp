@@ -149,7 +149,7 @@ Accounts::New_Session Accounts::sign_in(const std::string& name, const std::stri
   } // hashing takes long
   bool right = password.size() <= LONGEST_PASSWORD;
   if (known)
-    right = right && check_password(password, hash);
+    right = check_password(password, hash) && right; // takes as long as for a name that is not known
   else {
     check_no_password(password);
     right = false;
@@ -324,6 +324,7 @@ bool Accounts::find_agent(const std::string& credential, REST_Caller& caller)
   caller.name = name;
   caller.uuid = uuid;
   caller.role = "agent";
+  caller.key_hash = hash;
   return true;
 }
 

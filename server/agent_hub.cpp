@@ -63,18 +63,20 @@ struct Agent_Hub::State : std::enable_shared_from_this<Agent_Hub::State> {
     std::shared_ptr<JSON_RPC_Peer> peer;
     bool greeted = false;
     int64_t since_msec = 0;
-    std::string key_hash; ///< as it was when the agent greeted
+    std::string key_hash; ///< of the key it was admitted with
   };
   typedef std::shared_ptr<Connection> Connection_Ptr;
   struct Host {
     Host_Record record;
     Host_Jobs jobs;
     Connection_Ptr connection;
+    bool went = false; ///< since its last_seen was written down
     bool online() const { return connection && connection->greeted; }
   };
 
-  explicit State(Server_Database& database) : store(database) {}
+  explicit State(Server_Database& given) : database(given), store(given) {}
 
+  Server_Database& database;
   Host_Store store;
   Listeners listeners;
   JSON_RPC_Dispatcher dispatcher;
@@ -84,6 +86,9 @@ struct Agent_Hub::State : std::enable_shared_from_this<Agent_Hub::State> {
 
   bool greet(Message_Channel& from, const json_spirit::Value& params, json_spirit::Value& result,
              JSON_RPC_Error& error);
+  static Host_Record greeted(Host& host, const std::string& name, const std::string& version,
+                             const std::string& address, json_spirit::Array& instances,
+                             const json_spirit::Array& jobs);
   bool take_state(Message_Channel& from, const json_spirit::Value& params);
   bool take_instances(Message_Channel& from, const json_spirit::Value& params);
   void ended(const std::string& host_uuid, const Message_Channel* channel, const std::string& why);
@@ -110,8 +115,23 @@ void Agent_Hub::State::save(const Host_Record& record)
     store.save(record);
   } catch (const std::exception& failure) {
     ACE_ERROR((LM_ERROR, "(%P|%t) Agent_Hub: what host %C told is not kept: %C\n", record.name.c_str(),
-               failure.what()));
+               database.translate(failure).what()));
   }
+}
+
+/// What to keep of the host. With the lock held.
+Host_Record Agent_Hub::State::greeted(Host& host, const std::string& name, const std::string& version,
+                                      const std::string& address, json_spirit::Array& instances,
+                                      const json_spirit::Array& jobs)
+{
+  host.connection->greeted = true;
+  host.record.name = name;
+  host.record.version = version;
+  host.record.address = address;
+  host.record.last_seen = clock().now();
+  host.record.instances = std::move(instances);
+  host.jobs.greeted(jobs);
+  return host.record;
 }
 
 bool Agent_Hub::State::greet(Message_Channel& from, const json_spirit::Value& params,
@@ -137,20 +157,19 @@ bool Agent_Hub::State::greet(Message_Channel& from, const json_spirit::Value& pa
     return refuse(error, JSON_RPC_WRONG_STATE, "This host is not enrolled any more");
   }
   Host_Record record;
+  bool admitted = false;
   {
     const std::lock_guard<std::mutex> guard(mutex);
     Host* host = current(from);
     if (!host)
       return refuse(error, JSON_RPC_WRONG_STATE, "Another connection of this host took its place");
-    host->connection->greeted = true;
-    host->connection->key_hash = identity->second.key_hash;
-    host->record.name = identity->second.name;
-    host->record.version = version;
-    host->record.address = from.address();
-    host->record.last_seen = clock().now();
-    host->record.instances = std::move(instances);
-    host->jobs.greeted(jobs);
-    record = host->record;
+    admitted = host->connection->key_hash == identity->second.key_hash;
+    if (admitted)
+      record = greeted(*host, identity->second.name, version, from.address(), instances, jobs);
+  }
+  if (!admitted) {
+    from.close("This host has a new access key.");
+    return refuse(error, JSON_RPC_WRONG_STATE, "This host has a new access key");
   }
   save(record);
   ACE_DEBUG((LM_INFO, "Agent of host %C (%C) is connected from %C\n", record.name.c_str(),
@@ -214,8 +233,10 @@ void Agent_Hub::State::ended(const std::string& host_uuid, const Message_Channel
         found->second.connection->channel.get() != channel)
       return;
     was_online = found->second.online();
-    if (was_online)
+    if (was_online) {
       found->second.record.last_seen = clock().now();
+      found->second.went = true; // written down later: this may be a thread of the network
+    }
     name = found->second.record.name;
     gone.swap(found->second.connection);
   }
@@ -287,6 +308,7 @@ bool Agent_Hub::start(std::string& error)
   // Hundreds of agents greet at once after a restart of the server, each with states of its jobs behind it.
   options.queue_limit = 8192;
   options.open_limit = 16384;
+  options.channel_queue_limit = 512;
   const JSON_RPC_Order order = JSON_RPC_Order::as_received;
   if (!state->dispatcher.bind("agent.hello", greet, order) ||
       !state->dispatcher.bind("job.state", job_state, order) ||
@@ -304,21 +326,28 @@ void Agent_Hub::stop()
     const std::lock_guard<std::mutex> guard(state_->mutex);
     if (std::exchange(state_->stopped, true))
       return;
-    for (auto& [uuid, host] : state_->hosts)
-      if (host.connection)
-        open.push_back(std::move(host.connection));
+    for (auto& [uuid, host] : state_->hosts) {
+      if (!host.connection)
+        continue;
+      if (host.online()) {
+        host.record.last_seen = clock().now();
+        host.went = true;
+      }
+      open.push_back(std::move(host.connection));
+    }
   }
   for (const State::Connection_Ptr& connection : open)
     connection->peer->close("The server is being stopped.");
   ignore_result(state_->dispatcher.stop(), "it logs what does not end");
 }
 
-void Agent_Hub::connect(const std::string& host_uuid, const std::string& name,
+void Agent_Hub::connect(const std::string& host_uuid, const std::string& name, const std::string& key_hash,
                         const std::shared_ptr<Message_Channel>& channel)
 {
   channel->identify(host_uuid);
   const State::Connection_Ptr fresh = std::make_shared<State::Connection>();
   fresh->channel = channel;
+  fresh->key_hash = key_hash;
   fresh->since_msec = clock().monotonic_msec();
   JSON_RPC_Peer::Options options;
   options.closed = [state = std::weak_ptr<State>(state_), host_uuid,
@@ -513,7 +542,7 @@ Agent_Hub::State::take_invalid(const std::map<std::string, Host_Record>& known)
     const auto identity = known.find(uuid);
     if (identity == known.end() || identity->second.revoked)
       invalid.emplace_back("This host is not enrolled any more.", host.connection);
-    else if (host.connection->greeted && host.connection->key_hash != identity->second.key_hash)
+    else if (host.connection->key_hash != identity->second.key_hash)
       invalid.emplace_back("This host has a new access key.", host.connection);
     else if (!host.connection->greeted && now > host.connection->since_msec + GREETING_MSEC)
       invalid.emplace_back("The agent did not greet.", host.connection);
@@ -527,10 +556,29 @@ void Agent_Hub::drop_revoked()
   try {
     known = state_->store.identities();
   } catch (const std::exception& failure) {
-    ACE_ERROR((LM_ERROR, "(%P|%t) Agent_Hub: the enrolled hosts cannot be read: %C\n", failure.what()));
+    ACE_ERROR((LM_ERROR, "(%P|%t) Agent_Hub: the enrolled hosts cannot be read: %C\n",
+               state_->database.translate(failure).what()));
     return;
   }
   for (const auto& [why, connection] : state_->take_invalid(known))
     connection->peer->close(why);
+}
+
+void Agent_Hub::keep_last_seen()
+{
+  std::map<std::string, int64_t> gone;
+  {
+    const std::lock_guard<std::mutex> guard(state_->mutex);
+    for (auto& [uuid, host] : state_->hosts)
+      if (std::exchange(host.went, false))
+        gone[uuid] = host.record.last_seen;
+  }
+  try {
+    for (const auto& [uuid, when] : gone)
+      state_->store.seen(uuid, when);
+  } catch (const std::exception& failure) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) Agent_Hub: when hosts were seen last is not kept: %C\n",
+               state_->database.translate(failure).what()));
+  }
 }
 } // namespace kestrel

@@ -57,8 +57,9 @@ public:
   /// Ends all connections and takes no more.
   void stop();
 
-  /// An agent that identified itself as this host has connected; the channel was not started yet.
-  void connect(const std::string& host_uuid, const std::string& name,
+  /// An agent that identified itself as this host has connected; the channel was not started yet. `key_hash` is
+  /// that of the key it was admitted with: it may have been replaced since.
+  void connect(const std::string& host_uuid, const std::string& name, const std::string& key_hash,
                const std::shared_ptr<Message_Channel>& channel);
 
   /// Calls the host's agent and waits for its answer.
@@ -104,6 +105,8 @@ public:
 
   /// Ends connections of hosts that were revoked, or whose key was replaced, since they connected.
   void drop_revoked();
+  /// Writes down when the hosts that went away were seen last.
+  void keep_last_seen();
 
 private:
   struct State;

@@ -137,6 +137,7 @@ void Agent_Hub_Service::Parts::keep_up()
   while (!changed.wait_for(lock, std::chrono::milliseconds(UPKEEP_MSEC), [this] { return stopping; })) {
     lock.unlock();
     sync.retry();
+    hub.keep_last_seen();
     if (clock().monotonic_msec() >= pruned_at + PRUNE_MSEC) {
       pruned_at = clock().monotonic_msec();
       prune();
@@ -189,13 +190,14 @@ void Agent_Hub_Service::stop()
     parts_->upkeep.join();
   // Calls under way fail when their connections end, so that nobody below waits for an agent.
   parts_->hub.stop();
+  parts_->hub.keep_last_seen();
   parts_->sync.stop();
   parts_->coordinator.stop();
 }
 
 void Agent_Hub_Service::connected(const REST_Caller& caller, const std::shared_ptr<Message_Channel>& channel)
 {
-  parts_->hub.connect(caller.uuid, caller.name, channel);
+  parts_->hub.connect(caller.uuid, caller.name, caller.key_hash, channel);
 }
 
 Agent_Hub& Agent_Hub_Service::hub()

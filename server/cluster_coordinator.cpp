@@ -236,7 +236,7 @@ void Cluster_Coordinator::State::save(const Entry_Ptr& entry)
   } catch (const std::exception& failure) {
     // The agents wait: the choice goes out without its explanation.
     ACE_ERROR((LM_ERROR, "(%P|%t) Cluster_Coordinator: the explanation of selection %q is not kept: %C\n",
-               static_cast<ACE_INT64>(entry->round.number()), failure.what()));
+               static_cast<ACE_INT64>(entry->round.number()), history.failure_text(failure).c_str()));
   }
   const std::lock_guard<std::mutex> guard(mutex);
   entry->saved_version = version;

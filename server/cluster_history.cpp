@@ -111,4 +111,9 @@ json_spirit::Array Cluster_History::list(int limit, const std::string& definitio
   }
   return selections;
 }
+
+std::string Cluster_History::failure_text(const std::exception& failure) const
+{
+  return database_.translate(failure).what();
+}
 } // namespace kestrel

@@ -3,6 +3,7 @@
 #include "json/value.h"
 
 #include <cstdint>
+#include <exception>
 #include <map>
 #include <string>
 
@@ -32,6 +33,8 @@ public:
   std::map<std::string, int64_t> last_chosen();
   /// Newest first, at most `limit`; of one definition when one is given.
   json_spirit::Array list(int limit, const std::string& definition_uuid);
+  /// For the log: what failed, without the values that the statement holds.
+  std::string failure_text(const std::exception& failure) const;
 
 private:
   Server_Database& database_;

@@ -5,11 +5,14 @@
 #include "server/job_definitions.h"
 #include "json/json_util.h"
 
+#include <algorithm>
+
 namespace kestrel
 {
 namespace
 {
 constexpr size_t ID_BYTES = 128;
+constexpr size_t UUID_BYTES = 64;
 
 std::string read_id(const json_spirit::Object& body, const char* key)
 {
@@ -17,6 +20,18 @@ std::string read_id(const json_spirit::Object& body, const char* key)
   if (id.empty() || id.size() > ID_BYTES)
     throw REST_Error(400, "bad_request", std::string(key) + ": is empty or too long");
   return id;
+}
+
+/// Empty where the agent does not know it.
+std::string read_uuid(const json_spirit::Object& body, const char* key)
+{
+  const std::string uuid = required<std::string>(body, key);
+  const bool sane = uuid.size() <= UUID_BYTES && std::all_of(uuid.begin(), uuid.end(), [](char c) {
+                      return c > ' ' && c < 0x7f;
+                    });
+  if (!sane)
+    throw REST_Error(400, "bad_request", std::string(key) + ": is no id");
+  return uuid;
 }
 } // namespace
 
@@ -36,8 +51,8 @@ REST_Reply Cluster_Resources::request(REST_Request& request)
   Cluster_Request asked;
   asked.host_uuid = request.caller.uuid;
   asked.definition_uuid = read_id(body, "definition_uuid");
-  asked.uid = required<std::string>(body, "uid");
-  asked.instance_uuid = required<std::string>(body, "instance_uuid");
+  asked.uid = read_uuid(body, "uid");
+  asked.instance_uuid = read_uuid(body, "instance_uuid");
   asked.select_master = required<bool>(body, "select_master");
   const Server_Definition_Ptr definition = definitions_.find(asked.definition_uuid);
   if (definition && !definition->on_host(asked.host_uuid))

@@ -19,6 +19,7 @@ struct REST_Caller {
   std::string uuid;    ///< of the host, for an agent
   std::string role;    ///< "viewer", "operator" or "admin" for a user, "agent" for an agent
   std::string address; ///< numeric address of the client, without the port
+  std::string key_hash; ///< of the access key that an agent showed
 };
 
 /// Who may use a resource. A role includes the ones below it: viewer < operator < admin.

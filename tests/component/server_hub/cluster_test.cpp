@@ -181,8 +181,14 @@ TEST_F(Served_Cluster, wrong_requests_are_refused_and_begin_nothing)
        {"{}", "[]", "7", R"({"definition_uuid":"","uid":"","instance_uuid":"","select_master":true})",
         R"({"definition_uuid":1,"uid":"","instance_uuid":"","select_master":true})",
         R"({"definition_uuid":"d","uid":"","instance_uuid":"","select_master":1})",
+        R"({"definition_uuid":"d","uid":"no id","instance_uuid":"","select_master":true})",
         R"({"definition_uuid":"d","instance_uuid":"","select_master":true})"})
     EXPECT_EQ(status_of(ask(agent(0).rest(), "POST", "/k2/r/oscar/cluster", body)), 400) << body;
+  const std::string long_id(65, 'x');
+  EXPECT_EQ(status_of(ask(agent(0).rest(), "POST", "/k2/r/oscar/cluster",
+                          R"({"definition_uuid":"d","uid":"","instance_uuid":")" + long_id +
+                              R"(","select_master":true})")),
+            400);
   EXPECT_TRUE(last_selection().empty());
   EXPECT_EQ(status_of(ask("POST", "/k2/r/oscar/cluster", "{}")), 403) << "users do not ask for nodes";
   EXPECT_EQ(status_of(ask(agent(0).rest(), "GET", "/k2/r/oscar/cluster")), 403);
