@@ -131,7 +131,9 @@ bool Agent_Services::bind(JSON_RPC_Dispatcher& dispatcher, const std::map<std::s
     return login(params, result, problem);
   });
   for (const auto& [name, method] : methods) {
-    if (!dispatcher.bind(name, method)) {
+    // Of two sets of definitions the later one counts.
+    const JSON_RPC_Order order = name == "job.sync" ? JSON_RPC_Order::as_received : JSON_RPC_Order::any;
+    if (!dispatcher.bind(name, method, order)) {
       error = "the method " + name + " cannot be offered";
       return false;
     }

@@ -63,11 +63,13 @@ std::vector<std::string> unfinished_files(const std::string& directory, time_t s
   std::error_code failure;
   if (directory.empty())
     return files;
-  for (const auto& entry : std::filesystem::directory_iterator(directory, failure)) {
+  for (std::filesystem::directory_iterator entry(directory, failure), end; !failure && entry != end;
+       entry.increment(failure)) {
+    const std::filesystem::path& path = entry->path();
     struct stat status;
-    if (boost::ends_with(entry.path().string(), ".partial") && ::stat(entry.path().c_str(), &status) == 0 &&
+    if (boost::ends_with(path.string(), ".partial") && ::stat(path.c_str(), &status) == 0 &&
         status.st_mtime >= since)
-      files.push_back(entry.path());
+      files.push_back(path);
   }
   return files;
 }

@@ -17,15 +17,20 @@ namespace
 /// Pipes lie one directory below the state directory, one directory for each kind of database.
 void remove_stale_fifos(const std::filesystem::path& state_directory, std::vector<std::string>& removed)
 {
+  typedef std::filesystem::directory_iterator Entries;
   std::error_code failure;
-  for (const auto& folder : std::filesystem::directory_iterator(state_directory, failure)) {
-    if (!folder.is_directory(failure))
+  for (Entries folder(state_directory, failure), end; !failure && folder != end; folder.increment(failure)) {
+    // What goes wrong with one directory or file ends nothing.
+    std::error_code problem;
+    if (!folder->is_directory(problem))
       continue;
-    for (const auto& entry : std::filesystem::directory_iterator(folder, failure)) {
-      const std::string name = entry.path().filename();
-      if (entry.is_fifo(failure) && name.size() > 5 && name.compare(name.size() - 5, 5, "_fifo") == 0 &&
-          std::filesystem::remove(entry.path(), failure))
-        removed.push_back(entry.path());
+    for (Entries entry(folder->path(), problem); !problem && entry != end; entry.increment(problem)) {
+      std::error_code ignored;
+      const std::filesystem::path& path = entry->path();
+      const std::string name = path.filename();
+      if (entry->is_fifo(ignored) && name.size() > 5 && name.compare(name.size() - 5, 5, "_fifo") == 0 &&
+          std::filesystem::remove(path, ignored))
+        removed.push_back(path);
     }
   }
 }
