@@ -377,24 +377,6 @@ void Agent_Daemon::tell_status()
   ignore_result(notifier_.status(told_status_), "logged");
 }
 
-void Agent_Daemon::cancel_runs()
-{
-  for (const json_spirit::Value& job : jobs_->list()) {
-    try {
-      if (!required<bool>(job.get_obj(), "running"))
-        continue;
-      const std::string id = required<std::string>(job.get_obj(), "id");
-      std::string run_id;
-      Jobs_Error problem;
-      // One that is just beginning or ending refuses; the next turn asks again what is left.
-      if (!jobs_->control(id, "cancel", json_spirit::Object(), run_id, problem))
-        ACE_DEBUG((LM_INFO, "The run of %C is not canceled now: %C\n", id.c_str(), problem.text.c_str()));
-    } catch (const std::exception& exception) {
-      ACE_ERROR((LM_ERROR, "A run cannot be canceled: %C\n", exception.what()));
-    }
-  }
-}
-
 bool Agent_Daemon::stop_jobs()
 {
   std::atomic<bool> ended{false};
@@ -414,7 +396,7 @@ bool Agent_Daemon::stop_jobs()
       extended = waited + 1;
     }
     if (signals_.terminations() > 1) {
-      cancel_runs();
+      jobs_->end_grace();
       if (!canceled)
         ACE_DEBUG((LM_INFO, "Asked again to end: the runs under way are canceled\n"));
       canceled = true;

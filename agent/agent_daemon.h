@@ -68,7 +68,6 @@ private:
   void give_up();
   /// Ends everything but the jobs. False when a request of the server is still at work.
   bool leave();
-  void cancel_runs();
   /// Waits for the runs on this thread's behalf; false when some did not end.
   bool stop_jobs();
   std::string status_text() const;

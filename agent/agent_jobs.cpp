@@ -89,7 +89,9 @@ bool Agent_Jobs::stop(unsigned grace_seconds, bool cancel)
     if (state.opened) {
       std::string error;
       state.keep_waiting();
-      if (!state.store.set_scheduled_until(clock().now(), error))
+      // What became due while runs were waited for is told by the next start.
+      const time_t until = state.scheduler.looked_until();
+      if (until != 0 && !state.store.set_scheduled_until(until, error))
         ACE_ERROR((LM_WARNING, "(%P|%t) Agent_Jobs::stop: %C\n", error.c_str()));
     }
     state.opened = false;
@@ -103,16 +105,19 @@ bool Agent_Jobs::sync(const json_spirit::Array& definitions, json_spirit::Array&
 {
   std::vector<Definition_Offer> offers;
   json_spirit::Array unusable;
+  Kept_Definitions kept;
   for (const json_spirit::Value& value : definitions) {
     Definition_Offer offer;
     std::string reason;
-    if (read_offer(value, offer, reason))
+    if (read_offer(value, offer, reason)) {
       offers.push_back(std::move(offer));
-    else
+    } else {
       unusable.push_back(refused_definition(offer.id, reason));
+      kept.ids.insert(offer.id);
+    }
   }
   const std::lock_guard<std::mutex> guard(state_->mutex);
-  if (!state_->apply(std::move(offers), "server", unusable, error))
+  if (!state_->apply(std::move(offers), "server", kept, unusable, error))
     return false;
   refused.swap(unusable);
   return true;
@@ -129,8 +134,11 @@ bool Agent_Jobs::sync_directory(const std::string& directory, json_spirit::Array
   }
   for (const auto& problem : problems)
     unusable.push_back(refused_definition(problem.first, problem.second));
+  // Which definition a broken file held is not known.
+  Kept_Definitions kept;
+  kept.all = !problems.empty();
   const std::lock_guard<std::mutex> guard(state_->mutex);
-  if (!state_->apply(std::move(offers), "local", unusable, error))
+  if (!state_->apply(std::move(offers), "local", kept, unusable, error))
     return false;
   refused.swap(unusable);
   return true;
@@ -251,6 +259,11 @@ bool Agent_Jobs::mark_sent(const std::vector<std::string>& run_ids, Jobs_Error& 
     return true;
   error = internal(problem);
   return false;
+}
+
+void Agent_Jobs::end_grace()
+{
+  state_->runner.end_grace();
 }
 
 Agent_Jobs::Counts Agent_Jobs::counts() const

@@ -79,15 +79,17 @@ public:
   /// that: module code may be running, so the caller may only end the process.
   /// Meanwhile runs may be canceled from other threads, and afterwards records can still be read and acknowledged.
   [[nodiscard]] bool stop(unsigned grace_seconds, bool cancel);
+  /// A stop(), going on or to come, waits no longer for the runs under way and cancels them. From any thread.
+  void end_grace();
 
   /// The complete set of definitions that the server manages: {"id","revision","enabled","document"} each.
   /// Adds, replaces and removes; those of local files stay. A definition whose run is under way is replaced
   /// or removed when that run has ended. `refused` becomes a list of {"id","reason"}; a refused definition is
-  /// kept and listed but never run.
+  /// kept and listed but never run. One that cannot be read leaves the definition known by its id as it was.
   [[nodiscard]] bool sync(const json_spirit::Array& definitions, json_spirit::Array& refused,
                           Jobs_Error& error);
   /// The same for the definition files of a local directory (*.json; the document alone); a directory that
-  /// does not exist has none.
+  /// does not exist has none. While a file cannot be read, none of these definitions is removed.
   [[nodiscard]] bool sync_directory(const std::string& directory, json_spirit::Array& refused,
                                     Jobs_Error& error);
 

@@ -52,13 +52,15 @@ bool Agent_Jobs::State::load(std::string& error)
 {
   std::vector<Stored_Definition> definitions;
   std::vector<Run_Record> last;
+  std::vector<Run_Record> latest;
   time_t until = 0;
   if (!store.load(definitions, error) || !store.scheduled_until(until, error))
     return false;
   std::map<std::string, std::string> documents;
   for (const Stored_Definition& stored : definitions)
     documents[stored.id] = stored.document;
-  if (!settle_interrupted(documents, error) || !history.last_runs(last, error))
+  if (!settle_interrupted(documents, error) || !history.last_runs(last, error) ||
+      !history.latest_records(latest, error))
     return false;
 
   for (const Stored_Definition& stored : definitions) {
@@ -71,8 +73,13 @@ bool Agent_Jobs::State::load(std::string& error)
     if (found != jobs.end())
       found->second.last_run = record;
   }
+  // Times that were noted as skipped are over, too.
+  std::map<std::string, time_t> noted;
+  for (const Run_Record& record : latest)
+    noted[record.definition_id] = record.queued_at;
   for (auto& each : jobs)
-    adopt(each.second, std::max({until, each.second.stored.since, each.second.last_run.queued_at}));
+    adopt(each.second,
+          std::max({until, each.second.stored.since, each.second.last_run.queued_at, noted[each.first]}));
   return true;
 }
 
@@ -137,13 +144,13 @@ void Agent_Jobs::State::settle_pending()
       forget(id);
     } else if (found->second.next) {
       Known_Job next = std::move(*found->second.next);
-      replace(found->second, std::move(next), clock().now());
+      replace(found->second, std::move(next), scheduler.looked_until());
     }
   }
 }
 
 bool Agent_Jobs::State::apply(std::vector<Definition_Offer> offers, const std::string& origin,
-                              json_spirit::Array& refused, Jobs_Error& error)
+                              const Kept_Definitions& kept, json_spirit::Array& refused, Jobs_Error& error)
 {
   if (!opened || stopping) {
     error = Jobs_Error{Jobs_Error::busy, "the agent is stopping"};
@@ -152,7 +159,7 @@ bool Agent_Jobs::State::apply(std::vector<Definition_Offer> offers, const std::s
   settle_pending();
   // What is due by the definitions so far is due.
   take_due();
-  const time_t now = clock().now();
+  const time_t now = scheduler.looked_until();
   std::map<std::string, Known_Job> changed;
   std::set<std::string> present;
   for (Definition_Offer& offer : offers) {
@@ -184,7 +191,8 @@ bool Agent_Jobs::State::apply(std::vector<Definition_Offer> offers, const std::s
   for (const auto& each : changed)
     stored.push_back(each.second.stored);
   for (const auto& each : jobs)
-    if (each.second.stored.origin == origin && !present.count(each.first))
+    if (each.second.stored.origin == origin && !present.count(each.first) && !kept.all &&
+        !kept.ids.count(each.first))
       removed.push_back(each.first);
   std::string problem;
   if ((!stored.empty() || !removed.empty()) && !store.change(stored, removed, problem)) {
@@ -311,7 +319,7 @@ void Agent_Jobs::State::take_due()
 {
   for (const Job_Scheduler::Due& due : scheduler.take_due())
     handle_due(due);
-  const time_t now = clock().now();
+  const time_t now = scheduler.looked_until();
   if (now >= until_kept && now - until_kept < keep_until_interval_sec)
     return;
   std::string error;

@@ -22,6 +22,12 @@
 
 namespace kestrel
 {
+/// Known definitions that stay although they are not among those offered.
+struct Kept_Definitions {
+  std::set<std::string> ids;
+  bool all = false;
+};
+
 /// What is behind Agent_Jobs: the jobs it knows and the threads that look after them. For agent_jobs*.cpp
 /// only. Threads: where nothing else is said, operations are called with the mutex. It is taken before the
 /// runner's, and never
@@ -44,8 +50,8 @@ struct Agent_Jobs::State {
   void forget(const std::string& id);
   /// Changes and removals that waited for the end of a run.
   void settle_pending();
-  bool apply(std::vector<Definition_Offer> offers, const std::string& origin, json_spirit::Array& refused,
-             Jobs_Error& error);
+  bool apply(std::vector<Definition_Offer> offers, const std::string& origin, const Kept_Definitions& kept,
+             json_spirit::Array& refused, Jobs_Error& error);
 
   // Runs. With the mutex.
   bool ask_run(Known_Job& job, const std::string& trigger, const json_spirit::Object& options,

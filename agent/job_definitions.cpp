@@ -151,6 +151,10 @@ bool read_offers(const std::string& directory, std::vector<Definition_Offer>& of
       problems.emplace_back(path, problem.what());
     }
   }
+  if (failure && failure != std::errc::no_such_file_or_directory) {
+    problems.emplace(problems.begin(), directory, "cannot read " + directory + ": " + failure.message());
+    return false;
+  }
   return true;
 }
 

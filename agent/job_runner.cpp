@@ -58,11 +58,14 @@ struct Job_Runner::Run {
   Job::Opts options;
   std::string lock_path;
   std::string note; ///< the reason unless the job gives one
+  /// Held while the job's state is looked at and the job told accordingly. Before the runner's mutex.
+  std::mutex control;
 
   // Guarded by the runner's mutex.
   Job_Ptr job;
   File_Lock lock;
-  bool cancel = false; ///< asked for before there was a job
+  std::string lock_problem; ///< why there will be no lock
+  bool cancel = false;      ///< asked for before there was a job
   int progress = 0;
   uint64_t done_bytes = 0;
   uint64_t total_bytes = 0;
@@ -168,8 +171,15 @@ Job_Runner::Run_Ptr Job_Runner::take_next()
   for (auto place = queue_.begin(); place != queue_.end(); ++place) {
     const Run_Ptr run = *place;
     // Nobody overtakes an earlier request for the same lock.
-    if (!waited_for.insert(run->lock_path).second || !run->lock.try_lock(run->lock_path))
+    if (!waited_for.insert(run->lock_path).second)
       continue;
+    if (!run->lock.try_lock(run->lock_path)) {
+      const int problem = errno;
+      if (problem == EWOULDBLOCK)
+        continue;
+      // Nobody's end would change this.
+      run->lock_problem = "cannot lock " + run->lock_path + ": " + std::strerror(problem);
+    }
     queue_.erase(place);
     active_[run->record.definition_id] = run;
     return run;
@@ -186,14 +196,14 @@ void Job_Runner::begin_runs()
 void Job_Runner::begin(const Run_Ptr& run)
 {
   Run_Record& record = run->record;
-  std::string failure;
+  std::string failure = run->lock_problem;
   Job_Creator* const creator = modules_.job_creator(run->definition->type(), run->definition->subtype());
   Job_Ptr job;
   try {
     errno = 0;
-    if (creator)
+    if (creator && failure.empty())
       job = creator->create(run->definition);
-    if (!job.get())
+    if (!job.get() && failure.empty())
       failure = errno == ENOMEM ? "out of memory" : "no module runs jobs of this type";
   } catch (const std::exception& problem) {
     failure = problem.what();
@@ -214,8 +224,10 @@ void Job_Runner::begin(const Run_Ptr& run)
   }
   if (failure.empty()) {
     changed_(record);
-    if (cancel)
+    if (cancel) {
+      const std::lock_guard<std::mutex> guard(run->control);
       ignore_result(job->stop(), "it has ended by itself");
+    }
     return;
   }
   {
@@ -327,6 +339,7 @@ bool Job_Runner::control(const std::string& definition_id, const std::string& ac
   const bool cancel = action == "cancel" || action == "abort";
   Run_Ptr run;
   Job_Ptr job;
+  std::string meant;
   bool waiting = false;
   {
     const std::lock_guard<std::mutex> guard(mutex_);
@@ -346,6 +359,8 @@ bool Job_Runner::control(const std::string& definition_id, const std::string& ac
         queue_.erase(place);
       break;
     }
+    if (run)
+      meant = run->record.run_id;
   }
   if (!run) {
     error = refusal("the job is not running");
@@ -360,9 +375,12 @@ bool Job_Runner::control(const std::string& definition_id, const std::string& ac
   else if (!job.get() && !cancel) {
     error = refusal("the run is just beginning; repeat the request");
     return false;
-  } else if (job.get() && !control_job(job, action, error))
-    return false;
-  run_id = run->record.run_id;
+  } else if (job.get()) {
+    const std::lock_guard<std::mutex> guard(run->control);
+    if (!control_job(job, action, error))
+      return false;
+  }
+  run_id = meant;
   return true;
 }
 
@@ -451,29 +469,38 @@ void Job_Runner::handle_state(const Job_State_Event& event)
 
 void Job_Runner::cancel_all()
 {
-  std::vector<Job_Ptr> jobs;
+  std::vector<std::pair<Run_Ptr, Job_Ptr>> jobs;
   {
     const std::lock_guard<std::mutex> guard(mutex_);
     for (const auto& each : active_) {
       each.second->cancel = true;
       if (each.second->job.get())
-        jobs.push_back(each.second->job);
+        jobs.emplace_back(each.second, each.second->job);
     }
   }
-  for (const Job_Ptr& job : jobs)
-    ignore_result(job->stop(), "it has ended by itself");
+  for (const auto& each : jobs) {
+    const std::lock_guard<std::mutex> guard(each.first->control);
+    ignore_result(each.second->stop(), "it has ended by itself");
+  }
 }
 
-bool Job_Runner::wait_idle(int64_t msec)
+bool Job_Runner::wait_idle(int64_t msec, bool grace)
 {
   const int64_t end = clock().monotonic_msec() + msec;
   std::unique_lock<std::mutex> lock(mutex_);
   while (!active_.empty()) {
-    if (clock().monotonic_msec() >= end)
+    if (clock().monotonic_msec() >= end || (grace && grace_over_))
       return false;
     idle_.wait_for(lock, look_interval);
   }
   return true;
+}
+
+void Job_Runner::end_grace()
+{
+  const std::lock_guard<std::mutex> guard(mutex_);
+  grace_over_ = true;
+  idle_.notify_all();
 }
 
 bool Job_Runner::stop(int64_t grace_msec, bool cancel, int64_t cancel_msec)
@@ -491,10 +518,10 @@ bool Job_Runner::stop(int64_t grace_msec, bool cancel, int64_t cancel_msec)
     const std::lock_guard<std::mutex> guard(mutex_);
     return active_.empty();
   }
-  bool idle = !cancel && wait_idle(grace_msec);
+  bool idle = !cancel && wait_idle(grace_msec, true);
   if (!idle) {
     cancel_all();
-    idle = wait_idle(cancel_msec);
+    idle = wait_idle(cancel_msec, false);
   }
   {
     const std::lock_guard<std::mutex> guard(mutex_);

@@ -43,6 +43,9 @@ public:
   /// kestrel::clock().
   [[nodiscard]] bool stop(int64_t grace_msec, bool cancel, int64_t cancel_msec);
 
+  /// Ends the grace time of a stop(), of one to come as well: it cancels at once.
+  void end_grace();
+
   struct Status {
     bool queued = false;
     bool running = false;
@@ -81,7 +84,8 @@ private:
   Run_Record outcome_of(const Run& run, Job& job, uint64_t done_bytes) const;
   static bool control_job(const Job_Ptr& job, const std::string& action, Jobs_Error& error);
   void cancel_all();
-  bool wait_idle(int64_t msec);
+  /// With `grace`, end_grace() ends the wait.
+  bool wait_idle(int64_t msec, bool grace);
   Job_Notice notice_of(const Run& run, Job_State state) const;
 
   Module_Table& modules_;
@@ -95,6 +99,7 @@ private:
   std::deque<Run_Ptr> queue_;
   std::map<std::string, Run_Ptr> active_; ///< by definition
   bool stopping_ = false;
+  bool grace_over_ = false;
   bool ending_ = false;
   std::thread thread_;
 };

@@ -153,6 +153,7 @@ std::vector<Job_Scheduler::Due> Job_Scheduler::take_due()
     seen_ = now;
   }
   seen_ = std::max(seen_, now);
+  looked_until_ = now;
   std::vector<Due> all;
   while (!queue_.empty() && queue_.begin()->first <= now) {
     Due due;

@@ -55,6 +55,8 @@ public:
 
   /// What has become due since the last call, at most one entry for each definition.
   std::vector<Due> take_due();
+  /// The time up to which take_due() has looked; 0 before its first call.
+  time_t looked_until() const { return looked_until_; }
   /// False when nothing will ever be due.
   [[nodiscard]] bool next_due(time_t& next) const;
   [[nodiscard]] bool next_of(const std::string& id, time_t& next) const;
@@ -75,5 +77,6 @@ private:
   std::map<std::string, Job> jobs_;
   std::set<std::pair<time_t, std::string>> queue_;
   time_t seen_ = 0; ///< the latest time that take_due() has seen
+  time_t looked_until_ = 0;
 };
 } // namespace kestrel

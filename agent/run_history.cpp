@@ -147,6 +147,15 @@ bool Run_History::open_runs(std::vector<Run_Record>& records, std::string& error
 
 bool Run_History::last_runs(std::vector<Run_Record>& records, std::string& error) const
 {
+  // A time that found its job running is noted after that run has got its number.
+  return select("WHERE number IN (SELECT max(number) FROM run WHERE NOT (state = " +
+                    std::to_string(static_cast<int>(JOB_STATE_SKIPPED)) +
+                    " AND started_at = 0) GROUP BY definition_id)",
+                records, error);
+}
+
+bool Run_History::latest_records(std::vector<Run_Record>& records, std::string& error) const
+{
   return select("WHERE number IN (SELECT max(number) FROM run GROUP BY definition_id)", records, error);
 }
 

@@ -50,8 +50,10 @@ public:
 
   /// Runs that did not end.
   [[nodiscard]] bool open_runs(std::vector<Run_Record>& records, std::string& error) const;
-  /// The last run of every definition that has one.
+  /// The last run of every definition that has one. Notes of times that were skipped are no runs.
   [[nodiscard]] bool last_runs(std::vector<Run_Record>& records, std::string& error) const;
+  /// The record made last of every definition, notes included.
+  [[nodiscard]] bool latest_records(std::vector<Run_Record>& records, std::string& error) const;
   /// `found` is false when there is no such run.
   [[nodiscard]] bool find(const std::string& run_id, Run_Record& record, bool& found,
                           std::string& error) const;

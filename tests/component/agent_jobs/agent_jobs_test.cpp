@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace kestrel_test;
 using kestrel::Jobs_Error;
@@ -216,6 +218,24 @@ TEST(Agent_Jobs, waits_for_a_run_of_another_process_on_its_source)
   EXPECT_EQ("completed", text_of(agent.wait_ended(run), "state"));
 }
 
+TEST(Agent_Jobs, a_run_whose_source_cannot_be_locked_fails)
+{
+  Agent_Bench agent;
+  agent.start();
+  agent.sync_documents({agent.document(1)});
+  kestrel::Job_Definition_Fields fields = agent.bench.backup_fields();
+  fields.source->id(Agent_Bench::source(1));
+  const std::string path = kestrel::run_lock_path(Job_Definition(fields));
+  ASSERT_EQ(0, ::mkdir(path.c_str(), 0700));
+  const json_spirit::Object record = agent.wait_ended(agent.control(1, "run"));
+  EXPECT_EQ("error", text_of(record, "state"));
+  EXPECT_EQ("cannot lock " + path + ": Is a directory", text_of(record, "reason"));
+  ASSERT_EQ(0, ::rmdir(path.c_str()));
+  // The job may be listed for a moment longer than its record says.
+  ASSERT_TRUE(eventually([&] { return agent.jobs->counts().running == 0; }));
+  EXPECT_EQ("completed", text_of(agent.wait_ended(agent.control(1, "run")), "state"));
+}
+
 TEST(Agent_Jobs, gives_the_options_of_a_request_to_the_job)
 {
   Agent_Bench agent;
@@ -374,7 +394,22 @@ TEST(Agent_Jobs, reads_definitions_of_local_files_beside_those_of_the_server)
   EXPECT_EQ(1u, refused.size());
   EXPECT_EQ(0, ::unlink(file.c_str()));
   ASSERT_TRUE(agent.jobs->sync_directory(directory, refused, error)) << error.text;
+  EXPECT_EQ(1u, agent.jobs->list().size()) << "the broken file may hold it";
+  EXPECT_EQ(0, ::unlink((directory + "/two.json").c_str()));
+  ASSERT_TRUE(agent.jobs->sync_directory(directory, refused, error)) << error.text;
   EXPECT_TRUE(agent.jobs->list().empty());
+}
+
+TEST(Agent_Jobs, keeps_a_known_definition_while_its_offer_cannot_be_read)
+{
+  Agent_Bench agent;
+  agent.start();
+  agent.sync_documents({agent.document(1), agent.document(2)});
+  json_spirit::Object unreadable;
+  kestrel::set_value(unreadable, "id", Agent_Bench::id(1));
+  EXPECT_EQ(1u, agent.sync({unreadable}).size());
+  ASSERT_EQ(1u, agent.jobs->list().size()) << "the other one was not offered any more";
+  EXPECT_EQ("completed", text_of(agent.wait_ended(agent.control(1, "run")), "state"));
 }
 
 TEST(Agent_Jobs, loads_five_hundred_definitions_quickly)

@@ -241,6 +241,46 @@ TEST(Agent_Restart, a_stop_cancels_runs_at_once_or_after_the_grace_time)
   }
 }
 
+TEST(Agent_Restart, a_stop_that_waits_for_runs_can_be_told_to_cancel_them)
+{
+  Agent_Bench agent;
+  agent.start();
+  agent.sync_documents({agent.document(1, true)});
+  const std::string run = agent.control(1, "run");
+  ASSERT_TRUE(agent.wait_up(1));
+  agent.bench.clock.stand_still(); // no grace time ends by itself
+  std::thread stopping([&] { EXPECT_TRUE(agent.jobs->stop(100000, false)); });
+  agent.jobs->end_grace();
+  EXPECT_TRUE(eventually([&] { return agent.state(1) == "canceling"; }));
+  agent.let_go(1);
+  stopping.join();
+  agent.open();
+  EXPECT_EQ("canceled", text_of(agent.wait_ended(run), "state"));
+}
+
+TEST(Agent_Restart, a_stop_does_not_pass_over_what_becomes_due_meanwhile)
+{
+  Agent_Bench agent;
+  agent.start();
+  agent.sync_documents({agent.document(1, true)});
+  agent.control(1, "run");
+  ASSERT_TRUE(agent.wait_up(1));
+  const time_t grace = 40;
+  std::thread stopping([&] { EXPECT_TRUE(agent.jobs->stop(grace, false)); });
+  EXPECT_TRUE(eventually([&] { return agent.state(1) == "canceling"; }));
+  agent.bench.clock.stand_still();
+  agent.let_go(1);
+  stopping.join();
+  kestrel::Job_Database database;
+  kestrel::Job_Store store(database);
+  std::string error;
+  time_t until = 0;
+  ASSERT_TRUE(database.open(agent.database(), error)) << error;
+  ASSERT_TRUE(store.scheduled_until(until, error)) << error;
+  EXPECT_NE(0, until);
+  EXPECT_LT(until, kestrel::clock().now() - grace + 2) << "the schedules were not looked at while it waited";
+}
+
 TEST(Agent_Restart, a_stop_ends_a_run_whose_script_hangs)
 {
   Agent_Bench agent;

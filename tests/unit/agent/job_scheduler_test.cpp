@@ -62,6 +62,16 @@ TEST_F(Job_Scheduler_Test, has_a_run_due_once_at_its_time)
   EXPECT_EQ(quarter_past + 3600, next_of("a"));
 }
 
+TEST_F(Job_Scheduler_Test, tells_how_far_it_has_looked)
+{
+  EXPECT_EQ(0, scheduler_.looked_until());
+  EXPECT_TRUE(scheduler_.take_due().empty());
+  clock_.advance_msec(5000);
+  EXPECT_EQ(start, scheduler_.looked_until());
+  EXPECT_TRUE(scheduler_.take_due().empty());
+  EXPECT_EQ(start + 5, scheduler_.looked_until());
+}
+
 TEST_F(Job_Scheduler_Test, tells_what_was_missed_while_the_agent_was_down)
 {
   set("skips", "15 * * * *", false, start - 5 * 3600);

@@ -192,6 +192,29 @@ TEST_F(Job_Store_Test, knows_the_last_run_of_every_definition)
   EXPECT_EQ(Ids{}, list("' OR 1=1 --"));
 }
 
+TEST_F(Job_Store_Test, a_note_of_a_skipped_time_is_no_last_run)
+{
+  put("r1", 10, "d1");
+  Run_Record note;
+  note.run_id = "note";
+  note.definition_id = "d1";
+  note.state = JOB_STATE_SKIPPED;
+  note.ended_at = 20;
+  std::string error;
+  ASSERT_TRUE(history_.put(note, error)) << error;
+  std::vector<Run_Record> records;
+  ASSERT_TRUE(history_.last_runs(records, error)) << error;
+  EXPECT_EQ(Ids{"r1"}, ids(records));
+  ASSERT_TRUE(history_.latest_records(records, error)) << error;
+  EXPECT_EQ(Ids{"note"}, ids(records));
+  // A run that found nothing to do on this host is one.
+  note.run_id = "r2";
+  note.started_at = 30;
+  ASSERT_TRUE(history_.put(note, error)) << error;
+  ASSERT_TRUE(history_.last_runs(records, error)) << error;
+  EXPECT_EQ(Ids{"r2"}, ids(records));
+}
+
 TEST_F(Job_Store_Test, forgets_old_runs_but_never_what_the_server_does_not_have)
 {
   put("old", 10);
