@@ -19,7 +19,7 @@ for preset in "${presets[@]}"; do
   case "$preset" in
   release) labels=() ;;
   asan) labels=(-L '^(unit|component|fuzz)$' -LE check) ;;
-  tsan) labels=(-L '^(unit|component)$' -LE check) ;; # the parsers of the fuzz targets run on one thread
+  tsan) labels=(-L '^(unit|component)$' -LE check) ;;
   esac
   # Many tests wait for time limits and child processes: twice as many as processors keep those busy.
   ctest --test-dir "build/$preset" -j "$((2 * $(nproc)))" "${labels[@]}"
