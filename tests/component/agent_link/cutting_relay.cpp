@@ -32,15 +32,15 @@ Cutting_Relay::Cutting_Relay(unsigned short target_port)
   EXPECT_EQ(0, ::listen(listener_.get(), 16));
   EXPECT_EQ(0, ::getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&address), &size));
   port_ = ntohs(address.sin_port);
-  threads_.emplace_back([this] { accept_all(); });
+  acceptor_ = std::thread([this] { accept_all(); });
 }
 
 Cutting_Relay::~Cutting_Relay()
 {
   stop_ = true;
-  threads_[0].join(); // makes the others
-  for (size_t i = 1; i < threads_.size(); ++i)
-    threads_[i].join();
+  acceptor_.join(); // makes the others
+  for (std::thread& relay : relays_)
+    relay.join();
 }
 
 void Cutting_Relay::cut_after(Side side, size_t bytes)
@@ -79,7 +79,7 @@ void Cutting_Relay::accept_all()
         plans_.pop_front();
       }
     }
-    threads_.emplace_back([this, client, plan] { relay(client, plan); });
+    relays_.emplace_back([this, client, plan] { relay(client, plan); });
   }
 }
 

@@ -50,6 +50,7 @@ private:
   std::atomic<bool> stop_{false};
   mutable std::mutex mutex_;
   std::deque<Plan> plans_;
-  std::vector<std::thread> threads_;
+  std::vector<std::thread> relays_; ///< the acceptor's until it has ended
+  std::thread acceptor_;
 };
 } // namespace kestrel_test
