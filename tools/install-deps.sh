@@ -11,7 +11,7 @@ packages=(
   libcli11-dev libtomlplusplus-dev libcurl4-openssl-dev prometheus-cpp-dev libcctz-dev tzdata
   libgtest-dev libgmock-dev libbenchmark-dev
   postgresql-15 postgresql-client-15
-  zstd lz4 gzip sqlite3 jq python3 procps bsdextrautils iproute2
+  zstd lz4 gzip sqlite3 jq python3 procps bsdextrautils iproute2 curl openssl man-db
 )
 [ "${1:-}" = "--bench" ] && packages+=(pgbackrest time)
 
