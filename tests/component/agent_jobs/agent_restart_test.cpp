@@ -73,6 +73,7 @@ private:
 };
 } // namespace
 
+// No test of its own: what Agent_Child starts as another process, and kills. By itself it would never end.
 TEST(Agent_Jobs_Child, DISABLED_runs_the_first_job)
 {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
