@@ -1,6 +1,5 @@
 #include "agent/systemd_notify.h"
 
-#include "base/clock.h"
 #include "base/descriptor.h"
 #include "base/files.h"
 
@@ -16,6 +15,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <vector>
 
 namespace kestrel
 {
@@ -162,40 +162,6 @@ bool Service_Notifier::send(const std::string& message) const
                std::strerror(error_number)));
   warned_ = true;
   return false;
-}
-
-size_t Heartbeats::add(const std::string& name, int64_t limit_msec)
-{
-  const std::lock_guard<std::mutex> guard(mutex_);
-  Loop loop;
-  loop.name = name;
-  loop.limit_msec = limit_msec;
-  loop.last_msec = clock().monotonic_msec();
-  loops_.push_back(loop);
-  return loops_.size() - 1;
-}
-
-void Heartbeats::beat(size_t loop)
-{
-  const std::lock_guard<std::mutex> guard(mutex_);
-  loops_.at(loop).last_msec = clock().monotonic_msec();
-}
-
-void Heartbeats::end(size_t loop)
-{
-  const std::lock_guard<std::mutex> guard(mutex_);
-  loops_.at(loop).watched = false;
-}
-
-std::vector<std::string> Heartbeats::stuck() const
-{
-  const std::lock_guard<std::mutex> guard(mutex_);
-  const int64_t now = clock().monotonic_msec();
-  std::vector<std::string> names;
-  for (const Loop& loop : loops_)
-    if (loop.watched && now - loop.last_msec > loop.limit_msec)
-      names.push_back(loop.name);
-  return names;
 }
 
 void Watchdog::start()

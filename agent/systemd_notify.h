@@ -1,12 +1,13 @@
 #pragma once
 
+#include "base/heartbeat.h"
+
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace kestrel
 {
@@ -47,32 +48,6 @@ private:
   int64_t feed_msec_ = 0;
   mutable std::mutex mutex_;
   mutable bool warned_ = false;
-};
-
-/// Whether every loop of a process still turns. Each loop reports at least once in its limit; a loop that waits for
-/// something without an end of its own (a person, a tool) must not report through here.
-/// Threads: any.
-/// Units:   milliseconds on the monotonic clock.
-class Heartbeats
-{
-public:
-  /// The number to report with. It counts as having reported now.
-  size_t add(const std::string& name, int64_t limit_msec);
-  void beat(size_t loop);
-  /// No longer watched; used when a loop ends as it should.
-  void end(size_t loop);
-  /// Names of the loops that have not reported in time.
-  std::vector<std::string> stuck() const;
-
-private:
-  struct Loop {
-    std::string name;
-    int64_t limit_msec = 0;
-    int64_t last_msec = 0;
-    bool watched = true;
-  };
-  mutable std::mutex mutex_;
-  std::vector<Loop> loops_;
 };
 
 /// Feeds the service manager's watchdog as long as no loop is stuck; once one is, it says which and feeds no more, so

@@ -139,23 +139,6 @@ TEST(Service_Notifier, warns_once_when_nobody_listens_or_the_name_is_none)
   }
 }
 
-TEST(Heartbeats, tell_the_loops_that_have_not_reported_in_time)
-{
-  Fake_Clock clock;
-  Heartbeats beats;
-  const size_t fast = beats.add("fast", 1000);
-  const size_t slow = beats.add("slow", 5000);
-  EXPECT_TRUE(beats.stuck().empty());
-  clock.advance_msec(1001);
-  EXPECT_EQ(std::vector<std::string>{"fast"}, beats.stuck());
-  clock.advance_msec(4000);
-  EXPECT_EQ((std::vector<std::string>{"fast", "slow"}), beats.stuck());
-  beats.beat(fast);
-  EXPECT_EQ(std::vector<std::string>{"slow"}, beats.stuck());
-  beats.end(slow);
-  EXPECT_TRUE(beats.stuck().empty());
-}
-
 TEST(Watchdog, feeds_until_a_loop_is_stuck_and_again_when_it_turns)
 {
   Fake_Clock clock;
