@@ -142,14 +142,33 @@ TEST_F(Job_Scripts, that_hang_are_ended_once_their_job_is_canceled)
   }
 }
 
-TEST_F(Job_Scripts, a_stop_during_the_pre_action_is_a_cancel)
+TEST_F(Job_Scripts, a_request_during_the_pre_action_keeps_the_work_from_beginning)
 {
-  script_.pre_action = [&] {
-    // the script itself is done; the request came while it ran
-    return job_->stop() == 0 && job_->state() == JOB_STATE_RUNNING;
+  struct Case {
+    const char* name;
+    std::function<int(Job&)> request;
+    Job_State end;
   };
-  EXPECT_EQ(JOB_STATE_CANCELED, run_with([](kestrel::Job_Definition_Fields&) {}));
+  const Case cases[] = {{"stop", [](Job& job) { return job.stop(); }, JOB_STATE_CANCELED},
+                        {"pause", [](Job& job) { return job.pause(); }, JOB_STATE_PAUSED},
+                        {"abort", [](Job& job) { return job.abort(); }, JOB_STATE_ERROR}};
+  for (const Case& c : cases) {
+    const std::string begun = root_ / (std::string(c.name) + "_begun");
+    const std::string go = root_ / (std::string(c.name) + "_go");
+    kestrel::Job_Definition_Fields fields = plain_fields();
+    // It succeeds, whatever was asked meanwhile.
+    fields.pre_action = "touch " + begun + "; while [ ! -e " + go + " ]; do sleep 0.01; done";
+    fields.post_action = mark("post");
+    const Job_Ptr job = make_job(std::move(fields));
+    ASSERT_EQ(0, job->start());
+    ASSERT_TRUE(wait_for_file(begun)) << c.name;
+    EXPECT_EQ(0, c.request(*job)) << c.name;
+    root_.write(std::string(c.name) + "_go", "");
+    ASSERT_TRUE(job->wait_end(30000)) << c.name;
+    EXPECT_EQ(c.end, job->state()) << c.name;
+  }
   EXPECT_EQ(0u, script_.works);
+  EXPECT_EQ("", marks());
 }
 
 TEST_F(Job_Scripts, a_cancel_before_a_post_action_that_always_runs_is_reported_as_failure)

@@ -6,22 +6,21 @@
 #include "process/process_api.h"
 #include "support/fake_tool.h"
 #include "support/log_capture.h"
+#include "support/oscar_server.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <fcntl.h>
-#include <fstream>
 #include <stdexcept>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using json_spirit::Value;
 using kestrel_test::Log_Capture;
 using kestrel_test::make_fake_tool;
+using kestrel_test::Oscar_Server;
 using kestrel_test::Temp_Dir;
 
 namespace
@@ -29,54 +28,18 @@ namespace
 typedef std::map<std::string, Value> Values;
 typedef std::map<std::string, std::shared_ptr<Instance>> Instances;
 
+// A name for the private list: the arguments of an explicit instantiation are not checked for access.
+typedef std::map<std::string, Oscar_Instance_Info> Found_Instances;
+template <Found_Instances Oscar_Instance_Handler::*LIST> struct List_Access {
+  friend Found_Instances& found_instances(Oscar_Instance_Handler& handler) { return handler.*LIST; }
+};
+Found_Instances& found_instances(Oscar_Instance_Handler& handler);
+template struct List_Access<&Oscar_Instance_Handler::inst_infos_>;
+
 const char version_script[] = "if args_contain --version\n"
                               "out \"isql (OSCAR) 9.1 (build 5.7.2) for Linux\"\n"
                               "exit 0\n"
                               "end\n";
-
-/// A process that looks like the server of an instance: HOME/bin/oscar -d NAME.
-class Server
-{
-public:
-  Server(const Temp_Dir& home, const std::string& name)
-  {
-    kestrel::Spawn_Request request;
-    request.program = make_fake_tool(home, "bin/oscar", "write_file ${dir}/started x\nhang\n");
-    request.argv = {request.program, "-d", name};
-    pid_ = kestrel::process_api().spawn(request);
-    EXPECT_GT(pid_, 0);
-    wait_for_command_line(name);
-  }
-
-  ~Server() { stop(); }
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
-
-  void stop()
-  {
-    if (pid_ <= 0)
-      return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-
-private:
-  // The list of services shows the command line of the new program only once it was executed.
-  void wait_for_command_line(const std::string& name)
-  {
-    for (int i = 0; i < 2000; ++i) {
-      std::ifstream file("/proc/" + std::to_string(pid_) + "/cmdline", std::ios::binary);
-      const std::string line((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-      if (line.find(name) != std::string::npos)
-        return;
-      ::usleep(5000);
-    }
-    ADD_FAILURE() << "the server did not start";
-  }
-
-  pid_t pid_ = -1;
-};
 
 class Instance_Handler_With_Tools : public testing::Test
 {
@@ -102,7 +65,7 @@ protected:
   /// Makes the handler know the instance.
   void find_instance()
   {
-    Server server(home_, name_);
+    Oscar_Server server(home_, name_);
     ASSERT_EQ(probe().count(name_), 1u);
   }
 
@@ -131,7 +94,7 @@ TEST_F(Instance_Handler_With_Tools, reports_a_running_instance_with_home_and_ver
   isql("");
   std::string lower = name_;
   lower[0] = 'k';
-  Server server(home_, lower);
+  Oscar_Server server(home_, lower);
   const Instances instances = probe();
   ASSERT_EQ(instances.count(name_), 1u) << "names are upper case";
   const Instance& instance = *instances.at(name_);
@@ -144,7 +107,7 @@ TEST_F(Instance_Handler_With_Tools, reports_a_running_instance_with_home_and_ver
 TEST_F(Instance_Handler_With_Tools, replaces_what_the_caller_had_under_the_name)
 {
   isql("");
-  Server server(home_, name_);
+  Oscar_Server server(home_, name_);
   Instances instances;
   instances[name_] = std::make_shared<Instance>();
   instances["OTHER"] = nullptr;
@@ -181,7 +144,7 @@ TEST_F(Instance_Handler_With_Tools, no_exception_leaves_a_probe)
   public:
     pid_t spawn(const kestrel::Spawn_Request&) override { throw std::runtime_error("too many 100%s"); }
   };
-  Server server(home_, name_);
+  Oscar_Server server(home_, name_);
   Throwing_Api api;
   const kestrel::Scoped_Process_Api scope(api);
   Instances instances;
@@ -194,7 +157,7 @@ TEST_F(Instance_Handler_With_Tools, still_reports_an_instance_that_has_gone)
 {
   isql("");
   {
-    Server server(home_, name_);
+    Oscar_Server server(home_, name_);
     EXPECT_EQ(probe().count(name_), 1u);
   }
   EXPECT_EQ(probe().count(name_), 1u);
@@ -237,6 +200,18 @@ TEST_F(Instance_Handler_With_Tools, a_login_needs_the_exact_name)
   EXPECT_EQ(handler_.logon(lower.c_str(), "u", "p", extra), -1);
   EXPECT_EQ(handler_.error(), "Instance " + lower + " not found");
   EXPECT_TRUE(log_.expect_exactly(LM_ERROR, "Instance " + lower + " not found.\n"));
+}
+
+// What a probe finds always has a home; the check stands for whatever else may fill the list one day.
+TEST_F(Instance_Handler_With_Tools, a_login_needs_the_home_of_the_instance)
+{
+  isql("exit 0\n");
+  find_instance();
+  found_instances(handler_).at(name_).oscar_home.clear();
+  Values extra;
+  EXPECT_EQ(handler_.logon(name_.c_str(), "u", "secret-word", extra), -1);
+  EXPECT_EQ(handler_.error(), "SZ_OSCAR_HOME of " + name_ + " is empty");
+  EXPECT_TRUE(log_.expect_exactly(LM_ERROR, "SZ_OSCAR_HOME of " + name_ + " is empty.\n"));
 }
 
 TEST_F(Instance_Handler_With_Tools, update_options_adds_the_node_of_this_host_and_registers_it)

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <memory>
 
 namespace
@@ -66,4 +67,21 @@ TEST_F(Loaded_Module, its_parsers_fill_a_definition_and_its_creator_makes_the_jo
 TEST_F(Loaded_Module, its_instance_handler_knows_its_type)
 {
   EXPECT_EQ(make<Instance_Handler>("Oscar_Instance_Handler")->type(), "oscar");
+}
+
+TEST_F(Loaded_Module, is_gone_from_the_process_once_it_is_closed)
+{
+  const std::string path = kestrel_test::lib_dir() + "/oscar.so";
+  const auto loaded = [&] {
+    void* const handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD);
+    if (handle)
+      ::dlclose(handle);
+    return handle != nullptr;
+  };
+  make<Instance_Handler>("Oscar_Instance_Handler");
+  EXPECT_TRUE(loaded());
+  loader_.close();
+  EXPECT_FALSE(loaded()) << "something holds it, and what it made at its load is never released";
+  EXPECT_TRUE(loader_.open(path)) << loader_.error();
+  EXPECT_NE(make<Job_Creator>("Oscar_Job_Creator"), nullptr);
 }

@@ -1,6 +1,7 @@
 #include "unit/jobs/job_fixture.h"
 
 #include "base/uuid.h"
+#include "support/no_memory.h"
 
 #include <cerrno>
 #include <stdexcept>
@@ -162,6 +163,24 @@ TEST_F(Job_Lifecycle, hands_a_copy_of_the_options_to_the_run_and_null_for_none)
   const Job::Opts none;
   run(*job, &none);
   EXPECT_FALSE(script_.got_options);
+}
+
+TEST_F(Job_Lifecycle, without_memory_for_its_options_a_run_does_not_start)
+{
+  Log_Capture log;
+  const Job_Ptr job = make_job();
+  Job::Opts opts;
+  opts["level"] = json_spirit::Value("full");
+  {
+    const No_Memory none;
+    EXPECT_EQ(-1, job->start(&opts));
+  }
+  EXPECT_TRUE(log.expect(LM_ERROR, ", opt is NULL:\n"));
+  EXPECT_EQ(1u, log.count("Unexpected error in "));
+  EXPECT_EQ(0u, Job::active_runs());
+  EXPECT_EQ(0u, script_.works);
+  run(*job);
+  EXPECT_EQ(1u, script_.works) << "the next start finds a job like any other";
 }
 
 TEST_F(Job_Lifecycle, survives_an_exception_of_an_executor)

@@ -1,6 +1,7 @@
 #include "unit/jobs/job_fixture.h"
 
 #include "job/thread_helper.h"
+#include "support/no_memory.h"
 
 #include <ace/Log_Record.h>
 
@@ -71,6 +72,22 @@ TEST(Thread_Helpers, refuse_a_second_thread_while_the_first_runs)
   gate.open();
   helper.join();
   EXPECT_EQ(1, worker.done);
+}
+
+TEST(Thread_Helpers, without_memory_for_their_flag_start_nothing)
+{
+  Log_Capture log;
+  Worker worker;
+  std::unique_ptr<Thread_Helper> helper;
+  {
+    const No_Memory none;
+    helper.reset(new Thread_Helper(JOINABLE, ACE_DEFAULT_THREAD_PRIORITY));
+  }
+  EXPECT_EQ(-1, helper->spawn(&Worker::work, &worker));
+  EXPECT_TRUE(log.expect(LM_EMERGENCY, ", _running is NULL:\n"));
+  EXPECT_FALSE(helper->exists());
+  EXPECT_FALSE(helper->running());
+  EXPECT_EQ(0, worker.entered);
 }
 
 TEST(Thread_Helpers, spawn_again_after_the_first_thread_has_ended)

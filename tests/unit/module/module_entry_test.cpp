@@ -1,6 +1,6 @@
 #include "oscar/module_entry.h"
 
-#include "no_memory.h"
+#include "support/no_memory.h"
 #include "oscar/backup_job_options_parser.h"
 #include "oscar/backup_job_source_parser.h"
 #include "oscar/instance/oscar_instance_handler.h"

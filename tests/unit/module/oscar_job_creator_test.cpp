@@ -1,7 +1,7 @@
 #include "oscar/oscar_job_creator.h"
 
 #include "job/default_job_t.h"
-#include "no_memory.h"
+#include "support/no_memory.h"
 #include "oscar/backup_executor.h"
 #include "oscar/brcmd_backup_executor.h"
 #include "oscar/brcmd_restore_executor.h"

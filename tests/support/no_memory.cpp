@@ -1,4 +1,4 @@
-#include "no_memory.h"
+#include "support/no_memory.h"
 
 #include <new>
 
@@ -8,8 +8,8 @@ thread_local unsigned good_left = 0;
 thread_local unsigned bad_left = 0;
 } // namespace
 
-// Replaces the library's for the whole program. Memory still comes from the throwing form, which the
-// sanitizers know.
+// Replaces the library's in every program that uses this class. Memory still comes from the throwing form,
+// which the sanitizers know.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept
 {
   if (bad_left > 0) {
@@ -28,7 +28,7 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept
 
 namespace kestrel_test
 {
-No_Memory::No_Memory(unsigned good, unsigned bad)
+No_Memory::No_Memory(unsigned good, unsigned bad) : bad_(bad)
 {
   good_left = good;
   bad_left = bad;
@@ -37,5 +37,10 @@ No_Memory::No_Memory(unsigned good, unsigned bad)
 No_Memory::~No_Memory()
 {
   bad_left = 0;
+}
+
+bool No_Memory::refused() const
+{
+  return bad_left < bad_;
 }
 } // namespace kestrel_test
