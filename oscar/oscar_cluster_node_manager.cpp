@@ -32,6 +32,19 @@ struct Module_Lifetime {
 };
 Module_Lifetime module_lifetime;
 
+/// Tools are started on the way, and what their start throws must end here: the callers are threads of jobs
+/// and of services.
+bool identify_local_node(const std::shared_ptr<Instance>& inst, const std::string& uid,
+                         const std::string& virtual_address, Cluster_Node& node)
+{
+  try {
+    return get_cluster_node_info(inst, uid, virtual_address, node);
+  } catch (const std::exception& failure) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) Oscar_Cluster_Node_Manager::identify_local_node: %C\n", failure.what()));
+    return false;
+  }
+}
+
 bool manager_given(const Instance_Manager* instmgr)
 {
   return OSCAR_POINTER_GIVEN(instmgr);
@@ -140,7 +153,7 @@ bool Oscar_Cluster_Node_Manager::is_selected_node(const char* instance, const st
     return false;
   }
   Cluster_Node node = {};
-  if (!get_cluster_node_info(inst, uid, std::string(), node)) {
+  if (!identify_local_node(inst, uid, std::string(), node)) {
     ACE_ERROR((LM_ERROR, "Failed to get node info of instance %s\n", instance));
     return false;
   }
@@ -222,7 +235,7 @@ bool Oscar_Cluster_Node_Manager::check_state(const std::string& instance, const 
     return false;
   }
   Cluster_Node node = {};
-  if (!get_cluster_node_info(inst, uid, virtual_address, node)) {
+  if (!identify_local_node(inst, uid, virtual_address, node)) {
     ACE_ERROR((LM_ERROR, "Failed to get node info of instance %s\n", instance.c_str()));
     return false;
   }

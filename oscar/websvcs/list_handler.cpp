@@ -45,6 +45,18 @@ bool read_params(const json_spirit::Value& params, Browse_Params& wanted)
 
 typedef snprintf_t<256> Error_Text;
 
+/// Calls `look` and takes what it throws for a failure, since nothing may leave a service: false after a line
+/// in the log.
+template <class Look> bool look_safely(const char* service, Look look)
+{
+  try {
+    return look();
+  } catch (const std::exception& failure) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) %C: %C\n", service, failure.what()));
+    return false;
+  }
+}
+
 /// False with the answer's text in `error`.
 bool browse(const std::shared_ptr<Instance>& inst, const Browse_Params& wanted, const std::string& username,
             const secure_string& password, json_spirit::Value& result, Error_Text& error)
@@ -108,7 +120,7 @@ int JSON_RPC_Oscar_List_Handler::handle_object(ACE_Weak_Bound_Ptr<JSON_RPC_Chann
 int get_oscar_instance_info(JSON_RPC_Channel* channel, const JSON_RPC_Request* request)
 {
   std::map<std::string, Oscar_Instance_Info> found;
-  if (!get_instance_info(found, "C")) {
+  if (!look_safely("get_oscar_instance_info", [&] { return get_instance_info(found, "C"); })) {
     ACE_ERROR((LM_ERROR, "Failed to get instance info.\n"));
     return refuse(*channel, *request, INTERNAL_ERROR, "Failed to get instance info");
   }
@@ -140,7 +152,8 @@ int get_oscar_info(JSON_RPC_Channel* channel, const JSON_RPC_Request* request)
   if (!inst)
     return refuse(*channel, *request, INTERNAL_ERROR, "Instance info is null");
   Error_Text error;
-  if (!browse(inst, wanted, username, password, response->result(), error))
+  if (!look_safely("get_oscar_info",
+                   [&] { return browse(inst, wanted, username, password, response->result(), error); }))
     return refuse(*channel, *request, INTERNAL_ERROR, error.c_str());
   return oscar::answer(*channel, std::move(response));
 }

@@ -25,8 +25,17 @@ inline int refuse(JSON_RPC_Channel& channel, const JSON_RPC_Request& request, in
   return channel.send_error(code, request.id(), message, json_spirit::Value());
 }
 
+/// Sends the response. -1 with errno ENOMEM, and nothing sent, when there is no memory for its count of
+/// references.
 inline int answer(JSON_RPC_Channel& channel, std::unique_ptr<JSON_RPC_Response> response)
 {
-  return channel.send(JSON_RPC_Object_Ptr(response.release()));
+  try {
+    const JSON_RPC_Object_Ptr object(response.get());
+    response.release(); // it is the object's now
+    return channel.send(object);
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return -1;
+  }
 }
 } // namespace oscar

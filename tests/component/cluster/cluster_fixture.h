@@ -1,5 +1,6 @@
 #pragma once
 
+#include "instances/instance_manager.h"
 #include "instances/instance_registry.h"
 #include "oscar/oscar_cluster_node_manager.h"
 #include "rpc/json_restful_client.h"
@@ -45,6 +46,31 @@ public:
   std::string cause; ///< not empty: no answer comes
   int answer_status = 200;
   std::string answer_body = R"({"selection_time":1700000005,"further":"ignored"})";
+};
+
+/// An instance manager that answers the question for an account with a result of its own and then with the
+/// account.
+class Odd_Account_Result : public Instance_Manager
+{
+public:
+  explicit Odd_Account_Result(int result)
+      : result_(result), before_(kestrel::set_instance_manager_for_test(this))
+  {
+  }
+  ~Odd_Account_Result() override { kestrel::set_instance_manager_for_test(before_); }
+  Odd_Account_Result(const Odd_Account_Result&) = delete;
+  Odd_Account_Result& operator=(const Odd_Account_Result&) = delete;
+
+  int get_account(const std::string& type, const std::string& name, const std::string& uid,
+                  std::string& username, secure_string& password,
+                  std::map<std::string, json_spirit::Value>* extra) override
+  {
+    return Instance_Manager::get_account(type, name, uid, username, password, extra) == 0 ? result_ : -1;
+  }
+
+private:
+  const int result_;
+  Instance_Manager* const before_;
 };
 
 /// Collects what handlers send.

@@ -1,49 +1,21 @@
-#include "cluster_fixture.h"
-#include "instances/instance_manager.h"
 #include "oscar/websvcs/list_handler.h"
 #include "oscar/websvcs/oscar_node_handler.h"
 #include "oscar/websvcs/oscar_notify_node_handler.h"
+#include "service_call.h"
 
 using namespace kestrel_test;
 
 namespace
 {
-typedef ACE_Strong_Bound_Ptr<JSON_RPC_Channel, ACE_Thread_Mutex> Channel_Ptr;
-
-const char connected[] = "{\"jsonrpc\":\"2.0\",\"id\":5,";
-std::string answer(const std::string& result)
-{
-  return connected + ("\"result\":" + result + "}");
-}
-std::string refusal(int code, const std::string& message)
-{
-  return connected + ("\"error\":{\"code\":" + std::to_string(code) + ",\"message\":\"" + message + "\"}}");
-}
-
-/// The response is not a request.
+/// Neither request nor response.
 class Some_Object : public JSON_RPC_Object
 {
 };
 } // namespace
 
-class Web_Services : public Cluster_Fixture
+class Web_Services : public Service_Call
 {
 protected:
-  Web_Services() : channel_(new Collecting_Channel), keeper_(channel_) {}
-
-  /// The text that a handler sends for these params ("" stands for absent ones), or "" when it sends none.
-  std::string ask(JSON_RPC_Handler& handler, const std::string& params)
-  {
-    json_spirit::Value value;
-    std::string error;
-    if (!params.empty()) {
-      EXPECT_TRUE(kestrel::read_json(params, value, error)) << error;
-    }
-    channel_->texts.clear();
-    result_ = handler.handle_object(keeper_, JSON_RPC_Object_Ptr(new JSON_RPC_Request(5, "any", value)));
-    EXPECT_LE(channel_->texts.size(), 1u);
-    return channel_->texts.empty() ? "" : channel_->texts[0];
-  }
   /// isql answers by statement: the login test succeeds, queries print `rows`.
   void isql_rows(const std::vector<std::string>& rows)
   {
@@ -53,9 +25,6 @@ protected:
     isql(steps + "out \"(" + std::to_string(rows.size()) + " rows)\"\nend\n");
   }
 
-  Collecting_Channel* const channel_;
-  Channel_Ptr keeper_;
-  int result_ = 0;
   JSON_RPC_Oscar_List_Handler list_;
   JSON_RPC_Oscar_Node_Handler node_;
   JSON_RPC_Oscar_Notify_Node_Handler notify_;
@@ -255,4 +224,15 @@ TEST_F(Web_Services, a_browse_without_account_instance_or_registry_is_refused)
   const std::string refused = ask(list_, R"({"uid":"u","instance":"DB1"})");
   kestrel::set_instance_manager_for_test(registry);
   EXPECT_EQ(refused, refusal(-32603, "Instance manager is null"));
+}
+
+TEST_F(Web_Services, only_a_negative_result_of_the_account_is_a_failure_of_a_browse)
+{
+  isql_rows({" SALES "});
+  {
+    const Odd_Account_Result odd(1);
+    EXPECT_EQ(ask(list_, R"({"uid":"u","instance":"DB1","database":"DB1"})"), answer(R"(["SALES"])"));
+  }
+  const Odd_Account_Result odd(-2);
+  EXPECT_EQ(ask(list_, R"({"uid":"u","instance":"DB1"})"), refusal(-32603, "Failed to get account"));
 }
