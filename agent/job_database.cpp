@@ -1,6 +1,8 @@
 #include "agent/job_database.h"
 
 #include "base/descriptor.h"
+#include "catalog/catalog_database.h"
+#include "catalog/sqlite_file.h"
 
 #include <soci/soci.h>
 #include <soci/sqlite3/soci-sqlite3.h>
@@ -17,65 +19,19 @@ namespace
 {
 constexpr int busy_timeout_msec = 2000;
 
-const char* cure_of(int code)
-{
-  switch (code & 0xff) {
-  case SQLITE_CORRUPT:
-  case SQLITE_NOTADB:
-    return "The file is damaged: move it away with its -wal and -shm files; definitions of the server come "
-           "back by "
-           "themselves";
-  case SQLITE_FULL:
-  case SQLITE_IOERR:
-    return "Free space on its disk, or check the disk and the system log";
-  case SQLITE_READONLY:
-  case SQLITE_CANTOPEN:
-  case SQLITE_PERM:
-    return "Check that this user may read and write the file and its directory";
-  case SQLITE_BUSY:
-  case SQLITE_LOCKED:
-    return "Another program has it locked";
-  default:
-    return "See the agent's log";
-  }
-}
+const char* const cure_of_damage =
+    "The file is damaged: move it away with its -wal and -shm files; definitions of "
+    "the server come back by themselves";
 
 std::string describe(const std::string& path, const std::exception& problem)
 {
+  if (dynamic_cast<const Sqlite_File_Error*>(&problem) != nullptr)
+    return problem.what();
   std::string text = "the agent's database " + path + ": " + problem.what();
   if (const auto* failure = dynamic_cast<const soci::sqlite3_soci_error*>(&problem))
-    text += std::string(". ") + cure_of(failure->result());
+    text += std::string(". ") + sqlite_cure(failure->result(), cure_of_damage);
   return text;
 }
-
-/// ROLLBACK unless commit() was reached.
-class Transaction
-{
-public:
-  explicit Transaction(soci::session& session) : session_(session) { session_ << "BEGIN IMMEDIATE"; }
-  ~Transaction()
-  {
-    if (done_)
-      return;
-    try {
-      session_ << "ROLLBACK";
-    } catch (const std::exception&) {
-      // The database has undone the changes by itself, as it does when its disk is full.
-    }
-  }
-  Transaction(const Transaction&) = delete;
-  Transaction& operator=(const Transaction&) = delete;
-
-  void commit()
-  {
-    session_ << "COMMIT";
-    done_ = true;
-  }
-
-private:
-  soci::session& session_;
-  bool done_ = false;
-};
 
 void migrate(soci::session& session, const Job_Database::Migrations& migrations)
 {
@@ -88,7 +44,7 @@ void migrate(soci::session& session, const Job_Database::Migrations& migrations)
                              "); update this program");
   if (version == newest)
     return;
-  Transaction transaction(session);
+  Catalog_Transaction transaction(session, Catalog_Transaction::Kind::write);
   for (; version < newest; ++version)
     for (const std::string& statement : migrations[static_cast<size_t>(version)])
       session << statement;
@@ -140,13 +96,9 @@ bool Job_Database::open(const std::string& path, std::string& error, const Migra
     }
   }
   try {
-    if (path.find('"') != std::string::npos)
-      throw std::runtime_error("a quotation mark in a path is not possible");
     soci::session& session = state_->session;
-    session.open(soci::sqlite3, "db=\"" + path + "\"");
-    session << "PRAGMA busy_timeout = " << busy_timeout_msec;
+    connect_sqlite(session, {path, "agent's database", busy_timeout_msec});
     session << "PRAGMA journal_mode = WAL";
-    session << "PRAGMA synchronous = FULL";
     migrate(session, migrations);
     return true;
   } catch (const std::exception& problem) {
@@ -186,7 +138,7 @@ bool Job_Database::write(const Work& work, std::string& error)
 {
   const std::lock_guard<std::mutex> guard(state_->mutex);
   try {
-    Transaction transaction(state_->session);
+    Catalog_Transaction transaction(state_->session, Catalog_Transaction::Kind::write);
     work(state_->session);
     transaction.commit();
     return true;

@@ -80,8 +80,7 @@ public:
   Server_Database_Error translate(const std::exception& error) const;
 
 private:
-  void create_file();
-  std::unique_ptr<soci::session> connect(const std::string& path) const;
+  std::unique_ptr<soci::session> connect() const;
   void migrate(soci::session& session);
   void give_back(std::unique_ptr<soci::session> session);
 

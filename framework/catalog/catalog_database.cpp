@@ -2,8 +2,7 @@
 
 #include "base/file_lock.h"
 #include "base/file_system.h"
-#include "base/ignore_result.h"
-#include "base/scope_guard.h"
+#include "catalog/sqlite_file.h"
 
 #include <ace/Log_Msg.h>
 #include <soci/sqlite3/soci-sqlite3.h>
@@ -15,43 +14,13 @@ namespace kestrel
 {
 namespace
 {
-// libkestrel is linked against one SQLite; its result codes come through SOCI as plain numbers, extended ones
-// too.
-const char* cure_of(int code)
-{
-  switch (code & 0xff) {
-  case SQLITE_CORRUPT:
-  case SQLITE_NOTADB:
-    return "The file is damaged: move it away with its -wal and -shm files and put back a copy of it; "
-           "without a copy a "
-           "new catalog is made, which does not know the earlier backups";
-  case SQLITE_FULL:
-    return "The disk is full: free some space and repeat";
-  case SQLITE_READONLY:
-    return "The file or its file system is read-only: make it writable for this user";
-  case SQLITE_CANTOPEN:
-  case SQLITE_PERM:
-  case SQLITE_AUTH:
-    return "Check that its directory exists and that this user may read and write it";
-  case SQLITE_IOERR:
-    return "Check the disk and the system log";
-  case SQLITE_BUSY:
-  case SQLITE_LOCKED:
-  case SQLITE_PROTOCOL:
-    return "Another process is writing to it: repeat later";
-  case SQLITE_CONSTRAINT:
-    return "The record contradicts one that is already there";
-  case SQLITE_NOMEM:
-    return "There is not enough memory";
-  default:
-    return "This is an error of the program";
-  }
-}
+const char* const cure_of_damage = "The file is damaged: move it away with its -wal and -shm files and put "
+                                   "back a copy of it; without a copy a "
+                                   "new catalog is made, which does not know the earlier backups";
 
-bool is_busy(int code)
+Sqlite_File sqlite_file(const Catalog_Place& place)
 {
-  const int primary = code & 0xff;
-  return primary == SQLITE_BUSY || primary == SQLITE_LOCKED || primary == SQLITE_PROTOCOL;
+  return {place.path, "catalog", place.busy_timeout_msec};
 }
 
 Catalog_Error file_error(const std::string& what, const std::string& path)
@@ -142,10 +111,13 @@ Catalog_Error Catalog_Database::translate(const Catalog_Place& place, const std:
 {
   if (const auto* known = dynamic_cast<const Catalog_Error*>(&error))
     return *known;
+  if (dynamic_cast<const Sqlite_File_Error*>(&error) != nullptr)
+    return Catalog_Error(Catalog_Status::failed, error.what());
   const std::string start = "Catalog " + place.name() + ": ";
   if (const auto* sqlite = dynamic_cast<const soci::sqlite3_soci_error*>(&error)) {
-    const Catalog_Status status = is_busy(sqlite->result()) ? Catalog_Status::busy : Catalog_Status::failed;
-    return Catalog_Error(status, start + sqlite->get_error_message() + ". " + cure_of(sqlite->result()));
+    const int code = sqlite->result();
+    return Catalog_Error(is_sqlite_busy(code) ? Catalog_Status::busy : Catalog_Status::failed,
+                         start + sqlite->get_error_message() + ". " + sqlite_cure(code, cure_of_damage));
   }
   if (const auto* other = dynamic_cast<const soci::soci_error*>(&error)) {
     if (other->get_error_category() == soci::soci_error::connection_error)
@@ -206,8 +178,8 @@ void Catalog_Database::open_file(const Catalog_Place& place)
     create_file(place);
   } else if (status.st_size == 0)
     throw Catalog_Error(Catalog_Status::failed,
-                        "Catalog " + place.path + " is empty (0 bytes). " + cure_of(SQLITE_CORRUPT));
-  connect_file(place.path, place.busy_timeout_msec);
+                        "Catalog " + place.path + " is empty (0 bytes). " + cure_of_damage);
+  connect_sqlite(session_, sqlite_file(place));
   int application_id = 0;
   session_ << "PRAGMA application_id", soci::into(application_id);
   if (schema_version(session_) <= 0 || application_id != catalog_application_id)
@@ -215,17 +187,6 @@ void Catalog_Database::open_file(const Catalog_Place& place)
                         "Catalog " + place.path +
                             " is a database, but not a catalog of this program. Move it away "
                             "and put back the catalog");
-}
-
-void Catalog_Database::connect_file(const std::string& path, int busy_timeout_msec)
-{
-  if (path.find('"') != std::string::npos)
-    throw Catalog_Error(Catalog_Status::failed, "The path of the catalog holds a quotation mark: " + path);
-  session_.open(soci::sqlite3, "db=\"" + path + "\"");
-  session_ << "PRAGMA busy_timeout = " << busy_timeout_msec;
-  session_ << "PRAGMA foreign_keys = ON";
-  // A commit must survive a power failure: in WAL mode only FULL syncs each one.
-  session_ << "PRAGMA synchronous = FULL";
 }
 
 void Catalog_Database::create_file(const Catalog_Place& place)
@@ -242,37 +203,8 @@ void Catalog_Database::create_file(const Catalog_Place& place)
                         "The catalog " + place.path + " is missing, but its log " + place.path +
                             "-wal is there: put the catalog back beside it, or move the log "
                             "away to begin a new catalog");
-  const std::string fresh = place.path + ".new";
-  for (const char* suffix : {"", "-wal", "-shm", "-journal"})
-    if (files.unlink((fresh + suffix).c_str()) != 0 && errno != ENOENT)
-      throw file_error("Cannot remove the leftover", fresh + suffix);
-  const int fd = files.open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL, 0640);
-  if (fd < 0)
-    throw file_error("Cannot make the catalog", fresh);
-  Scope_Guard remove_fresh([&] {
-    ignore_result(files.unlink(fresh.c_str()), "the next creation removes a leftover before it begins");
-  });
-  ignore_result(files.close(fd), "nothing was written through it");
-
-  connect_file(fresh, place.busy_timeout_msec);
-  session_ << "PRAGMA application_id = " << catalog_application_id;
-  session_ << "PRAGMA journal_mode = WAL";
-  {
-    Catalog_Transaction transaction(session_, Catalog_Transaction::Kind::write);
-    make_schema(session_, *place.migrations);
-    transaction.commit();
-  }
-  session_.close(); // the last connection moves the log into the file and syncs it
-  if (files.stat((fresh + "-wal").c_str(), &status) == 0)
-    throw Catalog_Error(Catalog_Status::failed,
-                        "The new catalog " + fresh + " could not be written completely");
-  if (files.rename(fresh.c_str(), place.path.c_str()) != 0)
-    throw file_error("Cannot give the new catalog its name", place.path);
-  remove_fresh.cancel();
-  const size_t slash = place.path.rfind('/');
-  const std::string directory = slash == std::string::npos ? "." : place.path.substr(0, slash + 1);
-  if (files.fsync_directory(directory.c_str()) != 0)
-    throw file_error("Cannot make durable the directory", directory);
+  make_sqlite_file(sqlite_file(place), 0640, catalog_application_id,
+                   [&](soci::session& session) { make_schema(session, *place.migrations); });
   created_ = true;
 }
 

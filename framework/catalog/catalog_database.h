@@ -60,7 +60,6 @@ private:
   void open_file(const Catalog_Place& place);
   void open_server(const Catalog_Place& place);
   void create_file(const Catalog_Place& place);
-  void connect_file(const std::string& path, int busy_timeout_msec);
   void migrate(const Catalog_Place& place);
 
   soci::session session_;
