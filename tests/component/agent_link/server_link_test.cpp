@@ -1,9 +1,9 @@
 #include "agent/server_link.h"
 
-#include "cutting_relay.h"
 #include "rpc/json_rpc_dispatcher.h"
 #include "scripted_server.h"
 #include "support/log_capture.h"
+#include "support/relay.h"
 #include "support/waiting.h"
 
 #include <gtest/gtest.h>
@@ -22,11 +22,11 @@ protected:
   Server_Link_Test()
   {
     EXPECT_TRUE(network_.start());
-    EXPECT_TRUE(dispatcher_.bind("test.echo", [](const json_spirit::Value& params, json_spirit::Value& result,
-                                                 JSON_RPC_Error&) {
-      result = params;
-      return true;
-    }));
+    EXPECT_TRUE(dispatcher_.bind(
+        "test.echo", [](const json_spirit::Value& params, json_spirit::Value& result, JSON_RPC_Error&) {
+          result = params;
+          return true;
+        }));
     EXPECT_TRUE(dispatcher_.start_with_defaults());
   }
   ~Server_Link_Test() override
@@ -110,7 +110,8 @@ protected:
   {
     json_spirit::Object params;
     set_value(params, "word", "hello");
-    return write_json(json_spirit::find_value(server_.call("test.echo", params), "result")) == "{\"word\":\"hello\"}";
+    return write_json(json_spirit::find_value(server_.call("test.echo", params), "result")) ==
+           "{\"word\":\"hello\"}";
   }
   static Job_Notice notice(const std::string& id, int progress, const std::string& item = "")
   {
@@ -244,7 +245,8 @@ TEST_F(Server_Link_Test, lives_through_garbage_of_the_server)
   const std::string deep = std::string(200, '[') + std::string(200, ']');
   size_t greetings = server_.greetings();
   for (const std::string& text :
-       {std::string("garbage"), std::string(), deep, std::string("{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":null}"),
+       {std::string("garbage"), std::string(), deep,
+        std::string("{\"jsonrpc\":\"2.0\",\"id\":1,\"result\":null}"),
         std::string("{\"jsonrpc\":\"2.0\",\"method\":7}"), std::string("\xff\xfe"), std::string("[]"),
         std::string("{\"jsonrpc\":\"2.0\",\"id\":{},\"error\":[]}"), std::string("null")}) {
     server_.say(text);
@@ -260,11 +262,11 @@ TEST_F(Server_Link_Test, lives_through_garbage_of_the_server)
 TEST_F(Server_Link_Test, comes_through_whatever_step_the_network_is_cut_at)
 {
   log_.allow(LM_WARNING, "No connection to the backup server");
-  Cutting_Relay relay(server_.port());
+  Relay relay(server_.port());
   // Handshake, upgrade, greeting, and what follows: a cut after so many bytes from either side.
-  for (const Cutting_Relay::Side side : {Cutting_Relay::Side::client, Cutting_Relay::Side::server})
+  for (const Relay::Side side : {Relay::Side::client, Relay::Side::server})
     for (size_t bytes = 0; bytes <= 3000; bytes = bytes * 3 / 2 + 7)
-      relay.cut_after(side, bytes);
+      relay.plan_cut(side, bytes);
   start_link("https://127.0.0.1:" + std::to_string(relay.port()));
   size_t greeted = 0;
   ASSERT_TRUE(eventually([&] {
@@ -281,8 +283,8 @@ TEST_F(Server_Link_Test, comes_through_whatever_step_the_network_is_cut_at)
 TEST_F(Server_Link_Test, a_server_that_is_none_of_ours_is_named_and_tried_again)
 {
   log_.allow(LM_WARNING, "No connection to the backup server");
-  Cutting_Relay relay(server_.port());
-  relay.say_instead("SSH-2.0-OpenSSH_9.2\r\n", 3);
+  Relay relay(server_.port());
+  relay.babble("SSH-2.0-OpenSSH_9.2\r\n", 3);
   start_link("https://127.0.0.1:" + std::to_string(relay.port()));
   ASSERT_TRUE(server_.wait_greeting());
   EXPECT_GE(log_.count("No connection to the backup server"), 1u);
@@ -311,7 +313,8 @@ TEST_F(Server_Link_Test, a_slow_server_gets_the_newest_state_of_each_job)
   server_.hold = false;
   ASSERT_TRUE(eventually([&] {
     const std::vector<json_spirit::Object> told = server_.notices("job.state");
-    return told.size() >= 2 && std::max(progress_of(told.back()), progress_of(told[told.size() - 2])) == 1000 &&
+    return told.size() >= 2 &&
+           std::max(progress_of(told.back()), progress_of(told[told.size() - 2])) == 1000 &&
            std::min(progress_of(told.back()), progress_of(told[told.size() - 2])) == 999;
   }));
   EXPECT_LT(server_.notices("job.state").size(), 1000u);

@@ -1,4 +1,3 @@
-#include "relay.h"
 #include "served_place.h"
 
 #include "catalog/backup_set.h"
@@ -9,6 +8,7 @@
 #include "storage/pool.h"
 #include "support/clocks.h"
 #include "support/log_capture.h"
+#include "support/relay.h"
 #include "support/waiting.h"
 #include "unit/storage/storage_fixture.h"
 

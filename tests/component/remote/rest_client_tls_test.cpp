@@ -1,8 +1,8 @@
-#include "relay.h"
 #include "served_place.h"
 
-#include "json/json_util.h"
+#include "support/relay.h"
 #include "support/waiting.h"
+#include "json/json_util.h"
 
 #include <gtest/gtest.h>
 
@@ -97,7 +97,8 @@ TEST_F(Rest_Client_Tls, a_viewer_that_tries_to_write_is_told_so)
   EXPECT_TRUE(get(options)) << problem_.text;
   REST_Client client(options);
   json_spirit::Value reply;
-  EXPECT_FALSE(client.post("/k2/r/pools", json_spirit::Object{{"name", "x"}, {"path", "/tmp"}}, reply, problem_));
+  EXPECT_FALSE(
+      client.post("/k2/r/pools", json_spirit::Object{{"name", "x"}, {"path", "/tmp"}}, reply, problem_));
   EXPECT_EQ(403, problem_.status);
   EXPECT_TRUE(says("viewer")) << problem_.text;
 }

@@ -1,7 +1,8 @@
-#include "relay.h"
+#include "support/relay.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -21,7 +22,7 @@ sockaddr_in loopback(unsigned short port)
   return address;
 }
 
-bool send_all(int fd, const char* data, size_t n)
+bool send_all(int fd, const char* data, uint64_t n)
 {
   while (n > 0) {
     const ssize_t count = ::send(fd, data, n, MSG_NOSIGNAL);
@@ -60,10 +61,32 @@ Relay::~Relay()
   }
 }
 
-void Relay::babble(const std::string& bytes)
+void Relay::babble(const std::string& bytes, unsigned connections)
 {
   std::lock_guard<std::mutex> guard(lock_);
   babble_ = bytes;
+  babbles_ = connections;
+}
+
+std::string Relay::next_babble()
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  if (babbles_ == 0)
+    return "";
+  --babbles_;
+  return babble_;
+}
+
+void Relay::plan_cut(Side sender, uint64_t bytes)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  plans_.emplace_back(sender, bytes);
+}
+
+size_t Relay::planned_cuts() const
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  return plans_.size();
 }
 
 void Relay::cut_after(uint64_t bytes)
@@ -102,11 +125,7 @@ void Relay::accept_all()
     if (client.get() < 0 || refuse_)
       continue;
     ++connections_;
-    std::string words;
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      words = babble_;
-    }
+    const std::string words = next_babble();
     if (!words.empty()) {
       send_all(client.get(), words.data(), words.size());
       continue;
@@ -115,24 +134,35 @@ void Relay::accept_all()
     const sockaddr_in address = loopback(target_);
     if (::connect(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
       continue;
-    std::lock_guard<std::mutex> guard(lock_);
-    pairs_.emplace_back();
-    Pair& pair = pairs_.back();
-    pair.client.reset(client.release());
-    pair.server.reset(server.release());
-    pair.up = std::thread([this, &pair] { pass(pair.client.get(), pair.server.get(), up_); });
-    pair.down = std::thread([this, &pair] { pass(pair.server.get(), pair.client.get(), down_); });
+    join(client, server);
   }
 }
 
-void Relay::pass(int from, int to, Direction& direction)
+void Relay::join(kestrel::Auto_Fd& client, kestrel::Auto_Fd& server)
+{
+  std::lock_guard<std::mutex> guard(lock_);
+  pairs_.emplace_back();
+  Pair& pair = pairs_.back();
+  pair.client.reset(client.release());
+  pair.server.reset(server.release());
+  if (!plans_.empty()) {
+    (plans_.front().first == Side::client ? pair.most_up : pair.most_down) = plans_.front().second;
+    plans_.pop_front();
+  }
+  pair.up = std::thread([this, &pair] { pass(pair.client.get(), pair.server.get(), up_, pair.most_up); });
+  pair.down =
+      std::thread([this, &pair] { pass(pair.server.get(), pair.client.get(), down_, pair.most_down); });
+}
+
+void Relay::pass(int from, int to, Direction& direction, uint64_t most)
 {
   char buffer[16384];
-  for (;;) {
+  bool ends = false;
+  while (!ends) {
     const ssize_t count = ::recv(from, buffer, sizeof buffer, 0);
     if (count <= 0)
       break;
-    size_t bytes = static_cast<size_t>(count);
+    uint64_t bytes = static_cast<uint64_t>(count);
     const uint64_t before = direction.total.fetch_add(bytes);
     if (const int msec = delay_msec_)
       ::poll(nullptr, 0, msec);
@@ -141,7 +171,10 @@ void Relay::pass(int from, int to, Direction& direction)
     uint64_t cut_at = direction.cut_at;
     const bool cuts = before + bytes >= cut_at;
     if (cuts)
-      bytes = static_cast<size_t>(cut_at > before ? cut_at - before : 0);
+      bytes = cut_at > before ? cut_at - before : 0;
+    ends = bytes >= most;
+    bytes = std::min<uint64_t>(bytes, most);
+    most -= bytes;
     if (!send_all(to, buffer, bytes))
       break;
     if (cuts && direction.cut_at.compare_exchange_strong(cut_at, UINT64_MAX))
