@@ -2,14 +2,14 @@
 
 #include "base/ignore_result.h"
 #include "rpc/json_rpc_reply.h"
+#include "rpc/json_rpc_request_parts.h"
+#include "rpc/json_rpc_task_queue.h"
 #include "json/json_util.h"
 
 #include <ace/Log_Msg.h>
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <exception>
 #include <map>
 #include <mutex>
@@ -25,88 +25,14 @@ namespace
 {
 typedef ACE_Strong_Bound_Ptr<JSON_RPC_Channel, ACE_Thread_Mutex> Strong_Channel;
 typedef ACE_Weak_Bound_Ptr<JSON_RPC_Channel, ACE_Thread_Mutex> Weak_Channel;
-
-struct Binding {
-  JSON_RPC_Handler* handler = nullptr; ///< not owned
-  JSON_RPC_Dispatcher::Peer_Method function;
-  JSON_RPC_Order order = JSON_RPC_Order::any;
-};
-
-/// One request or notification on its way to its handler.
-struct Task {
-  std::shared_ptr<Message_Channel> from;
-  const Binding* binding = nullptr;
-  JSON_RPC_Object_Ptr request;
-  Strong_Channel channel;
-  uint64_t key = 0; ///< of its entry among the open requests; 0 for a notification
-  bool holds_lane = false;
-};
+typedef JSON_RPC_Binding Binding;
+typedef JSON_RPC_Task Task;
 
 struct Open_Request {
   const Message_Channel* from;
   std::shared_ptr<JSON_RPC_Answers> answers;
   Strong_Channel channel;
 };
-
-/// The parts of one request object, or what is wrong with it.
-struct Request_Parts {
-  bool valid = false;
-  bool notification = false;
-  json_spirit::Value id;
-  std::string method;
-  json_spirit::Value params;
-};
-
-bool is_id(const json_spirit::Value& value)
-{
-  switch (value.type()) {
-  case json_spirit::str_type:
-  case json_spirit::int_type:
-  case json_spirit::real_type:
-  case json_spirit::null_type:
-    return true;
-  default:
-    return false;
-  }
-}
-
-json_spirit::Value* find_member(json_spirit::Object& object, const char* name)
-{
-  for (json_spirit::Pair& member : object)
-    if (member.name_ == name)
-      return &member.value_;
-  return nullptr;
-}
-
-/// Takes a message apart. An id that can be made out is given even when the rest is wrong.
-Request_Parts read_request(json_spirit::Value& message)
-{
-  Request_Parts parts;
-  if (message.type() != json_spirit::obj_type)
-    return parts;
-  json_spirit::Object& object = message.get_obj();
-  json_spirit::Value* id = find_member(object, "id");
-  if (id && is_id(*id))
-    parts.id = *id;
-  else if (id)
-    return parts;
-  parts.notification = !id;
-  const json_spirit::Value& version = json_spirit::find_value(object, "jsonrpc");
-  if (version.type() != json_spirit::str_type || version.get_str() != "2.0")
-    return parts;
-  json_spirit::Value* method = find_member(object, "method");
-  if (!method || method->type() != json_spirit::str_type)
-    return parts;
-  if (json_spirit::Value* params = find_member(object, "params")) {
-    if (params->type() != json_spirit::obj_type && params->type() != json_spirit::array_type &&
-        !params->is_null())
-      return parts;
-    parts.params = std::move(*params);
-  }
-  parts.method = method->get_str();
-  parts.valid = true;
-  return parts;
-}
 
 /// Set on the service threads of a dispatcher.
 thread_local const void* thread_of = nullptr;
@@ -121,12 +47,10 @@ struct JSON_RPC_Dispatcher::Core : std::enable_shared_from_this<JSON_RPC_Dispatc
             const std::shared_ptr<JSON_RPC_Answers>& answers, std::size_t part);
   const char* enqueue(Task& task, const std::shared_ptr<JSON_RPC_Answers>& answers, std::size_t part);
   bool full();
-  void left_queue(const Message_Channel* from);
   std::vector<Task> take_queued(const std::function<bool(const Task&)>& wanted);
 
   void serve();
   bool next(Task& task, std::unique_lock<std::mutex>& lock);
-  void release_lane(const Message_Channel* from);
   void run(const Task& task);
   void run_function(const Task& task, const JSON_RPC_Request& request);
   void answer_error(const Task& task, int code, const std::string& message, const json_spirit::Value& data);
@@ -142,11 +66,7 @@ struct JSON_RPC_Dispatcher::Core : std::enable_shared_from_this<JSON_RPC_Dispatc
   bool started = false;
   bool stopping = false;
   bool was_full = false;
-  std::deque<Task> queue;
-  /// Connections of which a request that must not be overtaken runs or is about to, with those that wait.
-  std::map<const Message_Channel*, std::deque<Task>> lanes;
-  /// How many tasks of each connection are queued, in a lane or not. They keep it alive.
-  std::unordered_map<const Message_Channel*, unsigned> queued_of;
+  JSON_RPC_Task_Queue queue;
   std::unordered_map<uint64_t, Open_Request> open;
   uint64_t last_key = 0;
   Statistics statistics;
@@ -165,8 +85,8 @@ void JSON_RPC_Dispatcher::Core::serve()
     run(task);
     const std::lock_guard<std::mutex> guard(mutex);
     --statistics.running;
-    if (task.holds_lane)
-      release_lane(task.from.get());
+    if (queue.has_run(task))
+      work.notify_one();
   }
   const std::lock_guard<std::mutex> guard(mutex);
   --live_threads;
@@ -180,46 +100,11 @@ bool JSON_RPC_Dispatcher::Core::next(Task& task, std::unique_lock<std::mutex>& l
     work.wait(lock, [this] { return stopping || !queue.empty(); });
     if (stopping)
       return false;
-    task = std::move(queue.front());
-    queue.pop_front();
-    if (task.binding->order == JSON_RPC_Order::as_received && !task.holds_lane) {
-      const auto [lane, free] = lanes.try_emplace(task.from.get());
-      if (!free) {
-        lane->second.push_back(std::move(task));
-        continue;
-      }
-      task.holds_lane = true;
-    }
-    left_queue(task.from.get());
+    if (!queue.take(task))
+      continue;
     ++statistics.running;
     return true;
   }
-}
-
-/// With the lock held.
-void JSON_RPC_Dispatcher::Core::left_queue(const Message_Channel* from)
-{
-  --statistics.queued;
-  const auto count = queued_of.find(from);
-  if (count != queued_of.end() && --count->second == 0)
-    queued_of.erase(count);
-}
-
-/// Hands the lane to the next one that waits for it. That one goes to the front of the queue: it is older
-/// than all others of its lane there.
-void JSON_RPC_Dispatcher::Core::release_lane(const Message_Channel* from)
-{
-  const auto lane = lanes.find(from);
-  if (lane == lanes.end())
-    return;
-  if (lane->second.empty()) {
-    lanes.erase(lane);
-    return;
-  }
-  queue.push_front(std::move(lane->second.front()));
-  lane->second.pop_front();
-  queue.front().holds_lane = true;
-  work.notify_one();
 }
 
 void JSON_RPC_Dispatcher::Core::run(const Task& task)
@@ -270,7 +155,7 @@ void JSON_RPC_Dispatcher::Core::take(const std::shared_ptr<Message_Channel>& fro
                                      json_spirit::Value& message,
                                      const std::shared_ptr<JSON_RPC_Answers>& answers, std::size_t part)
 {
-  Request_Parts parts = read_request(message);
+  JSON_RPC_Request_Parts parts = read_request_parts(message);
   if (!parts.valid) {
     answers->put_error(part, JSON_RPC_INVALID_REQUEST, parts.id, "Invalid Request");
     return;
@@ -306,8 +191,7 @@ const char* JSON_RPC_Dispatcher::Core::enqueue(Task& task, const std::shared_ptr
     ++statistics.refused_busy;
     return "Too many requests wait already; try again later.";
   }
-  unsigned& own = queued_of[task.from.get()];
-  if (options.channel_queue_limit && own >= options.channel_queue_limit) {
+  if (options.channel_queue_limit && queue.size_of(task.from.get()) >= options.channel_queue_limit) {
     ++statistics.refused_busy;
     return "Too many requests of this connection wait already; try again later.";
   }
@@ -323,9 +207,7 @@ const char* JSON_RPC_Dispatcher::Core::enqueue(Task& task, const std::shared_ptr
       Strong_Channel(new JSON_RPC_Reply_Channel(answers, part, task.request->request()->id(), answered));
   if (answers)
     open.emplace(task.key, Open_Request{task.from.get(), answers, task.channel});
-  queue.push_back(std::move(task));
-  ++own;
-  ++statistics.queued;
+  queue.push(std::move(task));
   work.notify_one();
   return nullptr;
 }
@@ -336,11 +218,11 @@ bool JSON_RPC_Dispatcher::Core::full()
   if (open.size() >= options.open_limit)
     for (auto request = open.begin(); request != open.end();)
       request = request->second.answers->connected() ? std::next(request) : open.erase(request);
-  const bool is_full = statistics.queued >= options.queue_limit || open.size() >= options.open_limit;
+  const bool is_full = queue.size() >= options.queue_limit || open.size() >= options.open_limit;
   if (is_full && !was_full)
     ACE_ERROR((LM_WARNING,
                "(%P|%t) JSON_RPC_Dispatcher: %u requests wait and %u are not answered; refusing more\n",
-               statistics.queued, static_cast<unsigned>(open.size())));
+               queue.size(), static_cast<unsigned>(open.size())));
   was_full = is_full;
   return is_full;
 }
@@ -359,22 +241,7 @@ void JSON_RPC_Dispatcher::Core::answered(uint64_t key)
 /// Takes those out that wait for a thread. With the lock held.
 std::vector<Task> JSON_RPC_Dispatcher::Core::take_queued(const std::function<bool(const Task&)>& wanted)
 {
-  std::vector<Task> taken;
-  const auto move_out = [&](std::deque<Task>& tasks) {
-    const auto first =
-        std::stable_partition(tasks.begin(), tasks.end(), [&](const Task& task) { return !wanted(task); });
-    std::move(first, tasks.end(), std::back_inserter(taken));
-    tasks.erase(first, tasks.end());
-  };
-  move_out(queue);
-  for (auto& lane : lanes)
-    move_out(lane.second);
-  for (const Task& task : taken) {
-    left_queue(task.from.get());
-    if (task.holds_lane)
-      release_lane(task.from.get());
-  }
-  return taken;
+  return queue.remove(wanted, [this] { work.notify_one(); });
 }
 
 JSON_RPC_Dispatcher::JSON_RPC_Dispatcher() : core_(std::make_shared<Core>()) {}
@@ -539,6 +406,7 @@ JSON_RPC_Dispatcher::Statistics JSON_RPC_Dispatcher::statistics() const
 {
   const std::lock_guard<std::mutex> guard(core_->mutex);
   Statistics now = core_->statistics;
+  now.queued = core_->queue.size();
   now.open = static_cast<unsigned>(core_->open.size());
   return now;
 }

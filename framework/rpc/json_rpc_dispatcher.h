@@ -58,7 +58,7 @@ public:
   struct Options {
     unsigned threads = 4; ///< at least two, so that one handler can wait for what another delivers
     unsigned queue_limit = 256;
-    unsigned channel_queue_limit = 0; ///< of these, how many of one connection; 0: no limit of its own
+    unsigned channel_queue_limit = 0;  ///< of these, how many of one connection; 0: no limit of its own
     unsigned open_limit = 4096;        ///< requests whose answers are outstanding, queued or not
     unsigned batch_limit = 1000;       ///< requests of one batch
     int stop_timeout_msec = 30 * 1000; ///< how long stop() waits for handlers
