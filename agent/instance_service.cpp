@@ -12,14 +12,6 @@ namespace kestrel
 {
 namespace
 {
-std::string option_text(const Instance& instance, const char* key)
-{
-  const auto found = instance.options.find(key);
-  return found != instance.options.end() && found->second.type() == json_spirit::str_type
-             ? found->second.get_str()
-             : "";
-}
-
 json_spirit::Object described(const Instance_Registry::Survey_Entry& survey)
 {
   const Instance& instance = survey.entry.instance;

@@ -11,14 +11,6 @@ namespace kestrel
 {
 namespace
 {
-std::string option_text(const Instance& instance, const char* key)
-{
-  const auto found = instance.options.find(key);
-  return found != instance.options.end() && found->second.type() == json_spirit::str_type
-             ? found->second.get_str()
-             : "";
-}
-
 /// Null when the handler cannot tell.
 json_spirit::Value port_of(Session& session, const std::string& name)
 {

@@ -18,7 +18,6 @@
 #include "oscar/storage_options.h"
 #include "oscar/utils.h"
 
-#include <ace/Guard_T.h>
 #include <ace/Log_Msg.h>
 
 #include <algorithm>
@@ -105,11 +104,8 @@ bool Backup_Executor::is_active(const Values*)
 
 bool Backup_Executor::execute_i(const Values*)
 {
-  const std::shared_ptr<ACE_Thread_Mutex> mutex = Job_Mutex::get(src_->id());
-  if (!mutex)
-    return false;
-  ACE_Guard<ACE_Thread_Mutex> one_job_a_source(*mutex);
-  if (!one_job_a_source.locked())
+  const kestrel::Source_Lock one_job_a_source(src_->id());
+  if (!one_job_a_source.held())
     return false;
 
   Run run(def_.id());

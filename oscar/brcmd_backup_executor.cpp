@@ -17,7 +17,6 @@
 #include "oscar/stream_storage.h"
 #include "oscar/utils.h"
 
-#include <ace/Guard_T.h>
 #include <ace/Log_Msg.h>
 
 namespace oscar
@@ -72,11 +71,8 @@ bool Oscar_Brcmd_Backup_Executor::is_active(const Values*)
 
 bool Oscar_Brcmd_Backup_Executor::execute_i(const Values*)
 {
-  const std::shared_ptr<ACE_Thread_Mutex> mutex = Job_Mutex::get(src_->id());
-  if (!mutex)
-    return false;
-  ACE_Guard<ACE_Thread_Mutex> one_job_a_source(*mutex);
-  if (!one_job_a_source.locked())
+  const kestrel::Source_Lock one_job_a_source(src_->id());
+  if (!one_job_a_source.held())
     return false;
 
   Run run(act_->start_time);

@@ -16,7 +16,6 @@
 #include "oscar/utils.h"
 
 #include <ace/ACE.h>
-#include <ace/Guard_T.h>
 #include <ace/Log_Msg.h>
 
 #include <csignal>
@@ -51,11 +50,8 @@ bool Oscar_Brcmd_Restore_Executor::is_active(const Values*)
 
 bool Oscar_Brcmd_Restore_Executor::execute_i(const Values*)
 {
-  const std::shared_ptr<ACE_Thread_Mutex> mutex = Job_Mutex::get(src_->id());
-  if (!mutex)
-    return false;
-  ACE_Guard<ACE_Thread_Mutex> one_job_a_source(*mutex);
-  if (!one_job_a_source.locked())
+  const kestrel::Source_Lock one_job_a_source(src_->id());
+  if (!one_job_a_source.held())
     return false;
 
   if (!choose_backup() || !find_instance())

@@ -23,3 +23,9 @@ struct Instance {
 /// could not be written (then it is unchanged).
 [[nodiscard]] int update_instance(std::shared_ptr<const Instance> instance,
                                   const std::map<std::string, json_spirit::Value>& attrs);
+
+namespace kestrel
+{
+/// A recorded text option of the instance; "" when there is none.
+std::string option_text(const Instance& instance, const char* key);
+} // namespace kestrel

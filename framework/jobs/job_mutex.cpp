@@ -31,3 +31,18 @@ std::shared_ptr<ACE_Thread_Mutex> Job_Mutex::get(const std::string& source_id)
     return std::shared_ptr<ACE_Thread_Mutex>();
   }
 }
+
+namespace kestrel
+{
+Source_Lock::Source_Lock(const std::string& source_id) : mutex_(Job_Mutex::get(source_id))
+{
+  if (mutex_ && mutex_->acquire() != 0)
+    mutex_.reset();
+}
+
+Source_Lock::~Source_Lock()
+{
+  if (mutex_)
+    mutex_->release();
+}
+} // namespace kestrel

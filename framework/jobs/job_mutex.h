@@ -15,3 +15,21 @@ public:
   /// Never null but when memory is out.
   static std::shared_ptr<ACE_Thread_Mutex> get(const std::string& source_id);
 };
+
+namespace kestrel
+{
+/// Holds the mutex of a job source for a scope; the constructor waits for it. One thread.
+class Source_Lock
+{
+public:
+  explicit Source_Lock(const std::string& source_id);
+  ~Source_Lock();
+  Source_Lock(const Source_Lock&) = delete;
+  Source_Lock& operator=(const Source_Lock&) = delete;
+  /// False when memory is out: the source is not locked then.
+  bool held() const { return mutex_ != nullptr; }
+
+private:
+  std::shared_ptr<ACE_Thread_Mutex> mutex_;
+};
+} // namespace kestrel

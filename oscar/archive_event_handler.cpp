@@ -1,17 +1,17 @@
-#include "oscar/restore_event_handler.h"
+#include "oscar/archive_event_handler.h"
 
 #include "jobs/job_activity.h"
 #include "oscar/utils_progress.h"
 
 namespace oscar
 {
-Restore_Event_Handler::Restore_Event_Handler(Job_Definition const* def, Job_Activity* act)
+Archive_Event_Handler::Archive_Event_Handler(Job_Definition const* def, Job_Activity* act)
     : MTF::Event_Handler(nullptr), def_(def), act_(act)
 {
   pausing_when([act] { return act->state == JOB_STATE_PAUSING; });
 }
 
-int Restore_Event_Handler::handle_progress(int progress, unsigned long long a, unsigned long long b,
+int Archive_Event_Handler::handle_progress(int progress, unsigned long long a, unsigned long long b,
                                            unsigned long long c)
 {
   if (progress == act_->progress)
@@ -20,7 +20,7 @@ int Restore_Event_Handler::handle_progress(int progress, unsigned long long a, u
   return put_progress_event(*def_, progress, a, b, c);
 }
 
-bool Restore_Event_Handler::canceling()
+bool Archive_Event_Handler::canceling()
 {
   return job_is_canceled(*act_);
 }
