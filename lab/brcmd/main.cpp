@@ -58,15 +58,9 @@ int run(int argc, char** argv, std::unique_ptr<Run_Log>& log)
                              {"--version", false},
                              {"--help", false}},
                             0);
-  if (arguments.has("--help")) {
-    std::fputs(usage, stdout);
+  if (answers_question(arguments, usage, {"--version"},
+                       "brcmd 2.5.6 (build 2.5.6x20230817132129) for Linux x86_64"))
     return 0;
-  }
-  if (arguments.has("--version")) {
-    arguments.only({"--version"}, "with --version");
-    std::puts("brcmd 2.5.6 (build 2.5.6x20230817132129) for Linux x86_64");
-    return 0;
-  }
   const std::string& operation = arguments.required("-O");
   if (operation != "backup" && operation != "restore")
     throw Usage_Failure("the operation is backup or restore");

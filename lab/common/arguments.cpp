@@ -2,6 +2,7 @@
 
 #include "lab/common/text.h"
 
+#include <cstdio>
 #include <cstring>
 
 namespace oscar_lab
@@ -90,6 +91,22 @@ void Arguments::only(const std::set<std::string>& allowed, const std::string& si
   for (const auto& entry : values_)
     if (allowed.count(entry.first) == 0)
       throw Usage_Failure("option " + entry.first + " cannot be used " + situation);
+}
+
+bool answers_question(const Arguments& arguments, const char* usage,
+                      const std::vector<std::string>& version_options, const char* version)
+{
+  if (arguments.has("--help")) {
+    std::fputs(usage, stdout);
+    return true;
+  }
+  for (const std::string& option : version_options)
+    if (arguments.has(option)) {
+      arguments.only({version_options.begin(), version_options.end()}, "with " + version_options.front());
+      std::puts(version);
+      return true;
+    }
+  return false;
 }
 
 } // namespace oscar_lab

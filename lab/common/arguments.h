@@ -40,4 +40,9 @@ private:
   std::vector<std::string> operands_;
 };
 
+/// Prints what --help or an option for the version asks for; false when none was given. Throws Usage_Failure
+/// when the version is asked for beside something else.
+bool answers_question(const Arguments& arguments, const char* usage,
+                      const std::vector<std::string>& version_options, const char* version);
+
 } // namespace oscar_lab

@@ -142,15 +142,9 @@ int run(int argc, char** argv)
                              {"--version", false},
                              {"--help", false}},
                             0);
-  if (arguments.has("--help")) {
-    std::fputs(usage, stdout);
+  if (answers_question(arguments, usage, {"--version"},
+                       "isql 2.5.6 (build 2.5.6x20230817132129) for Linux x86_64"))
     return 0;
-  }
-  if (arguments.has("--version")) {
-    arguments.only({"--version"}, "with --version");
-    std::puts("isql 2.5.6 (build 2.5.6x20230817132129) for Linux x86_64");
-    return 0;
-  }
   if (arguments.has("-l") == arguments.has("-c"))
     throw Usage_Failure("give either -c STATEMENT or -l");
   const Instance_Files files(home_of_this_tool(), arguments.required("-d"));

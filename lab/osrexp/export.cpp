@@ -83,26 +83,20 @@ void add_references(Connection& connection, const char* query, std::vector<Refer
                              result.text(r, 4)});
 }
 
-/// Fills record from the catalog, as the connection's transaction sees it. The session's table "exported"
-/// holds the OIDs of the schemas in question.
-void describe(Connection& connection, Export_Record& record)
-{
-  std::string schemas = "nspname !~ '^pg_' and nspname not in ('information_schema', 'oscar_sys')";
-  if (record.level != Level::database)
-    schemas = "nspname = " + quote_literal(record.schema);
-  const std::string among = " in (select oid from pg_namespace where " + schemas + ")";
-  const std::string table =
-      record.level == Level::table ? " and c.relname = " + quote_literal(record.table) : std::string();
+/// Conditions that follow the name of a schema's OID, and of a class c.
+struct Scope {
+  std::string schemas;
+  std::string table; ///< "" for all
+};
 
-  const Result names = connection.query("select nspname from pg_namespace where " + schemas + " order by 1");
-  for (int r = 0; r < names.rows(); ++r)
-    record.schemas.push_back(names.text(r, 0));
+void describe_references(Connection& connection, const Scope& scope, Export_Record& record)
+{
   add_references(connection,
                  ("select n.nspname, c.relname, k.conname, fn.nspname, f.relname from pg_constraint k "
                   "join pg_class c on c.oid = k.conrelid join pg_namespace n on n.oid = c.relnamespace "
                   "join pg_class f on f.oid = k.confrelid join pg_namespace fn on fn.oid = f.relnamespace "
                   "where k.contype = 'f' and c.relnamespace" +
-                  among + table)
+                  scope.schemas + scope.table)
                      .c_str(),
                  record.foreign_keys);
   add_references(connection,
@@ -110,13 +104,17 @@ void describe(Connection& connection, Export_Record& record)
                   "join pg_class c on c.oid = t.tgrelid join pg_namespace n on n.oid = c.relnamespace "
                   "join pg_proc p on p.oid = t.tgfoid join pg_namespace pn on pn.oid = p.pronamespace "
                   "where not t.tgisinternal and c.relnamespace" +
-                  among + table)
+                  scope.schemas + scope.table)
                      .c_str(),
                  record.triggers);
+}
+
+void describe_sequences_and_views(Connection& connection, const Scope& scope, Export_Record& record)
+{
   const Result sequences = connection.query(
       "select n.nspname, c.relname from pg_class c join pg_namespace n on n.oid = c.relnamespace where "
       "c.relkind = 'S' and c.relnamespace" +
-      among +
+      scope.schemas +
       " and not exists (select 1 from pg_depend d where d.classid = 'pg_class'::regclass and d.objid = c.oid "
       "and d.refobjsubid > 0 and d.deptype in ('a', 'i'))");
   for (int r = 0; r < sequences.rows() && record.level != Level::table; ++r)
@@ -131,40 +129,68 @@ void describe(Connection& connection, Export_Record& record)
       "n.nspname, "
       "c.relname from v join pg_class c on c.oid = v.oid join pg_namespace n on n.oid = c.relnamespace where "
       "c.relnamespace" +
-      among + table + " order by 1, 2");
+      scope.schemas + scope.table + " order by 1, 2");
   for (int r = 0; r < views.rows(); ++r)
     record.keyed_views.emplace_back(views.text(r, 0), views.text(r, 1));
+}
+
+void describe_tablespaces(Connection& connection, const Scope& scope, Export_Record& record)
+{
   const Result tablespaces = connection.query(
       "select distinct s.spcname, i.indexrelid is not null from pg_class r join pg_tablespace s on s.oid = "
       "r.reltablespace left join pg_index i on i.indexrelid = r.oid join pg_class c on c.oid = "
       "coalesce(i.indrelid, r.oid) where c.relnamespace" +
-      among + table);
+      scope.schemas + scope.table);
   for (int r = 0; r < tablespaces.rows(); ++r)
     (tablespaces.text(r, 1) == "t" ? record.index_tablespaces : record.tablespaces)
         .insert(tablespaces.text(r, 0));
+}
+
+void describe_roles(Connection& connection, const Scope& scope, Export_Record& record)
+{
   const Result roles = connection.query(
       "select distinct r.rolname from pg_shdepend d join pg_roles r on r.oid = d.refobjid where d.dbid = "
       "(select oid from pg_database where datname = current_database()) and d.refclassid = "
       "'pg_authid'::regclass and d.deptype in ('o', 'a') and (exists (select 1 from pg_class c where "
       "d.classid = "
       "'pg_class'::regclass and c.oid = d.objid and c.relnamespace" +
-      among + table + ")" +
+      scope.schemas + scope.table + ")" +
       (record.level == Level::table
            ? std::string()
            : " or exists (select 1 from pg_proc p where d.classid = 'pg_proc'::regclass and p.oid = d.objid "
              "and "
              "p.pronamespace" +
-                 among +
+                 scope.schemas +
                  ") or exists (select 1 from pg_type t where d.classid = 'pg_type'::regclass and t.oid = "
                  "d.objid "
                  "and t.typnamespace" +
-                 among +
+                 scope.schemas +
                  ") or exists (select 1 from pg_namespace n where d.classid = 'pg_namespace'::regclass and "
                  "n.oid = d.objid and n.oid" +
-                 among + ")") +
+                 scope.schemas + ")") +
       ") order by 1");
   for (int r = 0; r < roles.rows(); ++r)
     record.roles.push_back(roles.text(r, 0));
+}
+
+/// Fills record from the catalog, as the connection's transaction sees it. The session's table "exported"
+/// holds the OIDs of the schemas in question.
+void describe(Connection& connection, Export_Record& record)
+{
+  std::string schemas = "nspname !~ '^pg_' and nspname not in ('information_schema', 'oscar_sys')";
+  if (record.level != Level::database)
+    schemas = "nspname = " + quote_literal(record.schema);
+  const Scope scope = {" in (select oid from pg_namespace where " + schemas + ")",
+                       record.level == Level::table ? " and c.relname = " + quote_literal(record.table)
+                                                    : std::string()};
+
+  const Result names = connection.query("select nspname from pg_namespace where " + schemas + " order by 1");
+  for (int r = 0; r < names.rows(); ++r)
+    record.schemas.push_back(names.text(r, 0));
+  describe_references(connection, scope, record);
+  describe_sequences_and_views(connection, scope, record);
+  describe_tablespaces(connection, scope, record);
+  describe_roles(connection, scope, record);
 }
 
 void find_object(Connection& connection, const Request& request, Export_Record& record)

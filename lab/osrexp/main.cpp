@@ -22,15 +22,8 @@ constexpr const char* usage =
 int run(int argc, char** argv)
 {
   const Arguments arguments(argc, argv, login_options(), 32);
-  if (arguments.has("--help")) {
-    std::fputs(usage, stdout);
+  if (answers_question(arguments, usage, {"-v", "--version"}, "osrexp 2.5.6x20230817132129"))
     return 0;
-  }
-  if (arguments.has("-v") || arguments.has("--version")) {
-    arguments.only({"-v", "--version"}, "with -v");
-    std::puts("osrexp 2.5.6x20230817132129");
-    return 0;
-  }
   const Instance_Files files(home_of_this_tool(), arguments.required("-d"));
   const Parameters parameters(arguments.operands(),
                               {"level", "file", "mode", "ignore", "schema", "table", "view", "procedure",

@@ -55,15 +55,8 @@ void read_replacement(const Parameters& parameters, Import_Request& request)
 int run(int argc, char** argv)
 {
   const Arguments arguments(argc, argv, login_options(), 32);
-  if (arguments.has("--help")) {
-    std::fputs(usage, stdout);
+  if (answers_question(arguments, usage, {"-v", "--version"}, "osrimp 2.5.6x20230817132129"))
     return 0;
-  }
-  if (arguments.has("-v") || arguments.has("--version")) {
-    arguments.only({"-v", "--version"}, "with -v");
-    std::puts("osrimp 2.5.6x20230817132129");
-    return 0;
-  }
   const Instance_Files files(home_of_this_tool(), arguments.required("-d"));
   const Parameters parameters(arguments.operands(), keys);
   Import_Request request;
