@@ -10,13 +10,15 @@ namespace
 {
 typedef Catalog_View_Query Query;
 
-Backup_Entry entry_of(const json_spirit::Object& row)
+void fill_entry(const json_spirit::Object& row, Backup_Entry& entry)
 {
-  Backup_Entry entry;
+  // First what a list needs, also of a record that is damaged further on.
   entry.id = required<std::string>(row, "uuid");
+  entry.resource_uuid = required<std::string>(row, "resource_uuid");
+  entry.start_time = static_cast<time_t>(value_or_default<int64_t>(row, "start_time"));
+  entry.predecessor_id = value_or_default<std::string>(row, "predecessor_id");
   entry.level = required<std::string>(row, "type");
   entry.name = value_or_default<std::string>(row, "name");
-  entry.resource_uuid = required<std::string>(row, "resource_uuid");
   entry.uri = required<std::string>(row, "uri");
   entry.pool_uuid = required<std::string>(row, "pool_uuid");
   entry.file = required<std::string>(row, "backup_file");
@@ -27,12 +29,10 @@ Backup_Entry entry_of(const json_spirit::Object& row)
   entry.pump_checksum = value_or_default<std::string>(row, "pump_checksum");
   entry.original_checksum = value_or_default<std::string>(row, "original_checksum");
   entry.storage_checksum = value_or_default<std::string>(row, "storage_checksum");
-  entry.start_time = static_cast<time_t>(value_or_default<int64_t>(row, "start_time"));
   entry.end_time = static_cast<time_t>(value_or_default<int64_t>(row, "end_time"));
   entry.available = !value_or_default<json_spirit::Array>(row, "state").empty();
   entry.state_reason = value_or_default<std::string>(row, "state_reason");
   entry.predecessor_missing = value_or_default<bool>(row, "predecessor_missing");
-  entry.predecessor_id = value_or_default<std::string>(row, "predecessor_id");
   entry.full_backup_id = value_or_default<std::string>(row, "full_backup_id");
   entry.lsn = number_of_row(row, "backup_lsn");
   entry.scn = number_of_row(row, "backup_scn");
@@ -40,7 +40,6 @@ Backup_Entry entry_of(const json_spirit::Object& row)
     entry.children.push_back(child.get_str());
   entry.chain_length = number_of_row(row, "chain_length");
   entry.chain_problem = value_or_default<std::string>(row, "chain_problem");
-  return entry;
 }
 
 /// `problem` may be null; it gets what the view says of an empty answer.
@@ -51,15 +50,18 @@ bool query_entries(const char* view, const Query& query, std::vector<Backup_Entr
     json_spirit::Object answer;
     if (!query_catalog("oscar_brcmd", view, query, answer, error))
       return false;
-    std::vector<Backup_Entry> found;
-    for (const json_spirit::Value& row : required<json_spirit::Array>(answer, "rows"))
-      found.push_back(entry_of(row.get_obj()));
+    std::vector<Backup_Entry> found = entries_of(answer, fill_entry);
+    for (Backup_Entry& entry : found)
+      if (!entry.damage.empty()) {
+        entry.chain_length = 0;
+        entry.chain_problem = "Backup " + entry.id + " is not available: " + entry.state_reason;
+      }
     backups.swap(found);
     if (problem)
       *problem = value_or_default<std::string>(answer, "problem");
     return true;
   } catch (const std::exception& exception) {
-    error = std::string("the catalog holds a record of the wrong shape: ") + exception.what();
+    error = std::string("the catalog gave an answer of the wrong shape: ") + exception.what();
     return false;
   }
 }
@@ -112,9 +114,20 @@ bool last_committed_backup(const std::string& resource_uuid, std::vector<Backup_
 bool backup_sequence(const Backup_Entry& backup, std::vector<Backup_Entry>& backups, std::string& problem,
                      std::string& error)
 {
-  return query_entries("catalog_sequences",
-                       {{"backup_id", backup.id}, {"resource_uuid", backup.resource_uuid}, {"order", "desc"}},
-                       backups, error, &problem);
+  std::vector<Backup_Entry> found;
+  std::string broken;
+  if (!query_entries("catalog_sequences",
+                     {{"backup_id", backup.id}, {"resource_uuid", backup.resource_uuid}, {"order", "desc"}},
+                     found, error, &broken))
+    return false;
+  for (const Backup_Entry& entry : found)
+    if (!entry.damage.empty())
+      broken = entry.chain_problem;
+  if (!broken.empty())
+    found.clear();
+  backups.swap(found);
+  problem = broken;
+  return true;
 }
 
 bool known_chain(const Backup_Entry& backup, std::vector<Backup_Entry>& backups, std::string& error)

@@ -114,6 +114,10 @@ struct Stored_Place {
 
 bool find_place(const std::string& pool_uuid, const Backup_Entry& backup, Stored_Place& place)
 {
+  if (!backup.damage.empty()) {
+    place.problem = backup.state_reason;
+    return false;
+  }
   if (!find_pool_of_backup(pool_uuid, place.pool, place.problem) ||
       !set_options_by_pool(place.options, place.pool))
     return false;

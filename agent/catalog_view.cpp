@@ -3,6 +3,8 @@
 #include "base/clock.h"
 #include "catalog/catalog_back_end.h"
 
+#include <ace/Log_Msg.h>
+
 namespace kestrel
 {
 namespace
@@ -26,6 +28,21 @@ bool query_catalog(const char* catalog, const char* view, const Catalog_View_Que
   }
   answer = result.get_obj();
   return true;
+}
+
+std::string note_damage(const json_spirit::Object& row, const std::string& problem)
+{
+  const json_spirit::Value& told = json_spirit::find_value(row, "unreadable");
+  const std::string damage = told.type() == json_spirit::str_type ? told.get_str() : problem;
+  if (damage.empty())
+    return damage;
+  const json_spirit::Value& id = json_spirit::find_value(row, "uuid");
+  ACE_ERROR(
+      (LM_WARNING,
+       "(%P|%t) The catalog's record of backup %C is damaged: %C. The backup cannot be used until a saved "
+       "copy of the catalog is put back; the others can\n",
+       id.type() == json_spirit::str_type ? id.get_str().c_str() : "(without an id)", damage.c_str()));
+  return damage;
 }
 
 uint64_t number_of_row(const json_spirit::Object& row, const char* key)

@@ -21,14 +21,15 @@ Export_File file_of(const json_spirit::Object& row)
   return file;
 }
 
-Export_Entry entry_of(const json_spirit::Object& row)
+void fill_entry(const json_spirit::Object& row, Export_Entry& entry)
 {
-  Export_Entry entry;
+  // First what a list needs, also of a record that is damaged further on.
   entry.id = required<std::string>(row, "uuid");
+  entry.resource_uuid = value_or_default<std::string>(row, "resource_uuid");
+  entry.start_time = static_cast<time_t>(value_or_default<int64_t>(row, "start_time"));
   entry.name = value_or_default<std::string>(row, "name");
   entry.definition_uuid = value_or_default<std::string>(row, "definition_uuid");
   entry.host_uuid = value_or_default<std::string>(row, "host_uuid");
-  entry.resource_uuid = value_or_default<std::string>(row, "resource_uuid");
   entry.minor_resource_id = value_or_default<std::string>(row, "minor_resource_id");
   entry.pool_uuid = value_or_default<std::string>(row, "pool_uuid");
   entry.file = value_or_default<std::string>(row, "backup_file");
@@ -40,7 +41,6 @@ Export_Entry entry_of(const json_spirit::Object& row)
   entry.size = number_of_row(row, "backup_set_size");
   entry.stored_size = number_of_row(row, "backup_set_storage_size");
   entry.files_size = number_of_row(row, "total_size");
-  entry.start_time = static_cast<time_t>(value_or_default<int64_t>(row, "start_time"));
   entry.end_time = static_cast<time_t>(value_or_default<int64_t>(row, "end_time"));
   entry.available = !value_or_default<json_spirit::Array>(row, "state").empty();
   entry.state_reason = value_or_default<std::string>(row, "state_reason");
@@ -48,7 +48,6 @@ Export_Entry entry_of(const json_spirit::Object& row)
     entry.tablespaces.push_back(name.get_str());
   for (const json_spirit::Value& file : value_or_default<json_spirit::Array>(row, "backup_files"))
     entry.files.push_back(file_of(file.get_obj()));
-  return entry;
 }
 
 bool query_exports(Catalog_View_Query query, std::vector<Export_Entry>& backups, std::string& error)
@@ -58,13 +57,10 @@ bool query_exports(Catalog_View_Query query, std::vector<Export_Entry>& backups,
     json_spirit::Object answer;
     if (!query_catalog("oscar", "catalogs", query, answer, error))
       return false;
-    std::vector<Export_Entry> found;
-    for (const json_spirit::Value& row : required<json_spirit::Array>(answer, "rows"))
-      found.push_back(entry_of(row.get_obj()));
-    backups.swap(found);
+    backups = entries_of(answer, fill_entry);
     return true;
   } catch (const std::exception& exception) {
-    error = std::string("the catalog holds a record of the wrong shape: ") + exception.what();
+    error = std::string("the catalog gave an answer of the wrong shape: ") + exception.what();
     return false;
   }
 }

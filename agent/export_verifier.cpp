@@ -69,6 +69,10 @@ Verification verify_export(const Export_Entry& backup,
                            const std::function<bool()>& cancel_requested)
 {
   Verification result;
+  if (!backup.damage.empty()) {
+    result.problem = backup.state_reason;
+    return result;
+  }
   Pool_Info pool;
   if (!find_pool_of_backup(backup.pool_uuid, pool, result.problem))
     return result;

@@ -104,6 +104,16 @@ int run_backups(Command_Context& context)
     broken += backup.chain_length ? 0 : 1;
   if (broken)
     context.note(std::to_string(broken) + " of these cannot be restored; kestrel show BACKUP says why.");
+  size_t damaged = 0;
+  for (const Backup_Entry& backup : page.backups)
+    damaged += backup.damage.empty() ? 0 : 1;
+  for (const Export_Entry& entry : page.exports)
+    damaged += entry.damage.empty() ? 0 : 1;
+  if (damaged)
+    context.note(
+        "Of " + std::to_string(damaged) +
+        " the record in the catalog is damaged: kestrel show BACKUP says how. They can be used once a "
+        "saved copy of the catalog is put back.");
   return EXIT_CODE_DONE;
 }
 } // namespace kestrel

@@ -134,15 +134,15 @@ std::string describe(Command_Context& context, const Import_Plan& plan)
 
 bool make_plan(Command_Context& context, Import_Plan& plan)
 {
-  if (!find_export(context, context.line().names.front(), plan.entry) || !choose_original(context, plan) ||
-      !choose_target(context, plan) || !choose_source_pool(context, plan.pool_override))
+  if (!find_export(context, context.line().names.front(), plan.entry))
     return false;
   if (!plan.entry.available) {
     context.fail("export " + plan.entry.id + " cannot be used: " + plan.entry.state_reason +
                  "; once that is repaired: kestrel verify " + plan.entry.id);
     return false;
   }
-  return true;
+  return choose_original(context, plan) && choose_target(context, plan) &&
+         choose_source_pool(context, plan.pool_override);
 }
 
 Import_Request request_of(const Import_Plan& plan)

@@ -2,6 +2,8 @@
 
 #include "json/json_util.h"
 
+#include <stdexcept>
+
 namespace oscar
 {
 namespace
@@ -86,6 +88,11 @@ const Object* choose_logical_row(const json_spirit::Array& rows, const Restore_J
 
 Logical_Backup read_logical_backup(const Object& row)
 {
+  std::string damage;
+  kestrel::optional(row, "unreadable", damage);
+  if (!damage.empty())
+    throw std::runtime_error("the record of backup " + kestrel::required<std::string>(row, "uuid") +
+                             " is damaged: " + damage + ". Put back a saved copy of the catalog");
   Logical_Backup backup;
   for (const Value& file : kestrel::required<json_spirit::Array>(row, "backup_files"))
     backup.files.push_back(read_file(file));

@@ -45,6 +45,8 @@ public:
   /// tells more. "predecessor_missing" is true for a set whose predecessor_id is not in the catalog: it and
   /// all that build on it cannot be restored. 64-bit numbers can be read with get_int64() and get_uint64();
   /// times are seconds since the epoch.
+  /// "unreadable" is there only when the stored set is damaged, and says how; the fields concerned are
+  /// missing, and the set must not be restored.
   [[nodiscard]] bool get_view(const char* catalog, const char* view,
                               const std::map<std::string, json_spirit::Value>& query,
                               json_spirit::Value& result);

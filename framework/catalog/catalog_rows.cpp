@@ -3,7 +3,6 @@
 #include "json/json_util.h"
 
 #include <cstring>
-#include <stdexcept>
 
 namespace kestrel
 {
@@ -49,32 +48,36 @@ bool Catalog_Row_Reader::fetch()
   return statement_.fetch();
 }
 
-json_spirit::Value Catalog_Row_Reader::value_of(const Column& column)
+bool Catalog_Row_Reader::value_of(const Column& column, json_spirit::Value& value, std::string& problem)
 {
   switch (column.field->kind) {
   case Field_Kind::text:
-    return column.text;
+    value = column.text;
+    return true;
   case Field_Kind::number:
-    return static_cast<unsigned long long>(column.number);
+    value = static_cast<unsigned long long>(column.number);
+    return true;
   case Field_Kind::time:
-    return column.number;
+    value = column.number;
+    return true;
   case Field_Kind::flag:
-    return column.number != 0;
+    value = column.number != 0;
+    return true;
   case Field_Kind::json:
     break;
   }
-  json_spirit::Value value;
   std::string error;
-  if (!read_json(column.text, value, error))
-    throw std::runtime_error(std::string("the stored field ") + column.field->name +
-                             " is not readable: " + error);
-  return value;
+  if (read_json(column.text, value, error))
+    return true;
+  problem = std::string("the stored field ") + column.field->name + " is not readable: " + error;
+  return false;
 }
 
 json_spirit::Object Catalog_Row_Reader::row() const
 {
   json_spirit::Object row;
   row.reserve(columns_.size() + 2);
+  std::string problem;
   for (const Column& column : columns_) {
     const char* name = column.field->name;
     if (column.indicator != soci::i_ok)
@@ -86,10 +89,15 @@ json_spirit::Object Catalog_Row_Reader::row() const
       row.emplace_back(name, std::move(state));
       continue;
     }
-    row.emplace_back(name, value_of(column));
+    json_spirit::Value value;
+    if (!value_of(column, value, problem))
+      continue;
+    row.emplace_back(name, std::move(value));
     if (std::strcmp(name, "start_time") == 0)
       row.emplace_back("backup_start_time", row.back().value_);
   }
+  if (!problem.empty())
+    row.emplace_back("unreadable", problem);
   return row;
 }
 

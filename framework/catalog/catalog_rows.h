@@ -24,6 +24,7 @@ public:
   void execute(const std::vector<Sql_Value>& values);
   /// False at the end.
   bool fetch();
+  /// A field that is not readable is left out, and "unreadable" says why: one such line hides no others.
   json_spirit::Object row() const;
 
   long long set_id() const { return set_id_; }
@@ -38,7 +39,8 @@ private:
     long long number;
     soci::indicator indicator;
   };
-  static json_spirit::Value value_of(const Column& column);
+  /// False with `problem` when what is stored is not what the field should hold.
+  static bool value_of(const Column& column, json_spirit::Value& value, std::string& problem);
 
   long long set_id_ = 0;
   std::vector<Column> columns_;

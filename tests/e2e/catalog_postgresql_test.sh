@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The catalog on a PostgreSQL server: the tests of its rows, queries, chains and commits, and a server that is down.
+# The catalog on a PostgreSQL server: the tests of its rows, queries, chains, commits, exports and older schemas, a
+# damaged record, and a server that is down.
 set -euo pipefail
 umask 022
 
@@ -33,7 +34,7 @@ cd "$work"
   -o "-k $work -c listen_addresses='' -c fsync=off" start >/dev/null
 
 KESTREL_TEST_POSTGRESQL=$server "$built/unit_catalog" \
-  --gtest_filter='Catalog_Rows.*:Catalog_Query_Test.*:Catalog_Sequence.*:Catalog_Commit.*' >"$work/out" 2>&1 ||
+  --gtest_filter='Catalog_Rows.*:Catalog_Query_Test.*:Catalog_Sequence.*:Catalog_Commit.*:Catalog_Logical.*:Catalog_Damage.*:Catalog_Migration.*-*.a_held_catalog_*' >"$work/out" 2>&1 ||
   { cat "$work/out"; fail "the catalog behaves differently on the server"; }
 grep -q 'PASSED.* [1-9][0-9]* tests' "$work/out" || fail "no test ran"
 
@@ -48,6 +49,14 @@ export KESTREL_ROOT=$work/root
 tables=$("$postgres/psql" -h "$work" -U catalog -d postgres -Atc \
   "SELECT count(*) FROM information_schema.tables WHERE table_name LIKE 'backup_set%' AND table_schema = 'public'")
 [ "$tables" = 4 ] || fail "the server holds $tables tables"
+
+# One damaged record hides no others.
+"$postgres/psql" -h "$work" -U catalog -d postgres -q -c "INSERT INTO backup_set (catalog, uuid, resource_uuid, tablespaces, start_time)
+  VALUES ('oscar', 'good', 'R', '[]', 2), ('oscar', 'damaged', 'R', '[', 1)"
+"$built/kestrel" --json backups >"$work/out" 2>"$work/err" </dev/null || fail "with a damaged record: $(cat "$work/err")"
+[ "$(jq -r '[.exports[] | .id + " " + .state] | join(",")' "$work/out")" = "good available,damaged unusable" ] ||
+  fail "with a damaged record: $(cat "$work/out")"
+grep -q "record of backup damaged is damaged: the stored field tablespaces" "$work/err" || fail "no warning: $(cat "$work/err")"
 
 "${as_server[@]}" "$postgres/pg_ctl" -D "$work/data" -m fast -w stop >/dev/null
 if timeout 120 "$built/kestrel" backups >"$work/out" 2>"$work/err" </dev/null; then

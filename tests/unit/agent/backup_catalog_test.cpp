@@ -1,7 +1,9 @@
 #include "agent/backup_catalog.h"
 
 #include "catalog/catalog_admin.h"
+#include "catalog/catalog_database.h"
 #include "catalog/catalog_operator.h"
+#include "catalog/sql_back_end.h"
 #include "support/log_capture.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
@@ -128,4 +130,40 @@ TEST_F(Backup_Catalog, the_last_committed_backup_may_have_an_older_time)
   EXPECT_EQ(3u, last.front().chain_length);
   ASSERT_TRUE(last_committed_backup("S", last, error_)) << error_;
   EXPECT_EQ("", ids(last));
+}
+
+TEST_F(Backup_Catalog, lists_the_others_beside_one_whose_record_is_damaged)
+{
+  log_.allow(LM_WARNING, "record of backup I1 is damaged");
+  {
+    Catalog_Database database(default_catalog_place());
+    database.session() << "UPDATE backup_set SET uri = NULL WHERE uuid = 'I1'";
+  }
+  std::vector<Backup_Entry> backups;
+  ASSERT_TRUE(list_backups({}, 0, backups, error_)) << error_;
+  ASSERT_EQ("D I2 I1 F", ids(backups));
+  EXPECT_TRUE(log_.contains("record of backup I1 is damaged"));
+  const Backup_Entry& damaged = backups[2];
+  EXPECT_FALSE(damaged.available);
+  EXPECT_NE(std::string::npos, damaged.damage.find("uri")) << damaged.damage;
+  EXPECT_EQ("F", damaged.predecessor_id) << "it keeps its place in the chain";
+  EXPECT_EQ(0u, damaged.chain_length);
+  EXPECT_NE(std::string::npos, damaged.chain_problem.find(damaged.damage)) << damaged.chain_problem;
+  EXPECT_TRUE(backups[0].available);
+  EXPECT_EQ(2u, backups[0].chain_length);
+}
+
+TEST_F(Backup_Catalog, gives_nothing_to_restore_where_a_record_of_the_chain_is_damaged)
+{
+  log_.allow(LM_WARNING, "record of backup I1 is damaged");
+  {
+    Catalog_Database database(default_catalog_place());
+    database.session() << "UPDATE backup_set SET backup_file = NULL WHERE uuid = 'I1'";
+  }
+  EXPECT_EQ("", sequence("I2"));
+  EXPECT_NE(std::string::npos, problem_.find("Backup I1 is not available: its record")) << problem_;
+  EXPECT_EQ("", sequence("I1"));
+  EXPECT_NE(std::string::npos, problem_.find("Backup I1 is not available: its record")) << problem_;
+  EXPECT_EQ("F D", sequence("D"));
+  EXPECT_EQ("", problem_);
 }

@@ -1,7 +1,9 @@
 #include "agent/export_catalog.h"
 
 #include "catalog/catalog_admin.h"
+#include "catalog/catalog_database.h"
 #include "catalog/catalog_operator.h"
+#include "catalog/sql_back_end.h"
 #include "support/log_capture.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
@@ -125,4 +127,33 @@ TEST_F(Export_Catalog, tells_that_an_export_cannot_be_used)
   ASSERT_TRUE(list_exports({}, 0, entries, error_)) << error_;
   EXPECT_FALSE(entries.at(0).available);
   EXPECT_EQ("gone", entries.at(0).state_reason);
+}
+
+TEST_F(Export_Catalog, lists_the_others_beside_one_whose_record_is_damaged)
+{
+  commit("E1", "R", 100);
+  commit("E2", "R", 200);
+  commit("E3", "R", 300);
+  for (const char* tablespaces : {"[\"TS1", "[7]", "{}", ""}) {
+    {
+      Catalog_Database database(default_catalog_place());
+      const std::string text = tablespaces;
+      database.session() << "UPDATE backup_set SET tablespaces = :t WHERE uuid = 'E2'", soci::use(text, "t");
+    }
+    std::vector<Export_Entry> entries;
+    ASSERT_TRUE(list_exports({}, 0, entries, error_)) << error_;
+    ASSERT_EQ(3u, entries.size());
+    EXPECT_TRUE(log_.expect(LM_WARNING, "record of backup E2 is damaged"));
+    EXPECT_EQ("E2", entries[1].id) << "its place is kept";
+    EXPECT_FALSE(entries[1].available);
+    EXPECT_NE("", entries[1].damage);
+    EXPECT_EQ("its record in the catalog is damaged: " + entries[1].damage, entries[1].state_reason);
+    for (const size_t good : {0u, 2u}) {
+      EXPECT_TRUE(entries[good].available);
+      EXPECT_EQ("", entries[good].damage);
+      EXPECT_EQ(2u, entries[good].files.size());
+    }
+    EXPECT_EQ("E2", found("E2")) << "a restore finds it, and refuses it";
+    EXPECT_TRUE(log_.expect(LM_WARNING, "saved copy of the catalog"));
+  }
 }

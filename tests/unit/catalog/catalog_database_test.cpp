@@ -56,12 +56,6 @@ protected:
     }
     return std::string();
   }
-  static int version_of(soci::session& session)
-  {
-    int version = -1;
-    session << "SELECT version FROM schema_version", soci::into(version);
-    return version;
-  }
 };
 
 TEST_F(Catalog_Database_Test, is_durable_and_checks_references)
@@ -249,64 +243,4 @@ TEST_F(Catalog_Database_Test, refuses_a_catalog_of_a_newer_release)
   }
   expect_damage("was written by a newer release (schema 99, this program knows up to " +
                 std::to_string(kestrel::catalog_migrations().size()) + "). Update this program");
-}
-
-TEST_F(Catalog_Database_Test, brings_an_older_schema_up_to_date)
-{
-  ASSERT_TRUE(commit(make_set("b1")));
-  kestrel::Catalog_Migrations migrations = kestrel::catalog_migrations();
-  const int before = static_cast<int>(migrations.size());
-  migrations.push_back(
-      {"ALTER TABLE backup_set ADD COLUMN note TEXT", "CREATE TABLE note_kind (id {id}, kind TEXT)"});
-  migrations.push_back({"UPDATE backup_set SET note = 'old'"});
-  Catalog_Place place = kestrel::default_catalog_place();
-  place.migrations = &migrations;
-  {
-    Catalog_Database database(place);
-    std::string note;
-    database.session() << "SELECT note FROM backup_set", soci::into(note);
-    EXPECT_EQ("old", note);
-    EXPECT_EQ(before + 2, version_of(database.session()));
-  }
-  log_.expect(LM_NOTICE,
-              "was brought from schema " + std::to_string(before) + " to " + std::to_string(before + 2));
-  EXPECT_EQ("", open_error(place)) << "and only once";
-}
-
-TEST_F(Catalog_Database_Test, of_the_first_release_keeps_its_files)
-{
-  const kestrel::Catalog_Migrations first(kestrel::catalog_migrations().begin(),
-                                          kestrel::catalog_migrations().begin() + 1);
-  Catalog_Place place = kestrel::default_catalog_place();
-  place.migrations = &first;
-  {
-    Catalog_Database database(place);
-    database.session() << "INSERT INTO backup_set (catalog, uuid, seq) VALUES ('oscar', 'u1', 1)";
-    database.session() << "INSERT INTO backup_set_file (set_id, position, database_name, schema_name, "
-                          "table_name, file_name, grade) SELECT id, 0, 'DB', '', '', '/f', 'database' FROM "
-                          "backup_set";
-  }
-  const json_spirit::Array found = rows({{"database", "DB"}, {"with_files", true}}, "oscar");
-  ASSERT_EQ(1u, found.size());
-  const json_spirit::Array& files = json_spirit::find_value(found[0].get_obj(), "backup_files").get_array();
-  ASSERT_EQ(1u, files.size());
-  EXPECT_EQ("/f", json_spirit::find_value(files[0].get_obj(), "file").get_str());
-  EXPECT_EQ(0u, json_spirit::find_value(files[0].get_obj(), "size").get_uint64());
-  log_.expect(LM_NOTICE, "was brought from schema 1 to");
-}
-
-TEST_F(Catalog_Database_Test, a_migration_that_fails_half_way_is_not_visible)
-{
-  ASSERT_TRUE(commit(make_set("b1")));
-  kestrel::Catalog_Migrations migrations = kestrel::catalog_migrations();
-  migrations.push_back(
-      {"ALTER TABLE backup_set ADD COLUMN note TEXT", "UPDATE backup_set SET name = 'changed'"});
-  migrations.push_back({"CREATE TABLE broken (id {id}", "SELECT 1"});
-  Catalog_Place place = kestrel::default_catalog_place();
-  place.migrations = &migrations;
-  EXPECT_NE(std::string::npos, open_error(place).find(catalog_path()));
-  EXPECT_EQ("nightly", texts(rows({}), "name"));
-  Catalog_Database database(kestrel::default_catalog_place());
-  EXPECT_EQ(static_cast<int>(kestrel::catalog_migrations().size()), version_of(database.session()));
-  EXPECT_THROW(database.session() << "SELECT note FROM backup_set", soci::soci_error);
 }

@@ -51,6 +51,21 @@ std::string chosen_file(const Logical_Backup& backup, const std::string& databas
 }
 } // namespace
 
+TEST(Logical_Catalog, refuses_a_row_whose_record_is_damaged)
+{
+  json_spirit::Object row = parsed(GOOD_ROW).get_obj();
+  row.emplace_back("unreadable", "the stored field tablespaces is not readable");
+  try {
+    read_logical_backup(row);
+    FAIL() << "the row was taken";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(
+        "the record of backup u1 is damaged: the stored field tablespaces is not readable. Put back a "
+        "saved copy of the catalog",
+        error.what());
+  }
+}
+
 TEST(Logical_Catalog, reads_a_row)
 {
   const Logical_Backup backup = read_logical_backup(parsed(GOOD_ROW).get_obj());
