@@ -2,6 +2,7 @@
 # Every benchmark in one run: builds, measures, prints a table of figures with what is demanded of them, and writes the
 # same as Markdown. Takes about ten minutes and wants a machine with nothing else to do.
 #   bench/run.sh [--quick] [--no-build] [--rounds N] [--dir DIR] [--output FILE] [pump] [instance] [archive] [isql] [catalog] [rpc]
+#                [selection] [remote] [instances]
 #     --quick     small sizes and two rounds: shows that all works; its figures mean nothing
 #     --dir       where the private work directory is made; its disk is the one measured (TMPDIR, else /tmp)
 #     --output    the Markdown file (build/bench/benchmarks.md)
@@ -19,12 +20,12 @@ while [ $# -gt 0 ]; do
     --rounds) rounds=$2; shift ;;
     --dir) dir=$2; shift ;;
     --output) output=$2; shift ;;
-    pump | instance | archive | isql | catalog | rpc) parts+=("$1") ;;
-    *) sed -n '2,9s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+    pump | instance | archive | isql | catalog | rpc | selection | remote | instances) parts+=("$1") ;;
+    *) sed -n '2,10s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
   esac
   shift
 done
-[ ${#parts[@]} -gt 0 ] || parts=(pump instance archive isql catalog rpc)
+[ ${#parts[@]} -gt 0 ] || parts=(pump instance archive isql catalog rpc selection remote instances)
 wants() { [[ " ${parts[*]} " == *" $1 "* ]]; }
 
 bin=$top/build/bench/bin
@@ -32,7 +33,8 @@ programs=$top/build/release/bin
 bench=$bin/pump_bench
 if [ -n "$build" ]; then
   "$top/tools/install-deps.sh" --bench
-  "$top/tools/build.sh" bench pump_bench archive_bench stream_tool catalog_bench isql_bench rpc_bench >/dev/null
+  "$top/tools/build.sh" bench pump_bench archive_bench stream_tool catalog_bench isql_bench rpc_bench \
+    selection_bench remote_bench instance_bench >/dev/null
   "$top/tools/build.sh" release kestrel_cli oscar kestrel-lab >/dev/null
 fi
 work=$(mktemp -d "$dir/kestrel-bench.XXXXXX")
@@ -42,12 +44,14 @@ trap 'rm -rf "$work"' EXIT
 trap 'exit 130' INT TERM
 . "$top/bench/lib.sh"
 
-# repetitions PROGRAM: "name cpu wall items_per_second" of every repetition but the first of each benchmark; times in ms.
+# repetitions PROGRAM: "name cpu wall items_per_second bytes_per_second longest_ms" of every repetition but the first of
+# each benchmark; times in ms. A program that says nothing of repetitions is repeated as often as the rounds.
 repetitions() {
-  "$bin/$1" --benchmark_format=json ${quick:+--benchmark_min_time=0.05} 2>/dev/null |
-    jq -r '.benchmarks[] | select(.run_type == "iteration" and .repetition_index > 0) |
-           [.run_name, .cpu_time, .real_time, (.items_per_second // 0)] | @tsv' |
-    sed 's|/iterations:[0-9]*||; s|/repeats:[0-9]*||' >"$work/$1.tsv"
+  TMPDIR=$work KESTREL_BENCH_DIR=$work "$bin/$1" --benchmark_format=json --benchmark_repetitions=$((rounds + 1)) \
+    ${quick:+--benchmark_min_time=0.05} 2>/dev/null |
+    jq -r '.benchmarks[] | select(.run_type == "iteration" and .repetition_index > 0) | if .error_occurred then error(.error_message) else . end |
+           [.run_name, .cpu_time, .real_time, (.items_per_second // 0), (.bytes_per_second // 0), (.longest_ms // 0)] | @tsv' |
+    sed 's|/iterations:[0-9]*||; s|/repeats:[0-9]*||; s|/manual_time||; s|/real_time||' >"$work/$1.tsv"
   [ -s "$work/$1.tsv" ]
 }
 # of PROGRAM NAME COLUMN: the median
@@ -95,9 +99,50 @@ requests() {
 measure_rpc() {
   repetitions rpc_bench
   section "Small JSON-RPC requests over one WebSocket with TLS"
-  requests rpc_one_at_a_time/real_time "one at a time"
-  requests rpc_pipelined/64/real_time "up to 64 under way"
-  requests rpc_pipelined_both_ways/64/real_time "up to 64 under way, both sides ask"
+  requests rpc_one_at_a_time "one at a time"
+  requests rpc_pipelined/64 "up to 64 under way"
+  requests rpc_pipelined_both_ways/64 "up to 64 under way, both sides ask"
+}
+
+measure_selection() {
+  local middle longest
+  repetitions selection_bench
+  section "The choice among three nodes"
+  middle=$(of selection_bench select_among_three_nodes 3)
+  longest=$(awk -F'\t' '{print $6}' "$work/selection_bench.tsv" | sort -g | tail -1)
+  row "last request to last announcement" "$(printf '%.2f' "$middle") ms" "-" "-" "-" "-" "-"
+  row "the longest of all" "$(printf '%.2f' "$longest") ms" "-" "-" "-" "< 1000 ms" "$(judge "$longest" '<' 1000)"
+}
+
+# served_speed FIGURE NAME: MB/s of a pool of the server beside those of one of this host.
+served_speed() {
+  local served near
+  served=$(of remote_bench "$2/served:1" 5) near=$(of remote_bench "$2/served:0" 5)
+  row "$1" "$(printf '%.0f' "$(calculate "$served / 1e6")") MB/s" \
+    "a pool of this host: $(printf '%.0f' "$(calculate "$near / 1e6")") MB/s" "$(printf '%.2f' "$(calculate "$served / $near")")" "-" "-" "-"
+}
+measure_remote() {
+  local threads value
+  repetitions remote_bench
+  section "A backup server over HTTPS on the loopback device"
+  for threads in 1 4; do
+    value=$(of remote_bench "commits/threads:$threads" 4)
+    row "durable catalog commits, clients at once: $threads" "$(printf '%.0f' "$value") commits/s" "-" "-" "-" ">= 200 commits/s" \
+      "$(judge "$value" '>=' 200)"
+  done
+  row "queries for one row" "$(printf '%.0f' "$(of remote_bench queries/threads:1 4)") queries/s" "-" "-" "-" "-" "-"
+  served_speed "a file of 256 MiB, stored" store
+  served_speed "the same, fetched" fetch
+}
+
+measure_instances() {
+  local name value
+  repetitions instance_bench
+  section "A list of 1,000 instances, from the end of discovery to its text"
+  for name in first later; do
+    value=$(of instance_bench "${name}_list/1000" 3)
+    row "the $name time" "$(printf '%.1f' "$value") ms" "-" "-" "-" "< 50 ms" "$(judge "$value" '<' 50)"
+  done
 }
 
 machine() {
@@ -115,6 +160,9 @@ started=$SECONDS
 ! wants isql || measure_isql
 ! wants catalog || measure_catalog
 ! wants rpc || measure_rpc
+! wants selection || measure_selection
+! wants remote || measure_remote
+! wants instances || measure_instances
 remark "load average before the run $load_before, after it $(cut -d' ' -f1-3 /proc/loadavg); the run took $((SECONDS - started)) s"
 [ -z "$quick" ] || remark "a quick run: sizes are too small for these figures to mean anything"
 
