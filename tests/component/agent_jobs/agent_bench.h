@@ -2,7 +2,7 @@
 
 #include "agent/agent_jobs.h"
 #include "agent/module_table.h"
-#include "component/physical/physical_bench.h"
+#include "support/physical_bench.h"
 
 #include <memory>
 #include <mutex>

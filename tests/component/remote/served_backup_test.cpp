@@ -1,4 +1,4 @@
-#include "component/physical/physical_bench.h"
+#include "support/physical_bench.h"
 #include "served_place.h"
 
 #include "support/waiting.h"

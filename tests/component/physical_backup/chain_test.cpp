@@ -1,5 +1,5 @@
-#include "answering_catalog.h"
-#include "physical_bench.h"
+#include "support/answering_catalog.h"
+#include "support/physical_bench.h"
 
 #include "catalog/catalog_admin.h"
 #include "catalog/catalog_operator.h"

@@ -1,4 +1,4 @@
-#include "physical_bench.h"
+#include "support/physical_bench.h"
 
 #include "catalog/catalog_operator.h"
 #include "instances/instance_registry.h"
@@ -167,6 +167,11 @@ std::string Physical_Bench::good_backup() const
 std::string Physical_Bench::good_restore() const
 {
   return "read_to ${option:-f} " + (dir / "fed") + "\n";
+}
+
+std::string Physical_Bench::marking_restore() const
+{
+  return good_restore() + "write_file " + (dir / "restored") + " x\n";
 }
 
 void Physical_Bench::set_stream(const std::string& stream)

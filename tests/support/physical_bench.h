@@ -53,6 +53,9 @@ public:
   /// The steps of a brcmd that gives the whole stream and then writes the chain state.
   std::string good_backup() const;
   std::string good_restore() const;
+  /// The steps of a restoring brcmd that leaves the file "restored" only when it has read a whole stream and
+  /// nobody stopped it.
+  std::string marking_restore() const;
   /// The stream that the good brcmd gives.
   void set_stream(const std::string& stream);
   /// A stream of that many image bytes whose info text names a file of this size.

@@ -1,4 +1,4 @@
-#include "physical_bench.h"
+#include "support/physical_bench.h"
 
 #include "catalog/catalog_admin.h"
 #include "instances/instance_registry.h"

@@ -1,4 +1,4 @@
-#include "physical_bench.h"
+#include "support/physical_bench.h"
 
 #include "catalog/catalog_operator.h"
 #include "support/fault_file_system.h"
@@ -51,6 +51,7 @@ TEST(Physical_Backup_Fault, of_each_file_operation_leaves_no_half_backup)
         bench.expect_recovery(closed ? 1 : 0);
       }
     }
+    EXPECT_FALSE(met) << "calls of " << call << " that no round failed";
   }
 }
 

@@ -1,4 +1,4 @@
-#include "physical_bench.h"
+#include "support/physical_bench.h"
 
 #include "support/fake_tool.h"
 #include "support/fault_process_api.h"
