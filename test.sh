@@ -12,6 +12,9 @@ presets=(release asan tsan)
 
 ./tools/install-deps.sh
 export CTEST_OUTPUT_ON_FAILURE=1
+KESTREL_LEFT_OUT=$(mktemp)
+export KESTREL_LEFT_OUT
+trap '[ ! -s "$KESTREL_LEFT_OUT" ] || { echo "== left out:"; sort -u "$KESTREL_LEFT_OUT"; }; rm -f "$KESTREL_LEFT_OUT"' EXIT
 for preset in "${presets[@]}"; do
   echo "== $preset: build"
   ./tools/build.sh "$preset"

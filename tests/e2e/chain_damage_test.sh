@@ -133,5 +133,7 @@ if [ "$(id -u)" -eq 0 ]; then
   "$lab" destroy "$home" "$small" >/dev/null
   home=$work/oscar
   umount "$work/tmpfs"
+else
+  left_out "a full disk: only root can mount one"
 fi
 echo "all right"

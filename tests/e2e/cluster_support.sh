@@ -30,7 +30,7 @@ network_trouble() {
 skip_without_network() {
   local trouble
   trouble=$(network_trouble)
-  [ -z "$trouble" ] || { echo "SKIP: $trouble"; exit 77; }
+  [ -z "$trouble" ] || { left_out "$trouble"; exit 77; }
 }
 
 # namespaces carry the id of the script that made them, so what a killed script left is known.

@@ -36,6 +36,11 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
+# left_out WHAT: what cannot be tested here, for the list that test.sh prints at its end.
+left_out() {
+  echo "left out: $*"
+  [ -z "${KESTREL_LEFT_OUT:-}" ] || { echo "$(basename "$0"): $*" >>"$KESTREL_LEFT_OUT"; } 2>/dev/null || true
+}
 note() { echo "-- ($SECONDS s) $*"; }
 fail() {
   echo "FAILED: $*" >&2

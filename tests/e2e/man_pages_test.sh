@@ -2,7 +2,7 @@
 # The man pages are well formed, and tell of every command and option of the help.
 . "$(dirname "$0")/kestrel_support.sh"
 pages=$(cd "$(dirname "$0")/../../packaging/man" && pwd)
-command -v man >/dev/null || { echo "no 'man' here; tools/install-deps.sh installs it"; exit 77; }
+command -v man >/dev/null || { left_out "no 'man' here; tools/install-deps.sh installs it"; exit 77; }
 
 # page NAME: as text, one line, without hyphenation.
 page() {
