@@ -95,16 +95,6 @@ void make_schema(soci::session& session, const Catalog_Migrations& migrations)
   session << "INSERT INTO schema_version (version) VALUES (0)";
   run_migrations(session, migrations, 0);
 }
-
-/// SQLite takes the lock of a write transaction at its beginning; a server needs one of our own.
-void lock_schema(soci::session& session)
-{
-  if (on_server(session)) {
-    std::string nothing;
-    session << "SELECT CAST(pg_advisory_xact_lock(" << catalog_application_id << ") AS TEXT)",
-        soci::into(nothing);
-  }
-}
 } // namespace
 
 Catalog_Error Catalog_Database::translate(const Catalog_Place& place, const std::exception& error)
@@ -161,7 +151,6 @@ void Catalog_Database::open_server(const Catalog_Place& place)
   if (schema_version(session_) != 0)
     return;
   Catalog_Transaction transaction(session_, Catalog_Transaction::Kind::write);
-  lock_schema(session_);
   if (schema_version(session_) == 0) {
     make_schema(session_, *place.migrations);
     created_ = true;
@@ -220,7 +209,6 @@ void Catalog_Database::migrate(const Catalog_Place& place)
   if (version == newest)
     return;
   Catalog_Transaction transaction(session_, Catalog_Transaction::Kind::write);
-  lock_schema(session_);
   version = schema_version(session_); // another process may have been first
   if (version < newest)
     run_migrations(session_, *place.migrations, version);
@@ -231,16 +219,36 @@ void Catalog_Database::migrate(const Catalog_Place& place)
 
 Catalog_Transaction::Catalog_Transaction(soci::session& session, Kind kind) : session_(session)
 {
-  if (on_server(session_))
-    session_ << (kind == Kind::write ? "BEGIN" : "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
-  else
+  if (!on_server(session_)) {
     session_ << (kind == Kind::write ? "BEGIN IMMEDIATE" : "BEGIN");
+    return;
+  }
+  session_ << (kind == Kind::write ? "BEGIN" : "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+  if (kind == Kind::write)
+    lock_for_writing();
+}
+
+/// SQLite locks at the begin of a write transaction; a server needs a lock of our own.
+void Catalog_Transaction::lock_for_writing()
+{
+  try {
+    std::string nothing;
+    session_ << "SELECT CAST(pg_advisory_xact_lock(" << catalog_application_id << ") AS TEXT)",
+        soci::into(nothing);
+  } catch (const std::exception&) {
+    roll_back();
+    throw;
+  }
 }
 
 Catalog_Transaction::~Catalog_Transaction()
 {
-  if (!open_)
-    return;
+  if (open_)
+    roll_back();
+}
+
+void Catalog_Transaction::roll_back()
+{
   try {
     session_ << "ROLLBACK";
   } catch (const std::exception&) {

@@ -82,6 +82,9 @@ public:
   void commit();
 
 private:
+  void lock_for_writing();
+  void roll_back();
+
   soci::session& session_;
   bool open_ = true;
 };
