@@ -1,44 +1,59 @@
 #include "storage/block_pipe.h"
 
+#include "base/ignore_result.h"
+
 #include <algorithm>
 #include <cstdlib>
+#include <sys/mman.h>
 
 namespace kestrel
 {
 namespace
 {
-const unsigned PAGE_BYTES = 4096;
+const uint64_t PAGE_BYTES = 4096;
+const uint64_t HUGE_PAGE_BYTES = 2 * 1024 * 1024;
 
-unsigned whole_pages(unsigned bytes)
+uint64_t whole(uint64_t unit, uint64_t bytes)
 {
-  return (bytes + PAGE_BYTES - 1) / PAGE_BYTES * PAGE_BYTES;
+  return (bytes + unit - 1) / unit * unit;
 }
 } // namespace
 
 Block_Pipe::Block_Pipe(unsigned block_count, unsigned block_bytes)
-    : block_count_(block_count), block_bytes_(block_bytes)
+    : block_count_(block_count), block_bytes_(block_bytes), area_(nullptr, std::free)
 {
   blocks_.reserve(block_count);
   free_.reserve(block_count);
 }
 
-Block_Pipe::~Block_Pipe()
+Block_Pipe::~Block_Pipe() = default;
+
+bool Block_Pipe::make_area()
 {
-  for (const auto& block : blocks_)
-    std::free(block->data);
+  const uint64_t bytes = block_count_ * whole(PAGE_BYTES, block_bytes_);
+  const uint64_t unit = bytes < HUGE_PAGE_BYTES ? PAGE_BYTES : HUGE_PAGE_BYTES;
+  const uint64_t area_bytes = whole(unit, bytes);
+  if (area_bytes > SIZE_MAX)
+    return false;
+  area_.reset(
+      static_cast<char*>(std::aligned_alloc(static_cast<size_t>(unit), static_cast<size_t>(area_bytes))));
+  if (area_ && unit == HUGE_PAGE_BYTES)
+    ignore_result(::madvise(area_.get(), static_cast<size_t>(area_bytes), MADV_HUGEPAGE),
+                  "small pages serve as well, a little slower");
+  return area_ != nullptr;
 }
 
 Block* Block_Pipe::make_block()
 {
-  void* data = std::aligned_alloc(PAGE_BYTES, whole_pages(block_bytes_));
-  if (data == nullptr) {
+  if (!area_ && !make_area()) {
     stopped_ = true;
     failure_ = "not enough memory for the buffers of a stored file";
     freed_.notify_all();
     filled_.notify_all();
     return nullptr;
   }
-  blocks_.push_back(std::make_unique<Block>(Block{static_cast<char*>(data), block_bytes_, 0, 0}));
+  char* const data = area_.get() + blocks_.size() * whole(PAGE_BYTES, block_bytes_);
+  blocks_.push_back(std::make_unique<Block>(Block{data, block_bytes_, 0, 0}));
   return blocks_.back().get();
 }
 

@@ -20,6 +20,8 @@ struct Block {
 
 /// A bounded queue of large blocks between threads that produce and threads that consume. Blocks are made on
 /// first use and go round, so the memory is bounded by count * bytes and a short stream uses little of it.
+/// They lie side by side in one area for which the kernel is asked for huge pages: the processor then finds
+/// its way through a stream with a fraction of the address translations.
 ///
 /// Threads:   producers (take_free, put, finish) and consumers (take_full, give_back), any number of each;
 ///            stop() and fail() from any. Who hands over blocks by number takes the free block before it
@@ -63,10 +65,13 @@ public:
 
 private:
   Block* make_block();
+  bool make_area();
   bool next_is_here() const { return !full_.empty() && full_.front()->number == next_taken_; }
 
   const unsigned block_count_;
   const unsigned block_bytes_;
+  // Of all blocks, reserved with the first one; the kernel gives the memory as they are used.
+  std::unique_ptr<char, void (*)(void*)> area_;
   mutable std::mutex lock_;
   std::condition_variable freed_;
   std::condition_variable filled_;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <sys/mman.h>
 #include <sys/uio.h>
 #include <unistd.h>
 #include <xxhash.h>
@@ -25,7 +26,7 @@ namespace
 constexpr std::size_t piece_bytes = 256 * 1024;
 constexpr std::size_t pieces = 5;
 constexpr std::size_t buffer_bytes = piece_bytes * pieces;
-constexpr std::size_t page_bytes = 4096;
+constexpr std::size_t huge_page_bytes = 2 * 1024 * 1024;
 constexpr std::size_t frame_header_bytes = 32;
 constexpr std::size_t max_path_bytes = 4096;
 constexpr std::size_t max_text_bytes = 64 * 1024;
@@ -34,9 +35,12 @@ const char stream_magic[8] = {'O', 'S', 'C', 'A', 'R', 'B', 'R', '1'};
 
 char* new_buffer(std::size_t bytes)
 {
-  void* const buffer = std::aligned_alloc(page_bytes, bytes);
+  const std::size_t whole = (bytes + huge_page_bytes - 1) / huge_page_bytes * huge_page_bytes;
+  void* const buffer = std::aligned_alloc(huge_page_bytes, whole);
   if (!buffer)
     throw std::bad_alloc();
+  // Small pages serve as well, a little slower.
+  (void)::madvise(buffer, whole, MADV_HUGEPAGE);
   return static_cast<char*>(buffer);
 }
 
@@ -153,6 +157,7 @@ void Image_Writer::write_piece()
     flush();
     return;
   }
+  wait_for_room(fd_, piece_bytes);
   iovec part{piece_, piece_bytes};
   while (part.iov_len > 0) {
     const ssize_t count = ::vmsplice(fd_, &part, 1, 0);

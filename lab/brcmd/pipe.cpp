@@ -18,10 +18,14 @@ namespace
 
 constexpr int reader_timeout_msec = 600 * 1000;
 constexpr int wanted_pipe_bytes = 1024 * 1024;
+constexpr int reader_poll_msec = 5;
+// About the time in which a fast reader takes a quarter of the pipe.
+constexpr int room_poll_usec = 400;
+constexpr int most_room_polls = 8;
 
-void pause_msec(long msec)
+void pause_usec(long usec)
 {
-  const timespec pause{0, msec * 1000 * 1000};
+  const timespec pause{0, usec * 1000};
   ::nanosleep(&pause, nullptr);
 }
 
@@ -48,7 +52,7 @@ void require_pipe(const std::string& path, bool for_writing)
 Descriptor open_pipe_for_writing(const std::string& path, const std::function<void()>& idle)
 {
   // A blocking open could not watch the server meanwhile.
-  for (int waited_msec = 0; waited_msec < reader_timeout_msec; waited_msec += 20) {
+  for (int waited_msec = 0; waited_msec < reader_timeout_msec; waited_msec += reader_poll_msec) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     if (fd >= 0) {
       Descriptor pipe(fd);
@@ -61,7 +65,7 @@ Descriptor open_pipe_for_writing(const std::string& path, const std::function<vo
     if (errno != ENXIO && errno != EINTR)
       fail_errno("cannot open the pipe " + path);
     idle();
-    pause_msec(20);
+    pause_usec(reader_poll_msec * 1000);
   }
   throw Failure("nobody reads from the pipe " + path);
 }
@@ -71,6 +75,17 @@ Descriptor open_pipe_for_reading(const std::string& path)
   Descriptor pipe = open_file(path, O_RDONLY);
   enlarge(pipe.get());
   return pipe;
+}
+
+void wait_for_room(int fd, std::size_t bytes)
+{
+  const int pipe_bytes = ::fcntl(fd, F_GETPIPE_SZ);
+  for (int polls = 0; polls < most_room_polls; ++polls) {
+    int left = 0;
+    if (::ioctl(fd, FIONREAD, &left) != 0 || static_cast<long long>(left + bytes) <= pipe_bytes)
+      return;
+    pause_usec(room_poll_usec);
+  }
 }
 
 void wait_until_drained(int fd)
@@ -84,7 +99,7 @@ void wait_until_drained(int fd)
     pollfd state{fd, 0, 0};
     if (::poll(&state, 1, 0) > 0 && (state.revents & POLLERR) != 0)
       throw Failure("the reader of the pipe went away before the end");
-    pause_msec(1);
+    pause_usec(1000);
   }
 }
 
