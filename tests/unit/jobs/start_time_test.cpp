@@ -99,6 +99,53 @@ TEST_F(Start_Times, are_the_same_seconds_on_either_side_of_a_change_of_the_local
   }
 }
 
+TEST_F(Start_Times, of_the_second_of_two_equal_hours_have_no_local_time_of_the_first)
+{
+  const time_t end = 1919293200; // 27 October 2030, 01:00 UTC
+  for (const char* const zone_name : {"Europe/Berlin", "Australia/Lord_Howe"}) {
+    const bool berlin = std::string(zone_name) == "Europe/Berlin";
+    const Scoped_Env zone("TZ", zone_name);
+    ::tzset();
+    // Lord Howe Island sets its clocks back by half an hour, in April.
+    const time_t change = berlin ? end : 1901718000;
+    const time_t back = berlin ? 3600 : 1800;
+    const time_t before = change - 1;
+    ASSERT_EQ(1, ::localtime(&before)->tm_isdst);
+    ASSERT_EQ(0, ::localtime(&change)->tm_isdst);
+    const auto set_time = [&](time_t time) { clock_.advance_msec((time - clock_.now()) * 1000); };
+    Log_Capture log;
+    log.allow(LM_WARNING, "begin anew");
+    set_time(change - back + 60);
+    EXPECT_EQ(change - back + 60, kestrel::reserve_start_time());
+    EXPECT_EQ(change - back + 61, kestrel::reserve_start_time());
+    set_time(change - 1);
+    EXPECT_EQ(change - 1, kestrel::reserve_start_time());
+    set_time(change + 60);
+    EXPECT_EQ(change + 62, kestrel::reserve_start_time()) << "the names of the first two runs are taken";
+    set_time(change + 70);
+    EXPECT_EQ(change + 70, kestrel::reserve_start_time());
+    set_time(change + back - 1);
+    EXPECT_EQ(change + back, kestrel::reserve_start_time()) << "the last second of the hour is taken too";
+    set_time(change + back + 86400);
+    EXPECT_EQ(change + back + 86400, kestrel::reserve_start_time());
+    // Another process reads the same.
+    EXPECT_EQ(42u, kestrel_test::read_file(root_ / file_).find(' ') + 21) << "one line, and the end: " << kestrel_test::read_file(root_ / file_);
+  }
+}
+
+TEST_F(Start_Times, of_another_process_in_the_first_of_two_equal_hours_are_taken_too)
+{
+  const Scoped_Env zone("TZ", "Europe/Berlin");
+  ::tzset();
+  const time_t change = 1950742800; // 26 October 2031, 01:00 UTC
+  clock_.advance_msec((change - clock_.now()) * 1000);
+  char text[64];
+  snprintf(text, sizeof text, "%020lld\n%020lld\n", static_cast<long long>(change) - 10,
+           static_cast<long long>(change) - 3600);
+  root_.write(file_, text);
+  EXPECT_EQ(change + 1, kestrel::reserve_start_time());
+}
+
 TEST_F(Start_Times, do_not_trip_over_a_damaged_file)
 {
   root_.write(file_, "rubbish");
