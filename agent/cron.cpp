@@ -9,6 +9,7 @@
 #include <cctz/civil_time.h>
 #include <cctz/time_zone.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <cstring>
@@ -271,5 +272,73 @@ bool Cron_Schedule::next_after(time_t time, time_t& next) const
     first_minute = 0;
   }
   return false;
+}
+
+bool Cron_Schedule::last_until(time_t until, time_t after, time_t& last) const
+{
+  time_t found = 0;
+  if (after >= until || !next_after(after, found) || found > until)
+    return false;
+  // Nothing is due between the last time and `until`, and something is behind every moment before it.
+  time_t before = after, behind = until;
+  while (behind - before > 1) {
+    const time_t middle = before + (behind - before) / 2;
+    time_t next = 0;
+    if (next_after(middle, next) && next <= until) {
+      before = middle;
+      found = next;
+    } else {
+      behind = middle;
+    }
+  }
+  last = found;
+  return true;
+}
+
+/// Whether the local day of `time` has 24 hours without a change of the clocks, and when the next one begins.
+bool Cron_Schedule::whole_day(time_t time, time_t& next_day) const
+{
+  const cctz::time_zone& zone = zone_->zone;
+  const cctz::civil_day day(cctz::convert(Moment{cctz::seconds(time)}, zone));
+  const cctz::civil_second first(day), behind(day + 1);
+  const cctz::time_zone::civil_lookup begin = zone.lookup(first), end = zone.lookup(behind);
+  cctz::time_zone::civil_transition change;
+  const bool changes = zone.next_transition(begin.pre - cctz::seconds(1), &change) &&
+                       std::min(change.from, change.to) <= behind;
+  if (changes || begin.kind != cctz::time_zone::civil_lookup::UNIQUE ||
+      end.kind != cctz::time_zone::civil_lookup::UNIQUE || end.pre - begin.pre != cctz::seconds(24 * 3600))
+    return false;
+  next_day = static_cast<time_t>(end.pre.time_since_epoch().count());
+  return true;
+}
+
+uint64_t Cron_Schedule::count(time_t after, time_t until, bool& complete) const
+{
+  uint64_t found = 0;
+  unsigned days = 0;
+  time_t next = 0;
+  complete = true;
+  while (next_after(after, next) && next <= until) {
+    if (++days > max_counted_days) {
+      complete = false;
+      break;
+    }
+    time_t next_day = 0;
+    const bool whole = whole_day(next, next_day);
+    // The first and the last day are seldom meant as a whole.
+    if (whole && after < next_day - 24 * 3600 && next_day <= until) {
+      found += minutes_.count() * hours_.count();
+      after = next_day - 1;
+      continue;
+    }
+    const time_t end = whole ? std::min(until, next_day - 1) : std::min<time_t>(until, next + 24 * 3600);
+    while (next <= end) {
+      ++found;
+      after = next;
+      if (!next_after(after, next))
+        return found;
+    }
+  }
+  return found;
 }
 } // namespace kestrel

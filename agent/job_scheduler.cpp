@@ -1,6 +1,7 @@
 #include "agent/job_scheduler.h"
 
 #include "base/clock.h"
+#include "base/ignore_result.h"
 #include "jobs/job_definition.h"
 #include "json/json_util.h"
 
@@ -114,19 +115,14 @@ void Job_Scheduler::plan(const std::string& id, Job& job, time_t after)
 /// Moves one schedule behind `now` and tells what that means for its job.
 void Job_Scheduler::pass(Scheduled& scheduled, time_t now, Due& due)
 {
+  const Cron_Schedule& cron = scheduled.schedule.cron;
   const time_t first = scheduled.next;
   time_t last = first;
-  unsigned count = 1;
-  time_t next = 0;
-  bool more = scheduled.schedule.cron.next_after(last, next);
-  while (more && next <= now && count < missed_limit) {
-    last = next;
-    ++count;
-    more = scheduled.schedule.cron.next_after(last, next);
-  }
-  if (more && next <= now)
-    more = scheduled.schedule.cron.next_after(now, next);
-  scheduled.next = more ? next : 0;
+  ignore_result(cron.last_until(now, first, last), "the first one is the last then");
+  bool complete = true;
+  uint64_t count = 1 + cron.count(first, now, complete);
+  if (!cron.next_after(now, scheduled.next))
+    scheduled.next = 0;
 
   const bool in_time = now - last <= lateness_sec;
   if (in_time)
@@ -135,6 +131,7 @@ void Job_Scheduler::pass(Scheduled& scheduled, time_t now, Due& due)
   due.run = in_time || scheduled.schedule.make_up;
   due.late = due.run && !in_time;
   due.missed = count;
+  due.more = !complete;
   due.first_missed = count > 0 ? first : 0;
 }
 
@@ -170,6 +167,7 @@ std::vector<Job_Scheduler::Due> Job_Scheduler::take_due()
       due.at = std::max(due.at, one.at);
       due.run = due.run || one.run;
       due.missed += one.missed;
+      due.more = due.more || one.more;
       if (one.first_missed != 0 && (due.first_missed == 0 || one.first_missed < due.first_missed))
         due.first_missed = one.first_missed;
     }

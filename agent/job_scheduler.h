@@ -2,6 +2,7 @@
 
 #include "agent/cron.h"
 
+#include <cstdint>
 #include <ctime>
 #include <map>
 #include <set>
@@ -30,22 +31,23 @@ struct Timed_Schedule {
 ///
 /// A time that is noticed late by more than lateness_sec was missed: the agent did not run, the host slept,
 /// or its clock was set forward. When the clock is set back a little, times that have passed are not due
-/// again; when it is set back by more than back_step_sec everything counts from the new time. Threads: one
-/// owner at a time.
+/// again; when it is set back by more than back_step_sec everything counts from the new time.
+///
+/// However long the agent was away, every schedule is looked at once: take_due() takes microseconds for a schedule whose
+/// times were passed by days, a few milliseconds after years.
+/// Threads: one owner at a time.
 class Job_Scheduler
 {
 public:
   static constexpr time_t lateness_sec = 120;
   static constexpr time_t back_step_sec = 3 * 3600;
-  /// Missed times are counted up to here.
-  static constexpr unsigned missed_limit = 1000;
-
   struct Due {
     std::string id;
     time_t at = 0;       ///< the last time that has passed
     bool run = false;    ///< a run is to begin
     bool late = false;   ///< it makes up for a missed one
-    unsigned missed = 0; ///< times that passed without a run, this one included unless `run`
+    uint64_t missed = 0; ///< times that passed without a run, of all schedules, `at` included unless it is in time
+    bool more = false;   ///< there were more than `missed`: Cron_Schedule::max_counted_days
     time_t first_missed = 0;
   };
 

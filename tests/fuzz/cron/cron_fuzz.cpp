@@ -19,7 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
       ::abort();
     return 0;
   }
-  time_t time = 1700000000;
+  const time_t start = 1700000000;
+  time_t time = start;
   for (int round = 0; round < 4; ++round) {
     time_t next = 0;
     if (!schedule.next_after(time, next))
@@ -27,6 +28,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (next <= time)
       ::abort();
     time = next;
+    // Counting and looking back see the same times.
+    bool complete = false;
+    time_t last = 0;
+    if (schedule.count(start, time, complete) != static_cast<uint64_t>(round) + 1 || !complete)
+      ::abort();
+    if (!schedule.last_until(time, start, last) || last != time)
+      ::abort();
   }
   return 0;
 }

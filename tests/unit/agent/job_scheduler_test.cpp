@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 
 using namespace kestrel;
@@ -14,6 +15,7 @@ namespace
 // 2023-11-14 22:13:20 UTC, a Tuesday.
 constexpr time_t start = 1700000000;
 constexpr time_t quarter_past = start + 100; // 22:15:00
+constexpr time_t utc_day = start - start % 86400;
 constexpr time_t hour_msec = 3600 * 1000;
 
 class Job_Scheduler_Test : public testing::Test
@@ -168,13 +170,135 @@ TEST_F(Job_Scheduler_Test, two_schedules_of_one_definition_that_are_due_together
   EXPECT_EQ(quarter_past + 300, next_of("a"));
 }
 
-TEST_F(Job_Scheduler_Test, counts_missed_times_up_to_a_limit_and_goes_on_behind_them)
+TEST_F(Job_Scheduler_Test, counts_every_time_that_was_missed_however_many_they_are)
 {
-  set("a", "* * * * *", false, start - 30 * 24 * 3600);
+  const time_t year = 365 * 24 * 3600;
+  const time_t minute = start - start % 60;
+  set("a", "* * * * *", false, minute - year);
+  set("b", "* * * * *", true, minute - year);
+  set("daily", "0 2 * * *", true, minute - year);
+  set("leap", "0 2 29 2 *", true, minute - year); // the one of 2024 has not come
   const auto due = scheduler_.take_due();
-  ASSERT_EQ(1u, due.size());
-  EXPECT_EQ(Job_Scheduler::missed_limit, due[0].missed);
-  EXPECT_EQ(start - start % 60 + 60, next_of("a"));
+  ASSERT_EQ(3u, due.size());
+  for (unsigned index : {0u, 1u}) {
+    EXPECT_TRUE(due[index].run) << "the last one is in time";
+    EXPECT_FALSE(due[index].late);
+    EXPECT_EQ(minute, due[index].at);
+    EXPECT_EQ(365u * 24 * 60 - 1, due[index].missed);
+    EXPECT_FALSE(due[index].more);
+    EXPECT_EQ(minute - year + 60, due[index].first_missed);
+  }
+  EXPECT_TRUE(due[2].late);
+  EXPECT_EQ(365u, due[2].missed);
+  EXPECT_EQ(minute + 60, next_of("a"));
+  EXPECT_TRUE(scheduler_.take_due().empty());
+  clock_.advance_msec(60 * 1000);
+  const auto next = scheduler_.take_due();
+  ASSERT_EQ(2u, next.size());
+  EXPECT_EQ(0u, next[0].missed);
+  EXPECT_TRUE(next[0].run);
+}
+
+TEST_F(Job_Scheduler_Test, an_agent_that_was_away_for_decades_goes_on_at_once)
+{
+  const time_t before = start - 40 * 366 * 24 * 3600LL;
+  set("once", "* * * * 1-5", true, before);
+  set("skip", "* 1 * * *", false, before);
+  const auto due = scheduler_.take_due();
+  ASSERT_EQ(2u, due.size());
+  for (const auto& each : due) {
+    const bool once = each.id == "once";
+    EXPECT_TRUE(each.more);
+    EXPECT_GE(each.missed, Cron_Schedule::max_counted_days * 60ull);
+    EXPECT_EQ(once, each.run) << "this minute is in time, half past one is not";
+    EXPECT_EQ(once ? start - start % 60 : utc_day + 2 * 3600 - 60, each.at) << "the last one that has passed";
+  }
+  EXPECT_EQ(start - start % 60 + 60, next_of("once"));
+  EXPECT_EQ(utc_day + 25 * 3600, next_of("skip"));
+}
+
+namespace
+{
+struct Night {
+  const char* zone;
+  time_t change;    ///< when the clocks are set
+  const char* line; ///< a time of day that is missing, or comes twice
+  time_t due;       ///< when it is due, behind the change
+  unsigned often;   ///< times of every ten minutes, from six hours before the change to six behind it
+};
+// Berlin's clocks are set by an hour, those of Lord Howe Island by half an hour.
+const Night nights[] = {{"Europe/Berlin", 1774746000, "30 2 * * *", 0, 72},
+                        {"Europe/Berlin", 1792890000, "30 2 * * *", -1800, 66},
+                        {"Australia/Lord_Howe", 1791041400, "15 2 * * *", 0, 72},
+                        {"Australia/Lord_Howe", 1775314800, "45 1 * * *", -900, 69}};
+constexpr time_t half = 6 * 3600;
+
+Timed_Schedule in_zone(const std::string& line, const char* zone)
+{
+  Timed_Schedule made;
+  std::string error;
+  EXPECT_TRUE(Cron_Schedule::parse(line, zone, made.cron, error)) << error;
+  return made;
+}
+} // namespace
+
+TEST(Job_Scheduler_Nights, a_time_that_is_missing_or_comes_twice_makes_one_run)
+{
+  for (const Night& night : nights) {
+    SCOPED_TRACE(std::string(night.zone) + " " + std::to_string(night.change));
+    kestrel_test::Fake_Clock clock(night.change - half);
+    Job_Scheduler scheduler;
+    scheduler.set("once", {in_zone(night.line, night.zone)}, clock.now());
+    scheduler.set("often", {in_zone("*/10 * * * *", night.zone)}, clock.now());
+    std::vector<time_t> once, often;
+    while (clock.now() < night.change + half) {
+      clock.advance_msec(20 * 1000);
+      for (const Job_Scheduler::Due& due : scheduler.take_due()) {
+        EXPECT_TRUE(due.run && !due.late && due.missed == 0) << due.id;
+        (due.id == "once" ? once : often).push_back(due.at);
+      }
+    }
+    EXPECT_EQ(std::vector<time_t>{night.change + night.due}, once);
+    EXPECT_EQ(night.often, often.size());
+    EXPECT_EQ(often.end(), std::adjacent_find(often.begin(), often.end()));
+  }
+}
+
+TEST(Job_Scheduler_Nights, are_counted_alike_by_an_agent_that_was_away)
+{
+  for (const Night& night : nights) {
+    SCOPED_TRACE(std::string(night.zone) + " " + std::to_string(night.change));
+    kestrel_test::Fake_Clock clock(night.change + half + 300);
+    Job_Scheduler scheduler;
+    scheduler.set("1", {in_zone(night.line, night.zone)}, night.change - half);
+    scheduler.set("2", {in_zone("*/10 * * * *", night.zone)}, night.change - half);
+    const auto due = scheduler.take_due();
+    ASSERT_EQ(2u, due.size());
+    for (const Job_Scheduler::Due& each : due) {
+      EXPECT_EQ(each.id == "1" ? 1u : night.often, each.missed);
+    }
+  }
+}
+
+TEST(Cron_Count, is_that_of_the_times_one_by_one)
+{
+  const time_t begin = 1774746000 - 40 * 24 * 3600 - 1234; // over both changes of 2026
+  for (const char* zone : {"Europe/Berlin", "Australia/Lord_Howe", "UTC", "America/New_York"})
+    for (const char* line : {"*/7 * * * *", "30 2 * * *", "15 1,2 * * sun", "0 0 29 2 *", "59 23 31 * *", "* 2 * 4,10 *"})
+      for (const time_t length : {0, 59, 3600, 86399, 86400, 300 * 86400}) {
+        const Cron_Schedule cron = in_zone(line, zone).cron;
+        const time_t end = begin + length;
+        uint64_t count = 0;
+        time_t last = 0, next = 0;
+        for (time_t at = begin; cron.next_after(at, next) && next <= end; at = next, ++count)
+          last = next;
+        bool complete = false;
+        EXPECT_EQ(count, cron.count(begin, end, complete)) << zone << " " << line << " " << length;
+        EXPECT_TRUE(complete);
+        time_t found = 0;
+        EXPECT_EQ(count > 0, cron.last_until(end, begin, found));
+        EXPECT_EQ(last, found) << zone << " " << line << " " << length;
+      }
 }
 
 TEST_F(Job_Scheduler_Test, ten_thousand_schedules_cost_little_until_they_are_due)
