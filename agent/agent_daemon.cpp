@@ -26,8 +26,6 @@ namespace
 {
 const int64_t turn_msec = 500;
 const int64_t main_stuck_msec = 120 * 1000;
-/// Its turns wait for the disk.
-const int64_t scheduler_stuck_msec = 120 * 1000;
 /// Asked for again and again while the runs end; the unit's own limit need not know agent.toml.
 const int64_t extend_msec = 60 * 1000;
 const int64_t extend_every_msec = 10 * 1000;
@@ -158,6 +156,7 @@ bool Agent_Daemon::open_jobs(std::string& error)
   settings.server = !server_url_.empty();
   settings.max_concurrent = config_.max_concurrent;
   settings.history_days = config_.history_days;
+  settings.heartbeats = &heartbeats_;
   jobs_ = std::make_unique<Agent_Jobs>(modules_, settings);
   if (!jobs_->open(error)) {
     jobs_.reset();
@@ -208,9 +207,6 @@ bool Agent_Daemon::serve(std::string& error)
     if (link_)
       link_->instances_changed(instances);
   });
-  const size_t scheduler = heartbeats_.add("scheduler", scheduler_stuck_msec);
-  jobs_->set_heartbeat([this, scheduler] { heartbeats_.beat(scheduler); });
-  scheduler_heartbeat_ = scheduler;
   instances_->start();
   // Jobs may ask the server as soon as they run.
   return connect(error) && jobs_->start(error);
@@ -381,7 +377,6 @@ bool Agent_Daemon::stop_jobs()
 {
   std::atomic<bool> ended{false};
   bool all_ended = false;
-  heartbeats_.end(scheduler_heartbeat_);
   std::thread waiter([&] {
     all_ended = jobs_->stop(config_.stop_seconds, config_.cancel_at_stop);
     ended = true;

@@ -77,7 +77,6 @@ private:
   Service_Notifier notifier_;
   Heartbeats heartbeats_;
   size_t main_heartbeat_ = 0;
-  size_t scheduler_heartbeat_ = 0;
   std::unique_ptr<Watchdog> watchdog_;
   Service_Signals signals_;
   Agent_Config config_;

@@ -275,12 +275,6 @@ Agent_Jobs::Counts Agent_Jobs::counts() const
   return counts;
 }
 
-void Agent_Jobs::set_heartbeat(std::function<void()> heartbeat)
-{
-  const std::lock_guard<std::mutex> guard(state_->mutex);
-  state_->heartbeat = std::move(heartbeat);
-}
-
 void Agent_Jobs::set_listener(std::function<void(const Job_Notice&)> listener)
 {
   state_->notices.set_listener(std::move(listener));

@@ -12,6 +12,7 @@
 
 namespace kestrel
 {
+class Heartbeats;
 class Module_Table;
 
 /// Why a request about jobs was refused. The codes are those of JSON-RPC answers.
@@ -62,6 +63,10 @@ public:
     unsigned history_days = 90;
     /// Records of ended runs wait for mark_sent(), however old. False when there is no server.
     bool server = true;
+    /// Where the loops of the schedules and of the runs report with every turn, at least twice a second while the disk
+    /// answers, from start() until stop() has ended them. A run may last for hours: its loop turns meanwhile. Not owned,
+    /// must outlive this object; null: nobody watches.
+    Heartbeats* heartbeats = nullptr;
   };
 
   Agent_Jobs(Module_Table& modules, Settings settings);
@@ -123,9 +128,6 @@ public:
   };
   Counts counts() const;
 
-  /// Called with every turn of the loop that looks for due runs, at least twice a second, until stop(). It must return at
-  /// once and not call back. Before start().
-  void set_heartbeat(std::function<void()> heartbeat);
   /// Hears every change of state, and progress at most about once a second for each run. Null ends it: no
   /// call into the former listener goes on afterwards.
   void set_listener(std::function<void(const Job_Notice&)> listener);

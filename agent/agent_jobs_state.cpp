@@ -4,6 +4,7 @@
 #include "agent/job_log_reader.h"
 #include "agent/module_table.h"
 #include "base/clock.h"
+#include "base/heartbeat.h"
 #include "base/uuid.h"
 #include "json/json_util.h"
 
@@ -37,6 +38,16 @@ std::string utc_text(time_t time)
   char text[32] = "";
   std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &parts);
   return text;
+}
+
+std::string missed_text(const Job_Scheduler::Due& due)
+{
+  if (due.missed == 0)
+    return std::string();
+  if (due.missed == 1 && !due.more)
+    return "missed at " + utc_text(due.first_missed);
+  return std::string("missed ") + (due.more ? "more than " : "") + std::to_string(due.missed) + " times since " +
+         utc_text(due.first_missed);
 }
 } // namespace
 
@@ -300,6 +311,7 @@ bool Agent_Jobs::State::set_enabled(Known_Job& job, bool enabled, Jobs_Error& er
 
 void Agent_Jobs::State::schedule_loop()
 {
+  Heartbeat beat(settings.heartbeats, "scheduler", loop_limit_msec);
   std::unique_lock<std::mutex> lock(mutex);
   while (!stopping) {
     const time_t now = clock().now();
@@ -309,8 +321,7 @@ void Agent_Jobs::State::schedule_loop()
     take_due();
     if (now < pruned_at || now - pruned_at >= prune_interval_sec)
       prune(now);
-    if (heartbeat)
-      heartbeat();
+    beat.beat();
     wake.wait_for(lock, schedule_interval);
   }
 }
@@ -332,11 +343,7 @@ void Agent_Jobs::State::take_due()
 void Agent_Jobs::State::handle_due(const Job_Scheduler::Due& due)
 {
   Known_Job& job = jobs[due.id];
-  std::string missed;
-  if (due.missed == 1)
-    missed = "missed at " + utc_text(due.first_missed);
-  else if (due.missed > 1)
-    missed = "missed " + std::to_string(due.missed) + " times since " + utc_text(due.first_missed);
+  const std::string missed = missed_text(due);
   if (!due.run) {
     note_skipped(job, due.at, missed + ", when this agent did not run");
     return;

@@ -11,7 +11,6 @@
 #include "agent/run_history.h"
 #include "base/file_lock.h"
 
-#include <functional>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -35,8 +34,10 @@ struct Kept_Definitions {
 struct Agent_Jobs::State {
   State(Module_Table& module_table, Settings given)
       : modules(module_table), settings(std::move(given)), store(database),
-        history(database, settings.server), runner(modules, notices, settings.max_concurrent,
-                                                   [this](const Run_Record& record) { run_changed(record); })
+        history(database, settings.server), runner(
+                                                modules, notices, settings.max_concurrent,
+                                                [this](const Run_Record& record) { run_changed(record); },
+                                                settings.heartbeats)
   {
   }
 
@@ -90,7 +91,6 @@ struct Agent_Jobs::State {
   bool record_waits = false;        ///< told once
   bool stopping = false;
   bool opened = false;
-  std::function<void()> heartbeat;
   time_t until_kept = 0;
   time_t pruned_at = 0;
   std::thread scheduling;

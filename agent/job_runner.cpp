@@ -4,6 +4,7 @@
 #include "agent/module_table.h"
 #include "agent/run_lock.h"
 #include "base/clock.h"
+#include "base/heartbeat.h"
 #include "base/ignore_result.h"
 #include "jobs/job_creator.h"
 #include "json/json_util.h"
@@ -74,8 +75,10 @@ struct Job_Runner::Run {
   Real_Clock::time_point ended_at; ///< when the end was first seen
 };
 
-Job_Runner::Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed)
-    : modules_(modules), notices_(notices), max_concurrent_(max_concurrent), changed_(std::move(changed))
+Job_Runner::Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed,
+                       Heartbeats* heartbeats)
+    : modules_(modules), notices_(notices), max_concurrent_(max_concurrent), changed_(std::move(changed)),
+      heartbeats_(heartbeats)
 {
 }
 
@@ -150,9 +153,11 @@ void Job_Runner::counts(unsigned& running, unsigned& queued) const
 
 void Job_Runner::work()
 {
+  Heartbeat beat(heartbeats_, "job runner", loop_limit_msec);
   std::unique_lock<std::mutex> lock(mutex_);
   while (!ending_) {
     lock.unlock();
+    beat.beat();
     end_runs();
     begin_runs();
     lock.lock();

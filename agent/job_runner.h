@@ -18,14 +18,17 @@
 
 namespace kestrel
 {
+class Heartbeats;
 class Module_Table;
+
+/// How long one turn of a loop of the job side may take. Its turns wait for the disk.
+constexpr int64_t loop_limit_msec = 120 * 1000;
 
 /// Runs jobs: a queue in the order of the requests, a limit on runs at once, and never two runs with the same
 /// lock (run_lock_path). A request that waits for such a lock keeps its place, but lets others pass it.
 /// Threads:   one thread of its own begins and ends the runs; all operations from any thread.
-/// Ownership: module table and notices are not owned and must outlive the runner. A job object exists from
-/// its run's
-///            begin to its end.
+/// Ownership: module table, notices and heartbeats are not owned and must outlive the runner. A job object exists from
+///            its run's begin to its end.
 /// Crash:     the records of runs that did not end stay open in the history.
 class Job_Runner : private Job_Event_Listener
 {
@@ -34,7 +37,9 @@ public:
   /// that cancels a waiting run or stops the runner; without locks.
   typedef std::function<void(const Run_Record& record)> Changed;
 
-  Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed);
+  /// The thread reports to `heartbeats`, unless null, with every turn, whatever the runs do.
+  Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed,
+             Heartbeats* heartbeats);
   ~Job_Runner() override;
 
   void start();
@@ -92,6 +97,7 @@ private:
   Job_Notices& notices_;
   const unsigned max_concurrent_;
   const Changed changed_;
+  Heartbeats* const heartbeats_;
 
   mutable std::mutex mutex_; ///< guards what follows; never held while a job or a listener is asked
   std::condition_variable wake_;
