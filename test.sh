@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs every tier of the tests:
 #   release build    unit, component, fuzz corpora, checks and end to end on a real PostgreSQL
-#   asan             unit, component and fuzz corpora with checks of addresses and undefined behaviour
+#   asan             unit, component, fuzz corpora and two scenarios with checks of addresses and undefined behaviour
 #   tsan             unit and component tests with checks of threads
 # ./test.sh --quick runs the release build's tests only. docs/testing.md tells how to run one test.
 set -euo pipefail
@@ -21,7 +21,7 @@ for preset in "${presets[@]}"; do
   echo "== $preset: test"
   case "$preset" in
   release) labels=() ;;
-  asan) labels=(-L '^(unit|component|fuzz)$' -LE check) ;;
+  asan) labels=(-L '^(unit|component|fuzz|e2e)$' -LE check) ;;
   tsan) labels=(-L '^(unit|component)$' -LE check) ;;
   esac
   # Many tests wait for time limits and child processes: twice as many as processors keep those busy.
