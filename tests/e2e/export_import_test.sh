@@ -148,6 +148,21 @@ cp "$work/good" "$file"
 run 0 "$kestrel" verify "$tables"
 run 0 "$kestrel" import "$tables" --original "$one/$one/SALES/ORDERS" --yes
 
+note "a damaged record"
+catalog=$KESTREL_ROOT/var/opt/tarnvik/kestrel3/agent/catalog.db
+tablespaces=$(sqlite3 "$catalog" "select tablespaces from backup_set where uuid = '$tables'")
+sqlite3 "$catalog" "update backup_set set tablespaces = '[' where uuid = '$tables'"
+run 0 "$kestrel" --json backups
+equal "$(value "[.exports[] | select(.id == \"$tables\") | .state] | first")" unusable
+equal "$(value '.exports | map(select(.state == "available")) | length')" 2 "the others are as they were"
+run 1 "$kestrel" import "$tables" --original "$one/$one/SALES/ORDERS" --yes
+said "cannot be used: its record in the catalog is damaged: the stored field tablespaces is not readable"
+run 1 "$kestrel" verify "$tables"
+said "its record in the catalog is damaged"
+sqlite3 "$catalog" "update backup_set set tablespaces = '$tablespaces' where uuid = '$tables'"
+run 0 "$kestrel" verify "$tables"
+run 0 "$kestrel" import "$tables" --original "$one/$one/SALES/ORDERS" --yes
+
 note "a job definition document"
 run 0 "$kestrel" --json instances
 uuid=$(value ".instances[] | select(.name == \"$one\") | .uuid")

@@ -163,3 +163,13 @@ TEST_F(Export_Verifier, does_not_judge_what_it_cannot_reach)
   EXPECT_EQ(Outcome::unknown, result.outcome);
   EXPECT_NE(std::string::npos, result.problem.find("is not there")) << result.problem;
 }
+
+TEST_F(Export_Verifier, judges_nothing_by_a_damaged_record)
+{
+  Export_Entry damaged = entry();
+  damaged.damage = "its tablespaces are no list";
+  damaged.state_reason = "its record in the catalog is damaged: " + damaged.damage;
+  const Verification result = verify_export(damaged, nullptr, nullptr);
+  EXPECT_EQ(Outcome::unknown, result.outcome) << "the file itself may be good";
+  EXPECT_EQ(damaged.state_reason, result.problem);
+}
