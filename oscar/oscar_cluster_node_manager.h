@@ -29,10 +29,9 @@ struct Cluster_Node {
 /// Decides whether this node of a cluster does the work of a job: every node runs the same definition, asks
 /// the backup server to choose one of them, and waits until the server has announced its choice.
 ///
-/// Threads:   job threads ask while service threads deliver announcements. One lock guards the announcements;
-/// it
-///            is also held while the server is asked, so that one agent asks once at a time. The announcement
-///            of a choice can therefore be stored only after the server has answered the request.
+/// Threads:   job threads ask while service threads deliver announcements. One lock guards the announcements
+///            and is also held while the server is asked, so that one agent asks once at a time. The
+///            announcement of a choice can therefore be stored only after the server has answered the request.
 /// Ownership: one object a process, made when the module is loaded and destroyed when it is unloaded.
 /// Units:     seconds; waiting goes through kestrel::clock().
 /// Errors:    false after at most one line; results as each operation says. No exception leaves.

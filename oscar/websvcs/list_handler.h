@@ -3,9 +3,10 @@
 #include "rpc/json_rpc.h"
 
 /// Lists the OSCAR instances of this host (params null), and browses what one of them holds (params an object
-/// with "uid", "instance" and, optional, "database" and "schema"). Threads: no state; any number of requests
-/// at once. A request blocks its thread while tools run. Errors:  -32602 for the params, -32603 for
-/// everything else; see JSON_RPC_Handler for the result.
+/// with "uid", "instance" and, optional, "database" and "schema").
+///
+/// Threads: no state; any number of requests at once. A request blocks its thread while tools run.
+/// Errors:  -32602 for the params, -32603 for everything else; see JSON_RPC_Handler for the result.
 class JSON_RPC_Oscar_List_Handler : public JSON_RPC_Handler
 {
 public:

@@ -3,9 +3,10 @@
 #include "rpc/json_rpc.h"
 
 /// Tells what this host is within the cluster of an instance. Params, all texts and all required: "instance",
-/// "uid" (whose account is used) and "virtual_address" (where the cluster is asked). Threads: no state; any
-/// number of requests at once. A request blocks its thread while a tool runs. Errors:  -32602 for the params,
-/// -32603 for everything else; see JSON_RPC_Handler for the result.
+/// "uid" (whose account is used) and "virtual_address" (where the cluster is asked).
+///
+/// Threads: no state; any number of requests at once. A request blocks its thread while a tool runs.
+/// Errors:  -32602 for the params, -32603 for everything else; see JSON_RPC_Handler for the result.
 class JSON_RPC_Oscar_Node_Handler : public JSON_RPC_Handler
 {
 public:

@@ -4,10 +4,10 @@
 
 /// Takes the backup server's announcement of the node that runs a job. Params, all required:
 /// "definition_uuid", "instance", "host_uuid" and "state" (texts), "node_id" and "selection_time" (integers).
+///
 /// Threads: no state; any number of requests at once. Waits while a job thread asks the server for a choice.
-/// Errors:  -32602 for the params, -32603 for everything else; see JSON_RPC_Handler for the result. Without
-/// memory
-///          for the answer nothing is sent.
+/// Errors:  -32602 for the params, -32603 for everything else; see JSON_RPC_Handler for the result. Nothing is
+///          sent when there is no memory for the answer.
 class JSON_RPC_Oscar_Notify_Node_Handler : public JSON_RPC_Handler
 {
 public:

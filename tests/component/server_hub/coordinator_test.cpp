@@ -190,9 +190,12 @@ TEST_F(Cluster_Coordinator_Test, a_new_run_begins_a_new_choice_within_the_window
 TEST_F(Cluster_Coordinator_Test, one_host_that_hangs_does_not_hold_up_other_jobs)
 {
   std::atomic<bool> hanging{true};
+  std::atomic<int> answered{0};
   hosts_.before_answer = [&](const std::string& host) {
     while (host == "host3" && hanging)
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (host != "host3")
+      ++answered;
   };
   for (int job = 0; job < 40; ++job) {
     Cluster_Request asked;
@@ -202,6 +205,8 @@ TEST_F(Cluster_Coordinator_Test, one_host_that_hangs_does_not_hold_up_other_jobs
       coordinator_->reply_listener(coordinator_->request(asked))(true);
     }
   }
+  EXPECT_TRUE(eventually([&] { return answered == 80; }))
+      << "of both other hosts every job knows the state: " << answered;
   // The choices themselves are late, but none is missing and every request is answered for.
   hanging = false;
   EXPECT_TRUE(eventually([&] { return hosts_.announcements() == 120; })) << hosts_.announcements();
