@@ -1,8 +1,10 @@
 #include "json/json_util.h"
 
+#include "json/wipe_json.h"
 #include "json/yajl_gen.h"
 #include "json/yajl_handler.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <cmath>
@@ -88,16 +90,36 @@ private:
     return add(std::move(done));
   }
 
+  static Value& value_of(Value& value) { return value; }
+  static Value& value_of(json_spirit::Pair& member) { return member.value_; }
+
+  /// As the list would grow by itself, but without leaving short texts, which may be passwords, in its former place.
+  template <class List> static void make_room(List& list)
+  {
+    if (list.size() < list.capacity())
+      return;
+    List larger;
+    larger.reserve(std::max<size_t>(4, 2 * list.size()));
+    for (auto& element : list) {
+      larger.push_back(std::move(element));
+      wipe_json(value_of(element));
+    }
+    list.swap(larger);
+  }
+
   bool add(Value value)
   {
     if (open_.empty()) {
       root_ = std::move(value);
     } else {
       Level& level = open_.back();
-      if (level.container.type() == json_spirit::obj_type)
+      if (level.container.type() == json_spirit::obj_type) {
+        make_room(level.container.get_obj());
         level.container.get_obj().emplace_back(std::move(level.key), std::move(value));
-      else
+      } else {
+        make_room(level.container.get_array());
         level.container.get_array().push_back(std::move(value));
+      }
     }
     return true;
   }

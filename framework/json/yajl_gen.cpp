@@ -1,6 +1,8 @@
 #include "json/yajl_gen.h"
 
+#include "base/secure_allocator.h"
 #include "json/json_util.h"
+#include "json/wiping_memory.h"
 
 #include <charconv>
 #include <cmath>
@@ -105,7 +107,8 @@ YAJL_Gen& YAJL_Gen::string(const std::string& text)
 {
   if (!ok())
     return *this;
-  const std::string clean = kestrel::utf8_without_invalid(text);
+  std::string clean = kestrel::utf8_without_invalid(text);
+  const kestrel::Wipe_Guard<std::string> wipe_clean(clean);
   return keep(yajl_gen_string(gen_, bytes(clean), clean.size()));
 }
 
@@ -156,7 +159,7 @@ YAJL_Gen& YAJL_Gen::value(const json_spirit::Value& value)
 
 namespace kestrel
 {
-Json_Generator::Json_Generator(Json_Form form) : gen_(yajl_gen_alloc(nullptr))
+Json_Generator::Json_Generator(Json_Form form) : gen_(yajl_gen_alloc(&json_wiping_memory()))
 {
   if (!gen_)
     throw std::bad_alloc();

@@ -1,6 +1,7 @@
 #include "json/yajl_handler.h"
 
 #include "base/scope_guard.h"
+#include "json/wiping_memory.h"
 
 #include <exception>
 #include <limits>
@@ -257,7 +258,9 @@ bool dispatch_json(const std::string& text, const Json_Limits& limits, Json_Top 
     return false;
   }
   Dispatcher dispatcher(handler, limits, top);
-  yajl_handle parser = yajl_alloc(&callbacks, nullptr, &dispatcher);
+  // The library asks for functions that may be changed, and does not.
+  yajl_alloc_funcs memory = json_wiping_memory();
+  yajl_handle parser = yajl_alloc(&callbacks, &memory, &dispatcher);
   if (!parser) {
     error = "JSON document refused: out of memory";
     return false;

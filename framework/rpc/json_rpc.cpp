@@ -1,6 +1,7 @@
 #include "rpc/json_rpc.h"
 
 #include "json/json_util.h"
+#include "json/wipe_json.h"
 
 #include <ace/Log_Msg.h>
 
@@ -12,6 +13,11 @@ JSON_RPC_Object::~JSON_RPC_Object() = default;
 JSON_RPC_Request::JSON_RPC_Request(json_spirit::Value id, std::string method, json_spirit::Value params)
     : id_(std::move(id)), method_(std::move(method)), params_(std::move(params))
 {
+}
+
+JSON_RPC_Request::~JSON_RPC_Request()
+{
+  kestrel::wipe_json(params_);
 }
 
 JSON_RPC_Response::JSON_RPC_Response(const JSON_RPC_Request& request) : id_(request.id()) {}

@@ -32,6 +32,8 @@ class JSON_RPC_Request : public JSON_RPC_Object
 {
 public:
   JSON_RPC_Request(json_spirit::Value id, std::string method, json_spirit::Value params);
+  /// Wipes the parameters: they may hold a password.
+  ~JSON_RPC_Request() override;
 
   const json_spirit::Value& id() const { return id_; }
   const std::string& method() const { return method_; }

@@ -1,7 +1,9 @@
 #include "rpc/json_rpc_peer.h"
 
 #include "base/ignore_result.h"
+#include "base/secure_allocator.h"
 #include "json/json_util.h"
+#include "json/wipe_json.h"
 
 #include <ace/Log_Msg.h>
 
@@ -126,7 +128,9 @@ std::string request_text(const int64_t* id, const std::string& method, const jso
   message.emplace_back("method", method);
   if (!params.is_null())
     message.emplace_back("params", params);
-  return write_json(std::move(message));
+  json_spirit::Value whole(std::move(message));
+  const Wipe_JSON_Guard<json_spirit::Value> wipe_whole(whole);
+  return write_json(whole);
 }
 
 bool is_answer(const json_spirit::Value& message)
@@ -205,7 +209,8 @@ std::shared_ptr<JSON_RPC_Peer::Call> JSON_RPC_Peer::begin_call(const std::string
     return call;
   try {
     const int64_t id = call->id();
-    const std::string text = request_text(&id, method, params);
+    std::string text = request_text(&id, method, params);
+    const Wipe_Guard<std::string> wipe_text(text);
     if (channel_->send(text))
       return call;
     if (channel_->open())
@@ -241,7 +246,9 @@ bool JSON_RPC_Peer::call(const std::string& method, const json_spirit::Value& pa
 bool JSON_RPC_Peer::notify(const std::string& method, const json_spirit::Value& params)
 {
   try {
-    return channel_->send(request_text(nullptr, method, params));
+    std::string text = request_text(nullptr, method, params);
+    const Wipe_Guard<std::string> wipe_text(text);
+    return channel_->send(text);
   } catch (const std::exception& failure) {
     ACE_ERROR(
         (LM_ERROR, "(%P|%t) JSON_RPC_Peer::notify: %C cannot be sent: %C\n", method.c_str(), failure.what()));
