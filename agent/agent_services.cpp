@@ -4,9 +4,8 @@
 #include "base/scope_guard.h"
 #include "json/json_util.h"
 
-#include <ace/Log_Msg.h>
-
 #include <exception>
+#include <stdexcept>
 
 namespace kestrel
 {
@@ -169,15 +168,12 @@ bool Agent_Services::status(json_spirit::Value& result)
 
 json_spirit::Object Agent_Services::hello()
 {
-  json_spirit::Array instances;
-  std::string error;
-  if (!instances_.list(false, instances, error))
-    ACE_ERROR((LM_WARNING, "The server is told of no instances of this host: %C\n", error.c_str()));
   json_spirit::Object hello;
   hello.emplace_back("version", identity_.version);
   hello.emplace_back("host_uuid", identity_.host_uuid);
   hello.emplace_back("name", identity_.name);
-  hello.emplace_back("instances", instances);
+  // As far as it is known; changes are told later.
+  hello.emplace_back("instances", instances_.known());
   hello.emplace_back("jobs", jobs_.list());
   return hello;
 }
@@ -206,7 +202,11 @@ bool Agent_Services::login(const json_spirit::Value& params, json_spirit::Value&
   const bool read = read_params(params, error, [&](const json_spirit::Object& given) {
     instance = required<std::string>(given, "instance");
     user = required<std::string>(given, "user");
-    password = required<std::string>(given, "password").c_str();
+    // Without a copy that nobody wipes.
+    const json_spirit::Value& word = json_spirit::find_value(given, "password");
+    if (word.type() != json_spirit::str_type)
+      throw std::runtime_error("JSON key \"password\" is missing or not a text");
+    password = word.get_str().c_str();
   });
   if (!read)
     return false;

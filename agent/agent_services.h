@@ -56,7 +56,7 @@ public:
   [[nodiscard]] bool bind(JSON_RPC_Dispatcher& dispatcher, const std::map<std::string, JSON_RPC_Handler*>& handlers,
                           std::string& error);
 
-  /// What a host says of itself at the begin of a connection.
+  /// What a host says of itself at the begin of a connection. Waits for no look at its instances.
   json_spirit::Object hello();
 
 private:

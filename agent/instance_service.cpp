@@ -50,6 +50,8 @@ void Instance_Service::set_listener(std::function<void(const json_spirit::Array&
 
 void Instance_Service::start()
 {
+  // What is known from former times is shown at once: looking for more may take long.
+  look(false);
   const std::lock_guard<std::mutex> guard(mutex_);
   stop_ = false;
   if (!thread_.joinable())
@@ -79,8 +81,6 @@ void Instance_Service::set_probe_msec(int64_t probe_msec)
 void Instance_Service::run()
 {
   typedef std::chrono::steady_clock Time;
-  // What is known from former times is shown at once: looking for more may take long.
-  look(false);
   Time::time_point last_probe{};
   bool probed = false;
   std::unique_lock<std::mutex> lock(mutex_);
@@ -126,8 +126,11 @@ bool Instance_Service::probe(std::string& error)
 bool Instance_Service::refresh(json_spirit::Array& instances, std::string& error)
 {
   std::vector<Instance_Registry::Survey_Entry> surveyed;
-  if (registry_.survey(handlers_, surveyed, error) != 0)
+  if (registry_.survey(handlers_, surveyed, error) != 0) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    problem_ = error;
     return false;
+  }
   json_spirit::Array described_all;
   for (const Instance_Registry::Survey_Entry& survey : surveyed)
     described_all.push_back(described(survey));
@@ -140,6 +143,7 @@ void Instance_Service::publish(const json_spirit::Array& instances)
 {
   {
     const std::lock_guard<std::mutex> guard(mutex_);
+    problem_.clear();
     if (known_ && write_json(last_) == write_json(instances))
       return;
     last_ = instances;
@@ -165,9 +169,19 @@ bool Instance_Service::list(bool look_for_new_ones, json_spirit::Array& instance
     instances = last_;
     return true;
   }
+  if (!problem_.empty()) {
+    error = problem_;
+    return false;
+  }
   lock.unlock();
   const std::lock_guard<std::mutex> guard(handlers_mutex_);
   return refresh(instances, error);
+}
+
+json_spirit::Array Instance_Service::known()
+{
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return last_;
 }
 
 bool Instance_Service::logon(const std::string& name, const std::string& user, const secure_string& password,

@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <unistd.h>
 
 using namespace kestrel_test;
 using namespace kestrel;
@@ -190,6 +191,43 @@ TEST_F(Instance_Service_Test, a_list_does_not_wait_for_a_look_under_way)
   handler_.set_hold(false);
   looker.join();
   EXPECT_FALSE(handler_.overlapped);
+}
+
+TEST_F(Instance_Service_Test, what_is_known_waits_for_nothing_though_the_registry_is_damaged)
+{
+  root_.write("var/opt/tarnvik/kestrel3/agent/instances.json", "{", 0600);
+  handler_.hold = true;
+  std::atomic<unsigned> heard{0};
+  Instance_Service service(registry_, {&handler_});
+  service.set_listener([&](const json_spirit::Array& instances) { heard += static_cast<unsigned>(instances.size()); });
+  service.start();
+  ASSERT_TRUE(eventually([&] { return handler_.is_looking(); }));
+  EXPECT_TRUE(service.known().empty());
+  EXPECT_FALSE(service.list(false, listed_, error_));
+  EXPECT_NE(std::string::npos, error_.find("instances.json")) << error_;
+  EXPECT_TRUE(handler_.is_looking()) << "nothing waited for the end of the look";
+  // Mended, it is told like any other change.
+  ASSERT_EQ(0, ::unlink((root_ / "var/opt/tarnvik/kestrel3/agent/instances.json").c_str()));
+  handler_.set_hold(false);
+  EXPECT_TRUE(eventually([&] { return heard == 1; }));
+  EXPECT_EQ("\"ORCL\"", member(service.known(), 0, "name"));
+  service.stop();
+  log_.expect(LM_ERROR, "The instances of this host cannot be listed");
+}
+
+TEST_F(Instance_Service_Test, shows_what_it_knows_of_former_times_as_soon_as_it_is_started)
+{
+  {
+    Instance_Service before(registry_, {&handler_});
+    ASSERT_TRUE(before.list(true, listed_, error_)) << error_;
+  }
+  handler_.hold = true;
+  Instance_Service service(registry_, {&handler_});
+  EXPECT_TRUE(service.known().empty());
+  service.start();
+  EXPECT_EQ(1u, service.known().size());
+  handler_.set_hold(false);
+  service.stop();
 }
 
 TEST_F(Instance_Service_Test, calls_on_a_handler_never_overlap)
