@@ -1,6 +1,8 @@
 #include "rpc/http_connection.h"
 
+#include "base/secure_allocator.h"
 #include "json/json_util.h"
+#include "json/wipe_json.h"
 
 #include <ace/Log_Msg.h>
 #include <boost/asio/dispatch.hpp>
@@ -8,12 +10,10 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <boost/beast/ssl.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
 
 #include <array>
 #include <optional>
-#include <type_traits>
 
 namespace kestrel
 {
@@ -74,12 +74,12 @@ Response make_response(const REST_Reply& reply, bool head)
   return response;
 }
 
-template <class Stream>
-class Connection final : public HTTP_Connection, public std::enable_shared_from_this<Connection<Stream>>
+class Connection final : public HTTP_Connection, public std::enable_shared_from_this<Connection>
 {
 public:
-  Connection(std::shared_ptr<HTTP_Shared> shared, Stream stream, std::shared_ptr<asio::ssl::context> context,
-             std::string address, unsigned short port, std::shared_ptr<HTTP_Place> place)
+  Connection(std::shared_ptr<HTTP_Shared> shared, Network_Stream stream,
+             std::shared_ptr<asio::ssl::context> context, std::string address, unsigned short port,
+             std::shared_ptr<HTTP_Place> place)
       : shared_(std::move(shared)), context_(std::move(context)), place_(std::move(place)),
         address_(std::move(address)), port_(port), stream_(std::move(stream)),
         deadline_(stream_.get_executor())
@@ -90,12 +90,12 @@ public:
   // The timer's executor is the stream's, and stays when the stream is handed over.
   void start() override
   {
-    asio::dispatch(deadline_.get_executor(), [self = this->shared_from_this()] { self->open(); });
+    asio::dispatch(deadline_.get_executor(), [self = shared_from_this()] { self->open(); });
   }
 
   void close_when_idle() override
   {
-    asio::post(deadline_.get_executor(), [self = this->shared_from_this()] {
+    asio::post(deadline_.get_executor(), [self = shared_from_this()] {
       if (self->idle_ && !self->handed_over_)
         self->lowest().cancel();
     });
@@ -103,7 +103,7 @@ public:
 
   void abort() override
   {
-    asio::post(deadline_.get_executor(), [self = this->shared_from_this()] {
+    asio::post(deadline_.get_executor(), [self = shared_from_this()] {
       self->ended_ = true;
       if (!self->handed_over_)
         self->lowest().close();
@@ -112,9 +112,8 @@ public:
 
 private:
   typedef std::shared_ptr<Connection> Self;
-  static constexpr bool is_tls = std::is_same<Stream, TLS_Stream>::value;
 
-  Plain_Stream& lowest() { return beast::get_lowest_layer(stream_); }
+  beast::tcp_stream& lowest() { return stream_.lowest(); }
   const HTTP_Limits& limits() const { return shared_->options.limits; }
 
   // The stream's own time limit closes the socket, and then nothing can be answered. So reading has a timer
@@ -124,7 +123,7 @@ private:
     timed_out_ = false;
     const uint64_t round = ++deadline_round_;
     deadline_.expires_after(std::chrono::milliseconds(msec));
-    deadline_.async_wait([self = this->shared_from_this(), round](const Error& error) {
+    deadline_.async_wait([self = shared_from_this(), round](const Error& error) {
       if (error || round != self->deadline_round_)
         return;
       self->timed_out_ = true;
@@ -140,19 +139,17 @@ private:
 
   void open()
   {
-    if constexpr (is_tls) {
-      lowest().expires_after(std::chrono::milliseconds(limits().header_msec));
-      stream_.async_handshake(asio::ssl::stream_base::server,
-                              [self = this->shared_from_this()](const Error& error) {
-                                if (error) {
-                                  ACE_DEBUG((LM_DEBUG, "(%P|%t) HTTP_Server: no TLS with %s: %s\n",
-                                             self->address_.c_str(), error.message().c_str()));
-                                  return;
-                                }
-                                self->wait_for_request(self->limits().header_msec);
-                              });
-    } else
-      wait_for_request(limits().header_msec);
+    if (!stream_.is_tls())
+      return wait_for_request(limits().header_msec);
+    lowest().expires_after(std::chrono::milliseconds(limits().header_msec));
+    stream_.async_handshake(asio::ssl::stream_base::server, [self = shared_from_this()](const Error& error) {
+      if (error) {
+        ACE_DEBUG((LM_DEBUG, "(%P|%t) HTTP_Server: no TLS with %s: %s\n", self->address_.c_str(),
+                   error.message().c_str()));
+        return;
+      }
+      self->wait_for_request(self->limits().header_msec);
+    });
   }
 
   void wait_for_request(int msec)
@@ -167,7 +164,7 @@ private:
     idle_ = true;
     set_deadline(msec);
     stream_.async_read_some(buffer_.prepare(4096),
-                            [self = this->shared_from_this()](const Error& error, size_t bytes) {
+                            [self = shared_from_this()](const Error& error, size_t bytes) {
                               self->idle_ = false;
                               self->buffer_.commit(bytes);
                               self->clear_deadline();
@@ -184,7 +181,7 @@ private:
     parser_->body_limit(limits().body_bytes);
     set_deadline(limits().header_msec);
     http::async_read_header(stream_, buffer_, *parser_,
-                            [self = this->shared_from_this()](const Error& error, size_t) {
+                            [self = shared_from_this()](const Error& error, size_t) {
                               self->clear_deadline();
                               if (error)
                                 return self->read_failed(error);
@@ -262,25 +259,23 @@ private:
       return read_body();
     lowest().expires_after(std::chrono::milliseconds(limits().request_msec));
     static const std::string go_on = "HTTP/1.1 100 Continue\r\n\r\n";
-    asio::async_write(stream_, asio::buffer(go_on),
-                      [self = this->shared_from_this()](const Error& error, size_t) {
-                        if (error)
-                          return self->close();
-                        self->lowest().expires_never();
-                        self->read_body();
-                      });
+    asio::async_write(stream_, asio::buffer(go_on), [self = shared_from_this()](const Error& error, size_t) {
+      if (error)
+        return self->close();
+      self->lowest().expires_never();
+      self->read_body();
+    });
   }
 
   void read_body()
   {
     set_deadline(limits().request_msec);
-    http::async_read(stream_, buffer_, *parser_,
-                     [self = this->shared_from_this()](const Error& error, size_t) {
-                       self->clear_deadline();
-                       if (error)
-                         return self->read_failed(error);
-                       self->dispatch();
-                     });
+    http::async_read(stream_, buffer_, *parser_, [self = shared_from_this()](const Error& error, size_t) {
+      self->clear_deadline();
+      if (error)
+        return self->read_failed(error);
+      self->dispatch();
+    });
   }
 
   void dispatch()
@@ -293,7 +288,7 @@ private:
   /// on with `next`; any other reply is the answer, and the last one if something was to follow.
   template <class Next> void ask(const HTTP_Server::Handler& handler, int pass, Next next)
   {
-    const bool posted = shared_->workers.post([self = this->shared_from_this(), &handler, pass, next] {
+    const bool posted = shared_->workers.post([self = shared_from_this(), &handler, pass, next] {
       if (self->shared_->cut)
         return;
       REST_Reply reply;
@@ -321,11 +316,11 @@ private:
       ACE_ERROR((LM_ERROR, "(%P|%t) HTTP_Server: an answer cannot be written: %s\n", error.what()));
       *response = make_response(rest_error(500, "internal_error", "The answer cannot be written"), false);
     }
-    asio::post(stream_.get_executor(), [self = this->shared_from_this(), response, last,
-                                        after = std::move(reply.after_sent)]() mutable {
-      self->close_after_ = self->close_after_ || last;
-      self->send(std::move(*response), std::move(after));
-    });
+    asio::post(stream_.get_executor(),
+               [self = shared_from_this(), response, last, after = std::move(reply.after_sent)]() mutable {
+                 self->close_after_ = self->close_after_ || last;
+                 self->send(std::move(*response), std::move(after));
+               });
   }
 
   void send(Response response, std::function<void(bool)> after)
@@ -339,9 +334,14 @@ private:
       keep_alive_ = false;
     response_.keep_alive(keep_alive_);
     lowest().expires_after(std::chrono::milliseconds(limits().request_msec));
-    http::async_write(stream_, response_, [self = this->shared_from_this()](const Error& error, size_t) {
+    http::async_write(stream_, response_, [self = shared_from_this()](const Error& error, size_t) {
       self->response_ = Response();
       self->answered(!error);
+      if (!self->request_.json
+               .is_null()) { // may hold a password; raw bytes are large and no secret of anybody's
+        wipe(self->request_.body);
+        wipe_json(self->request_.json);
+      }
       self->request_ = REST_Request();
       self->parser_.reset();
       if (error)
@@ -377,18 +377,17 @@ private:
     lowest().expires_after(std::chrono::milliseconds(DRAIN_MSEC));
     if (!close_after_)
       return close();
-    if constexpr (!is_tls)
+    if (!stream_.is_tls())
       lowest().socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
     drain();
   }
 
   void drain()
   {
-    stream_.async_read_some(asio::buffer(dropped_),
-                            [self = this->shared_from_this()](const Error& error, size_t) {
-                              if (!error)
-                                self->drain();
-                            });
+    stream_.async_read_some(asio::buffer(dropped_), [self = shared_from_this()](const Error& error, size_t) {
+      if (!error)
+        self->drain();
+    });
   }
 
   void close()
@@ -398,9 +397,9 @@ private:
     ended_ = true;
     clear_deadline();
     lowest().expires_after(std::chrono::milliseconds(CLOSE_MSEC));
-    if constexpr (is_tls)
-      stream_.async_shutdown([self = this->shared_from_this()](const Error&) {});
-    else {
+    if (stream_.is_tls()) {
+      stream_.async_shutdown([self = shared_from_this()](const Error&) {});
+    } else {
       Error ignored;
       lowest().socket().shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
     }
@@ -427,10 +426,7 @@ private:
     place_->handed_over();
     parts->place = place_;
     lowest().expires_never();
-    if constexpr (is_tls)
-      parts->tls.reset(new Stream(std::move(stream_)));
-    else
-      parts->plain.reset(new Stream(std::move(stream_)));
+    parts->stream = std::make_unique<Network_Stream>(std::move(stream_));
     handed_over_ = true;
     ++shared_->requests;
     upgrade_->handler(Upgraded_Connection(std::move(parts)), request_);
@@ -441,10 +437,10 @@ private:
   std::shared_ptr<HTTP_Place> place_;
   const std::string address_;
   const unsigned short port_;
-  Stream stream_;
+  Network_Stream stream_;
   asio::steady_timer deadline_;
   uint64_t deadline_round_ = 0;
-  beast::flat_buffer buffer_;
+  beast::basic_flat_buffer<secure_allocator<char>> buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   REST_Request request_;
   std::string target_;
@@ -468,12 +464,9 @@ std::shared_ptr<HTTP_Connection> make_http_connection(std::shared_ptr<HTTP_Share
                                                       std::string address, unsigned short port,
                                                       std::shared_ptr<HTTP_Place> place)
 {
-  Plain_Stream plain(std::move(socket));
-  if (!context)
-    return std::make_shared<Connection<Plain_Stream>>(std::move(shared), std::move(plain), nullptr,
-                                                      std::move(address), port, std::move(place));
-  TLS_Stream tls(std::move(plain), *context);
-  return std::make_shared<Connection<TLS_Stream>>(std::move(shared), std::move(tls), std::move(context),
-                                                  std::move(address), port, std::move(place));
+  beast::tcp_stream tcp(std::move(socket));
+  Network_Stream stream = context ? Network_Stream(std::move(tcp), *context) : Network_Stream(std::move(tcp));
+  return std::make_shared<Connection>(std::move(shared), std::move(stream), std::move(context),
+                                      std::move(address), port, std::move(place));
 }
 } // namespace kestrel

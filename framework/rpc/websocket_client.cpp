@@ -10,6 +10,7 @@
 #include <boost/asio/ssl/error.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/beast/core/error.hpp>
+#include <boost/beast/websocket/error.hpp>
 
 #include <algorithm>
 #include <condition_variable>
@@ -67,15 +68,6 @@ private:
   std::shared_ptr<WebSocket_Channel> channel_;
 };
 
-class Dial_Base
-{
-public:
-  virtual ~Dial_Base() = default;
-  virtual void begin() = 0;
-  /// From any thread.
-  virtual void cancel() = 0;
-};
-
 std::string refusal(const std::string& where, int status)
 {
   switch (status) {
@@ -96,39 +88,46 @@ std::string refusal(const std::string& where, int status)
 }
 
 /// One way from the addresses of a host to a WebSocket. Everything but cancel() happens on one strand.
-template <class Stream> class Dial : public Dial_Base, public std::enable_shared_from_this<Dial<Stream>>
+class Dial : public std::enable_shared_from_this<Dial>
 {
 public:
-  template <class... Context>
+  /// Without `tls` in plain text.
   Dial(asio::io_context& network, const WebSocket_Dial& options, const WebSocket_URL& url,
-       std::vector<tcp::endpoint> endpoints, std::shared_ptr<Outcome> outcome, Context&... context)
+       std::vector<tcp::endpoint> endpoints, std::shared_ptr<Outcome> outcome,
+       std::shared_ptr<TLS_Client_Context> tls)
       : options_(options), url_(url), where_(url.authority()),
         name_(options.tls.server_name.empty() ? url.host : options.tls.server_name),
-        endpoints_(std::move(endpoints)), outcome_(std::move(outcome)), strand_(asio::make_strand(network)),
-        stream_(std::in_place, strand_, context...)
+        endpoints_(std::move(endpoints)), outcome_(std::move(outcome)), tls_(std::move(tls)),
+        strand_(asio::make_strand(network)), stream_(connection())
   {
   }
   /// Without effect when there is an outcome.
-  ~Dial() override { outcome_->fail(WebSocket_Failure::cancelled, "The network threads were stopped."); }
+  ~Dial() { outcome_->fail(WebSocket_Failure::cancelled, "The network threads were stopped."); }
 
-  void begin() override
+  void begin()
   {
-    asio::post(strand_, [self = this->shared_from_this()] { self->connect(); });
+    asio::post(strand_, [self = shared_from_this()] { self->connect(); });
   }
-  void cancel() override
+  /// From any thread.
+  void cancel()
   {
     outcome_->fail(WebSocket_Failure::cancelled, "Connecting to " + where_ + " was given up.");
-    asio::post(strand_, [self = this->shared_from_this()] {
+    asio::post(strand_, [self = shared_from_this()] {
       self->cancelled_ = true;
       if (self->session_)
         self->session_->abort();
       else if (self->stream_)
-        beast::get_lowest_layer(*self->stream_).close();
+        self->stream_->lowest().close();
     });
   }
 
 private:
-  beast::tcp_stream& lowest() { return beast::get_lowest_layer(*stream_); }
+  Network_Stream connection() const
+  {
+    beast::tcp_stream tcp(strand_);
+    return tls_ ? Network_Stream(std::move(tcp), tls_->context()) : Network_Stream(std::move(tcp));
+  }
+  beast::tcp_stream& lowest() { return stream_->lowest(); }
 
   void connect()
   {
@@ -136,8 +135,7 @@ private:
       return;
     const tcp::endpoint& endpoint = endpoints_[next_endpoint_++];
     lowest().expires_after(std::chrono::milliseconds(options_.connect_msec));
-    lowest().async_connect(endpoint,
-                           [self = this->shared_from_this()](Error error) { self->connected(error); });
+    lowest().async_connect(endpoint, [self = shared_from_this()](Error error) { self->connected(error); });
   }
 
   void connected(Error error)
@@ -161,54 +159,51 @@ private:
 
   void secure()
   {
-    if constexpr (std::is_same_v<Stream, TLS_Stream>) {
-      if (!tls_expect_name(stream_->native_handle(), name_)) {
-        outcome_->fail(WebSocket_Failure::bad_options,
-                       name_ + " is not a name that a certificate can be for.");
-        return;
-      }
-      lowest().expires_after(std::chrono::milliseconds(options_.tls_msec));
-      stream_->async_handshake(asio::ssl::stream_base::client,
-                               [self = this->shared_from_this()](Error error) { self->secured(error); });
-    } else {
+    if (!tls_) {
       upgrade();
+      return;
     }
+    if (!tls_expect_name(stream_->tls(), name_)) {
+      outcome_->fail(WebSocket_Failure::bad_options, name_ + " is not a name that a certificate can be for.");
+      return;
+    }
+    lowest().expires_after(std::chrono::milliseconds(options_.tls_msec));
+    stream_->async_handshake(asio::ssl::stream_base::client,
+                             [self = shared_from_this()](Error error) { self->secured(error); });
   }
 
   void secured(Error error)
   {
-    if constexpr (std::is_same_v<Stream, TLS_Stream>) {
-      if (!error) {
-        lowest().expires_never();
-        upgrade();
-        return;
-      }
-      const std::string problem = tls_certificate_problem(stream_->native_handle(), where_, name_);
-      if (error == beast::error::timeout)
-        outcome_->fail(WebSocket_Failure::timed_out, where_ + " did not finish the TLS handshake within " +
-                                                         std::to_string(options_.tls_msec) +
-                                                         " ms; check that it is the server's port.");
-      else if (!problem.empty())
-        outcome_->fail(WebSocket_Failure::certificate, problem);
-      else
-        outcome_->fail(WebSocket_Failure::tls, "The TLS handshake with " + where_ + " failed (" +
-                                                   error.message() +
-                                                   "); check that it is the server's port, and its log.");
+    if (!error) {
+      lowest().expires_never();
+      upgrade();
+      return;
     }
+    const std::string problem = tls_certificate_problem(stream_->tls(), where_, name_);
+    if (error == beast::error::timeout)
+      outcome_->fail(WebSocket_Failure::timed_out, where_ + " did not finish the TLS handshake within " +
+                                                       std::to_string(options_.tls_msec) +
+                                                       " ms; check that it is the server's port.");
+    else if (!problem.empty())
+      outcome_->fail(WebSocket_Failure::certificate, problem);
+    else
+      outcome_->fail(WebSocket_Failure::tls, "The TLS handshake with " + where_ + " failed (" +
+                                                 error.message() +
+                                                 "); check that it is the server's port, and its log.");
   }
 
   void upgrade()
   {
     const auto state = std::make_shared<WebSocket_State>(options_.limits, where_);
-    session_ = std::make_shared<WebSocket_Session<Stream>>(std::move(*stream_), state, nullptr);
+    session_ = WebSocket_Session::create(std::move(*stream_), state, nullptr);
     stream_.reset();
     session_->shake_hands(where_, url_.target, options_.headers, options_.upgrade_msec, response_,
-                          [self = this->shared_from_this()](Error error) { self->upgraded(error); });
+                          [self = shared_from_this()](Error error) { self->upgraded(error); });
   }
 
   void upgraded(Error error)
   {
-    const std::shared_ptr<WebSocket_Session<Stream>> session = std::move(session_);
+    const std::shared_ptr<WebSocket_Session> session = std::move(session_);
     session_.reset();
     if (!error && response_[beast::http::field::sec_websocket_protocol] == WEBSOCKET_RPC_PROTOCOL) {
       session->run();
@@ -241,10 +236,11 @@ private:
   const std::string name_; ///< that the certificate must be for
   const std::vector<tcp::endpoint> endpoints_;
   const std::shared_ptr<Outcome> outcome_;
+  const std::shared_ptr<TLS_Client_Context> tls_;
   const asio::strand<asio::io_context::executor_type> strand_;
-  std::optional<Stream> stream_; ///< until the session has it
-  std::shared_ptr<WebSocket_Session<Stream>> session_; ///< while it shakes hands
-  typename WebSocket_Session<Stream>::Response response_;
+  std::optional<Network_Stream> stream_;       ///< until the session has it
+  std::shared_ptr<WebSocket_Session> session_; ///< while it shakes hands
+  WebSocket_Session::Response response_;
   std::size_t next_endpoint_ = 0;
   bool cancelled_ = false;
 };
@@ -271,7 +267,7 @@ struct WebSocket_Client::State {
   Network_Threads& threads; ///< not owned
   std::mutex mutex;
   bool cancelled = false;
-  std::weak_ptr<Dial_Base> current;
+  std::weak_ptr<Dial> current;
 };
 
 WebSocket_Client::WebSocket_Client(Network_Threads& threads) : state_(std::make_shared<State>(threads)) {}
@@ -305,17 +301,14 @@ std::shared_ptr<WebSocket_Channel> WebSocket_Client::dial(const WebSocket_Dial& 
                          " is another host, which is only reached over https; correct the address.");
   }
   const auto outcome = std::make_shared<Outcome>();
-  std::shared_ptr<Dial_Base> attempt;
+  std::shared_ptr<Dial> attempt;
   {
     const std::lock_guard<std::mutex> guard(state_->mutex);
     if (state_->cancelled)
       return give_up(failure, WebSocket_Failure::cancelled,
                      "Connecting to " + url.authority() + " was given up.");
     asio::io_context& network = state_->threads.context();
-    if (tls)
-      attempt = std::make_shared<Dial<TLS_Stream>>(network, dial, url, endpoints, outcome, tls->context());
-    else
-      attempt = std::make_shared<Dial<Plain_Stream>>(network, dial, url, endpoints, outcome);
+    attempt = std::make_shared<Dial>(network, dial, url, endpoints, outcome, tls);
     state_->current = attempt;
     attempt->begin();
   }
@@ -327,7 +320,7 @@ void WebSocket_Client::cancel()
 {
   const std::lock_guard<std::mutex> guard(state_->mutex);
   state_->cancelled = true;
-  if (const std::shared_ptr<Dial_Base> attempt = state_->current.lock())
+  if (const std::shared_ptr<Dial> attempt = state_->current.lock())
     attempt->cancel();
 }
 } // namespace kestrel

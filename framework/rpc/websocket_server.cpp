@@ -28,15 +28,12 @@ std::string Upgraded_Connection::address() const
   return parts_->address;
 }
 
-namespace
+void websocket_accept(Upgraded_Connection connection, const WebSocket_Limits& limits, WebSocket_Accepted done)
 {
-template <class Stream>
-void accept(Stream stream, Upgraded_Connection::Parts& parts, const WebSocket_Limits& limits,
-            WebSocket_Accepted done)
-{
-  const auto executor = stream.get_executor();
+  Upgraded_Connection::Parts& parts = *connection.parts();
+  const auto executor = parts.stream->get_executor();
   const auto state = std::make_shared<WebSocket_State>(limits, parts.address);
-  const auto session = std::make_shared<WebSocket_Session<Stream>>(std::move(stream), state, parts.place);
+  const auto session = WebSocket_Session::create(std::move(*parts.stream), state, parts.place);
   const auto accepted = [session, done = std::move(done)](boost::beast::error_code error) {
     const std::shared_ptr<WebSocket_State>& shared = session->state();
     if (error) {
@@ -49,15 +46,5 @@ void accept(Stream stream, Upgraded_Connection::Parts& parts, const WebSocket_Li
   boost::asio::dispatch(executor, [session, accepted, request = std::move(parts.request)]() mutable {
     session->accept(std::move(request), accepted);
   });
-}
-} // namespace
-
-void websocket_accept(Upgraded_Connection connection, const WebSocket_Limits& limits, WebSocket_Accepted done)
-{
-  Upgraded_Connection::Parts& parts = *connection.parts();
-  if (parts.tls)
-    accept<TLS_Stream>(std::move(*parts.tls), parts, limits, std::move(done));
-  else
-    accept<Plain_Stream>(std::move(*parts.plain), parts, limits, std::move(done));
 }
 } // namespace kestrel

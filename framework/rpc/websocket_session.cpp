@@ -1,11 +1,17 @@
 #include "rpc/websocket_session.h"
 
+#include "base/secure_allocator.h"
+
 #include <ace/Log_Msg.h>
 #include <boost/asio/post.hpp>
-#include <boost/beast/core/buffers_to_string.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/error.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/websocket/rfc6455.hpp>
+#include <boost/beast/websocket/stream.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 
 namespace kestrel
@@ -35,32 +41,81 @@ std::string seconds(int msec)
 {
   return msec % 1000 == 0 ? std::to_string(msec / 1000) + " seconds" : std::to_string(msec) + " ms";
 }
-} // namespace
 
-template <class Stream>
-WebSocket_Session<Stream>::WebSocket_Session(Stream stream, std::shared_ptr<WebSocket_State> state,
-                                             std::shared_ptr<void> place)
+class Session : public WebSocket_Session, public std::enable_shared_from_this<Session>
+{
+public:
+  Session(Network_Stream stream, std::shared_ptr<WebSocket_State> state, std::shared_ptr<void> place);
+  ~Session() override;
+
+  void accept(Beast_Request request, Done done) override;
+  void shake_hands(const std::string& host, const std::string& target, const Headers& headers,
+                   int timeout_msec, Response& response, Done done) override;
+  void run() override;
+  void abort() override;
+  void wake() override;
+  const std::shared_ptr<WebSocket_State>& state() const override { return state_; }
+
+private:
+  typedef std::chrono::steady_clock Monotonic;
+
+  void set_timeout(int msec);
+  void attend();
+  void write();
+  void wrote(Error error);
+  void say_good_bye();
+  void read();
+  void have_read(Error error);
+  void deliver();
+  void ping();
+  void tick();
+  void check_times();
+  std::string end_of(Error error) const;
+  void finish(const std::string& why);
+
+  const std::shared_ptr<void> place_; ///< before the stream, to be freed after it
+  websocket::stream<Network_Stream, false> stream_;
+  asio::steady_timer timer_;
+  beast::basic_flat_buffer<secure_allocator<char>> received_;
+  const std::shared_ptr<WebSocket_State> state_;
+  Beast_Request request_;
+  std::string text_; ///< being written
+  std::chrono::milliseconds tick_;
+  Monotonic::time_point last_received_;
+  Monotonic::time_point last_ping_;
+  Monotonic::time_point write_began_;
+  Monotonic::time_point close_began_;
+  bool reading_ = false;
+  bool writing_ = false;
+  bool pinging_ = false;
+  bool closing_ = false;
+  bool said_good_bye_ = false;
+  bool finished_ = false;
+  websocket::close_code close_code_ = websocket::close_code::normal;
+};
+
+Session::Session(Network_Stream stream, std::shared_ptr<WebSocket_State> state, std::shared_ptr<void> place)
     : place_(std::move(place)), stream_(std::move(stream)), timer_(stream_.get_executor()),
       state_(std::move(state))
 {
   const WebSocket_Limits& limits = state_->limits;
   const int shortest = std::min({limits.ping_msec, limits.dead_msec, limits.write_msec, limits.close_msec});
   tick_ = std::chrono::milliseconds(std::clamp(shortest / 4, 5, 1000));
-  beast::get_lowest_layer(stream_).expires_never();
+  stream_.next_layer().lowest().expires_never();
   stream_.read_message_max(limits.message_bytes);
   stream_.write_buffer_bytes(FRAME_BYTES);
   stream_.text(true);
   beast::error_code ignored; // only speed depends on it
-  beast::get_lowest_layer(stream_).socket().set_option(asio::ip::tcp::no_delay(true), ignored);
+  stream_.next_layer().lowest().socket().set_option(asio::ip::tcp::no_delay(true), ignored);
 }
 
 /// Still open only when the network threads went away with everything that waited on them.
-template <class Stream> WebSocket_Session<Stream>::~WebSocket_Session()
+Session::~Session()
 {
   state_->finish("The connection with " + state_->address + " was cut: this side is shutting down.");
 }
 
-template <class Stream> void WebSocket_Session<Stream>::set_timeout(int msec)
+void Session::set_timeout(int msec)
 {
   websocket::stream_base::timeout limits;
   limits.handshake_timeout = std::chrono::milliseconds(msec);
@@ -69,7 +124,7 @@ template <class Stream> void WebSocket_Session<Stream>::set_timeout(int msec)
   stream_.set_option(limits);
 }
 
-template <class Stream> void WebSocket_Session<Stream>::accept(Beast_Request request, Done done)
+void Session::accept(Beast_Request request, Done done)
 {
   request_ = std::move(request);
   set_timeout(state_->limits.accept_msec);
@@ -80,14 +135,12 @@ template <class Stream> void WebSocket_Session<Stream>::accept(Beast_Request req
     if (offered)
       response.set(beast::http::field::sec_websocket_protocol, WEBSOCKET_RPC_PROTOCOL);
   }));
-  const auto self = this->shared_from_this();
+  const auto self = shared_from_this();
   stream_.async_accept(request_, [self, done = std::move(done)](Error error) { done(error); });
 }
 
-template <class Stream>
-void WebSocket_Session<Stream>::shake_hands(const std::string& host, const std::string& target,
-                                            const Headers& headers, int timeout_msec, Response& response,
-                                            Done done)
+void Session::shake_hands(const std::string& host, const std::string& target, const Headers& headers,
+                          int timeout_msec, Response& response, Done done)
 {
   set_timeout(timeout_msec);
   stream_.set_option(websocket::stream_base::decorator([headers](websocket::request_type& request) {
@@ -95,33 +148,33 @@ void WebSocket_Session<Stream>::shake_hands(const std::string& host, const std::
     for (const auto& header : headers)
       request.set(header.first, header.second);
   }));
-  const auto self = this->shared_from_this();
+  const auto self = shared_from_this();
   stream_.async_handshake(response, host, target,
                           [self, done = std::move(done)](Error error) { done(error); });
 }
 
-template <class Stream> void WebSocket_Session<Stream>::run()
+void Session::run()
 {
   set_timeout(state_->limits.close_msec);
   stream_.control_callback(
       [this](websocket::frame_type, beast::string_view) { last_received_ = Monotonic::now(); });
   last_ping_ = last_received_ = Monotonic::now();
-  state_->attach(this->weak_from_this());
+  state_->attach(weak_from_this());
   tick();
   attend();
 }
 
-template <class Stream> void WebSocket_Session<Stream>::abort()
+void Session::abort()
 {
-  beast::get_lowest_layer(stream_).close();
+  stream_.next_layer().lowest().close();
 }
 
-template <class Stream> void WebSocket_Session<Stream>::wake()
+void Session::wake()
 {
-  asio::post(stream_.get_executor(), [self = this->shared_from_this()] { self->attend(); });
+  asio::post(stream_.get_executor(), [self = shared_from_this()] { self->attend(); });
 }
 
-template <class Stream> void WebSocket_Session<Stream>::attend()
+void Session::attend()
 {
   if (finished_)
     return;
@@ -142,7 +195,7 @@ template <class Stream> void WebSocket_Session<Stream>::attend()
   write();
 }
 
-template <class Stream> void WebSocket_Session<Stream>::write()
+void Session::write()
 {
   if (writing_ || finished_ || said_good_bye_)
     return;
@@ -154,13 +207,14 @@ template <class Stream> void WebSocket_Session<Stream>::write()
   writing_ = true;
   write_began_ = Monotonic::now();
   stream_.async_write(asio::buffer(text_),
-                      [self = this->shared_from_this()](Error error, std::size_t) { self->wrote(error); });
+                      [self = shared_from_this()](Error error, std::size_t) { self->wrote(error); });
 }
 
-template <class Stream> void WebSocket_Session<Stream>::wrote(Error error)
+void Session::wrote(Error error)
 {
   writing_ = false;
   state_->written();
+  wipe(text_);
   if (text_.capacity() > KEPT_BUFFER_BYTES)
     std::string().swap(text_);
   if (!error)
@@ -169,21 +223,20 @@ template <class Stream> void WebSocket_Session<Stream>::wrote(Error error)
     finish(end_of(error));
 }
 
-template <class Stream> void WebSocket_Session<Stream>::say_good_bye()
+void Session::say_good_bye()
 {
   said_good_bye_ = true;
   stream_.async_close(close_code_,
-                      [self = this->shared_from_this()](Error error) { self->finish(self->end_of(error)); });
+                      [self = shared_from_this()](Error error) { self->finish(self->end_of(error)); });
 }
 
-template <class Stream> void WebSocket_Session<Stream>::read()
+void Session::read()
 {
-  stream_.async_read_some(received_, READ_BYTES, [self = this->shared_from_this()](Error error, std::size_t) {
-    self->have_read(error);
-  });
+  stream_.async_read_some(received_, READ_BYTES,
+                          [self = shared_from_this()](Error error, std::size_t) { self->have_read(error); });
 }
 
-template <class Stream> void WebSocket_Session<Stream>::have_read(Error error)
+void Session::have_read(Error error)
 {
   if (finished_)
     return;
@@ -200,36 +253,41 @@ template <class Stream> void WebSocket_Session<Stream>::have_read(Error error)
     read();
 }
 
-template <class Stream> void WebSocket_Session<Stream>::deliver()
+void Session::deliver()
 {
   if (!stream_.got_text()) {
     close_code_ = websocket::close_code::unknown_data;
     state_->close(state_->address + " sent a binary message; is it a peer of ours?");
   } else if (const std::shared_ptr<Message_Receiver> receiver = state_->receiver()) {
+    const asio::const_buffer message = received_.data();
+    std::string text(static_cast<const char*>(message.data()), message.size());
+    const Wipe_Guard<std::string> wipe_text(text);
     try {
-      receiver->message(beast::buffers_to_string(received_.data()));
+      receiver->message(text);
     } catch (const std::exception& failure) {
       ACE_ERROR((LM_ERROR, "(%P|%t) WebSocket_Session: a message of %C cannot be taken: %C\n",
                  state_->address.c_str(), failure.what()));
       finish("The connection with " + state_->address + " was cut: " + failure.what() + ".");
     }
   }
-  received_.consume(received_.size());
+  const asio::mutable_buffer used = received_.data();
+  ::explicit_bzero(used.data(), used.size());
+  received_.consume(used.size());
   if (received_.capacity() > KEPT_BUFFER_BYTES)
     received_.shrink_to_fit();
 }
 
-template <class Stream> void WebSocket_Session<Stream>::ping()
+void Session::ping()
 {
   pinging_ = true;
   last_ping_ = Monotonic::now();
-  stream_.async_ping({}, [self = this->shared_from_this()](Error) { self->pinging_ = false; });
+  stream_.async_ping({}, [self = shared_from_this()](Error) { self->pinging_ = false; });
 }
 
-template <class Stream> void WebSocket_Session<Stream>::tick()
+void Session::tick()
 {
   timer_.expires_after(tick_);
-  timer_.async_wait([self = this->shared_from_this()](Error error) {
+  timer_.async_wait([self = shared_from_this()](Error error) {
     if (error || self->finished_)
       return;
     self->check_times();
@@ -238,7 +296,7 @@ template <class Stream> void WebSocket_Session<Stream>::tick()
   });
 }
 
-template <class Stream> void WebSocket_Session<Stream>::check_times()
+void Session::check_times()
 {
   const auto now = Monotonic::now();
   const auto passed = [now](Monotonic::time_point since, int msec) {
@@ -257,7 +315,7 @@ template <class Stream> void WebSocket_Session<Stream>::check_times()
     ping();
 }
 
-template <class Stream> std::string WebSocket_Session<Stream>::end_of(Error error) const
+std::string Session::end_of(Error error) const
 {
   const std::string& address = state_->address;
   if (error == websocket::error::closed || (!error && said_good_bye_)) {
@@ -273,7 +331,7 @@ template <class Stream> std::string WebSocket_Session<Stream>::end_of(Error erro
   return "The connection with " + address + " was lost: " + error.message() + ".";
 }
 
-template <class Stream> void WebSocket_Session<Stream>::finish(const std::string& why)
+void Session::finish(const std::string& why)
 {
   if (finished_)
     return;
@@ -283,6 +341,12 @@ template <class Stream> void WebSocket_Session<Stream>::finish(const std::string
   state_->finish(why);
 }
 
-template class WebSocket_Session<Plain_Stream>;
-template class WebSocket_Session<TLS_Stream>;
+} // namespace
+
+std::shared_ptr<WebSocket_Session> WebSocket_Session::create(Network_Stream stream,
+                                                             std::shared_ptr<WebSocket_State> state,
+                                                             std::shared_ptr<void> place)
+{
+  return std::make_shared<Session>(std::move(stream), std::move(state), std::move(place));
+}
 } // namespace kestrel

@@ -1,5 +1,7 @@
 #include "rpc/websocket_state.h"
 
+#include "base/secure_allocator.h"
+
 #include <utility>
 
 namespace kestrel
@@ -136,8 +138,9 @@ void WebSocket_State::finish(const std::string& why)
   phase_ = Phase::closed;
   if (why_.empty())
     why_ = why;
-  std::deque<std::string> dropped;
-  dropped.swap(queue_);
+  for (std::string& text : queue_)
+    wipe(text);
+  queue_.clear();
   if (!started_)
     return;
   told_ = true;

@@ -22,6 +22,7 @@ public:
 /// What users of a connection and its network end share: the texts to be written, and how far it is.
 /// Threads:   any.
 /// Ownership: shared by both ends, and owns neither; the receiver is not kept.
+/// Secrets:   texts that are dropped unsent are wiped; whoever takes one from next() wipes it.
 class WebSocket_State
 {
 public:

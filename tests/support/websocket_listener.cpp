@@ -48,18 +48,18 @@ struct WebSocket_Listener::Shared {
 namespace
 {
 /// One connection from its acceptance to its answer.
-template <class Stream> class Arrival : public std::enable_shared_from_this<Arrival<Stream>>
+class Arrival : public std::enable_shared_from_this<Arrival>
 {
 public:
-  Arrival(std::shared_ptr<WebSocket_Listener::Shared> shared, std::unique_ptr<Stream> stream,
+  Arrival(std::shared_ptr<WebSocket_Listener::Shared> shared, std::unique_ptr<kestrel::Network_Stream> stream,
           std::string address)
       : shared_(std::move(shared)), stream_(std::move(stream)), address_(std::move(address))
   {
   }
   void begin()
   {
-    const auto self = this->shared_from_this();
-    if constexpr (std::is_same_v<Stream, kestrel::TLS_Stream>)
+    const auto self = shared_from_this();
+    if (stream_->is_tls())
       stream_->async_handshake(asio::ssl::stream_base::server, [self](Error error) {
         if (error)
           self->shared_->add_error(error.message());
@@ -74,7 +74,7 @@ private:
   void read()
   {
     http::async_read(*stream_, buffer_, request_,
-                     [self = this->shared_from_this()](Error error, std::size_t) {
+                     [self = shared_from_this()](Error error, std::size_t) {
                        if (error)
                          self->shared_->add_error(error.message());
                        else
@@ -95,10 +95,7 @@ private:
     parts = std::make_unique<kestrel::Upgraded_Connection::Parts>();
     parts->request = std::move(request_);
     parts->address = address_;
-    if constexpr (std::is_same_v<Stream, kestrel::TLS_Stream>)
-      parts->tls = std::move(stream_);
-    else
-      parts->plain = std::move(stream_);
+    parts->stream = std::move(stream_);
     kestrel::websocket_accept(
         kestrel::Upgraded_Connection(std::move(parts)), shared_->options.limits,
         [shared = shared_](std::shared_ptr<kestrel::WebSocket_Channel> channel, const std::string& error) {
@@ -112,11 +109,11 @@ private:
   {
     response_.result(static_cast<unsigned>(status));
     response_.prepare_payload();
-    http::async_write(*stream_, response_, [self = this->shared_from_this()](Error, std::size_t) {});
+    http::async_write(*stream_, response_, [self = shared_from_this()](Error, std::size_t) {});
   }
 
   const std::shared_ptr<WebSocket_Listener::Shared> shared_;
-  std::unique_ptr<Stream> stream_;
+  std::unique_ptr<kestrel::Network_Stream> stream_;
   const std::string address_;
   boost::beast::flat_buffer buffer_;
   kestrel::Beast_Request request_;
@@ -151,15 +148,11 @@ private:
     if (error)
       return;
     const std::string address = from.address().to_string() + ":" + std::to_string(from.port());
-    if (shared_->context)
-      std::make_shared<Arrival<kestrel::TLS_Stream>>(
-          shared_, std::make_unique<kestrel::TLS_Stream>(std::move(socket), *shared_->context->context()),
-          address)
-          ->begin();
-    else
-      std::make_shared<Arrival<kestrel::Plain_Stream>>(
-          shared_, std::make_unique<kestrel::Plain_Stream>(std::move(socket)), address)
-          ->begin();
+    boost::beast::tcp_stream tcp(std::move(socket));
+    auto stream = shared_->context
+                      ? std::make_unique<kestrel::Network_Stream>(std::move(tcp), *shared_->context->context())
+                      : std::make_unique<kestrel::Network_Stream>(std::move(tcp));
+    std::make_shared<Arrival>(shared_, std::move(stream), address)->begin();
   }
 
   asio::io_context& network_;
