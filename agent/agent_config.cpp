@@ -247,6 +247,30 @@ Agent_Config read_config(const toml::table& file)
 }
 } // namespace
 
+bool Module_Config::operator==(const Module_Config& other) const
+{
+  return name == other.name && path == other.path && rpc == other.rpc && jobs == other.jobs &&
+         source_parsers == other.source_parsers && options_parsers == other.options_parsers &&
+         instance_handlers == other.instance_handlers;
+}
+
+Agent_Config reloaded_config(const Agent_Config& now, const Agent_Config& next, std::vector<std::string>& restart)
+{
+  Agent_Config taken = next;
+  restart.clear();
+  const auto keep = [&](auto member, const char* key) {
+    if (now.*member == next.*member)
+      return;
+    restart.push_back(key);
+    taken.*member = now.*member;
+  };
+  keep(&Agent_Config::name, "agent.name");
+  keep(&Agent_Config::max_concurrent, "jobs.max_concurrent");
+  keep(&Agent_Config::history_days, "jobs.history_days");
+  keep(&Agent_Config::modules, "module");
+  return taken;
+}
+
 Agent_Config default_agent_config()
 {
   Module_Config module;

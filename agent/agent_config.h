@@ -12,6 +12,8 @@ namespace kestrel
 struct Service_Line {
   std::string factory;
   std::vector<std::string> words;
+
+  bool operator==(const Service_Line& other) const { return factory == other.factory && words == other.words; }
 };
 
 /// What one module is used for. A job type is "backup" or "restore", or a type and one subtype,
@@ -24,6 +26,8 @@ struct Module_Config {
   std::map<std::string, Service_Line> source_parsers;  ///< by job type
   std::map<std::string, Service_Line> options_parsers; ///< by job type
   std::vector<Service_Line> instance_handlers;
+
+  bool operator==(const Module_Config& other) const;
 };
 
 /// The settings of an agent, from agent.toml. What the file does not say has the values below.
@@ -42,6 +46,10 @@ struct Agent_Config {
   unsigned stop_seconds = 300; ///< how long a stopping agent waits for its runs, 0 to 86400
   std::vector<Module_Config> modules;
 };
+
+/// What a running agent takes over of settings that were read again: all but this host's name, the limits of its jobs and
+/// its modules. `restart` becomes the keys of those that have changed and count with the next start.
+Agent_Config reloaded_config(const Agent_Config& now, const Agent_Config& next, std::vector<std::string>& restart);
 
 /// The settings without a file: the one module of this installation with all that it offers.
 Agent_Config default_agent_config();

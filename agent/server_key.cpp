@@ -63,7 +63,9 @@ bool same(const Server_Key& one, const Server_Key& other)
          one.access_key == other.access_key && one.ca_pem == other.ca_pem;
 }
 
-bool store(const Server_Key& key, std::string& error)
+} // namespace
+
+bool keep_server_key(const Server_Key& key, std::string& error)
 {
   json_spirit::Object object;
   set_value(object, "format", known_format);
@@ -74,7 +76,6 @@ bool store(const Server_Key& key, std::string& error)
   set_value(object, "ca_pem", key.ca_pem);
   return write_file_durably(server_key_path(), write_json_pretty(object), 0600, error);
 }
-} // namespace
 
 bool parse_server_key(const std::string& text, const std::string& path, Server_Key& key, std::string& error)
 {
@@ -125,7 +126,7 @@ bool load_server_key(Server_Key& key, std::string& error)
   return false;
 }
 
-bool import_enrollment(const std::string& path, Server_Key& key, std::string& error)
+bool read_enrollment(const std::string& path, Server_Key& key, bool& fresh, std::string& error)
 {
   // A kept key that cannot be used is what a new enrollment is for.
   Server_Key kept;
@@ -135,22 +136,32 @@ bool import_enrollment(const std::string& path, Server_Key& key, std::string& er
   if (!read_whole_file(path, text, problem, max_file_bytes)) {
     if (errno == ENOENT && kept.enrolled()) {
       key = kept;
+      fresh = false;
       return true;
     }
     error = (usable ? problem : unusable) + "; make an enrollment file with 'kestrel server enroll' on the server and copy it here";
     return false;
   }
-  Server_Key fresh;
-  if (!parse_server_key(text, path, fresh, error))
+  Server_Key read;
+  if (!parse_server_key(text, path, read, error))
     return false;
-  if (kept.enrolled() && kept.host_uuid != fresh.host_uuid) {
-    error = path + " enrolls this host as " + fresh.name + " (" + fresh.host_uuid + "), but it is " + kept.name + " (" +
+  if (kept.enrolled() && kept.host_uuid != read.host_uuid) {
+    error = path + " enrolls this host as " + read.name + " (" + read.host_uuid + "), but it is " + kept.name + " (" +
             kept.host_uuid + ") at " + kept.url + ". To make it another host, remove " + server_key_path() + " first";
     return false;
   }
-  if ((!usable || !same(kept, fresh)) && !store(fresh, error))
+  fresh = !usable || !same(kept, read);
+  key = read;
+  return true;
+}
+
+bool import_enrollment(const std::string& path, Server_Key& key, std::string& error)
+{
+  Server_Key read;
+  bool fresh = false;
+  if (!read_enrollment(path, read, fresh, error) || (fresh && !keep_server_key(read, error)))
     return false;
-  key = fresh;
+  key = read;
   return true;
 }
 } // namespace kestrel

@@ -30,6 +30,11 @@ std::string server_key_path();
 /// A host that was never enrolled gives an empty key and true. A file that others may read is refused.
 [[nodiscard]] bool load_server_key(Server_Key& key, std::string& error);
 
+/// What import_enrollment() would take over; writes nothing. `fresh` tells whether there is something to be kept.
+[[nodiscard]] bool read_enrollment(const std::string& path, Server_Key& key, bool& fresh, std::string& error);
+/// Keeps a key in place of the former one.
+[[nodiscard]] bool keep_server_key(const Server_Key& key, std::string& error);
+
 /// Takes an enrollment file over. Afterwards the file is not needed any more, so that one that does not exist is no
 /// error on a host that is enrolled. A newer file for the same host replaces the key; one for another host is refused,
 /// since the backups of this host carry its identity.

@@ -73,6 +73,12 @@ public:
     return true;
   }
 
+  void set_minimum(ACE_Log_Priority minimum)
+  {
+    std::lock_guard<std::mutex> guard(mutex_);
+    options_.minimum = minimum;
+  }
+
   int open(const ACE_TCHAR*) override { return 0; }
   int reset() override { return 0; }
   int close() override { return 0; }
@@ -148,6 +154,11 @@ bool open_process_log(const Log_Options& options, std::string& error)
   ACE_LOG_MSG->set_flags(ACE_Log_Msg::CUSTOM | ACE_Log_Msg::MSG_CALLBACK);
   ACE_LOG_MSG->clr_flags(ACE_Log_Msg::STDERR);
   return true;
+}
+
+void set_process_log_minimum(ACE_Log_Priority minimum)
+{
+  process_log().set_minimum(minimum);
 }
 
 void close_process_log()

@@ -21,6 +21,8 @@ struct Log_Options {
 /// (log rotation), and written with one write a record, so that several processes may share it.
 /// Errors: false, `error` says why, and the log stays as it was.
 [[nodiscard]] bool open_process_log(const Log_Options& options, std::string& error);
+/// Another minimum from now on, for all threads. Without effect before open_process_log().
+void set_process_log_minimum(ACE_Log_Priority minimum);
 /// Back to ACE's own output. Only when no other thread logs any more.
 void close_process_log();
 

@@ -193,3 +193,55 @@ TEST(Agent_Config, has_the_values_that_the_documentation_shows)
   EXPECT_EQ(factories(module.options_parsers), factories(shown.modules[0].options_parsers));
   EXPECT_EQ(module.instance_handlers[0].factory, shown.modules[0].instance_handlers[0].factory);
 }
+
+TEST(Agent_Config, a_running_agent_takes_over_what_it_can_and_names_the_rest)
+{
+  const std::string all = R"(
+[agent]
+name = "db1"
+log_level = "debug"
+[server]
+url = "https://backup.example:7480"
+ca_file = "/etc/ca.pem"
+[instances]
+probe_minutes = 5
+[jobs]
+max_concurrent = 7
+history_days = 30
+stop = "cancel"
+stop_seconds = 0
+[[module]]
+name = "one"
+path = "/opt/one.so"
+)";
+  const Agent_Config now = parsed("");
+  std::vector<std::string> restart = {"left over"};
+  Agent_Config taken = reloaded_config(now, now, restart);
+  EXPECT_TRUE(restart.empty());
+  taken = reloaded_config(now, parsed(all), restart);
+  EXPECT_EQ((std::vector<std::string>{"agent.name", "jobs.max_concurrent", "jobs.history_days", "module"}), restart);
+  EXPECT_EQ("", taken.name);
+  EXPECT_EQ(2u, taken.max_concurrent);
+  EXPECT_EQ(90u, taken.history_days);
+  ASSERT_EQ(1u, taken.modules.size());
+  EXPECT_EQ("oscar", taken.modules[0].name);
+  EXPECT_EQ(LM_DEBUG, taken.log_level);
+  EXPECT_EQ("https://backup.example:7480", taken.server_url);
+  EXPECT_EQ("/etc/ca.pem", taken.ca_file);
+  EXPECT_EQ(5u, taken.probe_minutes);
+  EXPECT_TRUE(taken.cancel_at_stop);
+  EXPECT_EQ(0u, taken.stop_seconds);
+}
+
+TEST(Agent_Config, every_part_of_a_module_needs_a_restart)
+{
+  const std::string begin = "[[module]]\nname = \"one\"\npath = \"/opt/one.so\"\n";
+  const Agent_Config now = parsed(begin);
+  for (const char* change : {"[module.rpc]\nm = \"F\"\n", "[module.jobs]\nbackup = \"F\"\n",
+                             "[module.source_parsers]\nbackup = \"F\"\n", "[module.options_parsers]\nbackup = \"F\"\n",
+                             "[module.instances]\nhandler = \"F\"\n", "[[module]]\nname = \"two\"\npath = \"/opt/2.so\"\n"}) {
+    std::vector<std::string> restart;
+    reloaded_config(now, parsed(begin + change), restart);
+    EXPECT_EQ(std::vector<std::string>{"module"}, restart) << change;
+  }
+}

@@ -89,6 +89,18 @@ TEST_F(Server_Key_Test, gives_the_host_its_identity)
   EXPECT_EQ(before.user_id, after.user_id);
 }
 
+TEST_F(Server_Key_Test, an_enrollment_can_be_read_without_being_taken_over)
+{
+  bool fresh = false;
+  ASSERT_TRUE(read_enrollment(file(write_json(enrollment())), key_, fresh, error_)) << error_;
+  EXPECT_TRUE(fresh);
+  EXPECT_EQ("db1", key_.name);
+  EXPECT_NE(0, ::access(server_key_path().c_str(), F_OK));
+  ASSERT_TRUE(keep_server_key(key_, error_)) << error_;
+  ASSERT_TRUE(read_enrollment(root_ / "enroll.json", key_, fresh, error_)) << error_;
+  EXPECT_FALSE(fresh);
+}
+
 TEST_F(Server_Key_Test, a_missing_file_says_where_to_get_one)
 {
   EXPECT_FALSE(import_enrollment(root_ / "nothing.json", key_, error_));

@@ -72,6 +72,23 @@ TEST(Process_Log, writes_what_is_urgent_enough)
   EXPECT_NE(std::string::npos, log.find(" WARNING from a thread\n"));
 }
 
+TEST(Process_Log, its_minimum_can_change)
+{
+  Temp_Dir dir;
+  Scoped_Process_Log restore;
+  kestrel::Log_Options options;
+  options.file = dir / "agent.log";
+  std::string error;
+  ASSERT_TRUE(kestrel::open_process_log(options, error)) << error;
+  kestrel::set_process_log_minimum(LM_ERROR);
+  ACE_ERROR((LM_WARNING, "too quiet now\n"));
+  kestrel::set_process_log_minimum(LM_INFO);
+  ACE_ERROR((LM_WARNING, "heard again\n"));
+  const std::string log = read_file(dir / "agent.log");
+  EXPECT_EQ(1u, lines_of(log));
+  EXPECT_NE(std::string::npos, log.find("heard again"));
+}
+
 TEST(Process_Log, follows_a_rotated_file)
 {
   Temp_Dir dir;
