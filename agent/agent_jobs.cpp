@@ -261,6 +261,21 @@ bool Agent_Jobs::mark_sent(const std::vector<std::string>& run_ids, Jobs_Error& 
   return false;
 }
 
+bool Agent_Jobs::mark_refused(const std::vector<Refused_Run>& runs, Jobs_Error& error)
+{
+  std::string problem;
+  if (!state_->history.mark_refused(runs, problem)) {
+    error = internal(problem);
+    return false;
+  }
+  const std::lock_guard<std::mutex> guard(state_->mutex);
+  for (auto& [id, job] : state_->jobs)
+    for (const Refused_Run& run : runs)
+      if (job.last_run.run_id == run.run_id)
+        job.last_run.refusal = run.reason;
+  return true;
+}
+
 void Agent_Jobs::end_grace()
 {
   state_->runner.end_grace();

@@ -14,6 +14,7 @@ namespace kestrel
 {
 class Heartbeats;
 class Module_Table;
+struct Refused_Run;
 
 /// Why a request about jobs was refused. The codes are those of JSON-RPC answers.
 struct Jobs_Error {
@@ -61,7 +62,7 @@ public:
     std::string host_uuid; ///< stands in the run records
     unsigned max_concurrent = 2;
     unsigned history_days = 90;
-    /// Records of ended runs wait for mark_sent(), however old. False when there is no server.
+    /// Records of ended runs wait for mark_sent() or mark_refused(), however old. False when there is no server.
     bool server = true;
     /// Where the loops of the schedules and of the runs report with every turn, at least twice a second while the disk
     /// answers, from start() until stop() has ended them. A run may last for hours: its loop turns meanwhile. Not owned,
@@ -116,10 +117,12 @@ public:
   [[nodiscard]] bool history(const std::string& id, unsigned limit, json_spirit::Array& runs,
                              Jobs_Error& error) const;
 
-  /// Records of ended runs that the server has not acknowledged, oldest first.
+  /// Records of ended runs that the server has neither acknowledged nor refused, oldest first.
   json_spirit::Array unsent_runs(unsigned limit) const;
   /// The server has these; ids that are not known are ignored.
   [[nodiscard]] bool mark_sent(const std::vector<std::string>& run_ids, Jobs_Error& error);
+  /// The server will never take these: history() and list() tell why from now on, unsent_runs() leaves them out.
+  [[nodiscard]] bool mark_refused(const std::vector<Refused_Run>& runs, Jobs_Error& error);
 
   struct Counts {
     unsigned running = 0;

@@ -79,6 +79,8 @@ const Job_Database::Migrations& Job_Database::schema()
       "CREATE INDEX run_open ON run (number) WHERE ended_at = 0",
       "CREATE INDEX run_ended ON run (ended_at)",
       "CREATE TABLE setting (name TEXT PRIMARY KEY, value TEXT NOT NULL)",
+  }, {
+      "ALTER TABLE run ADD COLUMN refusal TEXT NOT NULL DEFAULT ''",
   }};
   return migrations;
 }

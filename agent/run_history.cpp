@@ -11,7 +11,7 @@ namespace
 {
 const char columns[] =
     "run_id, definition_id, revision, name, cause, state, queued_at, started_at, ended_at, reason, "
-    "log_path, alerts, done_bytes, instance";
+    "log_path, alerts, done_bytes, instance, refusal";
 
 /// A record in the types that the database library binds.
 struct Row {
@@ -53,10 +53,10 @@ struct Row {
 void insert(soci::session& session, Row row)
 {
   Run_Record& run = row.record;
-  // What was acknowledged stays so.
+  // What was acknowledged or refused stays so.
   session
       << "INSERT INTO run (" << columns
-      << ", sent) VALUES (:a, :b, :c, :d, :e, :f, :g, :h, :i, :j, :k, :l, :m, :n, :o) ON CONFLICT (run_id) "
+      << ", sent) VALUES (:a, :b, :c, :d, :e, :f, :g, :h, :i, :j, :k, :l, :m, :n, '', :o) ON CONFLICT (run_id) "
          "DO "
          "UPDATE SET state = excluded.state, started_at = excluded.started_at, ended_at = excluded.ended_at, "
          "reason = excluded.reason, log_path = excluded.log_path, alerts = excluded.alerts, "
@@ -86,6 +86,8 @@ json_spirit::Object run_record_json(const Run_Record& record, const std::string&
   set_value(object, "alerts", record.alerts);
   set_value(object, "done_bytes", record.done_bytes);
   set_value(object, "instance", record.instance);
+  if (!record.refusal.empty())
+    set_value(object, "refusal", record.refusal);
   return object;
 }
 
@@ -125,6 +127,7 @@ bool Run_History::select(const std::string& rest, std::vector<Run_Record>& recor
           rows.exchange(soci::into(*text));
         rows.exchange(soci::into(row.done_bytes));
         rows.exchange(soci::into(run.instance));
+        rows.exchange(soci::into(run.refusal));
         if (!key.empty())
           rows.exchange(soci::use(key));
         rows.alloc();
@@ -190,6 +193,17 @@ bool Run_History::mark_sent(const std::vector<std::string>& run_ids, std::string
       [&](soci::session& session) {
         for (const std::string& run_id : run_ids)
           session << "UPDATE run SET sent = 1 WHERE run_id = :r AND ended_at <> 0", soci::use(run_id);
+      },
+      error);
+}
+
+bool Run_History::mark_refused(const std::vector<Refused_Run>& runs, std::string& error)
+{
+  return database_.write(
+      [&](soci::session& session) {
+        for (const Refused_Run& run : runs)
+          session << "UPDATE run SET sent = 1, refusal = :w WHERE run_id = :r AND ended_at <> 0 AND sent = 0",
+              soci::use(run.reason), soci::use(run.run_id);
       },
       error);
 }

@@ -28,9 +28,16 @@ struct Run_Record {
   json_spirit::Array alerts; ///< {"category","code","data"} each
   uint64_t done_bytes = 0;
   std::string instance;
+  std::string refusal; ///< why the server will never take this record; empty: it may, or it has
 };
 
-/// The record as it travels to the server and to consoles.
+/// A record that the server refused for good.
+struct Refused_Run {
+  std::string run_id;
+  std::string reason; ///< not empty
+};
+
+/// The record as it travels to the server and to consoles; "refusal" is there only when there is one.
 json_spirit::Object run_record_json(const Run_Record& record, const std::string& host_uuid);
 
 /// The runs in the agent's database.
@@ -60,10 +67,12 @@ public:
   /// Latest first; of all definitions when `definition_id` is empty.
   [[nodiscard]] bool list(const std::string& definition_id, unsigned limit, std::vector<Run_Record>& records,
                           std::string& error) const;
-  /// Ended runs that the server has not acknowledged, oldest first.
+  /// Ended runs that the server has neither acknowledged nor refused, oldest first.
   [[nodiscard]] bool unsent(unsigned limit, std::vector<Run_Record>& records, std::string& error) const;
   [[nodiscard]] bool mark_sent(const std::vector<std::string>& run_ids, std::string& error);
-  /// Forgets acknowledged runs that ended before the time, and says which logs they leave.
+  /// Keeps the reasons and has the server sent these no more. A record that was acknowledged stays so.
+  [[nodiscard]] bool mark_refused(const std::vector<Refused_Run>& runs, std::string& error);
+  /// Forgets acknowledged and refused runs that ended before the time, and says which logs they leave.
   [[nodiscard]] bool prune(time_t ended_before, std::vector<std::string>& log_paths, std::string& error);
 
 private:

@@ -51,8 +51,13 @@ TEST(Agent_Jobs, runs_a_backup_on_request_and_keeps_its_record)
   ASSERT_EQ(1u, unsent.size());
   EXPECT_EQ(kestrel::write_json(record), kestrel::write_json(unsent[0]));
   Jobs_Error error;
-  ASSERT_TRUE(agent.jobs->mark_sent({run}, error)) << error.text;
+  ASSERT_TRUE(agent.jobs->mark_refused({{run, "never heard of it"}}, error)) << error.text;
   EXPECT_TRUE(agent.jobs->unsent_runs(10).empty());
+  EXPECT_EQ("never heard of it", text_of(find_value(agent.entry(1), "last_run").get_obj(), "refusal"));
+  json_spirit::Array kept;
+  ASSERT_TRUE(agent.jobs->history("", 10, kept, error)) << error.text;
+  ASSERT_EQ(1u, kept.size());
+  EXPECT_EQ("never heard of it", text_of(kept[0].get_obj(), "refusal"));
 
   ASSERT_TRUE(
       eventually([&] { return !agent.heard(run).empty() && agent.heard(run).back() == "completed"; }));

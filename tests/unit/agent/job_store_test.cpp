@@ -175,6 +175,37 @@ TEST_F(Job_Store_Test, gives_ended_runs_until_they_are_acknowledged)
   EXPECT_EQ((Ids{"r2", "r3"}), unsent()) << "it had not ended when it was acknowledged";
 }
 
+TEST_F(Job_Store_Test, keeps_what_the_server_refuses_with_its_reason_and_offers_it_no_more)
+{
+  put("r1", 10);
+  put("r2", 0);
+  put("r3", 30);
+  put("r4", 40);
+  std::string error;
+  ASSERT_TRUE(history_.mark_sent({"r4"}, error)) << error;
+  ASSERT_TRUE(history_.mark_refused({{"r1", "no such host"}, {"r2", "too early"}, {"r4", "too late"}}, error)) << error;
+  EXPECT_EQ(Ids{"r3"}, unsent());
+  put("r1", 11); // stored once more, as a record whose writing was late
+  EXPECT_EQ(Ids{"r3"}, unsent());
+
+  std::map<std::string, std::string> refusals;
+  std::vector<Run_Record> records;
+  ASSERT_TRUE(history_.list("", 10, records, error)) << error;
+  for (const Run_Record& record : records)
+    refusals[record.run_id] = record.refusal;
+  EXPECT_EQ((std::map<std::string, std::string>{{"r1", "no such host"}, {"r2", ""}, {"r3", ""}, {"r4", ""}}), refusals);
+  Run_Record found;
+  bool is_found = false;
+  ASSERT_TRUE(history_.find("r1", found, is_found, error)) << error;
+  EXPECT_EQ("no such host", json_spirit::find_value(run_record_json(found, "h"), "refusal").get_str());
+  ASSERT_TRUE(history_.find("r3", found, is_found, error)) << error;
+  EXPECT_TRUE(json_spirit::find_value(run_record_json(found, "h"), "refusal").is_null());
+
+  std::vector<std::string> logs;
+  ASSERT_TRUE(history_.prune(20, logs, error)) << error;
+  EXPECT_EQ(Ids{"/log/r1"}, logs);
+}
+
 TEST_F(Job_Store_Test, knows_the_last_run_of_every_definition)
 {
   put("r1", 10, "d1");
@@ -291,6 +322,34 @@ TEST(Job_Database, brings_an_older_schema_up_to_date)
 
   EXPECT_FALSE(database.open(dir / "a.db", error, old));
   EXPECT_NE(std::string::npos, error.find("newer release")) << error;
+}
+
+TEST(Job_Database, keeps_the_runs_of_a_release_that_knew_no_refusals)
+{
+  Temp_Dir dir;
+  std::string error;
+  const Job_Database::Migrations former(Job_Database::schema().begin(), Job_Database::schema().begin() + 1);
+  {
+    Job_Database database;
+    ASSERT_TRUE(database.open(dir / "a.db", error, former)) << error;
+    ASSERT_TRUE(database.write(
+        [](soci::session& session) {
+          session << "INSERT INTO run (run_id, definition_id, revision, name, cause, state, queued_at, started_at, ended_at, "
+                     "reason, log_path, alerts, done_bytes, instance, sent) VALUES "
+                     "('r1', 'd1', 1, 'nightly', 'schedule', 0, 1, 2, 3, '', '', '[]', 4, 'DB1', 0)";
+        },
+        error))
+        << error;
+  }
+  Job_Database database;
+  ASSERT_TRUE(database.open(dir / "a.db", error)) << error;
+  Run_History history(database, true);
+  std::vector<Run_Record> records;
+  ASSERT_TRUE(history.unsent(10, records, error)) << error;
+  ASSERT_EQ(1u, records.size());
+  EXPECT_EQ("r1", records[0].run_id);
+  EXPECT_EQ("DB1", records[0].instance);
+  EXPECT_EQ("", records[0].refusal);
 }
 
 TEST(Job_Database, tells_what_to_do_about_a_file_it_cannot_use)
