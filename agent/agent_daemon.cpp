@@ -11,6 +11,8 @@
 
 #include <ace/Log_Msg.h>
 
+#include <boost/algorithm/string/join.hpp>
+
 #include <atomic>
 #include <cerrno>
 #include <clocale>
@@ -19,6 +21,7 @@
 #include <cstring>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace kestrel
 {
@@ -94,7 +97,10 @@ bool Agent_Daemon::prepare(std::string& error)
                                  : "cannot lock " + lock_path + ": " + std::strerror(errno);
     return false;
   }
-  if (!read_settings(error) || !open_log(error) || !load_host_identity(identity_, error))
+  if (!read_settings(settings_, error) || (settings_.fresh_key && !keep_server_key(settings_.key, error)))
+    return false;
+  name_ = settings_.name();
+  if (!open_log(error) || !load_host_identity(identity_, error))
     return false;
   watchdog_ = std::make_unique<Watchdog>(notifier_, heartbeats_);
   main_heartbeat_ = heartbeats_.add("main loop", main_stuck_msec);
@@ -102,34 +108,50 @@ bool Agent_Daemon::prepare(std::string& error)
   return true;
 }
 
-bool Agent_Daemon::read_settings(std::string& error)
+bool Agent_Daemon::read_settings(Settings& settings, std::string& error) const
 {
-  Agent_Config config;
-  if (!load_agent_config(options_.config.empty() ? agent_config_path() : options_.config, config, error))
+  Settings read;
+  if (!load_agent_config(options_.config.empty() ? agent_config_path() : options_.config, read.config, error))
     return false;
-  Server_Key key;
-  const bool enrolled = options_.enrollment.empty() ? load_server_key(key, error)
-                                                    : import_enrollment(options_.enrollment, key, error);
+  const bool enrolled = options_.enrollment.empty() ? load_server_key(read.key, error)
+                                                    : read_enrollment(options_.enrollment, read.key, read.fresh_key, error);
   if (!enrolled)
     return false;
-  std::string url = !options_.server_url.empty() ? options_.server_url : config.server_url;
-  if (url.empty())
-    url = key.url;
+  read.url = !options_.server_url.empty() ? options_.server_url : read.config.server_url;
+  if (read.url.empty())
+    read.url = read.key.url;
   std::string host;
   unsigned short port = 0;
-  if (!url.empty() && !parse_server_url(url, host, port, error))
+  if (!read.url.empty() && !parse_server_url(read.url, host, port, error))
     return false;
-  if (!url.empty() && !key.enrolled()) {
-    error = "this host is not enrolled at " + url + ": run 'kestrel server enroll' there and start the agent once with " +
+  if (!read.url.empty() && !read.key.enrolled()) {
+    error = "this host is not enrolled at " + read.url + ": run 'kestrel server enroll' there and start the agent once with " +
             "--enrollment FILE";
     return false;
   }
-  config_ = config;
-  key_ = key;
-  server_url_ = url;
-  access_ = key.enrolled() ? key.header() : "";
-  name_ = !config.name.empty() ? config.name : key.enrolled() ? key.name : network_name();
+  settings = read;
   return true;
+}
+
+std::string Agent_Daemon::Settings::name() const
+{
+  return !config.name.empty() ? config.name : key.enrolled() ? key.name : network_name();
+}
+
+TLS_Client_Options Agent_Daemon::Settings::tls() const
+{
+  TLS_Client_Options options;
+  if (config.ca_file.empty())
+    options.ca_pem = key.ca_pem;
+  else
+    options.ca_file = config.ca_file;
+  return options;
+}
+
+bool Agent_Daemon::Settings::same_connection(const Settings& other) const
+{
+  return url == other.url && access() == other.access() && config.ca_file == other.config.ca_file &&
+         key.ca_pem == other.key.ca_pem;
 }
 
 bool Agent_Daemon::open_log(std::string& error)
@@ -137,25 +159,25 @@ bool Agent_Daemon::open_log(std::string& error)
   Log_Options log;
   log.file = Path_Conf("/var/log/kestrel3").path("agent.log");
   log.to_stderr = options_.stderr_log;
-  log.minimum = config_.log_level;
+  log.minimum = settings_.config.log_level;
   log_opened_ = open_process_log(log, error);
   return log_opened_;
 }
 
 bool Agent_Daemon::open_jobs(std::string& error)
 {
-  if (!modules_.open(config_.modules, error))
+  if (!modules_.open(settings_.config.modules, error))
     return false;
   registry_ = std::make_unique<Instance_Registry>(identity_.host_id);
   Instance_Service::Settings times;
-  times.probe_msec = static_cast<int64_t>(config_.probe_minutes) * 60 * 1000;
+  times.probe_msec = static_cast<int64_t>(settings_.config.probe_minutes) * 60 * 1000;
   instances_ = std::make_unique<Instance_Service>(*registry_, modules_.instance_handlers(), times);
 
   Agent_Jobs::Settings settings;
   settings.host_uuid = identity_.host_id;
-  settings.server = !server_url_.empty();
-  settings.max_concurrent = config_.max_concurrent;
-  settings.history_days = config_.history_days;
+  settings.server = !settings_.url.empty();
+  settings.max_concurrent = settings_.config.max_concurrent;
+  settings.history_days = settings_.config.history_days;
   settings.heartbeats = &heartbeats_;
   jobs_ = std::make_unique<Agent_Jobs>(modules_, settings);
   if (!jobs_->open(error)) {
@@ -214,15 +236,14 @@ bool Agent_Daemon::serve(std::string& error)
 
 bool Agent_Daemon::connect(std::string& error)
 {
-  if (server_url_.empty())
+  if (settings_.url.empty())
     return true;
+  const TLS_Client_Options tls = settings_.tls();
   Upstream_Options upstream;
-  upstream.url = server_url_;
-  if (config_.ca_file.empty())
-    upstream.ca_pem = key_.ca_pem;
-  else
-    upstream.ca_file = config_.ca_file;
-  upstream.access_key = access_;
+  upstream.url = settings_.url;
+  upstream.ca_pem = tls.ca_pem;
+  upstream.ca_file = tls.ca_file;
+  upstream.access_key = settings_.access();
   if (!register_upstream(upstream, error))
     return false;
   REST_Client_Options rest;
@@ -232,10 +253,9 @@ bool Agent_Daemon::connect(std::string& error)
   rest.access_key = upstream.access_key;
 
   Server_Link::Settings settings;
-  settings.url = server_url_;
-  settings.access = access_;
-  settings.tls.ca_pem = upstream.ca_pem;
-  settings.tls.ca_file = upstream.ca_file;
+  settings.url = settings_.url;
+  settings.access = upstream.access_key;
+  settings.tls = tls;
   const auto link = std::make_shared<Server_Link>(settings, link_host(), dispatcher_, network_, &heartbeats_);
   {
     const std::lock_guard<std::mutex> guard(link_mutex_);
@@ -246,17 +266,15 @@ bool Agent_Daemon::connect(std::string& error)
   return true;
 }
 
-void Agent_Daemon::disconnect()
+void Agent_Daemon::stop_link()
 {
   std::shared_ptr<Server_Link> link;
   {
     const std::lock_guard<std::mutex> guard(link_mutex_);
     link.swap(link_);
   }
-  if (!link)
-    return;
-  link->stop();
-  unregister_upstream();
+  if (link)
+    link->stop();
 }
 
 Link_Host Agent_Daemon::link_host()
@@ -264,9 +282,10 @@ Link_Host Agent_Daemon::link_host()
   Link_Host host;
   host.hello = [this] { return services_->hello(); };
   host.unsent_runs = [this](unsigned limit) { return jobs_->unsent_runs(limit); };
-  host.post_runs = [this](const json_spirit::Array& records, std::vector<std::string>& stored) {
-    return post_runs(records, stored);
+  host.post_runs = [this](const json_spirit::Array& records, Report_Answer& answer) {
+    return post_runs(records, answer);
   };
+  host.refuse = [this](const std::vector<Refused_Run>& runs) { return refuse_runs(runs); };
   host.acknowledge = [this](const std::vector<std::string>& run_ids) {
     Jobs_Error problem;
     if (jobs_->mark_sent(run_ids, problem))
@@ -278,7 +297,7 @@ Link_Host Agent_Daemon::link_host()
   return host;
 }
 
-Report_Outcome Agent_Daemon::post_runs(const json_spirit::Array& records, std::vector<std::string>& stored)
+Report_Outcome Agent_Daemon::post_runs(const json_spirit::Array& records, Report_Answer& answer)
 {
   std::shared_ptr<REST_Client> client;
   {
@@ -294,25 +313,27 @@ Report_Outcome Agent_Daemon::post_runs(const json_spirit::Array& records, std::v
   call.seconds = report_seconds;
   json_spirit::Value reply;
   REST_Problem problem;
-  Report_Outcome outcome = Report_Outcome::answered;
-  if (client->call(call, &body, reply, problem)) {
-    try {
-      for (const json_spirit::Value& id : required<json_spirit::Array>(reply.get_obj(), "stored"))
-        stored.push_back(id.get_str());
-      report_problem_.clear();
-      return outcome;
-    } catch (const std::exception& exception) {
-      problem.text = std::string("its answer cannot be used: ") + exception.what();
-      outcome = Report_Outcome::unreachable;
-    }
-  } else {
-    outcome = problem.kind == REST_Problem::refused ? Report_Outcome::refused : Report_Outcome::unreachable;
-  }
-  if (report_problem_ != problem.text)
+  const Report_Outcome outcome = client->call(call, &body, reply, problem) ? read_report_answer(reply, answer)
+                                                                           : read_report_failure(problem, answer);
+  if (outcome == Report_Outcome::unreachable && report_problem_ != answer.reason)
     ACE_ERROR((LM_WARNING, "%C not be reported to the server now: %C\n",
-               (in_words(static_cast<unsigned>(records.size()), "run", "runs") + " can").c_str(), problem.text.c_str()));
-  report_problem_ = problem.text;
+               (in_words(static_cast<unsigned>(records.size()), "run", "runs") + " can").c_str(), answer.reason.c_str()));
+  report_problem_ = outcome == Report_Outcome::unreachable ? answer.reason : std::string();
   return outcome;
+}
+
+bool Agent_Daemon::refuse_runs(const std::vector<Refused_Run>& runs)
+{
+  Jobs_Error problem;
+  if (!jobs_->mark_refused(runs, problem)) {
+    ACE_ERROR((LM_ERROR, "Runs that the server refuses cannot be marked as such, they will be reported again: %C\n",
+               problem.text.c_str()));
+    return false;
+  }
+  for (const Refused_Run& run : runs)
+    ACE_ERROR((LM_WARNING, "The server will not take the record of run %C, which stays in the history of this host only: %C\n",
+               run.run_id.c_str(), run.reason.c_str()));
+  return true;
 }
 
 void Agent_Daemon::turn_until_ended()
@@ -329,25 +350,63 @@ void Agent_Daemon::turn_until_ended()
 void Agent_Daemon::reload()
 {
   ignore_result(notifier_.reloading(), "logged");
-  const std::string url = server_url_;
-  const std::string access = access_;
-  const std::string ca = config_.ca_file + "\n" + key_.ca_pem;
+  Settings next;
   std::string error;
-  if (!read_settings(error)) {
+  if (!read_settings(next, error) || !can_take(next, error))
     ACE_ERROR((LM_ERROR, "The settings stay as they were: %C\n", error.c_str()));
-  } else {
-    ACE_DEBUG((LM_INFO, "The settings were read again\n"));
-    instances_->set_probe_msec(static_cast<int64_t>(config_.probe_minutes) * 60 * 1000);
-    read_local_definitions();
-    const bool same = url == server_url_ && access == access_ && ca == config_.ca_file + "\n" + key_.ca_pem;
-    if (!same) {
-      disconnect();
-      if (!connect(error))
-        ACE_ERROR((LM_ERROR, "The connection to the server cannot be set up: %C\n", error.c_str()));
-    }
-  }
+  else
+    take(next);
   told_status_ = status_text();
   ignore_result(notifier_.ready(told_status_), "logged");
+}
+
+/// Whether a running agent can work with these. Changes nothing.
+bool Agent_Daemon::can_take(const Settings& next, std::string& error) const
+{
+  // Its identity stands in what jobs and instances have recorded, and without a server no record waits to be reported.
+  if (settings_.key.host_uuid != next.key.host_uuid) {
+    error = (!next.key.enrolled()       ? std::string("this host is not enrolled any more")
+             : settings_.key.enrolled() ? "this host is now enrolled as " + next.key.name + " (" + next.key.host_uuid + ")"
+                                        : "this host was enrolled at " + next.key.url) +
+            "; restart the agent to work with that";
+    return false;
+  }
+  if (next.url.empty() || settings_.same_connection(next))
+    return true;
+  std::string problem;
+  if (TLS_Client_Context::create(next.tls(), problem))
+    return true;
+  error = "no connection to " + next.url + " could be made with them: " + problem;
+  return false;
+}
+
+void Agent_Daemon::take(const Settings& next)
+{
+  std::string error;
+  if (next.fresh_key && !keep_server_key(next.key, error)) {
+    ACE_ERROR((LM_ERROR, "The settings stay as they were: %C\n", error.c_str()));
+    return;
+  }
+  const bool same_connection = settings_.same_connection(next);
+  std::vector<std::string> restart;
+  const Agent_Config config = reloaded_config(settings_.config, next.config, restart);
+  if (name_ != next.name() && settings_.config.name == next.config.name)
+    restart.insert(restart.begin(), "agent.name");
+  settings_ = next;
+  settings_.config = config;
+  ACE_DEBUG((LM_INFO, "The settings were read again\n"));
+  if (!restart.empty())
+    ACE_ERROR((LM_WARNING, "These settings have changed and count when the agent is restarted: %C\n",
+               boost::algorithm::join(restart, ", ").c_str()));
+  set_process_log_minimum(settings_.config.log_level);
+  instances_->set_probe_msec(static_cast<int64_t>(settings_.config.probe_minutes) * 60 * 1000);
+  read_local_definitions();
+  if (same_connection)
+    return;
+  // The former way to the server stays for jobs until the new one is in its place.
+  stop_link();
+  if (!connect(error))
+    ACE_ERROR((LM_ERROR, "The connection to the server cannot be set up: %C\n", error.c_str()));
 }
 
 std::string Agent_Daemon::status_text() const
@@ -355,9 +414,9 @@ std::string Agent_Daemon::status_text() const
   std::string text = "no server";
   if (link_) {
     const Server_Link::Status link = link_->status();
-    text = link.connected           ? "connected to " + server_url_
-           : link.problem.empty()   ? "connecting to " + server_url_
-                                    : "not connected to " + server_url_ + ": " + link.problem;
+    text = link.connected           ? "connected to " + settings_.url
+           : link.problem.empty()   ? "connecting to " + settings_.url
+                                    : "not connected to " + settings_.url + ": " + link.problem;
   }
   const Agent_Jobs::Counts counts = jobs_->counts();
   return text + "; " + in_words(counts.running, "run", "runs") + " under way, " + std::to_string(counts.queued) +
@@ -378,7 +437,7 @@ bool Agent_Daemon::stop_jobs()
   std::atomic<bool> ended{false};
   bool all_ended = false;
   std::thread waiter([&] {
-    all_ended = jobs_->stop(config_.stop_seconds, config_.cancel_at_stop);
+    all_ended = jobs_->stop(settings_.config.stop_seconds, settings_.config.cancel_at_stop);
     ended = true;
     signals_.wake();
   });
@@ -430,7 +489,8 @@ bool Agent_Daemon::leave()
   }
   if (instances_)
     instances_->set_listener(nullptr);
-  disconnect();
+  stop_link();
+  unregister_upstream();
   if (instances_)
     instances_->stop();
   const bool served = dispatcher_.stop();

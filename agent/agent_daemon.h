@@ -25,8 +25,10 @@ namespace kestrel
 /// keeps catalog, pools and backups there.
 ///
 /// SIGTERM and SIGINT end it: runs under way are waited for or canceled, as agent.toml says; a second one cancels them
-/// at once. SIGHUP reads agent.toml again: the address of the server, its key and the times count from then on, the rest
-/// with the next start.
+/// at once. SIGHUP reads agent.toml and the enrollment again, whole or not at all: settings that are wrong, and an
+/// enrollment as another host or a first one, leave everything as it was, which the log says. Of what it takes over, the
+/// server's address, key and authority, the log level, the times and the definitions of this host count at once; the log
+/// names those that count with the next start (reloaded_config()).
 /// Threads:   run() on the main thread, before any other thread was made.
 /// Ownership: owns everything it makes.
 /// Errors:    run() gives the exit code of the process: 0 after a signal ended it, 1 after one line on the standard error
@@ -52,18 +54,35 @@ public:
 
 private:
   bool prepare(std::string& error);
-  bool read_settings(std::string& error);
+  /// What agent.toml, the enrollment and the command line say together.
+  struct Settings {
+    Agent_Config config;
+    Server_Key key;
+    bool fresh_key = false; ///< it is not kept yet
+    std::string url;        ///< empty: this host works alone
+
+    std::string name() const;
+    /// The value of the access key header.
+    std::string access() const { return key.enrolled() ? key.header() : ""; }
+    TLS_Client_Options tls() const;
+    bool same_connection(const Settings& other) const;
+  };
+
+  bool read_settings(Settings& settings, std::string& error) const;
   bool open_log(std::string& error);
   bool open_jobs(std::string& error);
   bool serve(std::string& error);
   bool connect(std::string& error);
-  void disconnect();
+  void stop_link();
   Link_Host link_host();
-  Report_Outcome post_runs(const json_spirit::Array& records, std::vector<std::string>& stored);
+  Report_Outcome post_runs(const json_spirit::Array& records, Report_Answer& answer);
+  bool refuse_runs(const std::vector<Refused_Run>& runs);
   void read_local_definitions();
 
   void turn_until_ended();
   void reload();
+  bool can_take(const Settings& next, std::string& error) const;
+  void take(const Settings& next);
   void stop();
   void give_up();
   /// Ends everything but the jobs. False when a request of the server is still at work.
@@ -79,10 +98,7 @@ private:
   size_t main_heartbeat_ = 0;
   std::unique_ptr<Watchdog> watchdog_;
   Service_Signals signals_;
-  Agent_Config config_;
-  Server_Key key_;
-  std::string server_url_; ///< empty: this host works alone
-  std::string access_;     ///< value of the access key header
+  Settings settings_; ///< in force
   Host_Identity identity_;
   std::string name_;
   File_Lock lock_;

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <random>
 #include <set>
 #include <unistd.h>
@@ -33,17 +34,9 @@ uint32_t any_seed()
   return std::random_device()() ^ static_cast<uint32_t>(::getpid());
 }
 
-/// Those of `ids` that name one of the records: a server may not acknowledge what it was not sent.
-std::vector<std::string> ids_of(const json_spirit::Array& records, const std::vector<std::string>& ids)
+std::string run_id_of(const json_spirit::Value& record)
 {
-  std::set<std::string> sent;
-  for (const json_spirit::Value& record : records)
-    sent.insert(required<std::string>(record.get_obj(), "run_id"));
-  std::vector<std::string> known;
-  for (const std::string& id : ids)
-    if (sent.erase(id) != 0)
-      known.push_back(id);
-  return known;
+  return required<std::string>(record.get_obj(), "run_id");
 }
 } // namespace
 
@@ -60,6 +53,7 @@ struct Server_Link::Shared {
   bool instances_waiting = false;
   json_spirit::Array instances;
   bool report_due = false;
+  bool connected_anew = false; ///< since the last report
   Status status;
 
   bool gone() const { return stop || closed >= connection; }
@@ -286,7 +280,7 @@ void Server_Link::note_connected()
     shared_->status.refused = false;
     shared_->status.problem.clear();
     ++shared_->status.connections;
-    shared_->report_due = true;
+    shared_->connected_anew = true;
     shared_->wake_report.notify_all();
   }
   ACE_DEBUG((LM_INFO, "Connected to the backup server %C\n", settings_.url.c_str()));
@@ -332,17 +326,24 @@ bool Server_Link::tell_next(JSON_RPC_Peer& peer)
 
 void Server_Link::run_reports()
 {
+  int64_t pause_msec = settings_.report_msec;
+  bool failed = false;
+  Time::time_point next = Time::now() + std::chrono::milliseconds(pause_msec);
   std::unique_lock<std::mutex> lock(shared_->mutex);
   while (!shared_->stop) {
-    shared_->wake_report.wait_for(lock, std::chrono::milliseconds(settings_.report_msec), [this] {
-      return shared_->stop || (shared_->report_due && shared_->status.connected);
+    shared_->wake_report.wait_until(lock, next, [this, failed] {
+      return shared_->stop || (shared_->status.connected && (shared_->connected_anew || (shared_->report_due && !failed)));
     });
-    if (shared_->stop || !shared_->status.connected)
-      continue;
-    shared_->report_due = false;
-    lock.unlock();
-    report_batches();
-    lock.lock();
+    if (shared_->stop)
+      break;
+    if (shared_->status.connected) {
+      shared_->report_due = shared_->connected_anew = false;
+      lock.unlock();
+      failed = !report_batches();
+      lock.lock();
+      pause_msec = failed ? std::min(2 * pause_msec, settings_.longest_report_msec) : settings_.report_msec;
+    }
+    next = Time::now() + std::chrono::milliseconds(pause_msec);
   }
 }
 
@@ -354,30 +355,63 @@ bool Server_Link::report_now()
 bool Server_Link::report_batches()
 {
   const std::lock_guard<std::mutex> guard(report_mutex_);
+  std::set<std::string> settled;
   for (;;) {
     const json_spirit::Array records = host_.unsent_runs(settings_.report_batch);
     if (records.empty())
       return true;
-    bool reached = true;
-    if (report(records, reached))
-      continue;
-    // One record that the server does not want must not hold up the others.
-    bool some = false;
-    for (size_t i = 0; reached && records.size() > 1 && i < records.size(); ++i)
-      some = report({records[i]}, reached) || some;
-    if (!some)
+    // One that is settled and offered again was not noted as such: this would go on for ever.
+    for (const json_spirit::Value& record : records)
+      if (settled.count(run_id_of(record)) != 0)
+        return false;
+    if (!report(records, settled))
       return false;
   }
 }
 
-bool Server_Link::report(const json_spirit::Array& records, bool& reached)
+/// False when it is of no use to go on now.
+bool Server_Link::report(const json_spirit::Array& records, std::set<std::string>& settled)
 {
-  std::vector<std::string> stored;
-  const Report_Outcome outcome = host_.post_runs(records, stored);
-  reached = outcome != Report_Outcome::unreachable;
-  if (outcome != Report_Outcome::answered)
+  if (stopping())
     return false;
-  const std::vector<std::string> acknowledged = ids_of(records, stored);
-  return !acknowledged.empty() && host_.acknowledge(acknowledged);
+  Report_Answer answer;
+  const Report_Outcome outcome = host_.post_runs(records, answer);
+  if (outcome == Report_Outcome::unreachable)
+    return false;
+  if (outcome == Report_Outcome::answered)
+    return settle(records, answer, settled);
+  if (records.size() == 1) {
+    answer.stored.clear();
+    answer.refused = {Refused_Run{run_id_of(records.front()), answer.reason}};
+    return settle(records, answer, settled);
+  }
+  const auto middle = records.begin() + static_cast<std::ptrdiff_t>(records.size() / 2);
+  return report(json_spirit::Array(records.begin(), middle), settled) &&
+         report(json_spirit::Array(middle, records.end()), settled);
+}
+
+/// Notes what became of the records. False when it says nothing of any, or cannot be noted. A server cannot settle what it
+/// was not sent.
+bool Server_Link::settle(const json_spirit::Array& records, const Report_Answer& answer,
+                         std::set<std::string>& settled)
+{
+  std::set<std::string> sent;
+  for (const json_spirit::Value& record : records)
+    sent.insert(run_id_of(record));
+  std::vector<std::string> stored;
+  std::vector<Refused_Run> refused;
+  for (const std::string& id : answer.stored)
+    if (sent.erase(id) != 0)
+      stored.push_back(id);
+  for (const Refused_Run& run : answer.refused)
+    if (sent.erase(run.run_id) != 0)
+      refused.push_back(run);
+  if ((stored.empty() && refused.empty()) || (!stored.empty() && !host_.acknowledge(stored)) ||
+      (!refused.empty() && !host_.refuse(refused)))
+    return false;
+  settled.insert(stored.begin(), stored.end());
+  for (const Refused_Run& run : refused)
+    settled.insert(run.run_id);
+  return true;
 }
 } // namespace kestrel

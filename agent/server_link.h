@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/reconnect_delay.h"
+#include "agent/run_report.h"
 #include "agent/state_outbox.h"
 #include "agent/systemd_notify.h"
 #include "json/value.h"
@@ -12,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,32 +23,29 @@ namespace kestrel
 class JSON_RPC_Dispatcher;
 class JSON_RPC_Peer;
 
-/// What became of a batch of run records.
-enum class Report_Outcome {
-  answered,    ///< the server said which of them it has stored
-  refused,     ///< it wants none of this batch, and would not want it later
-  unreachable, ///< it could not be asked; later it may work
-};
-
 /// What a link tells the server, and who gives it.
 struct Link_Host {
   /// The parameters of the greeting: who this is, its instances and jobs as they are now. Must not wait for tools.
   std::function<json_spirit::Object()> hello;
-  /// Run records that the server has not acknowledged, oldest first.
+  /// Run records that the server has neither acknowledged nor refused, oldest first.
   std::function<json_spirit::Array(unsigned limit)> unsent_runs;
-  /// Sends records. With `answered`, `stored` holds the run ids of those that the server has now. Ends within bounded
-  /// time.
-  std::function<Report_Outcome(const json_spirit::Array& records, std::vector<std::string>& stored)> post_runs;
+  /// Sends records. Ends within bounded time.
+  std::function<Report_Outcome(const json_spirit::Array& records, Report_Answer& answer)> post_runs;
   /// Notes durably that the server has them.
   std::function<bool(const std::vector<std::string>& run_ids)> acknowledge;
+  /// Notes durably that the server will never take them, and tells the log.
+  std::function<bool(const std::vector<Refused_Run>& runs)> refuse;
 };
 
 /// An agent's connection to its backup server: dials, greets, tells what changes and serves the server's requests; when
 /// the connection goes, it waits and dials again, for ever.
 ///
 /// After every greeting the server knows everything, since the greeting holds it all; in between it is told of changes.
-/// A slow server gets the newest state of each job only. Run records are sent by POST until they are acknowledged, at
-/// least once each, beginning with every connection and every report_msec.
+/// A slow server gets the newest state of each job only. Run records are sent by POST until they are acknowledged or
+/// refused for good, at least once each: when a run ends, with every connection, and every report_msec. Of a batch that
+/// the server refuses, the records that it does not want are found by halves, so that they hold up no other. After a
+/// report that came to nothing (no server, no usable answer, a disk that is full) only a new connection is a reason to try
+/// again before a pause is over, which doubles from report_msec to longest_report_msec.
 /// Threads:   start() and stop() by the owner; the rest from any thread and never waiting for the network. Two threads of
 ///            its own: one for the connection, one for run records.
 /// Ownership: dispatcher, network threads and heartbeats (may be null) are not owned and must outlive it.
@@ -62,6 +61,7 @@ public:
     WebSocket_Limits limits;
     int hello_msec = 30 * 1000;          ///< for the answer to the greeting
     int64_t report_msec = 30 * 1000;     ///< between two attempts to report runs
+    int64_t longest_report_msec = 10 * 60 * 1000; ///< the same after failures
     unsigned report_batch = 100;         ///< run records in one request
     size_t most_unsent = 16;             ///< texts that may wait in the channel before states are thinned out
     int64_t longest_delay_msec = Reconnect_Delay::longest_msec; ///< before the next dial
@@ -108,7 +108,8 @@ private:
   void note_connected();
   int64_t shortened(int64_t delay_msec) const;
   bool report_batches();
-  bool report(const json_spirit::Array& records, bool& reached);
+  bool report(const json_spirit::Array& records, std::set<std::string>& settled);
+  bool settle(const json_spirit::Array& records, const Report_Answer& answer, std::set<std::string>& settled);
   void beat();
   bool stopping() const;
 

@@ -23,6 +23,7 @@ using namespace kestrel;
 
 namespace
 {
+const std::string server_key = "var/opt/tarnvik/kestrel3/agent/server_key.json";
 const std::string definition_id = "7ffc3e95-0148-4219-9aa9-2d019af01082";
 
 /// The socket of a service manager.
@@ -365,6 +366,103 @@ TEST_F(Agent_Process_Test, reads_its_settings_again_and_keeps_the_old_ones_when_
   root_.write("enroll.json", other.enrollment(), 0600);
   agent_.signal(SIGHUP);
   EXPECT_TRUE(other.wait_greeting()) << agent_.log();
+}
+
+TEST_F(Agent_Process_Test, a_first_enrollment_counts_with_the_next_start_and_not_in_part_before)
+{
+  agent_.start({"--config", root_.write("agent.toml", "")});
+  ASSERT_TRUE(eventually([&] { return agent_.log().find("is ready: no server") != std::string::npos; })) << agent_.errors();
+  root_.write(server_key, server_.enrollment(), 0600);
+  root_.write("agent.toml", "[jobs]\nmax_concurrent = 1\n");
+  agent_.signal(SIGHUP);
+  ASSERT_TRUE(eventually([&] { return agent_.log().find("The settings stay as they were: this host was enrolled at " +
+                                                        server_.url() + "; restart the agent") != std::string::npos; }))
+      << agent_.log();
+  EXPECT_EQ(std::string::npos, agent_.log().find("max_concurrent"));
+  agent_.signal(SIGTERM);
+  EXPECT_EQ(0, agent_.wait()) << agent_.errors();
+  EXPECT_TRUE(server_.keys().empty());
+  agent_.start();
+  EXPECT_TRUE(server_.wait_greeting()) << agent_.log();
+}
+
+TEST_F(Agent_Process_Test, an_enrollment_as_another_host_changes_nothing_before_the_next_start)
+{
+  root_.write(server_key, server_.enrollment(), 0600);
+  agent_.start();
+  ASSERT_TRUE(server_.wait_greeting()) << agent_.errors();
+  Agent_Server other;
+  std::string text = other.enrollment();
+  text.replace(text.find(Agent_Server::host_uuid()), Agent_Server::host_uuid().size(), "99999999-2222-4333-8444-555555555555");
+  root_.write(server_key, text, 0600);
+  agent_.signal(SIGHUP);
+  ASSERT_TRUE(eventually([&] { return agent_.log().find("this host is now enrolled as db1 (99999999-") != std::string::npos; }))
+      << agent_.log();
+  EXPECT_TRUE(json_spirit::find_value(server_.call("agent.status"), "error").is_null());
+  // Nor when the enrollment goes.
+  ASSERT_EQ(0, ::unlink((root_ / server_key).c_str()));
+  agent_.signal(SIGHUP);
+  ASSERT_TRUE(eventually([&] { return agent_.log().find("this host is not enrolled any more") != std::string::npos; }));
+  EXPECT_TRUE(json_spirit::find_value(server_.call("agent.status"), "error").is_null());
+  EXPECT_EQ(1u, server_.greetings());
+  EXPECT_TRUE(other.keys().empty());
+}
+
+TEST_F(Agent_Process_Test, settings_that_could_make_no_connection_leave_the_one_that_there_is)
+{
+  root_.write(server_key, server_.enrollment(), 0600);
+  const std::string settings = root_.write("agent.toml", "");
+  agent_.start({"--config", settings});
+  ASSERT_TRUE(server_.wait_greeting()) << agent_.errors();
+  root_.write("agent.toml", "[server]\nca_file = \"" + (root_ / "none.pem") + "\"\n");
+  agent_.signal(SIGHUP);
+  ASSERT_TRUE(eventually([&] { return agent_.log().find("The settings stay as they were: no connection to ") !=
+                                      std::string::npos; }))
+      << agent_.log();
+  EXPECT_NE(std::string::npos, agent_.log().find("none.pem"));
+  EXPECT_TRUE(json_spirit::find_value(server_.call("agent.status"), "error").is_null());
+  EXPECT_EQ(1u, server_.greetings());
+}
+
+TEST_F(Agent_Process_Test, tells_which_changed_settings_need_a_restart_and_takes_over_the_others)
+{
+  const std::string settings = root_.write("agent.toml", "");
+  agent_.start({"--config", settings});
+  ASSERT_TRUE(eventually([&] { return agent_.log().find("is ready: no server") != std::string::npos; })) << agent_.errors();
+  root_.write("agent.toml", "[agent]\nname = \"x\"\nlog_level = \"error\"\n[jobs]\nmax_concurrent = 1\nhistory_days = 1\n");
+  agent_.signal(SIGHUP);
+  ASSERT_TRUE(eventually([&] {
+    return agent_.log().find("count when the agent is restarted: agent.name, jobs.max_concurrent, jobs.history_days") !=
+           std::string::npos;
+  })) << agent_.log();
+  // The level counts already: the agent's end is not urgent enough to be written.
+  agent_.signal(SIGTERM);
+  EXPECT_EQ(0, agent_.wait()) << agent_.errors();
+  EXPECT_EQ(std::string::npos, agent_.log().find("The agent has ended")) << agent_.log();
+}
+
+TEST_F(Agent_Process_Test, a_run_that_the_server_refuses_for_good_stays_in_the_history_and_is_sent_no_more)
+{
+  enroll_and_start();
+  define();
+  let_go();
+  server_.runs_status = 404;
+  run();
+  ASSERT_TRUE(eventually([&] { return agent_.log().find("The server will not take the record of run ") != std::string::npos; }))
+      << agent_.log();
+  EXPECT_NE(std::string::npos, agent_.log().find("the test wants it so"));
+  EXPECT_EQ(std::set<std::string>{"error"}, posted_states());
+  EXPECT_EQ(128 + SIGKILL, agent_.kill_and_wait());
+
+  server_.runs_status = 200;
+  enroll_and_start();
+  const json_spirit::Object answer = server_.call("job.list");
+  const std::string listed = write_json(json_spirit::find_value(answer, "result"));
+  EXPECT_NE(std::string::npos, listed.find("\"refusal\":\"the backup server " + server_.url() + " refused: the test wants it so\""))
+      << listed;
+  agent_.signal(SIGTERM);
+  EXPECT_EQ(0, agent_.wait()) << agent_.log();
+  EXPECT_EQ(1u, server_.posted().size());
 }
 
 TEST_F(Agent_Process_Test, commands_add_to_a_second_catalog_only_when_told_so)

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <set>
 
 using namespace kestrel_test;
 using namespace kestrel;
@@ -66,18 +67,31 @@ protected:
       }
       return runs;
     };
-    host.post_runs = [this](const json_spirit::Array& records, std::vector<std::string>& stored) {
+    host.post_runs = [this](const json_spirit::Array& records, Report_Answer& answer) {
       const std::lock_guard<std::mutex> guard(mutex_);
       std::string ids;
       bool wanted = true;
       for (const json_spirit::Value& record : records) {
         const std::string id = json_spirit::find_value(record.get_obj(), "run_id").get_str();
         ids += id + " ";
-        wanted = wanted && id != unwanted_;
-        stored.push_back(id);
+        wanted = wanted && unwanted_.count(id) == 0;
+        if (listed_as_refused_.count(id) != 0)
+          answer.refused.push_back(Refused_Run{id, "listed"});
+        else if (names_what_it_stores_)
+          answer.stored.push_back(id);
       }
+      answer.reason = "of no use";
       posts_.push_back(ids);
       return !wanted ? Report_Outcome::refused : report_outcome_;
+    };
+    host.refuse = [this](const std::vector<Refused_Run>& runs) {
+      const std::lock_guard<std::mutex> guard(mutex_);
+      for (const Refused_Run& run : runs) {
+        refused_.push_back(run.run_id + ": " + run.reason);
+        if (keeps_notes_)
+          unsent_.erase(std::remove(unsent_.begin(), unsent_.end(), run.run_id), unsent_.end());
+      }
+      return true;
     };
     host.acknowledge = [this](const std::vector<std::string>& ids) {
       const std::lock_guard<std::mutex> guard(mutex_);
@@ -137,7 +151,11 @@ protected:
   int hellos_ = 0;
   std::vector<std::string> unsent_;
   std::vector<std::string> posts_;
-  std::string unwanted_;
+  std::set<std::string> unwanted_;          ///< a batch with one of them is refused as a whole
+  std::set<std::string> listed_as_refused_; ///< are refused one by one
+  bool names_what_it_stores_ = true;
+  bool keeps_notes_ = true; ///< of refused ones
+  std::vector<std::string> refused_;
   Report_Outcome report_outcome_ = Report_Outcome::answered;
   std::unique_ptr<Server_Link> link_;
 };
@@ -366,13 +384,70 @@ TEST_F(Server_Link_Test, reports_at_once_when_a_run_ends_and_with_each_connectio
   EXPECT_TRUE(eventually([&] { return unsent().empty(); }));
 }
 
-TEST_F(Server_Link_Test, a_record_that_the_server_does_not_want_holds_up_no_other)
+TEST_F(Server_Link_Test, records_that_the_server_does_not_want_hold_up_no_other_and_are_sent_no_more)
+{
+  tune = [](Server_Link::Settings& settings) { settings.report_msec = 3600 * 1000; };
+  // More than a batch of them, before and behind others.
+  for (int i = 0; i < 250; ++i) {
+    unsent_.push_back("r" + std::to_string(i));
+    if (i < 120 || i == 249)
+      unwanted_.insert(unsent_.back());
+  }
+  start_link(server_.url());
+  ASSERT_TRUE(eventually([&] { return unsent().empty(); }));
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    EXPECT_EQ(unwanted_.size(), refused_.size());
+    EXPECT_EQ("r0: of no use", refused_.front());
+    EXPECT_EQ("r249: of no use", refused_.back());
+    posts_.clear();
+    unsent_ = {"new"};
+  }
+  link_->runs_changed();
+  ASSERT_TRUE(eventually([&] { return unsent().empty(); }));
+  EXPECT_EQ(std::vector<std::string>{"new "}, posts());
+}
+
+TEST_F(Server_Link_Test, an_answer_may_store_some_records_and_refuse_others)
 {
   unsent_ = {"r1", "bad", "r3"};
-  unwanted_ = "bad";
+  listed_as_refused_ = {"bad"};
   start_link(server_.url());
-  ASSERT_TRUE(eventually([&] { return unsent().size() == 1; }));
-  EXPECT_EQ(std::vector<std::string>{"bad"}, unsent());
+  ASSERT_TRUE(eventually([&] { return unsent().empty(); }));
+  EXPECT_EQ(std::vector<std::string>{"r1 bad r3 "}, posts());
+  EXPECT_EQ(std::vector<std::string>{"bad: listed"}, refused_);
+}
+
+TEST_F(Server_Link_Test, a_server_that_answers_nothing_of_use_is_asked_again_after_a_pause_or_a_new_connection_only)
+{
+  log_.allow(LM_WARNING, "No connection to the backup server");
+  tune = [](Server_Link::Settings& settings) { settings.report_msec = 3600 * 1000; };
+  unsent_ = {"r1"};
+  names_what_it_stores_ = false;
+  start_link(server_.url());
+  for (size_t connection = 1; connection <= 3; ++connection) {
+    ASSERT_TRUE(eventually([&] { return posts().size() == connection; })) << connection;
+    for (int i = 0; i < 100; ++i)
+      link_->runs_changed();
+    server_.hang_up();
+  }
+  // Each was one connection's: none came from the hundred notes in between.
+  ASSERT_TRUE(eventually([&] { return link_->status().connections >= 4; }));
+  ASSERT_TRUE(eventually([&] { return posts().size() >= 4; }));
+  EXPECT_LE(posts().size(), link_->status().connections);
+  EXPECT_EQ(std::vector<std::string>{"r1"}, unsent());
+}
+
+TEST_F(Server_Link_Test, a_refusal_that_cannot_be_noted_is_not_sent_over_and_over)
+{
+  tune = [](Server_Link::Settings& settings) { settings.report_msec = 3600 * 1000; };
+  unsent_ = {"bad", "r2"};
+  listed_as_refused_ = {"bad"};
+  keeps_notes_ = false;
+  start_link(server_.url());
+  ASSERT_TRUE(eventually([&] { return posts().size() == 1; }));
+  EXPECT_FALSE(link_->report_now());
+  EXPECT_EQ((std::vector<std::string>{"bad r2 ", "bad "}), posts());
 }
 
 TEST_F(Server_Link_Test, sends_many_records_in_batches)
