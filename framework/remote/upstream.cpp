@@ -10,8 +10,6 @@
 #include "storage/host_manager.h"
 #include "storage/pool.h"
 
-#include <sys/stat.h>
-
 #include <mutex>
 
 namespace kestrel
@@ -55,11 +53,12 @@ private:
   const std::shared_ptr<REST_Client> client_;
 };
 
-/// Finds pools on the server. `here`: this is the server's machine, whose directories can be used directly.
+/// Finds pools on the server. A directory of the same path on this host is not the server's, or not this process's to
+/// write to.
 class Server_Pools
 {
 public:
-  Server_Pools(std::shared_ptr<REST_Client> client, bool here) : client_(std::move(client)), here_(here) {}
+  explicit Server_Pools(std::shared_ptr<REST_Client> client) : client_(std::move(client)) {}
 
   bool operator()(const std::string& pool_id, Pool_Info& info, std::string& error) const
   {
@@ -73,18 +72,14 @@ public:
       return false;
     }
     Pool_Info pool = pool_from(reply);
-    struct stat status;
-    if (!here_ || ::stat(pool.storage_path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-      pool.back_end = SERVER_STORAGE;
-      pool.storage_path = "/" + pool.pool_id;
-    }
+    pool.back_end = SERVER_STORAGE;
+    pool.storage_path = "/" + pool.pool_id;
     info = pool;
     return true;
   }
 
 private:
   const std::shared_ptr<REST_Client> client_;
-  const bool here_;
 };
 
 /// What reads and what changes catalog and pools; the module's other ways to the server are the hosts' own.
@@ -92,7 +87,7 @@ void register_back_ends(const std::shared_ptr<REST_Client>& client, const Upstre
                         bool read_only)
 {
   register_catalog_back_end(std::make_shared<Remote_Catalog>(client, read_only));
-  set_pool_finder(Server_Pools(client, options.on_server_machine));
+  set_pool_finder(Server_Pools(client));
   const unsigned seconds = options.transfer_seconds;
   register_storage_back_end(SERVER_STORAGE,
                             [client, seconds] { return std::make_unique<Remote_Back_End>(client, seconds); });
@@ -119,7 +114,7 @@ bool register_upstream(const Upstream_Options& options, std::string& error)
 
   const std::lock_guard<std::mutex> guard(registration_lock);
   const char* key = options.access_key.c_str();
-  Host_Manager::instance()->configure(options.on_server_machine, key, key);
+  Host_Manager::instance()->configure(false, key, key);
   WebSocket_Options::set(server);
   set_upstream_transport(std::make_shared<REST_Upstream_Transport>(client));
   register_back_ends(client, options, false);

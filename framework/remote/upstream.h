@@ -13,15 +13,14 @@ struct Upstream_Options {
   std::string ca_file;
   /// The host's identity: "<host uuid>.<key>". A secret.
   std::string access_key;
-  /// True when this process runs on the backup server's own machine: pools whose directories are here are
-  /// then used directly.
-  bool on_server_machine = false;
   /// For one attempt to move a piece of a stored file; a longer one counts as lost and is tried again.
   unsigned transfer_seconds = 60;
 };
 
 /// From here on jobs of this process use the server: for the catalog, for pools, for the files in pools, and
-/// for what the module asks of a server. Replaces an earlier registration. Nothing is sent yet: a server that
+/// for what the module asks of a server, also on the server's own machine: what the server checks and notes of
+/// an access it can only check and note itself. Host_Manager learns the one key that a host has, and
+/// on_backupd() stays false. Replaces an earlier registration. Nothing is sent yet: a server that
 /// is down now may come later.
 /// Threads: at start and end of the process, or between jobs; calls under way finish with what they began
 ///          with.

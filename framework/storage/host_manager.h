@@ -5,7 +5,7 @@
 
 /// What the running host knows about itself towards the backup server: its access keys, and whether it runs
 /// on the backup server's own machine. The agent or the command line fills it once at start; unconfigured it
-/// has no keys and is not on the server.
+/// has no keys and is not on the server. A host with one key for both cases need not tell them apart and says false.
 /// Threads: all members may be called from any thread. A key text stays valid for the life of the process,
 ///          also after configure() was called again: replaced keys are kept.
 /// Errors:  none.
