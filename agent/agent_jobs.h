@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agent/run_history.h"
 #include "jobs/job_types.h"
 #include "json/value.h"
 
@@ -14,7 +15,6 @@ namespace kestrel
 {
 class Heartbeats;
 class Module_Table;
-struct Refused_Run;
 
 /// Why a request about jobs was refused. The codes are those of JSON-RPC answers.
 struct Jobs_Error {

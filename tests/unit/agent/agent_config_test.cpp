@@ -8,6 +8,22 @@ using namespace kestrel;
 
 namespace
 {
+/// All but the modules.
+const std::string every_setting = R"([agent]
+name = "db1"
+log_level = "debug"
+[server]
+url = "https://backup.example:7480"
+ca_file = "/etc/ca.pem"
+[instances]
+probe_minutes = 5
+[jobs]
+max_concurrent = 7
+history_days = 30
+stop = "cancel"
+stop_seconds = 0
+)";
+
 Agent_Config parsed(const std::string& text)
 {
   Agent_Config config;
@@ -60,21 +76,7 @@ TEST(Agent_Config, an_unreadable_file_is_an_error)
 
 TEST(Agent_Config, reads_every_key)
 {
-  const Agent_Config config = parsed(R"(
-[agent]
-name = "db1"
-log_level = "debug"
-[server]
-url = "https://backup.example:7480"
-ca_file = "/etc/ca.pem"
-[instances]
-probe_minutes = 5
-[jobs]
-max_concurrent = 7
-history_days = 30
-stop = "cancel"
-stop_seconds = 0
-[[module]]
+  const Agent_Config config = parsed(every_setting + R"([[module]]
 name = "one"
 path = "/opt/one.so"
 [module.rpc]
@@ -196,24 +198,7 @@ TEST(Agent_Config, has_the_values_that_the_documentation_shows)
 
 TEST(Agent_Config, a_running_agent_takes_over_what_it_can_and_names_the_rest)
 {
-  const std::string all = R"(
-[agent]
-name = "db1"
-log_level = "debug"
-[server]
-url = "https://backup.example:7480"
-ca_file = "/etc/ca.pem"
-[instances]
-probe_minutes = 5
-[jobs]
-max_concurrent = 7
-history_days = 30
-stop = "cancel"
-stop_seconds = 0
-[[module]]
-name = "one"
-path = "/opt/one.so"
-)";
+  const std::string all = every_setting + "[[module]]\nname = \"one\"\npath = \"/opt/one.so\"\n";
   const Agent_Config now = parsed("");
   std::vector<std::string> restart = {"left over"};
   Agent_Config taken = reloaded_config(now, now, restart);
