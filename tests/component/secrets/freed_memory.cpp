@@ -8,6 +8,7 @@
 
 namespace
 {
+/// Not in the heap.
 char wanted[128];
 std::atomic<std::size_t> wanted_bytes{0}; ///< 0: nobody watches
 std::atomic<unsigned> found_blocks{0};
@@ -65,13 +66,14 @@ void operator delete[](void* block, std::size_t) noexcept
 
 namespace kestrel_test
 {
-Freed_Memory_Watch::Freed_Memory_Watch(const std::string& text)
+Freed_Memory_Watch::Freed_Memory_Watch(const char* text)
 {
-  if (text.size() > sizeof wanted)
+  const std::size_t length = std::strlen(text);
+  if (length > sizeof wanted)
     std::abort();
-  std::memcpy(wanted, text.data(), text.size());
+  std::memcpy(wanted, text, length);
   found_blocks = 0;
-  wanted_bytes = text.size();
+  wanted_bytes = length;
 }
 
 Freed_Memory_Watch::~Freed_Memory_Watch()

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string>
-
 namespace kestrel_test
 {
 /// Looks for a text in every block of memory that this program gives back to the heap with operator delete, which takes
@@ -11,8 +9,8 @@ namespace kestrel_test
 class Freed_Memory_Watch
 {
 public:
-  /// Keeps its own copy out of the heap.
-  explicit Freed_Memory_Watch(const std::string& text);
+  /// At most 128 characters.
+  explicit Freed_Memory_Watch(const char* text);
   ~Freed_Memory_Watch();
   Freed_Memory_Watch(const Freed_Memory_Watch&) = delete;
   Freed_Memory_Watch& operator=(const Freed_Memory_Watch&) = delete;

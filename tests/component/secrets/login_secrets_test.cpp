@@ -83,11 +83,12 @@ protected:
   }
   bool log_in(const char* instance, std::string& problem)
   {
-    json_spirit::Object params;
-    params.emplace_back("instance", instance);
-    params.emplace_back("user", "sysdba");
-    params.emplace_back("password", GetParam());
-    const Wipe_JSON_Guard<json_spirit::Object> wipe_params(params);
+    json_spirit::Value params{json_spirit::Object()};
+    const Wipe_JSON_Guard<json_spirit::Value> wipe_params(params);
+    params.get_obj().reserve(3);
+    params.get_obj().emplace_back("instance", instance);
+    params.get_obj().emplace_back("user", "sysdba");
+    params.get_obj().emplace_back("password", GetParam());
     json_spirit::Value result;
     JSON_RPC_Error error;
     const bool done = server_->call("instance.login", params, 60 * 1000, result, error);
