@@ -1,8 +1,6 @@
 #include "rpc/http_connection.h"
 
-#include "base/secure_allocator.h"
 #include "json/json_util.h"
-#include "json/wipe_json.h"
 
 #include <ace/Log_Msg.h>
 #include <boost/asio/dispatch.hpp>
@@ -334,14 +332,9 @@ private:
       keep_alive_ = false;
     response_.keep_alive(keep_alive_);
     lowest().expires_after(std::chrono::milliseconds(limits().request_msec));
-    http::async_write(stream_, response_, [self = shared_from_this()](const Error& error, size_t) {
+    http::async_write(stream_, response_, [self = this->shared_from_this()](const Error& error, size_t) {
       self->response_ = Response();
       self->answered(!error);
-      if (!self->request_.json
-               .is_null()) { // may hold a password; raw bytes are large and no secret of anybody's
-        wipe(self->request_.body);
-        wipe_json(self->request_.json);
-      }
       self->request_ = REST_Request();
       self->parser_.reset();
       if (error)
@@ -440,7 +433,7 @@ private:
   Network_Stream stream_;
   asio::steady_timer deadline_;
   uint64_t deadline_round_ = 0;
-  beast::basic_flat_buffer<secure_allocator<char>> buffer_;
+  beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   REST_Request request_;
   std::string target_;
