@@ -16,9 +16,7 @@
 #include <csignal>
 #include <dirent.h>
 #include <fstream>
-#include <netinet/in.h>
 #include <sstream>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -87,7 +85,7 @@ Physical_Bench::Physical_Bench(unsigned time_factor)
   dir.make_dir("home/agent");
   dir.make_dir("sys");
   data_file = dir.write("home/data.dbf", "data");
-  listen();
+  port = listener_.port();
   dir.write("home/admin/PHYS7.conf", "port = " + std::to_string(port) + "\n");
   // Found through PATH, so it does not know its own place: a plain script.
   dir.write("sys/systemctl", "#!/bin/sh\necho \"$*\" >>" + (dir / "starts") + "\n", 0755);
@@ -106,20 +104,6 @@ Physical_Bench::~Physical_Bench()
   EXPECT_TRUE(fifos().empty());
   EXPECT_EQ(children_before_, children()) << "a child process is left";
   EXPECT_FALSE(log.contains(secret));
-}
-
-void Physical_Bench::listen()
-{
-  // An instance counts as online when something listens on its port.
-  listener_.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  EXPECT_EQ(0, ::bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), length));
-  EXPECT_EQ(0, ::listen(listener_.get(), 1));
-  EXPECT_EQ(0, ::getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&address), &length));
-  port = ntohs(address.sin_port);
 }
 
 void Physical_Bench::register_instance()

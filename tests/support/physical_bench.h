@@ -1,9 +1,9 @@
 #pragma once
 
-#include "base/descriptor.h"
 #include "jobs/job.h"
 #include "support/clocks.h"
 #include "support/log_capture.h"
+#include "support/loopback.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
 #include "support/waiting.h"
@@ -112,11 +112,10 @@ public:
   unsigned short port = 0;
 
 private:
-  void listen();
   void register_instance();
   void add_pool();
 
-  kestrel::Auto_Fd listener_;
+  const Loopback_Listener listener_; ///< an instance counts as online when something listens on its port
   const std::vector<pid_t> children_before_;
 };
 

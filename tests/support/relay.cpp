@@ -1,10 +1,6 @@
 #include "support/relay.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,15 +9,6 @@ namespace kestrel_test
 {
 namespace
 {
-sockaddr_in loopback(unsigned short port)
-{
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  return address;
-}
-
 bool send_all(int fd, const char* data, uint64_t n)
 {
   while (n > 0) {
@@ -35,22 +22,15 @@ bool send_all(int fd, const char* data, uint64_t n)
 }
 } // namespace
 
-Relay::Relay(unsigned short target) : target_(target)
+Relay::Relay(unsigned short target) : target_(target), listener_(64)
 {
-  listener_.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address = loopback(0);
-  socklen_t length = sizeof address;
-  EXPECT_EQ(0, ::bind(listener_.get(), reinterpret_cast<sockaddr*>(&address), length));
-  EXPECT_EQ(0, ::listen(listener_.get(), 64));
-  EXPECT_EQ(0, ::getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&address), &length));
-  port_ = ntohs(address.sin_port);
   acceptor_ = std::thread([this] { accept_all(); });
 }
 
 Relay::~Relay()
 {
   stopped_ = true;
-  ::shutdown(listener_.get(), SHUT_RDWR);
+  ::shutdown(listener_.fd(), SHUT_RDWR);
   acceptor_.join();
   cut();
   for (Pair& pair : pairs_) {
@@ -121,7 +101,7 @@ void Relay::swallow(bool up, bool down)
 void Relay::accept_all()
 {
   while (!stopped_) {
-    kestrel::Auto_Fd client(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    kestrel::Auto_Fd client(::accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC));
     if (client.get() < 0 || refuse_)
       continue;
     ++connections_;
@@ -131,7 +111,7 @@ void Relay::accept_all()
       continue;
     }
     kestrel::Auto_Fd server(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = loopback(target_);
+    const sockaddr_in address = loopback_address(target_);
     if (::connect(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
       continue;
     join(client, server);

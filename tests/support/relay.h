@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/descriptor.h"
+#include "support/loopback.h"
 
 #include <atomic>
 #include <climits>
@@ -27,8 +28,8 @@ public:
   Relay(const Relay&) = delete;
   Relay& operator=(const Relay&) = delete;
 
-  unsigned short port() const { return port_; }
-  std::string url() const { return "https://127.0.0.1:" + std::to_string(port_); }
+  unsigned short port() const { return listener_.port(); }
+  std::string url() const { return "https://127.0.0.1:" + std::to_string(port()); }
 
   /// Once that many further bytes went from the client to the server, all connections are cut.
   void cut_after(uint64_t bytes_up);
@@ -76,8 +77,7 @@ private:
   void pass(int from, int to, Direction& direction, uint64_t most);
 
   const unsigned short target_;
-  unsigned short port_ = 0;
-  kestrel::Auto_Fd listener_;
+  Loopback_Listener listener_;
   Direction up_;
   Direction down_;
   std::atomic<int> delay_msec_{0};

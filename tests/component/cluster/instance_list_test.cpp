@@ -1,13 +1,11 @@
 #include "base/scope_guard.h"
 #include "oscar/websvcs/list_handler.h"
 #include "service_call.h"
+#include "support/loopback.h"
 #include "support/oscar_server.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace kestrel_test;
@@ -50,16 +48,8 @@ protected:
 
 TEST_F(Instance_List, tells_name_port_version_and_state_in_order_of_the_names)
 {
-  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const kestrel::Scope_Guard close_listener([&] { ::close(listener); });
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(::listen(listener, 1), 0);
-  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
-  const std::string port = std::to_string(ntohs(address.sin_port));
+  const Loopback_Listener listener;
+  const std::string port = std::to_string(listener.port());
   home_.write("admin/" + name("AA") + ".conf", "port = " + port + "\n");
   home_.write("admin/" + name("ZZ") + ".conf", "port = 1\n");
 

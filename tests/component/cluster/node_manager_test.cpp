@@ -1,9 +1,7 @@
 #include "base/network_interface.h"
 #include "cluster_fixture.h"
+#include "support/loopback.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace kestrel_test;
@@ -335,20 +333,12 @@ TEST_F(Cluster_Node_Manager, an_address_must_be_the_same_to_the_last_sign)
 TEST_F(Cluster_Node_Manager, only_the_exact_word_makes_a_master_and_a_listener_makes_it_online)
 {
   nodes({" 3 | 127.0.0.1 | Master "});
-  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(::listen(listener, 1), 0);
-  ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  const Loopback_Listener listener;
   home_.write("admin/DB1.conf",
-              "port = " + std::to_string(ntohs(address.sin_port)) + "\nHA_SERVER_IP_ADDRESS = '10.9.8.1'\n");
+              "port = " + std::to_string(listener.port()) + "\nHA_SERVER_IP_ADDRESS = '10.9.8.1'\n");
   json_spirit::Object result;
   EXPECT_TRUE(manager().check_state("DB1", UID, "", result));
   EXPECT_EQ(kestrel::write_json(result), R"({"instance":"","node_id":3,"is_master":false,"online":true})");
-  ::close(listener);
 }
 
 TEST_F(Cluster_Node_Manager, its_end_forgets_the_announcements_and_it_may_begin_anew)

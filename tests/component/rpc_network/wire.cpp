@@ -1,5 +1,7 @@
 #include "wire.h"
 
+#include "support/loopback.h"
+
 #include <gtest/gtest.h>
 
 #include <openssl/err.h>
@@ -14,15 +16,6 @@
 
 namespace
 {
-sockaddr_in loopback(unsigned short port)
-{
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  return address;
-}
-
 std::string accept_key(const std::string& key)
 {
   const std::string text = key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
@@ -46,7 +39,7 @@ Wire::~Wire() = default;
 std::unique_ptr<Wire> Wire::connect(unsigned short port)
 {
   auto wire = std::make_unique<Wire>(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_in address = loopback(port);
+  const sockaddr_in address = kestrel_test::loopback_address(port);
   EXPECT_EQ(0, ::connect(wire->socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address));
   return wire;
 }
@@ -211,7 +204,7 @@ std::string Frame::bytes() const
 Wire_Server::Wire_Server(std::function<void(Wire&)> treat)
     : listening_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-  sockaddr_in address = loopback(0);
+  sockaddr_in address = kestrel_test::loopback_address(0);
   socklen_t length = sizeof address;
   EXPECT_EQ(0, ::bind(listening_.get(), reinterpret_cast<sockaddr*>(&address), length));
   EXPECT_EQ(0, ::listen(listening_.get(), 8));
