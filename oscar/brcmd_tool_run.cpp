@@ -82,6 +82,7 @@ void Brcmd_Tool_Run::free_job()
 
 void Brcmd_Tool_Run::stop()
 {
+  watch_.expect_end();
   // Asked again until it has ended: a tool that is just being started is not there to be terminated yet.
   while (handler_.terminate(END_GRACE_SECONDS), started_ && !ended_)
     kestrel::clock().sleep_msec(STOP_RETRY_MSEC);

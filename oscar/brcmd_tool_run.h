@@ -43,7 +43,8 @@ public:
   bool succeeded() const { return success_; }
   /// Bytes have moved through the FIFO.
   void touch() { watch_.touch(); }
-  /// Terminates the tool and returns when it has ended; at once when it has already.
+  /// Terminates the tool and returns when it has ended; at once when it has already. A tool that ignores that is killed
+  /// after ten minutes, of a canceled job after the grace time of its watch.
   void stop();
   /// Waits for the end of the tool and of the thread, without a limit. True when the tool succeeded.
   [[nodiscard]] bool join();

@@ -51,6 +51,7 @@ struct Tool_Watch::State {
   const int64_t grace_msec;
   const std::function<void()> free_job;
   std::atomic<int64_t> touched_msec;
+  std::atomic<int64_t> end_expected_msec{-1};
   std::atomic<bool> fired{false};
   std::mutex check_mutex;   // one look at a time
   int64_t cancel_msec = -1; // when the cancel was first seen
@@ -89,6 +90,12 @@ void Tool_Watch::touch()
   state_->touched_msec.store(clock().monotonic_msec(), std::memory_order_relaxed);
 }
 
+void Tool_Watch::expect_end()
+{
+  int64_t never = -1;
+  state_->end_expected_msec.compare_exchange_strong(never, clock().monotonic_msec());
+}
+
 bool Tool_Watch::fired() const
 {
   return state_->fired;
@@ -105,8 +112,10 @@ void Tool_Watch::check()
   if (state.cancel_msec < 0) {
     state.cancel_msec = now;
   }
-  const int64_t output_msec = state.handler.last_activity_msec();
-  const int64_t last = std::max(state.touched_msec.load(std::memory_order_relaxed), output_msec);
+  const int64_t end_expected_msec = state.end_expected_msec;
+  const int64_t last = end_expected_msec >= 0 ? end_expected_msec
+                                              : std::max(state.touched_msec.load(std::memory_order_relaxed),
+                                                         state.handler.last_activity_msec());
   const int64_t silence_msec = now - last;
   if (silence_msec < state.grace_msec || now - state.cancel_msec < state.grace_msec) {
     return;
@@ -141,9 +150,9 @@ void Tool_Watch::State::terminate(int64_t silence_msec)
   const bool silent = grace_msec > 0;
   if (silent) {
     ACE_ERROR((LM_WARNING,
-               "(%P|%t) Tool_Watch: job %C is %C, but %C has been silent for %q seconds: terminating its "
-               "process group\n",
+               "(%P|%t) Tool_Watch: job %C is %C, but %C has %C %q seconds: terminating its process group\n",
                job.definition().id().c_str(), job_state_text(job.state()), tool.c_str(),
+               end_expected_msec >= 0 ? "been told to end and has not for" : "been silent for",
                silence_msec / 1000));
   } else {
     ACE_DEBUG((LM_INFO, "(%P|%t) Tool_Watch: job %C is %C: terminating %C and its process group\n",

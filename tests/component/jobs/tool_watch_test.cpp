@@ -132,6 +132,29 @@ TEST_F(Tool_Watch_Of_A_Tool, kills_a_tool_that_ignores_the_request)
   EXPECT_TRUE(log.expect(LM_WARNING, "has been terminated"));
 }
 
+TEST_F(Tool_Watch_Of_A_Tool, does_not_let_a_tool_talk_itself_out_of_its_end)
+{
+  Log_Capture log;
+  start_tool("ignore TERM\nout_lines 3 busy\nhang\n");
+  ASSERT_TRUE(eventually([&] { return handler_.lines == 3; }));
+  kestrel::Tool_Watch watch(*job_, handler_, "brcmd", 60000);
+  job_->activity()->state = JOB_STATE_CANCELING;
+  watch.check();
+  watch.expect_end();
+  clock_.advance_msec(59000);
+  watch.touch();
+  watch.check();
+  EXPECT_FALSE(watch.fired());
+  ASSERT_TRUE(eventually([&] {
+    clock_.advance_msec(1000); // and from the request to the kill
+    watch.touch();
+    return watch.fired();
+  }));
+  EXPECT_EQ(-1, finish());
+  EXPECT_TRUE(log.expect(LM_WARNING, "but brcmd has been told to end and has not for "));
+  EXPECT_TRUE(log.expect(LM_WARNING, "brcmd has been terminated"));
+}
+
 TEST_F(Tool_Watch_Of_A_Tool, leaves_a_job_alone_that_nobody_cancelled)
 {
   start_tool("hang\n");

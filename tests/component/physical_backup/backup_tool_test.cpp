@@ -409,6 +409,27 @@ TEST(Physical_Backup_Cancel, ends_a_silent_brcmd)
   }
 }
 
+TEST(Physical_Backup_Cancel, does_not_wait_ten_minutes_for_a_brcmd_that_will_not_end)
+{
+  for (const char* busy : {"hang", "out_lines 100000000 row"}) {
+    Physical_Bench bench(200);
+    bench.set_brcmd("ignore TERM\nignore PIPE\nbegin ${option:-f}\nput_file " + (bench.dir / "stream") +
+                    "\nwrite_file " + (bench.dir / "up") + " x\nwait_file " + (bench.dir / "go") +
+                    "\nput_zeros 600\n" + busy);
+    const Job_Ptr job = bench.make_job(bench.backup_fields());
+    ASSERT_EQ(0, job->start());
+    ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
+    EXPECT_EQ(0, job->stop());
+    bench.dir.write("go", "");
+    EXPECT_EQ(JOB_STATE_CANCELED, bench.wait_end(job)) << busy;
+    // The watch ended it, not the patience of the job.
+    EXPECT_TRUE(bench.log.expect(LM_WARNING, "Tool_Watch: job " + job->definition().id())) << busy;
+    EXPECT_TRUE(bench.log.expect(LM_WARNING, "Tool_Watch: brcmd has been terminated")) << busy;
+    bench.log.allow(LM_ERROR, "");
+    bench.expect_recovery();
+  }
+}
+
 TEST(Physical_Backup_Cancel, frees_the_job_from_a_process_that_a_brcmd_without_fault_left_with_the_fifo)
 {
   for (const char* const given : {"", "put_file STREAM\n"}) {
