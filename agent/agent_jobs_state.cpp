@@ -160,19 +160,12 @@ void Agent_Jobs::State::settle_pending()
   }
 }
 
-bool Agent_Jobs::State::apply(std::vector<Definition_Offer> offers, const std::string& origin,
-                              const Kept_Definitions& kept, json_spirit::Array& refused, Jobs_Error& error)
+/// Those of the offers that are news; `present` gets the ids of all that may stand here.
+std::map<std::string, Known_Job> Agent_Jobs::State::read_offers_that_changed(
+    std::vector<Definition_Offer> offers, const std::string& origin, time_t now, std::set<std::string>& present,
+    json_spirit::Array& refused) const
 {
-  if (!opened || stopping) {
-    error = Jobs_Error{Jobs_Error::busy, "the agent is stopping"};
-    return false;
-  }
-  settle_pending();
-  // What is due by the definitions so far is due.
-  take_due();
-  const time_t now = scheduler.looked_until();
   std::map<std::string, Known_Job> changed;
-  std::set<std::string> present;
   for (Definition_Offer& offer : offers) {
     const auto known = jobs.find(offer.id);
     if (known != jobs.end() && known->second.stored.origin != origin) {
@@ -196,21 +189,13 @@ bool Agent_Jobs::State::apply(std::vector<Definition_Offer> offers, const std::s
       refused.push_back(refused_definition(offer.id, job.refused));
     changed[offer.id] = std::move(job);
   }
+  return changed;
+}
 
-  std::vector<Stored_Definition> stored;
-  std::vector<std::string> removed;
-  for (const auto& each : changed)
-    stored.push_back(each.second.stored);
-  for (const auto& each : jobs)
-    if (each.second.stored.origin == origin && !present.count(each.first) && !kept.all &&
-        !kept.ids.count(each.first))
-      removed.push_back(each.first);
-  std::string problem;
-  if ((!stored.empty() || !removed.empty()) && !store.change(stored, removed, problem)) {
-    error = internal(problem);
-    return false;
-  }
-
+/// What is stored already; the definitions of runs under way follow when these have ended.
+void Agent_Jobs::State::take_over(std::map<std::string, Known_Job> changed, const std::vector<std::string>& removed,
+                                  time_t now)
+{
   for (auto& each : changed) {
     Known_Job& job = jobs[each.first];
     Job_Runner::Status status;
@@ -232,6 +217,36 @@ bool Agent_Jobs::State::apply(std::vector<Definition_Offer> offers, const std::s
     }
   }
   wake.notify_all();
+}
+
+bool Agent_Jobs::State::apply(std::vector<Definition_Offer> offers, const std::string& origin,
+                              const Kept_Definitions& kept, json_spirit::Array& refused, Jobs_Error& error)
+{
+  if (!opened || stopping) {
+    error = Jobs_Error{Jobs_Error::busy, "the agent is stopping"};
+    return false;
+  }
+  settle_pending();
+  // What is due by the definitions so far is due.
+  take_due();
+  const time_t now = scheduler.looked_until();
+  std::set<std::string> present;
+  std::map<std::string, Known_Job> changed =
+      read_offers_that_changed(std::move(offers), origin, now, present, refused);
+  std::vector<Stored_Definition> stored;
+  std::vector<std::string> removed;
+  for (const auto& each : changed)
+    stored.push_back(each.second.stored);
+  for (const auto& each : jobs)
+    if (each.second.stored.origin == origin && !present.count(each.first) && !kept.all &&
+        !kept.ids.count(each.first))
+      removed.push_back(each.first);
+  std::string problem;
+  if ((!stored.empty() || !removed.empty()) && !store.change(stored, removed, problem)) {
+    error = internal(problem);
+    return false;
+  }
+  take_over(std::move(changed), removed, now);
   return true;
 }
 

@@ -51,6 +51,11 @@ struct Agent_Jobs::State {
   void forget(const std::string& id);
   /// Changes and removals that waited for the end of a run.
   void settle_pending();
+  std::map<std::string, Known_Job> read_offers_that_changed(std::vector<Definition_Offer> offers,
+                                                            const std::string& origin, time_t now,
+                                                            std::set<std::string>& present,
+                                                            json_spirit::Array& refused) const;
+  void take_over(std::map<std::string, Known_Job> changed, const std::vector<std::string>& removed, time_t now);
   bool apply(std::vector<Definition_Offer> offers, const std::string& origin, const Kept_Definitions& kept,
              json_spirit::Array& refused, Jobs_Error& error);
 

@@ -19,20 +19,23 @@ namespace
 {
 constexpr std::size_t max_named_files = 10;
 
-/// What the job's own record says; empty when there is none.
-std::string activity_text(const std::string& definition_id)
+/// How far the run was by the job's own record, which may still be that of the run before.
+std::string how_far(const std::string& definition_id, time_t queued_at)
 {
+  const std::string running = "the agent ended while the job was running";
   std::string bytes;
   std::string unreadable;
   Job_Activity activity;
   if (!read_whole_file(Job_Activity_Path_Conf::path(definition_id), bytes, unreadable, 64 * 1024) ||
       bytes.size() < sizeof activity)
-    return std::string();
+    return running;
   std::memcpy(static_cast<void*>(&activity), bytes.data(), sizeof activity);
   if (activity.magic != Job_Activity::MAGIC)
-    return std::string();
-  return std::string("its record says ") + job_state_text(activity.state) + ", " +
-         std::to_string(activity.progress) + "%";
+    return running;
+  if (activity.start_time < queued_at)
+    return "the agent ended while the job was starting";
+  return running + " (its record says " + job_state_text(activity.state) + ", " +
+         std::to_string(activity.progress) + "%)";
 }
 
 /// The directory of the definition's files in its pool, where that is a directory of this host.
@@ -95,10 +98,7 @@ void end_interrupted_run(Run_Record& record, const std::string& document,
     return;
   }
   record.state = JOB_STATE_ERROR;
-  record.reason = "the agent ended while the job was running";
-  const std::string activity = activity_text(record.definition_id);
-  if (!activity.empty())
-    record.reason += " (" + activity + ")";
+  record.reason = how_far(record.definition_id, record.queued_at);
   const std::vector<std::string> files = unfinished_files(storage_directory(document), record.started_at);
   if (!files.empty())
     record.reason += "; unfinished in the pool: " + list_of(files);

@@ -1,4 +1,4 @@
-#include "agent/job_runner.h"
+#include "agent/job_runner_run.h"
 
 #include "agent/failure_text.h"
 #include "agent/module_table.h"
@@ -22,8 +22,6 @@ namespace kestrel
 namespace
 {
 typedef std::chrono::steady_clock Real_Clock;
-/// How often runs and locks are looked at; ends are told by events, so this is for locks of other processes.
-constexpr auto look_interval = std::chrono::milliseconds(100);
 /// How long the thread of an ended run may take to go before it no longer matters.
 constexpr auto thread_end_time = std::chrono::seconds(10);
 constexpr int64_t progress_interval_msec = 1000;
@@ -46,34 +44,7 @@ bool is_last_reference(Job& job)
   job.add_reference();
   return job.remove_reference() == 1;
 }
-
-Jobs_Error refusal(const std::string& text)
-{
-  return Jobs_Error{Jobs_Error::refused, text};
-}
 } // namespace
-
-struct Job_Runner::Run {
-  Run_Record record;
-  Job_Definition_Ptr definition;
-  Job::Opts options;
-  std::string lock_path;
-  std::string note; ///< the reason unless the job gives one
-  /// Held while the job's state is looked at and the job told accordingly. Before the runner's mutex.
-  std::mutex control;
-
-  // Guarded by the runner's mutex.
-  Job_Ptr job;
-  File_Lock lock;
-  std::string lock_problem; ///< why there will be no lock
-  bool cancel = false;      ///< asked for before there was a job
-  int progress = 0;
-  uint64_t done_bytes = 0;
-  uint64_t total_bytes = 0;
-  std::string item;
-  int64_t told_at = 0;
-  Real_Clock::time_point ended_at; ///< when the end was first seen
-};
 
 Job_Runner::Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed,
                        Heartbeats* heartbeats)
@@ -162,7 +133,7 @@ void Job_Runner::work()
     begin_runs();
     lock.lock();
     if (!ending_)
-      wake_.wait_for(lock, look_interval);
+      wake_.wait_for(lock, runner_look_interval);
   }
 }
 
@@ -198,50 +169,72 @@ void Job_Runner::begin_runs()
     begin(run);
 }
 
-void Job_Runner::begin(const Run_Ptr& run)
+/// The job's object, started; empty with the reason when it cannot be.
+Job_Runner::Job_Ptr Job_Runner::start_job(const Run& run, std::string& failure) const
 {
-  Run_Record& record = run->record;
-  std::string failure = run->lock_problem;
-  Job_Creator* const creator = modules_.job_creator(run->definition->type(), run->definition->subtype());
+  Job_Creator* const creator = modules_.job_creator(run.definition->type(), run.definition->subtype());
   Job_Ptr job;
   try {
     errno = 0;
-    if (creator && failure.empty())
-      job = creator->create(run->definition);
-    if (!job.get() && failure.empty())
+    if (creator)
+      job = creator->create(run.definition);
+    if (!job.get())
       failure = errno == ENOMEM ? "out of memory" : "no module runs jobs of this type";
   } catch (const std::exception& problem) {
     failure = problem.what();
   }
   if (job.get() && job->state() == JOB_STATE_DISABLED)
     ignore_result(job->enable(), "the start fails then");
-  if (job.get() && job->start(run->options.empty() ? nullptr : &run->options) != 0)
+  if (job.get() && job->start(run.options.empty() ? nullptr : &run.options) != 0)
     failure = std::string("the job did not start: ") + std::strerror(errno);
+  return job;
+}
+
+void Job_Runner::begin(const Run_Ptr& run)
+{
+  Run_Record& record = run->record;
+  {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    record.started_at = clock().now();
+    record.state = JOB_STATE_STARTING;
+  }
+  // Stored before the job does anything: a kill from here on leaves a run that may have begun its work.
+  changed_(record);
+  std::string failure = run->lock_problem;
+  Job_Ptr job;
+  if (failure.empty())
+    job = start_job(*run, failure);
 
   bool cancel = false;
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    record.started_at = clock().now();
-    record.state = failure.empty() ? JOB_STATE_STARTING : JOB_STATE_ERROR;
     record.log_path = job.get() ? job->log_path() : std::string();
-    run->job = job;
+    if (failure.empty())
+      run->job = job;
     cancel = run->cancel;
   }
-  if (failure.empty()) {
-    changed_(record);
-    if (cancel) {
-      const std::lock_guard<std::mutex> guard(run->control);
-      ignore_result(job->stop(), "it has ended by itself");
-    }
+  if (!failure.empty()) {
+    end_unstarted(run, failure);
     return;
   }
+  changed_(record); // with its log
+  if (cancel) {
+    const std::lock_guard<std::mutex> guard(run->control);
+    ignore_result(job->stop(), "it has ended by itself");
+  }
+}
+
+/// A run whose job could not be started.
+void Job_Runner::end_unstarted(const Run_Ptr& run, const std::string& reason)
+{
   {
     const std::lock_guard<std::mutex> guard(mutex_);
-    record.ended_at = clock().now();
-    record.reason = failure;
+    run->record.state = JOB_STATE_ERROR;
+    run->record.ended_at = clock().now();
+    run->record.reason = reason;
     run->lock.unlock();
   }
-  changed_(record);
+  changed_(run->record);
   forget(run);
 }
 
@@ -338,90 +331,6 @@ void Job_Runner::forget(const Run_Ptr& run)
   wake_.notify_all();
 }
 
-bool Job_Runner::control(const std::string& definition_id, const std::string& action, std::string& run_id,
-                         Jobs_Error& error)
-{
-  const bool cancel = action == "cancel" || action == "abort";
-  Run_Ptr run;
-  Job_Ptr job;
-  std::string meant;
-  bool waiting = false;
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    const auto active = active_.find(definition_id);
-    if (active != active_.end()) {
-      run = active->second;
-      job = run->job;
-      if (!job.get() && cancel)
-        run->cancel = true;
-    }
-    for (auto place = queue_.begin(); !run && place != queue_.end(); ++place) {
-      if ((*place)->record.definition_id != definition_id)
-        continue;
-      run = *place;
-      waiting = true;
-      if (cancel)
-        queue_.erase(place);
-      break;
-    }
-    if (run)
-      meant = run->record.run_id;
-  }
-  if (!run) {
-    error = refusal("the job is not running");
-    return false;
-  }
-  if (waiting && !cancel) {
-    error = refusal("the run waits to begin and can only be canceled");
-    return false;
-  }
-  if (waiting)
-    end_waiting(run, "canceled before it began");
-  else if (!job.get() && !cancel) {
-    error = refusal("the run is just beginning; repeat the request");
-    return false;
-  } else if (job.get()) {
-    const std::lock_guard<std::mutex> guard(run->control);
-    if (!control_job(job, action, error))
-      return false;
-  }
-  run_id = meant;
-  return true;
-}
-
-bool Job_Runner::control_job(const Job_Ptr& job, const std::string& action, Jobs_Error& error)
-{
-  const Job_State state = job->state();
-  const bool ends =
-      state == JOB_STATE_CANCELING || state == JOB_STATE_ABORTING || state == JOB_STATE_COMPLETING;
-  int result = -1;
-  errno = 0;
-  if (action == "cancel") {
-    result = job->stop();
-  } else if (action == "abort") {
-    result = job->abort();
-  } else if (ends) {
-    error = refusal(std::string("the run is ") + job_state_text(state));
-    return false;
-  } else if (action == "pause") {
-    result = job->pause();
-  } else if (action == "resume") {
-    if (state != JOB_STATE_PAUSING && state != JOB_STATE_PAUSED) {
-      error = refusal(std::string("the run is not paused, it is ") + job_state_text(state));
-      return false;
-    }
-    result = job->resume();
-  } else if (action == "switch") {
-    result = job->switch_();
-  } else {
-    error = Jobs_Error{Jobs_Error::bad_params, "there is no action \"" + action + "\""};
-    return false;
-  }
-  if (result != 0)
-    error = refusal(errno == ESRCH ? "the run has just ended" : "jobs of this kind do not accept " + action);
-  return result == 0;
-}
-
 Job_Notice Job_Runner::notice_of(const Run& run, Job_State state) const
 {
   Job_Notice notice;
@@ -470,71 +379,5 @@ void Job_Runner::handle_state(const Job_State_Event& event)
   // The end is told when it is recorded.
   if (found != active_.end() && job_run_in_progress(event.state()))
     notices_.put_state(notice_of(*found->second, event.state()));
-}
-
-void Job_Runner::cancel_all()
-{
-  std::vector<std::pair<Run_Ptr, Job_Ptr>> jobs;
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    for (const auto& each : active_) {
-      each.second->cancel = true;
-      if (each.second->job.get())
-        jobs.emplace_back(each.second, each.second->job);
-    }
-  }
-  for (const auto& each : jobs) {
-    const std::lock_guard<std::mutex> guard(each.first->control);
-    ignore_result(each.second->stop(), "it has ended by itself");
-  }
-}
-
-bool Job_Runner::wait_idle(int64_t msec, bool grace)
-{
-  const int64_t end = clock().monotonic_msec() + msec;
-  std::unique_lock<std::mutex> lock(mutex_);
-  while (!active_.empty()) {
-    if (clock().monotonic_msec() >= end || (grace && grace_over_))
-      return false;
-    idle_.wait_for(lock, look_interval);
-  }
-  return true;
-}
-
-void Job_Runner::end_grace()
-{
-  const std::lock_guard<std::mutex> guard(mutex_);
-  grace_over_ = true;
-  idle_.notify_all();
-}
-
-bool Job_Runner::stop(int64_t grace_msec, bool cancel, int64_t cancel_msec)
-{
-  std::deque<Run_Ptr> waiting;
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    stopping_ = true;
-    waiting.swap(queue_);
-  }
-  for (const Run_Ptr& run : waiting)
-    end_waiting(run, "the agent stopped before the run began");
-  if (!thread_.joinable()) {
-    // Never started, or stopped before: nothing ends any more.
-    const std::lock_guard<std::mutex> guard(mutex_);
-    return active_.empty();
-  }
-  bool idle = !cancel && wait_idle(grace_msec, true);
-  if (!idle) {
-    cancel_all();
-    idle = wait_idle(cancel_msec, false);
-  }
-  {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    ending_ = true;
-    wake_.notify_all();
-  }
-  thread_.join();
-  Job_Event_Manager::instance()->remove_listener(this);
-  return idle;
 }
 } // namespace kestrel

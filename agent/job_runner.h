@@ -33,7 +33,7 @@ constexpr int64_t loop_limit_msec = 120 * 1000;
 class Job_Runner : private Job_Event_Listener
 {
 public:
-  /// A run has begun or ended; it is listed until this has returned. On the runner's thread, or on the one
+  /// A run is about to begin, has begun, or has ended; it is listed until this has returned. On the runner's thread, or on the one
   /// that cancels a waiting run or stops the runner; without locks.
   typedef std::function<void(const Run_Record& record)> Changed;
 
@@ -81,12 +81,15 @@ private:
   void begin_runs();
   Run_Ptr take_next();
   void begin(const Run_Ptr& run);
+  Job_Ptr start_job(const Run& run, std::string& failure) const;
+  void end_unstarted(const Run_Ptr& run, const std::string& reason);
   void end_runs();
   bool has_ended(const Run_Ptr& run) const;
   void end(const Run_Ptr& run);
   void end_waiting(const Run_Ptr& run, const std::string& reason);
   void forget(const Run_Ptr& run);
   Run_Record outcome_of(const Run& run, Job& job, uint64_t done_bytes) const;
+  Run_Ptr find_run(const std::string& definition_id, bool cancel, Job_Ptr& job, bool& waiting);
   static bool control_job(const Job_Ptr& job, const std::string& action, Jobs_Error& error);
   void cancel_all();
   /// With `grace`, end_grace() ends the wait.
