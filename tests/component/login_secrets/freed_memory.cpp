@@ -47,7 +47,23 @@ void* operator new[](std::size_t size)
 {
   return operator new(size);
 }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept
+{
+  return std::malloc(size == 0 ? 1 : size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t& none) noexcept
+{
+  return operator new(size, none);
+}
 void operator delete(void* block) noexcept
+{
+  give_back(block);
+}
+void operator delete(void* block, const std::nothrow_t&) noexcept
+{
+  give_back(block);
+}
+void operator delete[](void* block, const std::nothrow_t&) noexcept
 {
   give_back(block);
 }
