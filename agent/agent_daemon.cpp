@@ -33,7 +33,7 @@ const int64_t main_stuck_msec = 120 * 1000;
 const int64_t extend_msec = 60 * 1000;
 const int64_t extend_every_msec = 10 * 1000;
 const unsigned report_seconds = 60;
-const unsigned service_threads = Agent_Services::slow_limit + 4;
+const unsigned service_threads = Agent_Services::slow_limit + Agent_Services::node_state_limit + 4;
 
 std::string network_name()
 {

@@ -13,6 +13,7 @@ namespace
 {
 /// Announcements go past the gate: a waiting job depends on them, and they start no tool.
 const char announcement_method[] = "oscar.node.notify_selected";
+const char node_state_method[] = "oscar.node.check_state";
 const uint64_t default_log_bytes = 64 * 1024;
 
 bool refuse(JSON_RPC_Error& error, int code, const std::string& message)
@@ -85,7 +86,7 @@ private:
 };
 
 Agent_Services::Agent_Services(Identity identity, Agent_Jobs& jobs, Instance_Service& instances)
-    : identity_(std::move(identity)), jobs_(jobs), instances_(instances), gate_(slow_limit)
+    : identity_(std::move(identity)), jobs_(jobs), instances_(instances), gate_(slow_limit), node_gate_(node_state_limit)
 {
 }
 
@@ -140,7 +141,8 @@ bool Agent_Services::bind(JSON_RPC_Dispatcher& dispatcher, const std::map<std::s
   for (const auto& [name, handler] : handlers) {
     JSON_RPC_Handler* bound = handler;
     if (name != announcement_method) {
-      gated_.push_back(std::make_unique<Gated_Handler>(gate_, *handler));
+      gated_.push_back(
+          std::make_unique<Gated_Handler>(name == node_state_method ? node_gate_ : gate_, *handler));
       bound = gated_.back().get();
     }
     if (!dispatcher.bind(name, bound)) {

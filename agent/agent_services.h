@@ -46,6 +46,9 @@ public:
   };
   /// How many requests that run tools may be at work at the same time. The dispatcher needs at least two threads more.
   static constexpr unsigned slow_limit = 6;
+  /// Questions for the node's state run tools too, and have room of their own: who does not answer is left out of the
+  /// choice of a node, and people who browse must not bring that about.
+  static constexpr unsigned node_state_limit = 6;
 
   Agent_Services(Identity identity, Agent_Jobs& jobs, Instance_Service& instances);
   ~Agent_Services();
@@ -75,6 +78,7 @@ private:
   Agent_Jobs& jobs_;
   Instance_Service& instances_;
   Service_Gate gate_;
+  Service_Gate node_gate_;
   std::vector<std::unique_ptr<Gated_Handler>> gated_;
 };
 } // namespace kestrel

@@ -227,6 +227,13 @@ unsigned Agent_Hub::running_jobs(const std::string& host_uuid, const std::string
   return found == state_->hosts.end() ? 0 : found->second.jobs.running_but(except_definition);
 }
 
+bool Agent_Hub::runs(const std::string& host_uuid, const std::string& definition_uuid) const
+{
+  const std::lock_guard<std::mutex> guard(state_->mutex);
+  const auto found = state_->hosts.find(host_uuid);
+  return found != state_->hosts.end() && found->second.jobs.runs(definition_uuid);
+}
+
 json_spirit::Value Agent_Hub::job_state(const std::string& host_uuid,
                                         const std::string& definition_uuid) const
 {

@@ -93,6 +93,8 @@ public:
   size_t running_count() const;
   /// Jobs under way on one host, but for those of one definition.
   unsigned running_jobs(const std::string& host_uuid, const std::string& except_definition) const;
+  /// Whether a run of this definition is under way there, as the host told last.
+  bool runs(const std::string& host_uuid, const std::string& definition_uuid) const;
   /// What the host last told of this job (job.list's entry and the last job.state), null when nothing.
   json_spirit::Value job_state(const std::string& host_uuid, const std::string& definition_uuid) const;
   /// The agent's present list of jobs.

@@ -1,6 +1,7 @@
 #include "server/agent_hub_service.h"
 
 #include "base/clock.h"
+#include "base/heartbeat.h"
 #include "server/cluster_coordinator.h"
 #include "server/cluster_resources.h"
 #include "server/host_gate.h"
@@ -26,6 +27,8 @@ namespace kestrel
 namespace
 {
 constexpr int UPKEEP_MSEC = 2000;
+/// A turn waits for the disk, and for other processes that write to the database.
+constexpr int64_t STUCK_MSEC = 300 * 1000;
 constexpr int64_t PRUNE_MSEC = 3600 * 1000;
 constexpr int64_t DAY_SECONDS = 24 * 3600;
 
@@ -70,10 +73,10 @@ private:
 
 struct Agent_Hub_Service::Parts {
   Parts(Server_Database& database, const Options& given)
-      : options(given), hub(database), gate(given.waiting_requests), definitions(database), runs(database), history(database),
-        sync(hub, definitions), served_hosts(hub, definitions),
+      : options(given), hub(database), gate(given.waiting), definitions(database), runs(database),
+        history(database), sync(hub, definitions), served_hosts(hub, definitions),
         coordinator(served_hosts, history, given.cluster), host_resources(hub, gate),
-        job_resources(hub, gate, definitions, sync,
+        job_resources(hub, gate, definitions, sync, runs,
                       [this](const std::string& definition) { coordinator.new_run(definition); }),
         run_resources(hub, gate, runs, definitions), cluster_resources(coordinator, history, definitions)
   {
@@ -132,10 +135,12 @@ void Agent_Hub_Service::Parts::prune()
 void Agent_Hub_Service::Parts::keep_up()
 {
   int64_t pruned_at = clock().monotonic_msec();
+  Heartbeat heartbeat(options.heartbeats, "hosts and jobs", STUCK_MSEC);
   prune();
   std::unique_lock<std::mutex> lock(mutex);
   while (!changed.wait_for(lock, std::chrono::milliseconds(UPKEEP_MSEC), [this] { return stopping; })) {
     lock.unlock();
+    heartbeat.beat();
     sync.retry();
     hub.keep_last_seen();
     if (clock().monotonic_msec() >= pruned_at + PRUNE_MSEC) {
@@ -173,7 +178,7 @@ bool Agent_Hub_Service::start(std::string& error)
     return false;
   }
   parts_->listen();
-  if (!parts_->coordinator.start(error) || !parts_->hub.start(error))
+  if (!parts_->coordinator.start(error, parts_->options.heartbeats) || !parts_->hub.start(error))
     return false;
   parts_->upkeep = std::thread([parts = parts_.get()] { parts->keep_up(); });
   return true;
@@ -188,6 +193,7 @@ void Agent_Hub_Service::stop()
   }
   if (parts_->upkeep.joinable())
     parts_->upkeep.join();
+  parts_->coordinator.stop_choosing();
   // Calls under way fail when their connections end, so that nobody below waits for an agent.
   parts_->hub.stop();
   parts_->hub.keep_last_seen();

@@ -3,12 +3,14 @@
 #include "rpc/rest_router.h"
 #include "server/agent_hub.h"
 #include "server/cluster_round.h"
+#include "server/host_gate.h"
 
 #include <memory>
 #include <string>
 
 namespace kestrel
 {
+class Heartbeats;
 class Server_Database;
 
 /// Everything of the server that has to do with agents: their connections, the hosts, the choice of cluster
@@ -24,7 +26,8 @@ public:
     Cluster_Limits cluster;
     int keep_run_days = 90;
     /// Requests that wait for agents at the same time; fewer than the HTTP server has workers.
-    unsigned waiting_requests = 4;
+    Host_Gate::Limits waiting;
+    Heartbeats* heartbeats = nullptr; ///< of its loops; not owned, must outlive stop()
   };
 
   Agent_Hub_Service(Server_Database& database, const Options& options);

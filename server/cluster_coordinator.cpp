@@ -1,7 +1,10 @@
 #include "server/cluster_coordinator.h"
 
 #include "base/clock.h"
+#include "base/durable_file.h"
+#include "base/heartbeat.h"
 #include "base/ignore_result.h"
+#include "rpc/rest_router.h"
 #include "server/host_workers.h"
 #include "json/json_util.h"
 
@@ -22,8 +25,23 @@ namespace
 {
 constexpr int ANNOUNCE_CALL_MSEC = 5000;
 constexpr int64_t SAVE_INTERVAL_MSEC = 500;
+/// Before the choice: who asked and was answered is told after a restart when it was kept.
+constexpr int64_t SAVE_OPEN_MSEC = 100;
 constexpr unsigned WORKER_THREADS = 32;
 constexpr unsigned CALLS_PER_HOST = 4;
+constexpr int RETRY_SECONDS = 10;
+constexpr int64_t IDLE_MSEC = 5000;
+/// It waits for the disk only: questions to agents have threads of their own.
+constexpr int64_t STUCK_MSEC = 120 * 1000;
+
+/// Monotonic times of another boot mean nothing.
+std::string boot_id()
+{
+  std::string text, error;
+  if (!read_whole_file("/proc/sys/kernel/random/boot_id", text, error, 256))
+    return std::string();
+  return text;
+}
 
 std::string problem_of(Agent_Call call, const JSON_RPC_Error& error)
 {
@@ -48,14 +66,12 @@ std::string problem_of(Agent_Call call, const JSON_RPC_Error& error)
 
 struct Cluster_Coordinator::State {
   struct Entry {
-    Entry(const Cluster_Limits& limits, Cluster_Job job, const Cluster_Request& first, int64_t time,
-          int64_t number, int64_t now)
-        : round(limits, std::move(job), first, time, number, now)
-    {
-    }
-    Cluster_Round round;
-    bool decision_kept = false; ///< the explanation is in the database: announcements may go out
-    int64_t decided_at = 0;     ///< seconds since 1970
+    explicit Entry(std::unique_ptr<Cluster_Round> given) : whole(std::move(given)), round(*whole) {}
+    const std::unique_ptr<Cluster_Round> whole;
+    Cluster_Round& round;
+    std::vector<Cluster_Round::Announcement> due; ///< go out when it is in the database that they may have
+    bool decision_kept = false;                   ///< the explanation is in the database
+    int64_t decided_at = 0;                       ///< seconds since 1970
     unsigned saved_version = 0;
     int64_t saved_at_msec = 0;
   };
@@ -91,6 +107,7 @@ struct Cluster_Coordinator::State {
   Cluster_Hosts& hosts;
   Cluster_History& history;
   const Cluster_Limits limits;
+  const std::string boot = boot_id();
   Host_Workers workers;
   View view;
   std::mutex opening; ///< taken before `mutex`: only one request at a time begins a round
@@ -103,14 +120,18 @@ struct Cluster_Coordinator::State {
   bool stopping = false;
 
   bool join(const Cluster_Request& request, Ticket& ticket);
+  void check_room(const Cluster_Request& request, bool defined);
   void poke();
-  void run();
+  void run(Heartbeats* heartbeats);
   int64_t step(std::vector<Entry_Ptr>& to_save);
   void step_round(const Entry_Ptr& entry, int64_t now, std::vector<Entry_Ptr>& to_save);
   void save(const Entry_Ptr& entry);
   void ask_state(const Entry_Ptr& entry, const std::string& host);
   void announce(const Entry_Ptr& entry, const Cluster_Round::Announcement& announcement);
   void note_choice(const Entry_Ptr& entry);
+  bool resume(const Cluster_History::Unfinished& selection);
+  void resume_all();
+  void save_all();
 };
 
 void Cluster_Coordinator::State::poke()
@@ -134,6 +155,28 @@ bool Cluster_Coordinator::State::join(const Cluster_Request& request, Ticket& ti
   return true;
 }
 
+/// Every choice is a write to the disk, questions to agents, and memory for as long as hosts may still join
+/// it.
+void Cluster_Coordinator::State::check_room(const Cluster_Request& request, bool defined)
+{
+  const std::lock_guard<std::mutex> guard(mutex);
+  size_t all = 0, of_host = 0;
+  for (const auto& [definition, entries] : rounds)
+    for (const Entry_Ptr& entry : entries) {
+      ++all;
+      of_host += entry->round.begun_by() == request.host_uuid;
+    }
+  const size_t share = defined ? 1 : 2;
+  if (of_host >= limits.rounds_of_host / share)
+    throw REST_Error(429, "too_many_selections",
+                     "Host " + hosts.name(request.host_uuid) + " has begun " + std::to_string(of_host) +
+                         " selections that are not over: ask again later",
+                     RETRY_SECONDS);
+  if (all >= limits.rounds / share)
+    throw REST_Error(429, "too_many_selections",
+                     std::to_string(all) + " selections are not over: ask again later", RETRY_SECONDS);
+}
+
 void Cluster_Coordinator::State::ask_state(const Entry_Ptr& entry, const std::string& host)
 {
   const json_spirit::Value params = entry->round.question();
@@ -141,8 +184,8 @@ void Cluster_Coordinator::State::ask_state(const Entry_Ptr& entry, const std::st
     json_spirit::Value answer;
     JSON_RPC_Error error;
     Node_State node;
-    const Agent_Call call = hosts.ask(host, "oscar.node.check_state", params,
-                                      static_cast<int>(limits.state_msec), answer, error);
+    const Agent_Call call =
+        hosts.ask(host, "oscar.node.check_state", params, static_cast<int>(limits.state_msec), answer, error);
     if (call != Agent_Call::answered || read_node_state(answer, node))
       node.problem = problem_of(call, error);
     node.call = call;
@@ -194,12 +237,12 @@ void Cluster_Coordinator::State::step_round(const Entry_Ptr& entry, int64_t now,
     ACE_ERROR((LM_WARNING, "Node selection of job %C: host %C asked but could not be told of the choice\n",
                round.definition_uuid().c_str(), name.c_str()));
   note_choice(entry);
-  if (entry->decision_kept)
-    for (const Cluster_Round::Announcement& announcement : round.take_announcements(view, now))
-      announce(entry, announcement);
-  const bool changed_long_ago = round.version() != entry->saved_version &&
-                                now >= entry->saved_at_msec + SAVE_INTERVAL_MSEC;
-  if ((round.decided() && !entry->decision_kept) || changed_long_ago)
+  for (Cluster_Round::Announcement& announcement : round.take_announcements(view, now))
+    entry->due.push_back(std::move(announcement));
+  const int64_t interval = round.decided() ? SAVE_INTERVAL_MSEC : SAVE_OPEN_MSEC;
+  const bool changed_long_ago =
+      round.version() != entry->saved_version && now >= entry->saved_at_msec + interval;
+  if ((round.decided() && !entry->decision_kept) || !entry->due.empty() || changed_long_ago)
     to_save.push_back(entry);
 }
 
@@ -211,28 +254,30 @@ int64_t Cluster_Coordinator::State::step(std::vector<Entry_Ptr>& to_save)
     std::list<Entry_Ptr>& entries = definition->second;
     for (auto entry = entries.begin(); entry != entries.end();) {
       step_round(*entry, now, to_save);
-      const bool over =
-          (*entry)->round.finished(now) && (*entry)->round.version() == (*entry)->saved_version;
+      const bool over = (*entry)->round.finished(now) && (*entry)->round.version() == (*entry)->saved_version;
       entry = over ? entries.erase(entry) : std::next(entry);
     }
     definition = entries.empty() ? rounds.erase(definition) : std::next(definition);
   }
-  return rounds.empty() ? 60000 : 50;
+  return rounds.empty() ? IDLE_MSEC : 50;
 }
 
 void Cluster_Coordinator::State::save(const Entry_Ptr& entry)
 {
-  json_spirit::Object explanation;
+  json_spirit::Object explanation, kept;
   unsigned version = 0;
   int64_t decided_at = 0;
   {
     const std::lock_guard<std::mutex> guard(mutex);
     explanation = entry->round.explanation(view);
+    set_value(kept, "boot", boot);
+    set_value(kept, "decided_at", entry->decided_at);
+    set_value(kept, "round", entry->round.kept());
     version = entry->round.version();
     decided_at = entry->decided_at;
   }
   try {
-    history.save(entry->round.number(), explanation, decided_at);
+    history.save(entry->round.number(), explanation, kept, decided_at);
   } catch (const std::exception& failure) {
     // The agents wait: the choice goes out without its explanation.
     ACE_ERROR((LM_ERROR, "(%P|%t) Cluster_Coordinator: the explanation of selection %q is not kept: %C\n",
@@ -242,13 +287,17 @@ void Cluster_Coordinator::State::save(const Entry_Ptr& entry)
   entry->saved_version = version;
   entry->saved_at_msec = clock().monotonic_msec();
   entry->decision_kept = entry->decision_kept || decided_at != 0;
+  for (const Cluster_Round::Announcement& announcement : std::exchange(entry->due, {}))
+    announce(entry, announcement);
 }
 
-void Cluster_Coordinator::State::run()
+void Cluster_Coordinator::State::run(Heartbeats* heartbeats)
 {
+  Heartbeat heartbeat(heartbeats, "choice of nodes", STUCK_MSEC);
   std::unique_lock<std::mutex> lock(mutex);
   while (!stopping) {
     poked = false;
+    heartbeat.beat();
     std::vector<Entry_Ptr> to_save;
     const int64_t wait_msec = step(to_save);
     if (!to_save.empty()) {
@@ -262,6 +311,66 @@ void Cluster_Coordinator::State::run()
   }
 }
 
+/// False when nobody can go on with it.
+bool Cluster_Coordinator::State::resume(const Cluster_History::Unfinished& selection)
+{
+  if (selection.kept.type() != json_spirit::obj_type)
+    return false;
+  try {
+    const json_spirit::Object& kept = selection.kept.get_obj();
+    if (boot.empty() || required<std::string>(kept, "boot") != boot)
+      return false;
+    std::unique_ptr<Cluster_Round> round =
+        Cluster_Round::resume(limits, required<json_spirit::Object>(kept, "round"), selection.selection_time,
+                              selection.number, clock().monotonic_msec());
+    if (!round)
+      return false;
+    const Entry_Ptr entry = std::make_shared<Entry>(std::move(round));
+    entry->decided_at = required<int64_t>(kept, "decided_at");
+    entry->decision_kept = entry->round.decided();
+    std::list<Entry_Ptr>& entries = rounds[entry->round.definition_uuid()];
+    for (const Entry_Ptr& former : entries)
+      former->round.close();
+    entries.push_front(entry);
+    return true;
+  } catch (const std::exception& failure) {
+    ACE_ERROR((LM_WARNING,
+               "Node selection %q, which a former server left unfinished, cannot be resumed: %C\n",
+               static_cast<ACE_INT64>(selection.number), failure.what()));
+    return false;
+  }
+}
+
+void Cluster_Coordinator::State::resume_all()
+{
+  std::vector<int64_t> over;
+  size_t resumed = 0;
+  for (const Cluster_History::Unfinished& selection : history.unfinished())
+    if (resume(selection))
+      ++resumed;
+    else
+      over.push_back(selection.number);
+  const int64_t interrupted = over.empty() ? 0 : history.mark_over(over);
+  if (interrupted > 0 || resumed > 0)
+    ACE_DEBUG((LM_NOTICE, "Node selections of a former server: %q were interrupted, %q go on\n",
+               static_cast<ACE_INT64>(interrupted), static_cast<ACE_INT64>(resumed)));
+}
+
+/// So that the next server knows as much as this one. After the thread and the workers have ended.
+void Cluster_Coordinator::State::save_all()
+{
+  std::vector<Entry_Ptr> changed_ones;
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    for (const auto& [definition, entries] : rounds)
+      for (const Entry_Ptr& entry : entries)
+        if (entry->round.version() != entry->saved_version)
+          changed_ones.push_back(entry);
+  }
+  for (const Entry_Ptr& entry : changed_ones)
+    save(entry);
+}
+
 Cluster_Coordinator::Cluster_Coordinator(Cluster_Hosts& hosts, Cluster_History& history,
                                          const Cluster_Limits& limits)
     : state_(std::make_shared<State>(hosts, history, limits))
@@ -273,23 +382,20 @@ Cluster_Coordinator::~Cluster_Coordinator()
   stop();
 }
 
-bool Cluster_Coordinator::start(std::string& error)
+bool Cluster_Coordinator::start(std::string& error, Heartbeats* heartbeats)
 {
   try {
-    const int64_t interrupted = state_->history.mark_interrupted();
-    if (interrupted > 0)
-      ACE_DEBUG((LM_NOTICE, "Node selections that a former server left unfinished: %q\n",
-                 static_cast<ACE_INT64>(interrupted)));
+    state_->resume_all();
     state_->last_chosen = state_->history.last_chosen();
   } catch (const std::exception& failure) {
     error = std::string("The node selections cannot be read from the server's database: ") + failure.what();
     return false;
   }
-  state_->thread = std::thread([state = state_.get()] { state->run(); });
+  state_->thread = std::thread([state = state_.get(), heartbeats] { state->run(heartbeats); });
   return true;
 }
 
-void Cluster_Coordinator::stop()
+void Cluster_Coordinator::stop_choosing()
 {
   {
     const std::lock_guard<std::mutex> guard(state_->mutex);
@@ -298,7 +404,13 @@ void Cluster_Coordinator::stop()
   }
   if (state_->thread.joinable())
     state_->thread.join();
+}
+
+void Cluster_Coordinator::stop()
+{
+  stop_choosing();
   state_->workers.stop();
+  state_->save_all();
   // Tickets that are still out hold their rounds, not the state.
   const std::lock_guard<std::mutex> guard(state_->mutex);
   state_->rounds.clear();
@@ -320,14 +432,15 @@ Cluster_Coordinator::Ticket Cluster_Coordinator::request(const Cluster_Request& 
       return ticket;
   }
   Cluster_Job job = state.hosts.job_of(request);
+  state.check_room(request, job.defined);
   const int64_t number = state.history.open(request.definition_uuid, clock().now(), ticket.selection_time);
   const std::lock_guard<std::mutex> guard(state.mutex);
   std::list<State::Entry_Ptr>& entries = state.rounds[request.definition_uuid];
   for (const State::Entry_Ptr& former : entries)
     former->round.close();
-  entries.push_front(std::make_shared<State::Entry>(state.limits, std::move(job), request,
-                                                    ticket.selection_time, number,
-                                                    clock().monotonic_msec()));
+  entries.push_front(std::make_shared<State::Entry>(
+      std::make_unique<Cluster_Round>(state.limits, std::move(job), request, ticket.selection_time, number,
+                                      clock().monotonic_msec())));
   ignore_result(state.join(request, ticket), "a new round takes its first request");
   return ticket;
 }

@@ -9,6 +9,8 @@
 
 namespace kestrel
 {
+class Heartbeats;
+
 /// What the choice of nodes needs of the rest of the server.
 class Cluster_Hosts : public Host_View
 {
@@ -28,9 +30,13 @@ public:
 /// Threads:   request(), written() and the rest from any thread. One thread of its own keeps the time; others
 ///            wait for agents. written() may come after stop() and after the end of the object.
 /// Ownership: hosts and history are not owned and must outlive stop().
-/// Errors:    request() throws what the database throws. What fails later stands in the explanation and the
+/// Errors:    request() throws what the database throws, and REST_Error 429 when too many choices are not
+/// over. What fails later stands in the explanation and the
 ///            log.
-/// Crash:     a choice under way is lost: its agents wait in vain, and the next start marks it interrupted.
+/// Crash:     the next start goes on with a choice whose agents may still wait: the same job, the same
+/// selection time,
+///            and no announcement that may have been sent before. One that nobody waits for is marked
+///            interrupted.
 class Cluster_Coordinator
 {
 public:
@@ -46,8 +52,12 @@ public:
   Cluster_Coordinator(const Cluster_Coordinator&) = delete;
   Cluster_Coordinator& operator=(const Cluster_Coordinator&) = delete;
 
-  [[nodiscard]] bool start(std::string& error);
-  /// Announces nothing more. Waits for calls under way: end the agents' connections first.
+  /// `heartbeats` hears of its thread; null: nobody watches; else not owned, and must outlive stop().
+  [[nodiscard]] bool start(std::string& error, Heartbeats* heartbeats = nullptr);
+  /// Decides nothing more: to be called before the agents' connections are ended, which would look as if they had gone.
+  void stop_choosing();
+  /// Announces nothing more, and keeps all that the next start must know. Waits for calls under way: end the agents'
+  /// connections first.
   void stop();
 
   Ticket request(const Cluster_Request& request);

@@ -51,27 +51,60 @@ int64_t Cluster_History::open(const std::string& definition_uuid, int64_t now, i
   return number;
 }
 
-void Cluster_History::save(int64_t number, const json_spirit::Object& record, int64_t decided_at)
+void Cluster_History::save(int64_t number, const json_spirit::Object& record, const json_spirit::Object& kept,
+                           int64_t decided_at)
 {
   const std::string text = write_json(record);
+  const std::string kept_text = kept.empty() ? std::string() : write_json(kept);
   const std::string state = text_of(record, "state");
   const std::string host = text_of(record, "host_uuid");
   const long long row = number;
   const long long decided = decided_at;
   Server_Database::Lease session = database_.lease();
-  *session << "UPDATE selection SET state = :s, host_uuid = :h, decided_at = :d, record = :r"
+  *session << "UPDATE selection SET state = :s, host_uuid = :h, decided_at = :d, record = :r, kept = :k"
               " WHERE number = :n",
       soci::use(state, "s"), soci::use(host, "h"), soci::use(decided, "d"), soci::use(text, "r"),
-      soci::use(row, "n");
+      soci::use(kept_text, "k"), soci::use(row, "n");
 }
 
-int64_t Cluster_History::mark_interrupted()
+std::vector<Cluster_History::Unfinished> Cluster_History::unfinished()
 {
+  std::vector<Unfinished> found;
   Server_Database::Lease session = database_.lease();
-  soci::statement update =
-      (session->prepare << "UPDATE selection SET state = 'interrupted' WHERE state = 'open'");
-  update.execute(true);
-  return update.get_affected_rows();
+  const soci::rowset<soci::row> rows =
+      (session->prepare << "SELECT CAST(number AS TEXT), record, kept FROM selection"
+                           " WHERE kept <> '' OR state = 'open' ORDER BY number");
+  for (const soci::row& row : rows) {
+    Unfinished selection;
+    json_spirit::Value record;
+    std::string error;
+    selection.number = std::stoll(row.get<std::string>(0));
+    if (read_json(row.get<std::string>(1), record, error) && record.type() == json_spirit::obj_type &&
+        optional(record.get_obj(), "selection_time", selection.selection_time) &&
+        !read_json(row.get<std::string>(2), selection.kept, error))
+      selection.kept = json_spirit::Value();
+    found.push_back(std::move(selection));
+  }
+  return found;
+}
+
+int64_t Cluster_History::mark_over(const std::vector<int64_t>& numbers)
+{
+  int64_t interrupted = 0;
+  Server_Database::Lease session = database_.lease();
+  Catalog_Transaction transaction(*session, Catalog_Transaction::Kind::write);
+  for (const int64_t number : numbers) {
+    const long long row = number;
+    soci::statement update =
+        (session->prepare << "UPDATE selection SET state = 'interrupted' WHERE number = :n"
+                             " AND state = 'open'",
+         soci::use(row, "n"));
+    update.execute(true);
+    interrupted += update.get_affected_rows();
+    *session << "UPDATE selection SET kept = '' WHERE number = :n", soci::use(row, "n");
+  }
+  transaction.commit();
+  return interrupted;
 }
 
 std::map<std::string, int64_t> Cluster_History::last_chosen()
@@ -107,6 +140,8 @@ json_spirit::Array Cluster_History::list(int limit, const std::string& definitio
     for (json_spirit::Pair& member : record.get_obj())
       entry.push_back(std::move(member));
     set_value(entry, "state", row.get<std::string>(1));
+    if (row.get<std::string>(1) == "interrupted" && text_of(entry, "reason").empty())
+      set_value(entry, "reason", "the server was stopped before it decided");
     selections.push_back(std::move(entry));
   }
   return selections;

@@ -6,6 +6,7 @@
 #include <exception>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace kestrel
 {
@@ -14,7 +15,9 @@ class Server_Database;
 /// The selections of cluster nodes and their explanations, as the database keeps them: the newest 1,000.
 /// Threads: any.
 /// Errors:  throws what the database throws.
-/// Crash:   a selection under way stays "open" and is marked "interrupted" by the next start.
+/// Crash:   a selection under way stays "open" with what was kept of it last; the next start goes on with it
+/// or marks
+///          it "interrupted".
 class Cluster_History
 {
 public:
@@ -25,10 +28,19 @@ public:
   /// Begins a selection. `selection_time` is `now`, or later when this definition's last one was not before
   /// it. Gives its number; numbers rise.
   int64_t open(const std::string& definition_uuid, int64_t now, int64_t& selection_time);
-  /// Replaces what is kept of the selection. `record` has "state" and "host_uuid".
-  void save(int64_t number, const json_spirit::Object& record, int64_t decided_at);
-  /// Selections that a stopped server left behind. Their number.
-  int64_t mark_interrupted();
+  /// Replaces the explanation, which has "state" and "host_uuid", and what a next server must know.
+  void save(int64_t number, const json_spirit::Object& record, const json_spirit::Object& kept,
+            int64_t decided_at);
+
+  struct Unfinished {
+    int64_t number = 0;
+    int64_t selection_time = 0;
+    json_spirit::Value kept; ///< null when nothing was, or it cannot be read
+  };
+  /// Selections that a stopped server may have left unfinished, the oldest first.
+  std::vector<Unfinished> unfinished();
+  /// Nobody goes on with these: those not decided are marked "interrupted". How many.
+  int64_t mark_over(const std::vector<int64_t>& numbers);
   /// The number of the selection that chose each host last.
   std::map<std::string, int64_t> last_chosen();
   /// Newest first, at most `limit`; of one definition when one is given.

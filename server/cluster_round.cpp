@@ -14,6 +14,7 @@ constexpr unsigned QUESTION_TRIES = 3;
 constexpr int64_t LEAST_QUESTION_MSEC = 1000;
 /// A reply that was not written after this time never will be: no request takes as long.
 constexpr int64_t REPLY_LIMIT_MSEC = 90000;
+constexpr int64_t RESUMED_STATE_MSEC = 2000;
 
 const char* kind_text(Cluster_Job::Kind kind)
 {
@@ -54,7 +55,7 @@ bool read_node_state(const json_spirit::Value& answer, Node_State& state)
 Cluster_Round::Cluster_Round(const Cluster_Limits& limits, Cluster_Job job, const Cluster_Request& first,
                              int64_t selection_time, int64_t number, int64_t now)
     : limits_(limits), job_(std::move(job)), first_(first), selection_time_(selection_time), number_(number),
-      opened_at_(now)
+      opened_at_(now), window_end_(now + limits.window_msec)
 {
   for (const std::string& host : job_.hosts)
     if (!find(host)) {
@@ -75,12 +76,20 @@ bool Cluster_Round::takes(const std::string& host_uuid, int64_t now) const
 {
   if (closed_)
     return false;
-  if (!decided_ || now < opened_at_ + limits_.window_msec)
+  if (!decided_ || now < window_end_)
     return true;
   if (!choice_.success || now >= decided_at_ + limits_.late_msec)
     return false;
   return std::none_of(tickets_.begin(), tickets_.end(),
-                      [&](const Ticket& ticket) { return ticket.host_uuid == host_uuid; });
+                      [&](const Ticket& ticket) { return ticket.host_uuid == host_uuid && !ticket.lost; });
+}
+
+/// Its agent asks again, so that it does not wait for what it asked for before the restart.
+void Cluster_Round::supersede(const std::string& host_uuid)
+{
+  for (Ticket& ticket : tickets_)
+    if (ticket.resumed && ticket.host_uuid == host_uuid && ticket.state == Ticket_State::ready)
+      settle(ticket, false, "its agent asked again after the restart of the server");
 }
 
 unsigned Cluster_Round::add(const Cluster_Request& request, int64_t now)
@@ -94,6 +103,7 @@ unsigned Cluster_Round::add(const Cluster_Request& request, int64_t now)
       candidate->excluded = "it asked after the choice was made";
   }
   candidate->asked = true;
+  supersede(request.host_uuid);
   select_master_ = select_master_ || request.select_master;
   Ticket ticket;
   ticket.host_uuid = request.host_uuid;
@@ -110,6 +120,7 @@ void Cluster_Round::reply_written(unsigned ticket, bool written, int64_t now)
     return;
   told.replied = true;
   told.replied_at = now;
+  ++version_;
   if (written)
     told.state = Ticket_State::ready;
   else
@@ -126,7 +137,7 @@ std::vector<std::string> Cluster_Round::take_questions(Host_View& view, int64_t 
 {
   std::vector<std::string> hosts;
   // Who comes later than this would hold up the choice.
-  const int64_t last = opened_at_ + std::max(limits_.window_msec, LEAST_QUESTION_MSEC);
+  const int64_t last = std::max(window_end_, opened_at_ + LEAST_QUESTION_MSEC);
   if (decided_ || job_.instance.empty() || now >= last)
     return hosts;
   for (Candidate& candidate : candidates_) {
@@ -159,13 +170,20 @@ void Cluster_Round::answered(const std::string& host_uuid, const Node_State& sta
   ++version_;
 }
 
-/// Every connected host has asked and answered. Hosts that nobody named may always come.
+/// Every connected host has asked and answered. Hosts that nobody named may always come, and after a restart
+/// those that wait come back.
 bool Cluster_Round::all_heard(Host_View& view) const
 {
   return job_.defined && std::all_of(candidates_.begin(), candidates_.end(), [&](const Candidate& candidate) {
-           return !view.connected(candidate.host_uuid) ||
-                  (candidate.asked && candidate.question == Question::done);
+           const bool awaited =
+               view.connected(candidate.host_uuid) || (resumed_ && waits(candidate.host_uuid));
+           return !awaited || (candidate.asked && candidate.question == Question::done);
          });
+}
+
+bool Cluster_Round::anybody_waits() const
+{
+  return std::any_of(tickets_.begin(), tickets_.end(), [](const Ticket& ticket) { return !ticket.settled; });
 }
 
 /// Whether its agent still waits for the choice, or has heard of it.
@@ -216,20 +234,30 @@ void Cluster_Round::choose(Host_View& view)
   wish.select_master = select_master_;
   wish.backup = job_.kind == Cluster_Job::Kind::backup;
   choice_ = choose_node(candidates(view), wish);
+  if (resumed_)
+    choice_.reason = "after a restart of the server: " + choice_.reason;
 }
 
 bool Cluster_Round::decide(Host_View& view, int64_t now)
 {
   if (decided_)
     return false;
-  const bool window_over = now >= opened_at_ + limits_.window_msec;
+  const bool window_over = now >= window_end_;
   const bool open_questions =
       std::any_of(candidates_.begin(), candidates_.end(),
                   [](const Candidate& candidate) { return candidate.question == Question::open; });
-  const bool too_long = now >= opened_at_ + limits_.window_msec + limits_.state_msec;
+  // Who waited through a restart has not much time left.
+  const int64_t state_msec = resumed_ ? std::min(limits_.state_msec, RESUMED_STATE_MSEC) : limits_.state_msec;
+  const bool too_long = now >= window_end_ + state_msec;
   if (!(window_over && !open_questions) && !too_long && !all_heard(view))
     return false;
   choose(view);
+  if (resumed_ && !anybody_waits()) {
+    interrupted_ = window_over; // until then agents may come
+    choice_ = Node_Choice();
+    choice_.reason = "the server was restarted before it decided, and no agent waits for the choice any more";
+    closed_ = closed_ || interrupted_;
+  }
   // A node may still come or come back, and its request would have to share a failure.
   if (!choice_.success && !window_over)
     return false;
@@ -280,7 +308,7 @@ bool Cluster_Round::chosen_is_gone(int64_t now) const
       return false;
     open = open || !ticket.settled;
   }
-  return !open || now >= decided_at_ + limits_.hold_msec;
+  return !open || now >= std::max(decided_at_ + limits_.hold_msec, resume_until_);
 }
 
 bool Cluster_Round::may_go_out(const Ticket& ticket) const
@@ -320,6 +348,7 @@ bool Cluster_Round::announced(Host_View& view, unsigned ticket, Agent_Call call,
     return true;
   if (call == Agent_Call::offline) {
     told.state = Ticket_State::ready;
+    ++version_;
     return false;
   }
   settle(told, call == Agent_Call::answered, problem);
@@ -337,6 +366,7 @@ std::vector<std::string> Cluster_Round::give_up(Host_View& view, int64_t now)
   std::vector<std::string> in_vain;
   if (chosen_is_gone(now)) {
     decided_at_ = now;
+    resume_until_ = 0;
     choose_without_chosen(view, "its agent could not be told in time");
   }
   for (Ticket& ticket : tickets_) {
@@ -355,7 +385,7 @@ std::vector<std::string> Cluster_Round::give_up(Host_View& view, int64_t now)
 
 bool Cluster_Round::finished(int64_t now) const
 {
-  if (!decided_ || (!closed_ && now < opened_at_ + limits_.window_msec) ||
+  if (!decided_ || (!closed_ && now < window_end_) ||
       (!closed_ && choice_.success && now < decided_at_ + limits_.late_msec))
     return false;
   return std::all_of(tickets_.begin(), tickets_.end(), [](const Ticket& ticket) { return ticket.settled; });
@@ -397,11 +427,15 @@ json_spirit::Object Cluster_Round::explanation(Host_View& view) const
   whole.emplace_back("instance", job_.instance);
   whole.emplace_back("select_master", select_master_);
   whole.emplace_back("selection_time", selection_time_);
-  whole.emplace_back("state", !decided_ ? "open" : choice_.success ? "success" : "failed");
+  whole.emplace_back("state", !decided_         ? "open"
+                              : interrupted_    ? "interrupted"
+                              : choice_.success ? "success"
+                                                : "failed");
   whole.emplace_back("node_id", choice_.node_id);
   whole.emplace_back("host_uuid", choice_.host_uuid);
   whole.emplace_back("host", choice_.success ? view.name(choice_.host_uuid) : std::string());
   whole.emplace_back("reason", decided_ ? choice_.reason : std::string());
+  whole.emplace_back("resumed", resumed_);
   whole.emplace_back("candidates", std::move(nodes));
   whole.emplace_back("announcements", std::move(announcements));
   return whole;

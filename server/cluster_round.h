@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,10 @@ struct Cluster_Limits {
   int64_t announce_msec = 14000;
   /// How long the others wait for the chosen node to take its announcement; then another is chosen.
   int64_t hold_msec = 3000;
+  /// Choices that are not over, in all and of those that one host began; of jobs that nobody defined on the
+  /// server half as many, so that they leave room for the others.
+  size_t rounds = 4000;
+  size_t rounds_of_host = 200;
 };
 
 /// What a round must know of the hosts.
@@ -85,7 +90,11 @@ public:
 /// once: when it was sent and no answer came, it may have arrived, and a second one would be taken by the
 /// next run. The chosen node hears first. When it cannot be told, nobody knows of the choice yet, and another
 /// node is chosen; once it may know, the choice stands.
-/// Threads: the owner's lock. Units: milliseconds of the owner's monotonic clock.
+///
+/// After a restart of the server a round goes on from what it kept: the same job and the same selection time
+/// for requests that come, and its announcements for those whose agents still wait. Where it is not known
+/// whether a request was answered, or an announcement sent, nothing is announced any more. Threads: the
+/// owner's lock. Units: milliseconds of the owner's monotonic clock.
 class Cluster_Round
 {
 public:
@@ -97,6 +106,13 @@ public:
 
   Cluster_Round(const Cluster_Limits& limits, Cluster_Job job, const Cluster_Request& first,
                 int64_t selection_time, int64_t number, int64_t now);
+
+  /// The round that kept() tells of, in a server that was started again; null when nobody waits for it any
+  /// more and no request can join it. Errors: throws std::exception when `kept` is not usable.
+  static std::unique_ptr<Cluster_Round> resume(const Cluster_Limits& limits, const json_spirit::Object& kept,
+                                               int64_t selection_time, int64_t number, int64_t now);
+  /// All that a next server must know of it.
+  json_spirit::Object kept() const;
 
   /// Whether a request of this host belongs to this round.
   bool takes(const std::string& host_uuid, int64_t now) const;
@@ -113,7 +129,7 @@ public:
   bool decide(Host_View& view, int64_t now);
   bool decided() const { return decided_; }
 
-  /// Announcements to send now.
+  /// Announcements to send now; kept() tells that they may have been sent, and must be kept before they are.
   std::vector<Announcement> take_announcements(Host_View& view, int64_t now);
   /// False: it could not be sent, and it is due again.
   bool announced(Host_View& view, unsigned ticket, Agent_Call call, const std::string& problem);
@@ -124,16 +140,21 @@ public:
   /// Nothing is left to do and no request joins any more.
   bool finished(int64_t now) const;
   /// No later request joins.
-  void close() { closed_ = true; }
+  void close()
+  {
+    closed_ = true;
+    ++version_;
+  }
 
   int64_t number() const { return number_; }
   int64_t selection_time() const { return selection_time_; }
   const Cluster_Job& job() const { return job_; }
   const Node_Choice& choice() const { return choice_; }
   const std::string& definition_uuid() const { return first_.definition_uuid; }
+  const std::string& begun_by() const { return first_.host_uuid; }
   /// The whole explanation, as the history keeps it.
   json_spirit::Object explanation(Host_View& view) const;
-  /// Counts every change of what explanation() tells.
+  /// Counts every change of what explanation() and kept() tell.
   unsigned version() const { return version_; }
 
 private:
@@ -157,6 +178,8 @@ private:
     bool replied = false;
     bool delivered = false;
     bool settled = false; ///< what became of it is known
+    bool resumed = false; ///< of before a restart of the server
+    bool lost = false;    ///< resumed, and it is not known whether the request was answered
     int64_t made_at = 0;
     int64_t replied_at = 0;
     std::string problem;
@@ -174,6 +197,12 @@ private:
   void choose(Host_View& view);
   void choose_without_chosen(Host_View& view, const std::string& why);
   void settle(Ticket& ticket, bool delivered, const std::string& problem);
+  bool anybody_waits() const;
+  void supersede(const std::string& host_uuid);
+  json_spirit::Object kept_candidate(const Candidate& candidate) const;
+  void resume_candidate(const json_spirit::Object& kept);
+  void resume_ticket(const json_spirit::Object& kept);
+  void resume_members(const json_spirit::Object& kept, int64_t now);
 
   const Cluster_Limits limits_;
   const Cluster_Job job_;
@@ -181,9 +210,13 @@ private:
   const int64_t selection_time_;
   const int64_t number_;
   const int64_t opened_at_;
+  int64_t window_end_; ///< when the choice is made without those that have not come
   bool select_master_ = false;
   bool decided_ = false;
   bool closed_ = false;
+  bool resumed_ = false;
+  bool interrupted_ = false; ///< resumed, and nobody waited any more
+  int64_t resume_until_ = 0; ///< how long agents may take to come back after the restart
   bool chosen_told_ = false; ///< the chosen node knows, or may know
   int64_t decided_at_ = 0;
   unsigned version_ = 0;

@@ -26,6 +26,7 @@ public:
   [[nodiscard]] bool changed(const json_spirit::Object& state);
 
   size_t running() const { return running_.size(); }
+  bool runs(const std::string& definition_uuid) const { return running_.count(definition_uuid) > 0; }
   unsigned running_but(const std::string& definition_uuid) const;
   /// What was told of one job last: the members of its entry in the list, and "now" with the last state.
   json_spirit::Value job(const std::string& definition_uuid) const;

@@ -15,22 +15,26 @@ struct Forwarded_Method {
   const char* name;
   REST_Access least;
   bool changes;
+  int most_seconds; ///< what it takes at most on a host that is well, and much more than that
 };
 
 const Forwarded_Method FORWARDED[] = {
-    {"agent.status", REST_Access::viewer, false},
-    {"instance.list", REST_Access::viewer, false},
-    {"instance.login", REST_Access::operator_, true},
-    {"oscar.list", REST_Access::viewer, false},
-    {"oscar.node.check_state", REST_Access::viewer, false},
-    {"job.list", REST_Access::viewer, false},
-    {"job.control", REST_Access::operator_, true},
-    {"job.log", REST_Access::viewer, false},
+    {"agent.status", REST_Access::viewer, false, 30},
+    {"instance.list", REST_Access::viewer, false, 120},
+    {"instance.login", REST_Access::operator_, true, 120},
+    {"oscar.list", REST_Access::viewer, false, 120},
+    {"oscar.node.check_state", REST_Access::viewer, false, 60},
+    {"job.list", REST_Access::viewer, false, 30},
+    {"job.control", REST_Access::operator_, true, 60},
+    {"job.log", REST_Access::viewer, false, 30},
 };
+/// Waits for nothing on the host, and must go through when others have to wait.
+const char* const CONTROL = "job.control";
 
 constexpr int LEAST_SECONDS = 1;
 constexpr int MOST_SECONDS = 300;
 constexpr int DEFAULT_SECONDS = 30;
+constexpr int LEAST_GIVEN_UP_SECONDS = 30;
 
 const Forwarded_Method* find_method(const std::string& name)
 {
@@ -93,13 +97,32 @@ std::vector<std::string> read_hosts(Agent_Hub& hub, const json_spirit::Array& uu
     Host_Status host;
     if (entry.type() != json_spirit::str_type || !hub.find_host(entry.get_str(), host))
       throw REST_Error(400, "unknown_host",
-                       "hosts: " +
-                           (entry.type() == json_spirit::str_type ? "no host '" + entry.get_str() + "' is enrolled"
-                                                                  : "must be a list of uuids or names"));
+                       "hosts: " + (entry.type() == json_spirit::str_type
+                                        ? "no host '" + entry.get_str() + "' is enrolled"
+                                        : "must be a list of uuids or names"));
     if (std::find(uuids.begin(), uuids.end(), host.uuid) == uuids.end())
       uuids.push_back(host.uuid);
   }
   return uuids;
+}
+
+Agent_Call ask_through_gate(Agent_Hub& hub, Host_Gate& gate, const Gated_Question& question,
+                            const json_spirit::Value& params, json_spirit::Value& result,
+                            JSON_RPC_Error& error)
+{
+  Host_Gate::Pass pass(gate, question.user, question.host_uuid);
+  const Agent_Call call =
+      hub.ask(question.host_uuid, question.method, params, question.seconds * 1000, result, error);
+  if (call == Agent_Call::late)
+    pass.given_up(std::max(question.most_seconds - question.seconds, LEAST_GIVEN_UP_SECONDS) * 1000);
+  return call;
+}
+
+Agent_Call Host_Resources::control(const std::string& host_uuid, const json_spirit::Value& params,
+                                   int seconds, json_spirit::Value& result, JSON_RPC_Error& error)
+{
+  const Host_Gate::Pass pass(gate_);
+  return hub_.ask(host_uuid, CONTROL, params, seconds * 1000, result, error);
 }
 
 void Host_Resources::add_to(REST_Router& router)
@@ -143,13 +166,17 @@ REST_Reply Host_Resources::forward(REST_Request& request)
     refused.audit = audit;
     return refused;
   }
-  const int seconds = read_timeout(body);
+  const int seconds = std::min(read_timeout(body), method->most_seconds);
   const Host_Status host = find_host_or_refuse(hub_, request.vars.at("host"));
-  const Host_Gate::Pass pass(gate_, method->changes ? Host_Gate::Purpose::control : Host_Gate::Purpose::asking);
   json_spirit::Value result;
   JSON_RPC_Error error;
-  const Agent_Call call = hub_.ask(host.uuid, name, json_spirit::find_value(body, "params"), seconds * 1000,
-                                   result, error);
+  const json_spirit::Value& params = json_spirit::find_value(body, "params");
+  const Agent_Call call =
+      name == CONTROL
+          ? control(host.uuid, params, seconds, result, error)
+          : ask_through_gate(hub_, gate_,
+                             {request.caller.name, host.uuid, name, seconds, method->most_seconds}, params,
+                             result, error);
   REST_Reply reply;
   if (call == Agent_Call::answered) {
     json_spirit::Object answer;
@@ -159,15 +186,16 @@ REST_Reply Host_Resources::forward(REST_Request& request)
     reply = forwarded_error(error);
   else if (call == Agent_Call::late)
     reply = rest_error(504, "host_late",
-                       "The agent of host " + host.name + " did not answer within " + std::to_string(seconds) +
-                           " s; whether it did what was asked is not known");
+                       "The agent of host " + host.name + " did not answer within " +
+                           std::to_string(seconds) + " s; whether it did what was asked is not known");
   else
-    reply = rest_error(503, "host_offline",
-                       "The agent of host " + host.name +
-                           (call == Agent_Call::lost ? " went away before it answered; whether it did what was "
-                                                       "asked is not known"
-                                                     : " is not connected; see that it runs and reaches the "
-                                                       "server"));
+    reply =
+        rest_error(503, "host_offline",
+                   "The agent of host " + host.name +
+                       (call == Agent_Call::lost ? " went away before it answered; whether it did what was "
+                                                   "asked is not known"
+                                                 : " is not connected; see that it runs and reaches the "
+                                                   "server"));
   reply.audit = audit;
   reply.changed = method->changes;
   return reply;

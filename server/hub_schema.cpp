@@ -34,10 +34,15 @@ const std::vector<std::string> version_1 = {
     "CREATE TABLE selection_clock ("
     " definition_uuid TEXT NOT NULL PRIMARY KEY, last_time BIGINT NOT NULL)",
 };
+
+// What a next server must know of a selection to go on with it; empty when there is nothing to go on with.
+const std::vector<std::string> version_2 = {
+    "ALTER TABLE selection ADD COLUMN kept TEXT NOT NULL DEFAULT ''",
+};
 } // namespace
 
 Server_Schema_Part hub_schema()
 {
-  return {"hub", {version_1}};
+  return {"hub", {version_1, version_2}};
 }
 } // namespace kestrel

@@ -3,13 +3,16 @@
 #include "base/ignore_result.h"
 #include "base/uuid.h"
 #include "server/agent_hub.h"
+#include "server/cluster_outcome.h"
 #include "server/host_gate.h"
 #include "server/host_resources.h"
 #include "server/job_sync.h"
+#include "server/run_records.h"
 #include "json/json_util.h"
 
 #include <algorithm>
 #include <chrono>
+#include <map>
 #include <set>
 
 namespace kestrel
@@ -67,7 +70,8 @@ json_spirit::Object error_json(int code, const std::string& message)
 
 bool is_action(const std::string& action)
 {
-  static const std::set<std::string> known = {"run", "pause", "resume", "cancel", "abort", "enable", "disable"};
+  static const std::set<std::string> known = {"run",   "pause",  "resume", "cancel",
+                                              "abort", "enable", "disable"};
   return known.count(action) > 0;
 }
 } // namespace
@@ -133,9 +137,29 @@ REST_Reply Job_Resources::list(REST_Request&)
 
 REST_Reply Job_Resources::show(REST_Request& request)
 {
+  const Server_Definition_Ptr definition = find_or_refuse(definitions_, request.vars.at("id"));
+  json_spirit::Object entry = to_json(*definition);
+  entry.emplace_back("nobody_worked", nobody_worked(*definition));
   REST_Reply reply;
-  reply.json = to_json(*find_or_refuse(definitions_, request.vars.at("id")));
+  reply.json = std::move(entry);
   return reply;
+}
+
+std::string Job_Resources::nobody_worked(const Server_Definition& definition) const
+{
+  if (!definition.for_cluster())
+    return std::string();
+  std::map<std::string, json_spirit::Object> newest = runs_.newest(definition.id, definition.hosts);
+  std::vector<Node_Outcome> outcomes;
+  for (const std::string& host : definition.hosts) {
+    Node_Outcome outcome;
+    outcome.host_name = hub_.name_of(host);
+    outcome.record = std::move(newest[host]);
+    outcome.running = hub_.online(host) && hub_.runs(host, definition.id);
+    outcomes.push_back(std::move(outcome));
+  }
+  const json_spirit::Value& name = json_spirit::find_value(definition.document, "name");
+  return why_nobody_worked(name.type() == json_spirit::str_type ? name.get_str() : definition.id, outcomes);
 }
 
 void Job_Resources::tell_hosts(const Server_Definition_Ptr& former, const Server_Definition_Ptr& stored)
@@ -250,7 +274,8 @@ void Job_Resources::await_sync(const std::vector<std::string>& hosts)
 {
   const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(SYNC_MSEC);
   for (const std::string& host : hosts) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
     ignore_result(sync_.await(host, static_cast<int>(std::max<int64_t>(0, left.count()))),
                   "the host refuses what it does not know");
   }
@@ -281,7 +306,7 @@ REST_Reply Job_Resources::control(REST_Request& request)
   json_spirit::Object run;
   if (optional(body, "run", run))
     params.emplace_back("run", run);
-  const Host_Gate::Pass pass(gate_, Host_Gate::Purpose::control);
+  const Host_Gate::Pass pass(gate_);
   if (action == "run") {
     await_sync(hosts);
     new_run_(definition->id);

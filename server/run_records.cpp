@@ -101,37 +101,56 @@ void Run_Records::store(const std::string& host_uuid, const json_spirit::Array& 
   refused = std::move(bad);
 }
 
-json_spirit::Array Run_Records::list(const Filter& filter)
+Run_Records::Page Run_Records::page(const Filter& filter)
 {
-  bool truncated = false;
-  return list(filter, truncated);
-}
-
-json_spirit::Array Run_Records::list(const Filter& filter, bool& truncated)
-{
-  json_spirit::Array runs;
+  Page page;
   size_t bytes = 0;
-  truncated = false;
+  const long long before = filter.before_queued_at;
+  const int one_more = filter.limit + 1;
   Server_Database::Lease session = database_.lease();
   const soci::rowset<soci::row> rows =
-      (session->prepare << "SELECT record FROM run WHERE (:d1 = '' OR definition_id = :d2)"
-                           " AND (:h1 = '' OR host_uuid = :h2) AND (:s1 = '' OR state = :s2)"
+      (session->prepare << "SELECT record, CAST(queued_at AS TEXT), run_id FROM run"
+                           " WHERE (:d1 = '' OR definition_id = :d2) AND (:h1 = '' OR host_uuid = :h2)"
+                           " AND (:s1 = '' OR state = :s2)"
+                           " AND (:b1 = '' OR queued_at < :q1 OR (queued_at = :q2 AND run_id > :b2))"
                            " ORDER BY queued_at DESC, run_id LIMIT :l",
        soci::use(filter.definition_id, "d1"), soci::use(filter.definition_id, "d2"),
        soci::use(filter.host_uuid, "h1"), soci::use(filter.host_uuid, "h2"), soci::use(filter.state, "s1"),
-       soci::use(filter.state, "s2"), soci::use(filter.limit, "l"));
+       soci::use(filter.state, "s2"), soci::use(filter.before_run_id, "b1"), soci::use(before, "q1"),
+       soci::use(before, "q2"), soci::use(filter.before_run_id, "b2"), soci::use(one_more, "l"));
+  int taken = 0;
   for (const soci::row& row : rows) {
     const std::string text = row.get<std::string>(0);
     bytes += text.size();
-    truncated = bytes > filter.most_bytes && !runs.empty();
-    if (truncated)
+    page.truncated = bytes > filter.most_bytes && taken > 0;
+    page.more = page.truncated || taken == filter.limit;
+    if (page.more)
       break;
+    ++taken;
+    page.last_queued_at = std::stoll(row.get<std::string>(1));
+    page.last_run_id = row.get<std::string>(2);
     json_spirit::Value record;
     std::string error;
     if (read_json(text, record, error))
-      runs.push_back(std::move(record));
+      page.runs.push_back(std::move(record));
   }
-  return runs;
+  return page;
+}
+
+std::map<std::string, json_spirit::Object> Run_Records::newest(const std::string& definition_id,
+                                                               const std::vector<std::string>& host_uuids)
+{
+  std::map<std::string, json_spirit::Object> newest;
+  Filter filter;
+  filter.definition_id = definition_id;
+  filter.limit = 1;
+  for (const std::string& host : host_uuids) {
+    filter.host_uuid = host;
+    for (json_spirit::Value& record : page(filter).runs)
+      if (record.type() == json_spirit::obj_type)
+        newest[host] = std::move(record.get_obj());
+  }
+  return newest;
 }
 
 bool Run_Records::find(const std::string& run_id, json_spirit::Value& record)

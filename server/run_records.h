@@ -3,6 +3,7 @@
 #include "json/value.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,16 @@ public:
     std::string state;
     int limit = 100;
     size_t most_bytes = size_t(8) << 20; ///< of the records' texts
+    /// Only runs that follow this one in the order of the list: its queued_at and run_id. Not with an empty id.
+    int64_t before_queued_at = 0;
+    std::string before_run_id;
+  };
+  struct Page {
+    json_spirit::Array runs; ///< newest first; of those queued in the same second, by run_id
+    bool truncated = false;  ///< it ends at `most_bytes`
+    bool more = false;       ///< others follow
+    int64_t last_queued_at = 0;
+    std::string last_run_id; ///< of the last of these runs
   };
   struct Refusal {
     std::string run_id; ///< empty when the record has none
@@ -34,10 +45,13 @@ public:
   /// of another host.
   void store(const std::string& host_uuid, const json_spirit::Array& records,
              std::vector<std::string>& stored, std::vector<Refusal>& refused);
-  /// Newest first. Stops before the records have more bytes than `most_bytes`, but for the first one; then
-  /// `truncated` is set.
-  json_spirit::Array list(const Filter& filter, bool& truncated);
-  json_spirit::Array list(const Filter& filter);
+  /// Stops before the records have more bytes than `most_bytes`, but for the first one. Runs that are reported
+  /// meanwhile shift nothing: a page goes on where the last one ended.
+  Page page(const Filter& filter);
+  json_spirit::Array list(const Filter& filter) { return page(filter).runs; }
+  /// The newest run of a definition on each host that has one.
+  std::map<std::string, json_spirit::Object> newest(const std::string& definition_id,
+                                                    const std::vector<std::string>& host_uuids);
   [[nodiscard]] bool find(const std::string& run_id, json_spirit::Value& record);
   /// Removes runs that ended before. How many.
   int64_t prune(int64_t before);

@@ -2,6 +2,7 @@
 
 #include "base/clock.h"
 #include "base/file_lock.h"
+#include "base/heartbeat.h"
 #include "base/path_conf.h"
 #include "catalog/sql_back_end.h"
 #include "rpc/websocket_server.h"
@@ -33,6 +34,8 @@ namespace
 const char* const agent_path = "/k2/w/agent";
 const int REVOKED_CHECK_SECONDS = 5;
 const int PRUNE_SECONDS = 3600;
+/// A turn waits for the disk, and for other processes that write to the database.
+constexpr int64_t STUCK_MSEC = 300 * 1000;
 /// No pool has it; asking for its backups shows whether the catalog answers.
 const char* const no_pool = "00000000-0000-0000-0000-000000000000";
 
@@ -58,6 +61,7 @@ struct Server_Host::Parts {
   void prune();
 
   Server_Config config;
+  Heartbeats* heartbeats = nullptr;
   time_t started = 0;
   File_Lock lock;
   Server_Database database;
@@ -118,7 +122,8 @@ void Server_Host::Parts::make_resources()
   Agent_Hub_Service::Options options;
   options.cluster.window_msec = config.cluster_window_seconds * 1000;
   options.keep_run_days = config.keep_run_days;
-  options.waiting_requests = std::max(1u, config.workers / 2);
+  options.waiting.all = std::max(1u, config.workers / 2);
+  options.heartbeats = heartbeats;
   agents = std::make_unique<Agent_Hub_Service>(database, options);
 
   account_resources->add_to(router);
@@ -239,6 +244,7 @@ bool Server_Host::Parts::listen(std::string& error)
   options.port = config.port;
   options.workers = config.workers;
   options.limits = config.limits;
+  options.heartbeats = heartbeats;
   if (!config.plain) {
     const bool own = config.certificate_file.empty();
     options.certificate_file = own ? state_path("tls/server.crt") : config.certificate_file;
@@ -252,11 +258,12 @@ bool Server_Host::Parts::listen(std::string& error)
       error);
 }
 
-bool Server_Host::start(const Server_Config& config, std::string& error)
+bool Server_Host::start(const Server_Config& config, std::string& error, Heartbeats* heartbeats)
 {
   std::unique_ptr<Parts> parts = std::make_unique<Parts>();
   parts->config = config;
   parts->started = clock().now();
+  parts->heartbeats = heartbeats;
   if (!parts->lock_state(error) || !parts->open_database(error))
     return false;
   try {
@@ -289,9 +296,11 @@ void Server_Host::Parts::prune()
 void Server_Host::Parts::keep_house()
 {
   auto prune_at = std::chrono::steady_clock::now() + std::chrono::seconds(PRUNE_SECONDS);
+  Heartbeat heartbeat(heartbeats, "housekeeping", STUCK_MSEC);
   std::unique_lock<std::mutex> lock(mutex);
   while (!wake.wait_for(lock, std::chrono::seconds(REVOKED_CHECK_SECONDS), [this] { return ending; })) {
     lock.unlock();
+    heartbeat.beat();
     try {
       agents->hub().drop_revoked();
       if (std::chrono::steady_clock::now() >= prune_at) {

@@ -8,6 +8,7 @@
 namespace kestrel
 {
 class Accounts;
+class Heartbeats;
 class Server_Database;
 class Server_Metrics;
 
@@ -24,7 +25,8 @@ public:
   Server_Host& operator=(const Server_Host&) = delete;
 
   /// Takes the lock of the state directory, opens the database and listens.
-  [[nodiscard]] bool start(const Server_Config& config, std::string& error);
+  /// `heartbeats` hears of the server's loops; null: nobody watches; else not owned, and must outlive stop().
+  [[nodiscard]] bool start(const Server_Config& config, std::string& error, Heartbeats* heartbeats = nullptr);
   void stop(int grace_msec);
   /// Reads the certificate again.
   [[nodiscard]] bool reload(std::string& error);

@@ -26,6 +26,9 @@ namespace asio = boost::asio;
 using asio::ip::tcp;
 typedef boost::system::error_code Error;
 
+/// How often a thread that reads and writes reports, and when it counts as stuck: it waits for nothing else.
+const std::chrono::seconds TURN(2);
+constexpr int64_t STUCK_MSEC = 60 * 1000;
 /// How long the threads may take to end once every connection was cut. Longer than a WebSocket waits for the
 /// other side's good-bye.
 const int END_MSEC = 20000;
@@ -161,7 +164,7 @@ bool HTTP_Server::start(const HTTP_Server_Options& options, Handler handler, std
     return false;
   state_->shared->options = options;
   state_->shared->handler = std::move(handler);
-  state_->shared->workers.start(options.workers, options.limits.queued_requests);
+  state_->shared->workers.start(options.workers, options.limits.queued_requests, options.heartbeats);
   state_->work.emplace(state_->io.get_executor());
   asio::post(state_->strand, [state = state_] { state->accept(); });
   state_->running_threads = std::max(1u, options.io_threads);
@@ -172,10 +175,11 @@ bool HTTP_Server::start(const HTTP_Server_Options& options, Handler handler, std
 
 void HTTP_Server::State::run()
 {
-  for (;;) {
+  Heartbeat heartbeat(shared->options.heartbeats, "network", STUCK_MSEC);
+  while (!io.stopped()) {
     try {
-      io.run();
-      break;
+      io.run_for(TURN);
+      heartbeat.beat();
     } catch (const std::exception& exception) {
       // One connection's memory, say: the others go on.
       ACE_ERROR((LM_ERROR, "(%P|%t) HTTP_Server: %s\n", exception.what()));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/heartbeat.h"
 #include "rpc/rest_router.h"
 
 #include <cstdint>
@@ -34,6 +35,9 @@ struct HTTP_Server_Options {
   unsigned io_threads = 2;
   unsigned workers = 8;
   HTTP_Limits limits;
+  /// Hears of the threads that read and write, of each by itself, and of those that answer. Null: nobody watches; else
+  /// not owned, and must outlive the server.
+  Heartbeats* heartbeats = nullptr;
 };
 
 /// HTTP/1.1 over TLS 1.2 or later: reads requests, has them answered by a handler, and hands connections that

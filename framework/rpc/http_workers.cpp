@@ -1,11 +1,20 @@
 #include "rpc/http_workers.h"
 
+#include <chrono>
 #include <cstddef>
 
 namespace kestrel
 {
-void HTTP_Workers::start(unsigned threads, unsigned queue_limit)
+namespace
 {
+const std::chrono::seconds IDLE_TURN(5);
+/// Longer than the longest request.
+constexpr int64_t STUCK_MSEC = 15 * 60 * 1000;
+} // namespace
+
+void HTTP_Workers::start(unsigned threads, unsigned queue_limit, Heartbeats* heartbeats)
+{
+  heartbeat_ = std::make_unique<Heartbeat>(heartbeats, "requests", STUCK_MSEC);
   queue_limit_ = queue_limit;
   stopped_ = false;
   for (unsigned i = 0; i < threads; ++i)
@@ -44,17 +53,21 @@ void HTTP_Workers::stop()
   for (std::thread& thread : threads_)
     thread.join();
   threads_.clear();
+  heartbeat_.reset();
 }
 
 void HTTP_Workers::run()
 {
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
-    added_.wait(lock, [this] { return stopped_ || !tasks_.empty(); });
+    heartbeat_->beat();
+    if (!added_.wait_for(lock, IDLE_TURN, [this] { return stopped_ || !tasks_.empty(); }))
+      continue;
     if (tasks_.empty())
       return;
     std::function<void()> task = std::move(tasks_.front());
     tasks_.pop_front();
+    heartbeat_->beat();
     lock.unlock();
     task();
     task = nullptr; // what it owns goes before the lock is taken

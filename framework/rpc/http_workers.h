@@ -1,8 +1,11 @@
 #pragma once
 
+#include "base/heartbeat.h"
+
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -18,7 +21,9 @@ class HTTP_Workers
 public:
   ~HTTP_Workers() { stop(); }
 
-  void start(unsigned threads, unsigned queue_limit);
+  /// `heartbeats` hears of it while any of the threads waits for a task, begins one or ends one: it counts as stuck when
+  /// all have been at one request for very long, not when one has. Null: nobody watches; else not owned.
+  void start(unsigned threads, unsigned queue_limit, Heartbeats* heartbeats = nullptr);
   [[nodiscard]] bool post(std::function<void()> task);
   /// The same, however full the queue is: for what must follow an answered request.
   [[nodiscard]] bool post_always(std::function<void()> task);
@@ -34,6 +39,7 @@ private:
   std::deque<std::function<void()>> tasks_;
   size_t queue_limit_ = 0;
   bool stopped_ = true;
+  std::unique_ptr<Heartbeat> heartbeat_;
   std::vector<std::thread> threads_;
 };
 } // namespace kestrel

@@ -379,7 +379,10 @@ REST_Reply REST_Router::State::failed(const Route* route) const
   try {
     throw;
   } catch (const REST_Error& error) {
-    return rest_error(error.status(), error.code(), error.what());
+    REST_Reply reply = rest_error(error.status(), error.code(), error.what());
+    if (error.retry_seconds() > 0)
+      reply.headers["Retry-After"] = std::to_string(error.retry_seconds());
+    return reply;
   } catch (const std::exception& error) {
     if (typeid(error) == typeid(std::runtime_error))
       return rest_error(400, "bad_request", error.what());

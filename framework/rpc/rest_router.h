@@ -74,15 +74,18 @@ struct REST_Reply {
 class REST_Error : public std::runtime_error
 {
 public:
-  REST_Error(int status, std::string code, const std::string& message)
-      : std::runtime_error(message), status_(status), code_(std::move(code))
+  /// `retry_seconds`: when to try again, told to the client unless 0.
+  REST_Error(int status, std::string code, const std::string& message, int retry_seconds = 0)
+      : std::runtime_error(message), status_(status), retry_seconds_(retry_seconds), code_(std::move(code))
   {
   }
+  int retry_seconds() const { return retry_seconds_; }
   int status() const { return status_; }
   const std::string& code() const { return code_; }
 
 private:
   int status_;
+  int retry_seconds_;
   std::string code_;
 };
 

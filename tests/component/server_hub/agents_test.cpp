@@ -244,3 +244,50 @@ TEST_F(Served_Hosts, requests_that_wait_for_a_hanging_host_leave_room_for_others
     thread.join();
   EXPECT_EQ(answered, 1);
 }
+
+TEST_F(Served_Hosts, people_who_browse_hold_up_neither_control_nor_the_choice_of_a_node)
+{
+  std::atomic<bool> done{false};
+  std::atomic<int> waiting{0};
+  for (const char* name : {"db1", "db2"}) {
+    Simulated_Agent& one = add_agent(name);
+    one.on("oscar.list", [&](const json_spirit::Value&, json_spirit::Value& result, auto&) {
+      ++waiting;
+      result = json("[]");
+      return eventually([&] { return done.load(); });
+    });
+    one.on("job.control", [](const json_spirit::Value&, json_spirit::Value& result, auto&) {
+      result = json("{}");
+      return true;
+    });
+    connect(one);
+  }
+  const std::string job = define();
+  server_->accounts().add_user("wanda", "viewer", PASSWORD);
+  std::vector<std::thread> threads;
+  const auto browse = [&](const char* user, const std::string& host) {
+    threads.emplace_back([this, client = std::shared_ptr<kestrel::REST_Client>(sign_in(user, PASSWORD)), host] {
+      EXPECT_EQ(status_of(ask(*client, "POST", "/k2/r/hosts/" + host + "/rpc", R"({"method":"oscar.list"})")), 0);
+    });
+  };
+  for (int i = 0; i < 3; ++i)
+    browse("wanda", "db1");
+  EXPECT_TRUE(eventually([&] { return waiting == 3; }));
+  const json_spirit::Value busy = call("db1", R"({"method":"oscar.list"})");
+  EXPECT_EQ(status_of(busy), 503);
+  EXPECT_NE(kestrel::write_json(busy).find("The host is busy with 3 requests"), std::string::npos)
+      << kestrel::write_json(busy);
+  browse("wanda", "db2");
+  EXPECT_TRUE(eventually([&] { return waiting == 4; }));
+  const std::unique_ptr<kestrel::REST_Client> wanda = sign_in("wanda", PASSWORD);
+  EXPECT_EQ(status_of(ask(*wanda, "POST", "/k2/r/hosts/db2/rpc", R"({"method":"agent.status"})")), 429);
+  EXPECT_EQ(status_of(call("db1", R"({"method":"job.control"})")), 0);
+  for (size_t i = 0; i < 2; ++i)
+    request(agent(i), job);
+  EXPECT_TRUE(agent(0).await_announcements(1)) << "both nodes told their state";
+  EXPECT_TRUE(agent(1).await_announcements(1));
+  EXPECT_EQ(member_text(agent(0).announcements()[0], "state"), "success");
+  done = true;
+  for (std::thread& thread : threads)
+    thread.join();
+}

@@ -1,3 +1,4 @@
+#include "rpc/rest_router.h"
 #include "server/cluster_coordinator.h"
 #include "server/server_database.h"
 #include "support/log_capture.h"
@@ -7,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <set>
@@ -43,6 +45,8 @@ public:
       result = std::move(state);
       return Agent_Call::answered;
     }
+    if (before_announcement)
+      before_announcement(host);
     if (refuse_announcements) {
       error.message = "refused\n";
       return Agent_Call::refused;
@@ -56,11 +60,41 @@ public:
   {
     Cluster_Job job;
     job.kind = Cluster_Job::Kind::backup;
-    job.defined = true;
-    job.hosts = {"host1", "host2", "host3"};
     job.instance = "DB1";
     ++rounds;
+    job.defined = defined;
+    if (defined)
+      job.hosts = {"host1", "host2", "host3"};
     return job;
+  }
+  /// Who was told, sorted.
+  std::vector<std::string> told()
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    std::vector<std::string> hosts;
+    for (const auto& [host, text] : announced)
+      hosts.push_back(host);
+    std::sort(hosts.begin(), hosts.end());
+    return hosts;
+  }
+  /// How many different announcements there were.
+  size_t texts()
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    std::set<std::string> different;
+    for (const auto& [host, text] : announced)
+      different.insert(text);
+    return different.size();
+  }
+  std::string last()
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    return announced.empty() ? std::string() : announced.back().second;
+  }
+  void forget()
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    announced.clear();
   }
   size_t announcements()
   {
@@ -72,8 +106,10 @@ public:
   std::set<std::string> online = {"host1", "host2", "host3"};
   std::vector<std::pair<std::string, std::string>> announced;
   std::function<void(const std::string& host)> before_answer;
+  std::function<void(const std::string& host)> before_announcement;
   std::atomic<bool> refuse_announcements{false};
   std::atomic<int> rounds{0};
+  std::atomic<bool> defined{true};
 };
 
 class Cluster_Coordinator_Test : public testing::Test
@@ -173,8 +209,8 @@ TEST_F(Cluster_Coordinator_Test, a_stopped_server_announces_nothing_and_late_rep
   listener(true);
   EXPECT_EQ(hosts_.announcements(), 0u);
   start();
-  EXPECT_EQ(json_spirit::find_value(history_.list(1, "").at(0).get_obj(), "state").get_str(), "interrupted");
-  EXPECT_GT(request("host1").selection_time, ticket.selection_time);
+  EXPECT_EQ(request("host1").selection_time, ticket.selection_time) << "nobody has had a choice yet";
+  EXPECT_EQ(hosts_.rounds, 1);
 }
 
 TEST_F(Cluster_Coordinator_Test, a_new_run_begins_a_new_choice_within_the_window)
@@ -210,4 +246,183 @@ TEST_F(Cluster_Coordinator_Test, one_host_that_hangs_does_not_hold_up_other_jobs
   // The choices themselves are late, but none is missing and every request is answered for.
   hanging = false;
   EXPECT_TRUE(eventually([&] { return hosts_.announcements() == 120; })) << hosts_.announcements();
+}
+
+namespace
+{
+class Cluster_Flood : public Cluster_Coordinator_Test
+{
+protected:
+  Cluster_Flood()
+  {
+    limits_.window_msec = 100;
+    limits_.state_msec = 200;
+    limits_.late_msec = 100;
+    limits_.rounds = 12;
+    limits_.rounds_of_host = 8;
+    start(limits_);
+  }
+  /// How many requests for one new job after another are taken before one is refused with 429.
+  int flood(const std::string& host, const std::string& prefix)
+  {
+    for (int job = 0; job < 100; ++job)
+      try {
+        Cluster_Request asked;
+        asked.host_uuid = host;
+        asked.definition_uuid = prefix + std::to_string(job);
+        coordinator_->reply_listener(coordinator_->request(asked))(true);
+      } catch (const REST_Error& refused) {
+        EXPECT_EQ(refused.status(), 429);
+        EXPECT_GT(refused.retry_seconds(), 0);
+        EXPECT_NE(std::string(refused.what()).find("not over"), std::string::npos);
+        return job;
+      }
+    return 100;
+  }
+  Cluster_Limits limits_;
+};
+} // namespace
+
+TEST_F(Cluster_Flood, one_host_cannot_begin_choices_without_end)
+{
+  // Nobody may decide meanwhile: the limits count what is open.
+  limits_.window_msec = 60000;
+  start(limits_);
+  hosts_.defined = false;
+  EXPECT_EQ(flood("host1", "stray"), 4) << "half of what a host may have";
+  EXPECT_EQ(flood("host2", "other"), 2) << "half of what all may have";
+  hosts_.defined = true;
+  EXPECT_EQ(flood("host3", "job"), 6) << "the other half is for jobs that are defined";
+}
+
+TEST_F(Cluster_Flood, a_host_may_go_on_when_its_choices_are_over)
+{
+  hosts_.defined = false;
+  EXPECT_GE(flood("host1", "first"), 1);
+  int round = 0;
+  EXPECT_TRUE(eventually([&] { return flood("host1", "again" + std::to_string(++round) + "/") > 0; }))
+      << "they end by time";
+}
+
+namespace
+{
+/// The server is killed at a chosen moment: the next one finds what the database held then.
+class Cluster_Crash : public Cluster_Coordinator_Test
+{
+protected:
+  void ask_and_hear(const std::string& host)
+  {
+    const Cluster_Coordinator::Ticket ticket = request(host);
+    time_ = ticket.selection_time;
+    coordinator_->reply_listener(ticket)(true);
+  }
+  /// How often this stands in what is kept of the newest selection.
+  size_t kept(const std::string& text)
+  {
+    const std::vector<Cluster_History::Unfinished> unfinished = history_.unfinished();
+    const std::string whole = unfinished.empty() ? "" : write_json(unfinished.back().kept);
+    size_t count = 0;
+    for (size_t at = whole.find(text); at != std::string::npos; at = whole.find(text, at + 1))
+      ++count;
+    return count;
+  }
+  void await_kept(const std::string& text, size_t count)
+  {
+    EXPECT_TRUE(eventually([&] { return kept(text) == count; })) << text << ": " << kept(text);
+  }
+  void crash()
+  {
+    const std::string path = directory_ / ("crashed" + std::to_string(++crashes_) + ".db");
+    {
+      Server_Database::Lease session = database_.lease();
+      *session << "VACUUM INTO '" + path + "'";
+    }
+    told_before_ = hosts_.told();
+    released_ = true;
+    coordinator_.reset(); // what it does yet is not known to the next one
+    hosts_.before_answer = nullptr;
+    hosts_.before_announcement = nullptr;
+    hosts_.forget();
+    database_.close();
+    Server_Database::Options options;
+    options.path = path;
+    std::string error;
+    ASSERT_TRUE(database_.open(options, error)) << error;
+    start();
+  }
+  void hold() const
+  {
+    while (!released_)
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  std::string text() { return write_json(history_.list(1, "").at(0)); }
+
+  int64_t time_ = 0;
+  int crashes_ = 0;
+  std::atomic<bool> released_{false};
+  std::vector<std::string> told_before_;
+};
+typedef std::vector<std::string> Hosts;
+} // namespace
+
+TEST_F(Cluster_Crash, after_the_first_request_the_choice_goes_on)
+{
+  ask_and_hear("host1");
+  const int64_t first = time_;
+  await_kept(R"("replied":true)", 1);
+  crash();
+  for (const char* host : {"host2", "host3"}) {
+    ask_and_hear(host);
+    EXPECT_EQ(time_, first) << "the same time";
+  }
+  EXPECT_TRUE(eventually([&] { return hosts_.told() == Hosts{"host1", "host2", "host3"}; }));
+  EXPECT_EQ(hosts_.texts(), 1u) << "and the same choice";
+  EXPECT_EQ(hosts_.rounds, 1);
+}
+
+TEST_F(Cluster_Crash, after_all_requests_the_choice_is_made)
+{
+  hosts_.before_answer = [this](const std::string&) { hold(); };
+  for (const char* host : {"host1", "host2", "host3"})
+    ask_and_hear(host);
+  await_kept(R"("replied":true)", 3);
+  crash();
+  EXPECT_TRUE(eventually([&] { return hosts_.told() == Hosts{"host1", "host2", "host3"}; }));
+  EXPECT_EQ(hosts_.texts(), 1u);
+  EXPECT_NE(text().find("after a restart of the server"), std::string::npos) << text();
+}
+
+TEST_F(Cluster_Crash, when_the_chosen_node_may_have_been_told_the_others_hear_of_that_choice)
+{
+  hosts_.before_announcement = [this](const std::string&) { hold(); };
+  for (const char* host : {"host1", "host2", "host3"})
+    ask_and_hear(host);
+  await_kept(R"("sent":true)", 1);
+  crash();
+  EXPECT_TRUE(eventually([&] { return hosts_.told() == Hosts{"host2", "host3"}; }));
+  EXPECT_EQ(hosts_.texts(), 1u);
+  EXPECT_NE(hosts_.last().find(R"("host_uuid":"host1")"), std::string::npos) << hosts_.last();
+  EXPECT_TRUE(eventually([&] { return text().find("which may have heard") != std::string::npos; })) << text();
+}
+
+TEST_F(Cluster_Crash, after_one_of_three_announcements_the_others_are_told)
+{
+  hosts_.before_announcement = [this](const std::string&) {
+    // The others lose their connections before they can be told.
+    const std::lock_guard<std::mutex> guard(hosts_.mutex);
+    hosts_.online = {"host1"};
+  };
+  for (const char* host : {"host1", "host2", "host3"})
+    ask_and_hear(host);
+  await_kept(R"("delivered":true)", 1);
+  EXPECT_EQ(hosts_.told(), Hosts{"host1"});
+  EXPECT_EQ(kept(R"("sent":true)"), 0u);
+  crash();
+  EXPECT_EQ(told_before_, Hosts{"host1"});
+  {
+    const std::lock_guard<std::mutex> guard(hosts_.mutex);
+    hosts_.online = {"host1", "host2", "host3"};
+  }
+  EXPECT_TRUE(eventually([&] { return hosts_.told() == Hosts{"host2", "host3"}; }));
+  EXPECT_NE(hosts_.last().find(R"("host_uuid":"host1")"), std::string::npos) << hosts_.last();
 }

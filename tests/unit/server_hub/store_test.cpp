@@ -54,9 +54,9 @@ TEST(Cluster_History_Test, keeps_the_explanation_and_finds_who_was_chosen_last)
   const int64_t one = history.open("one", 1700000000, time);
   const int64_t two = history.open("two", 1700000001, time);
   const int64_t three = history.open("one", 1700000002, time);
-  history.save(one, json(R"({"state":"success","host_uuid":"a","reason":"why"})").get_obj(), 1700000009);
-  history.save(two, json(R"({"state":"success","host_uuid":"a"})").get_obj(), 1700000010);
-  history.save(three, json(R"({"state":"failed","host_uuid":""})").get_obj(), 1700000011);
+  history.save(one, json(R"({"state":"success","host_uuid":"a","reason":"why"})").get_obj(), json_spirit::Object(), 1700000009);
+  history.save(two, json(R"({"state":"success","host_uuid":"a"})").get_obj(), json_spirit::Object(), 1700000010);
+  history.save(three, json(R"({"state":"failed","host_uuid":""})").get_obj(), json_spirit::Object(), 1700000011);
   EXPECT_EQ(history.last_chosen(), (std::map<std::string, int64_t>{{"a", two}}));
   const json_spirit::Array of_one = history.list(10, "one");
   ASSERT_EQ(of_one.size(), 2u);
@@ -74,9 +74,30 @@ TEST(Cluster_History_Test, what_a_killed_server_left_open_is_marked)
   Cluster_History(store.database()).open("one", 1700000000, time);
   store.open();
   Cluster_History history(store.database());
-  EXPECT_EQ(history.mark_interrupted(), 1);
-  EXPECT_EQ(history.mark_interrupted(), 0);
+  const std::vector<Cluster_History::Unfinished> unfinished = history.unfinished();
+  ASSERT_EQ(unfinished.size(), 1u);
+  EXPECT_EQ(unfinished[0].selection_time, time);
+  EXPECT_TRUE(unfinished[0].kept.is_null());
+  EXPECT_EQ(history.mark_over({unfinished[0].number}), 1);
+  EXPECT_EQ(history.mark_over({unfinished[0].number}), 0);
+  EXPECT_TRUE(history.unfinished().empty());
   EXPECT_EQ(number_of(history.list(1, "").at(0), "state"), "\"interrupted\"");
+  EXPECT_EQ(number_of(history.list(1, "").at(0), "reason"), "\"the server was stopped before it decided\"");
+}
+
+TEST(Cluster_History_Test, keeps_what_a_next_server_must_know_of_decided_ones_too)
+{
+  Server_Store store;
+  int64_t time = 0;
+  Cluster_History history(store.database());
+  const int64_t number = history.open("one", 1700000000, time);
+  history.save(number, json(R"({"selection_time":1700000000,"state":"success","host_uuid":"a"})").get_obj(),
+               json(R"({"round":{}})").get_obj(), 1700000009);
+  ASSERT_EQ(history.unfinished().size(), 1u);
+  EXPECT_EQ(write_json(history.unfinished()[0].kept), R"({"round":{}})");
+  EXPECT_EQ(history.mark_over({number}), 0) << "it stays what it was";
+  EXPECT_TRUE(history.unfinished().empty());
+  EXPECT_EQ(number_of(history.list(1, "").at(0), "state"), "\"success\"");
 }
 
 TEST(Cluster_History_Test, keeps_only_the_newest)
@@ -329,12 +350,38 @@ TEST_F(Run_Records_Test, a_list_that_is_too_large_ends_early_and_says_so)
 {
   report(record("r1") + "," + record("r2") + "," + record("r3"));
   Run_Records::Filter filter;
-  bool truncated = true;
-  EXPECT_EQ(runs_.list(filter, truncated).size(), 3u);
-  EXPECT_FALSE(truncated);
+  EXPECT_EQ(runs_.page(filter).runs.size(), 3u);
+  EXPECT_FALSE(runs_.page(filter).truncated);
   filter.most_bytes = 1;
-  EXPECT_EQ(runs_.list(filter, truncated).size(), 1u);
-  EXPECT_TRUE(truncated);
+  const Run_Records::Page page = runs_.page(filter);
+  EXPECT_EQ(page.runs.size(), 1u);
+  EXPECT_TRUE(page.truncated);
+  EXPECT_TRUE(page.more);
+  EXPECT_EQ(page.last_run_id, "r1");
+}
+
+TEST_F(Run_Records_Test, pages_show_every_run_once_though_runs_are_reported_meanwhile)
+{
+  const auto at = [&](const std::string& id, int queued_at) {
+    std::string text = record(id);
+    return text.replace(text.find("1700000000"), 10, std::to_string(queued_at));
+  };
+  report(at("c", 1700000002) + "," + at("b", 1700000001) + "," + at("a", 1700000001) + "," +
+         at("d", 1700000001) + "," + at("e", 1600000000));
+  Run_Records::Filter filter;
+  filter.limit = 2;
+  std::string seen;
+  Run_Records::Page page;
+  do {
+    page = runs_.page(filter);
+    for (const json_spirit::Value& run : page.runs)
+      seen += number_of(run, "run_id");
+    filter.before_queued_at = page.last_queued_at;
+    filter.before_run_id = page.last_run_id;
+    report(at("new" + std::to_string(seen.size()), 1800000000));
+  } while (page.more);
+  EXPECT_EQ(seen, R"("c""a""b""d""e")");
+  EXPECT_TRUE(runs_.page(filter).runs.empty()) << "nothing follows the last";
 }
 
 TEST_F(Run_Records_Test, old_runs_are_removed_and_those_under_way_stay)
