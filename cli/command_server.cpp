@@ -20,7 +20,9 @@ namespace kestrel
 namespace
 {
 const int STOP_GRACE_MSEC = 10000;
-const int64_t LONGEST_WAIT_MSEC = 5000;
+const int64_t TURN_MSEC = 5000;
+/// Reading the certificate again waits for the disk.
+const int64_t STUCK_MSEC = 120 * 1000;
 
 /// The next of the signals, 0 when the time is over.
 int wait_for_signal(const sigset_t& signals, int64_t msec)
@@ -45,14 +47,14 @@ void reload(Server_Host& host, const Service_Notifier& notifier)
     ACE_DEBUG((LM_NOTICE, "(%P|%t) server: the service manager does not hear of the end of the reload\n"));
 }
 
-void serve(Server_Host& host, const Service_Notifier& notifier, const sigset_t& signals)
+void serve(Server_Host& host, const Service_Notifier& notifier, Heartbeats& heartbeats,
+           const sigset_t& signals)
 {
-  const int64_t feed = notifier.feed_msec();
-  const int64_t wait = feed > 0 && feed < LONGEST_WAIT_MSEC ? feed : LONGEST_WAIT_MSEC;
+  Heartbeat heartbeat(&heartbeats, "main loop", STUCK_MSEC);
   bool heard = notifier.ready("serving");
   for (;;) {
-    const int signal = wait_for_signal(signals, wait);
-    heard = notifier.watchdog() && heard;
+    const int signal = wait_for_signal(signals, TURN_MSEC);
+    heartbeat.beat();
     if (signal == SIGHUP)
       reload(host, notifier);
     else if (signal != 0)
@@ -88,15 +90,20 @@ int run_server(const Command_Line& line, const Server_Arguments& arguments)
   log.to_stderr = line.verbose;
   if (!open_process_log(log, error))
     return output.fail("the server cannot be started: " + error);
+  Heartbeats heartbeats;
   Server_Host host;
-  if (!host.start(config, error)) {
+  if (!host.start(config, error, &heartbeats)) {
     ACE_ERROR((LM_ERROR, "(%P|%t) server: not started: %s\n", error.c_str()));
     return output.fail("the server cannot be started: " + error);
   }
   output.note("Serving on " + config.address + " port " + std::to_string(host.port()) + ".");
   ACE_DEBUG((LM_NOTICE, "(%P|%t) server: serving on %s port %d\n", config.address.c_str(), int(host.port())));
-  serve(host, notifier, signals);
+  // Also while it stops.
+  Watchdog watchdog(notifier, heartbeats);
+  watchdog.start();
+  serve(host, notifier, heartbeats, signals);
   host.stop(STOP_GRACE_MSEC);
+  watchdog.stop();
   ACE_DEBUG((LM_NOTICE, "(%P|%t) server: ended\n"));
   close_process_log();
   return EXIT_CODE_DONE;

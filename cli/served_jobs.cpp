@@ -287,6 +287,15 @@ int served_job_show(Console& console)
   json_spirit::Object job;
   if (!find_job(console, console.line().names.front(), job))
     return console.last_code();
+  // The list says less of each job.
+  json_spirit::Object whole;
+  REST_Problem problem;
+  if (console.try_get({"jobs", text_in(job, "id")}, {}, whole, problem))
+    job = std::move(whole);
+  else if (problem.status != 404) { // removed meanwhile
+    console.fail_request(problem);
+    return EXIT_CODE_FAILED;
+  }
   const json_spirit::Object document = object_in(job, "document");
   std::vector<std::vector<std::string>> rows = {{"Job", job_name(job)},
                                                 {"Id", text_in(job, "id")},
@@ -309,6 +318,8 @@ int served_job_show(Console& console)
     first = false;
   }
   add_host_rows(console, job, rows);
+  if (!text_in(job, "nobody_worked").empty())
+    rows.push_back({"Problem", text_in(job, "nobody_worked")});
   console.result(job, format_table(rows));
   return EXIT_CODE_DONE;
 }

@@ -7,6 +7,7 @@
 #include "base/clock.h"
 #include "json/json_util.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace kestrel
@@ -15,6 +16,7 @@ namespace
 {
 const int64_t LOG_POLL_MSEC = 700;
 const char LOG_PIECE_BYTES[] = "262144";
+const size_t PAGE_LIMIT = 10000;
 
 std::string took(const json_spirit::Object& run)
 {
@@ -69,13 +71,33 @@ bool read_piece(Console& console, const std::string& run_id, int64_t& offset, st
     offset = number_in(reply, "next_offset");
   return true;
 }
+
+/// The server ends a page where its answer would get too large; the next goes on from there.
+bool get_runs(Console& console, const Console::Parts& parts, const Console::Query& query, size_t limit,
+              std::vector<json_spirit::Object>& runs)
+{
+  std::string next;
+  do {
+    Console::Query page = query;
+    page.push_back({"limit", std::to_string(std::min<size_t>(limit - runs.size(), PAGE_LIMIT))});
+    if (!next.empty())
+      page.push_back({"before", next});
+    json_spirit::Object reply;
+    if (!console.get(parts, page, reply))
+      return false;
+    for (json_spirit::Object& run : objects_in(reply, "runs"))
+      runs.push_back(std::move(run));
+    next = text_in(reply, "next");
+  } while (!next.empty() && runs.size() < limit);
+  return true;
+}
 } // namespace
 
 int served_job_runs(Console& console)
 {
   const Command_Line& line = console.line();
   Console::Parts parts = {"runs"};
-  Console::Query query = {{"limit", std::to_string(line.limit)}};
+  Console::Query query;
   json_spirit::Object job;
   if (!line.names.empty()) {
     if (!find_job(console, line.names.front(), job))
@@ -89,7 +111,7 @@ int served_job_runs(Console& console)
     query.push_back({"host", host.uuid});
   }
   std::vector<json_spirit::Object> runs;
-  if (!console.get_list(parts, query, "runs", runs))
+  if (!get_runs(console, parts, query, static_cast<size_t>(line.limit), runs))
     return EXIT_CODE_FAILED;
   json_spirit::Array list;
   std::vector<std::vector<std::string>> rows = {{"RUN", "JOB", "HOST", "STATE", "BEGUN", "TOOK"}};

@@ -85,6 +85,17 @@ TEST_F(Served_Jobs, are_found_by_name_and_by_the_beginning_of_their_id)
   EXPECT_EQ("kestrel: there is no job weekly; 'kestrel jobs' lists them\n", unknown.err);
 }
 
+TEST_F(Served_Jobs, show_why_nobody_did_the_work_of_a_cluster)
+{
+  const std::string plain = entry(host_1, "");
+  server_->answer(one(), 200,
+                  plain.substr(0, plain.size() - 1) +
+                      R"(,"nobody_worked":"no node did the work of nightly: host alpha: error, it is off"})");
+  const Command_Outcome outcome = run({"job", "show", "nightly"});
+  EXPECT_EQ(0, outcome.code) << outcome.err;
+  EXPECT_TRUE(holds(outcome.out, "no node did the work of nightly: host alpha: error, it is off")) << outcome.out;
+}
+
 TEST_F(Served_Jobs, are_controlled_on_the_hosts_that_are_named)
 {
   EXPECT_EQ(0, run({"job", "pause", "nightly", "--host", "alpha"}).code);
@@ -385,6 +396,17 @@ TEST_F(Served_Jobs, do_not_print_a_log_for_ever_that_does_not_move)
   server_->answer(record_of(run_1), 200, record(run_1, host_1, "completed"));
   server_->answer(record_of(run_1) + "/log", 200, R"({"text":"again\n","next_offset":0,"ended":false})");
   EXPECT_EQ(1, run({"job", "log", run_1}).code);
+}
+
+TEST_F(Served_Jobs, list_all_runs_though_the_server_gives_them_in_pages)
+{
+  server_->answer_once("GET /k2/r/runs", 200,
+                       "{\"runs\":[" + record(run_1, host_1, "completed") + "],\"next\":\"1700000000," + run_1 + "\"}");
+  server_->answer_once("GET /k2/r/runs", 200, "{\"runs\":[" + record(run_2, host_1, "error") + "],\"next\":\"\"}");
+  const Command_Outcome outcome = run({"job", "runs"});
+  EXPECT_EQ(0, outcome.code) << outcome.err;
+  EXPECT_TRUE(holds(outcome.out, "eeeeeee1")) << outcome.out;
+  EXPECT_TRUE(holds(outcome.out, "error")) << outcome.out;
 }
 
 TEST_F(Served_Jobs, list_runs_by_host)
