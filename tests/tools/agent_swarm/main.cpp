@@ -226,13 +226,20 @@ void Swarm::show()
 
 std::set<std::string> Swarm::stored_runs(const std::string& host)
 {
-  json_spirit::Value reply;
-  REST_Problem problem;
-  if (!console_->get(rest_path({"runs"}, {{"host", host}, {"limit", "10000"}}), reply, problem))
-    throw std::runtime_error("the runs cannot be read: " + problem.text);
   std::set<std::string> ids;
-  for (const json_spirit::Value& run : json_spirit::find_value(reply.get_obj(), "runs").get_array())
-    ids.insert(member_text(run.get_obj(), "run_id"));
+  std::string next;
+  do {
+    json_spirit::Value reply;
+    REST_Problem problem;
+    std::vector<std::pair<std::string, std::string>> query = {{"host", host}, {"limit", "1000"}};
+    if (!next.empty())
+      query.emplace_back("before", next);
+    if (!console_->get(rest_path({"runs"}, query), reply, problem))
+      throw std::runtime_error("the runs cannot be read: " + problem.text);
+    for (const json_spirit::Value& run : json_spirit::find_value(reply.get_obj(), "runs").get_array())
+      ids.insert(member_text(run.get_obj(), "run_id"));
+    next = member_text(reply.get_obj(), "next");
+  } while (!next.empty());
   return ids;
 }
 
