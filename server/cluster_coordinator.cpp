@@ -438,9 +438,8 @@ Cluster_Coordinator::Ticket Cluster_Coordinator::request(const Cluster_Request& 
   std::list<State::Entry_Ptr>& entries = state.rounds[request.definition_uuid];
   for (const State::Entry_Ptr& former : entries)
     former->round.close();
-  entries.push_front(std::make_shared<State::Entry>(
-      std::make_unique<Cluster_Round>(state.limits, std::move(job), request, ticket.selection_time, number,
-                                      clock().monotonic_msec())));
+  entries.push_front(std::make_shared<State::Entry>(std::make_unique<Cluster_Round>(
+      state.limits, std::move(job), request, ticket.selection_time, number, clock().monotonic_msec())));
   ignore_result(state.join(request, ticket), "a new round takes its first request");
   return ticket;
 }

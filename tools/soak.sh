@@ -14,7 +14,7 @@ usage() {
   sed -n '2,4s/^# \{0,1\}//p' "$0" >&2
   exit 2
 }
-seconds=600 agents=50 definitions=500 bin=
+seconds=600 agents=50 definitions=500 bin=''
 while [ $# -gt 0 ]; do
   [ $# -ge 2 ] || usage
   case $1 in
@@ -34,7 +34,7 @@ done
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/kestrel-soak.XXXXXX")
 chmod 700 "$work"
-server= swarm=
+server='' swarm=''
 end() {
   local pid
   for pid in $swarm $server; do kill "$pid" 2>/dev/null || true; done
@@ -126,7 +126,7 @@ alive
 grep -E "connected|runs found" "$work/swarm.out" | tail -2
 printf '\n%-8s %12s %12s\n%s\n' "" "memory KiB" "connections" "$rows"
 [ "$status" -eq 0 ] || fail "runs were lost, see above: $(grep -v "connected" "$work/swarm.out" | tail -5)"
-[ "$middle" -gt 0 ] && [ "$last" -gt 0 ] || fail "the server's memory is not known"
+if [ "$middle" -eq 0 ] || [ "$last" -eq 0 ]; then fail "the server's memory is not known"; fi
 allowed=$((middle / 10 > 16384 ? middle / 10 : 16384))
 [ $((last - middle)) -le "$allowed" ] || fail "the server's memory grew by $((last - middle)) KiB from the middle to the end, more than $allowed"
 echo "soak: nothing lost in $seconds s; memory from the middle to the end: $((last - middle)) KiB (at most $allowed)"

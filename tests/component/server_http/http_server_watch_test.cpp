@@ -14,7 +14,6 @@ constexpr int64_t LONG_MSEC = 20 * 60 * 1000;
 TEST_F(Http_Server, a_long_request_is_no_stuck_server_and_all_threads_at_one_for_very_long_are)
 {
   Fake_Clock clock;
-  const Scoped_Clock scoped(clock);
   Heartbeats heartbeats;
   options_.heartbeats = &heartbeats;
   options_.workers = 2;
@@ -27,7 +26,8 @@ TEST_F(Http_Server, a_long_request_is_no_stuck_server_and_all_threads_at_one_for
   second->send(http_request("GET", "/wait"));
   wait_for_waiting(2);
   clock.advance_msec(LONG_MSEC);
-  EXPECT_TRUE(eventually([&] { return heartbeats.stuck() == Names{"requests"}; })) << "the network's threads turn";
+  EXPECT_TRUE(eventually([&] { return heartbeats.stuck() == Names{"requests"}; }))
+      << "the network's threads turn";
   release();
   EXPECT_TRUE(eventually([&] { return heartbeats.stuck().empty(); }));
   server_.stop(0);
@@ -40,11 +40,13 @@ TEST_F(Http_Server, a_length_that_two_readers_could_read_in_two_ways_is_refused)
   start();
   const std::string second = "GET /smuggled HTTP/1.1\r\nHost: a\r\n\r\n";
   for (const char* headers :
-       {"Transfer-Encoding: chunked\r\nContent-Length: 5\r\n", "Content-Length: 5\r\nTransfer-Encoding: chunked\r\n",
+       {"Transfer-Encoding: chunked\r\nContent-Length: 5\r\n",
+        "Content-Length: 5\r\nTransfer-Encoding: chunked\r\n",
         "Transfer-Encoding: chunked\r\nTransfer-Encoding: identity\r\n", "Transfer-Encoding : chunked\r\n",
-        "Transfer-Encoding: chunked, identity\r\n", "Transfer-Encoding: xchunked\r\n", "Content-Length: +5\r\n",
-        "Content-Length: 0x5\r\n", "Content-Length: 5 5\r\n", "Content-Length: 5, 6\r\n",
-        "Content-Length: 5\r\n Content-Length: 6\r\n", "Content-Length: 99999999999999999999\r\n"}) {
+        "Transfer-Encoding: chunked, identity\r\n", "Transfer-Encoding: xchunked\r\n",
+        "Content-Length: +5\r\n", "Content-Length: 0x5\r\n", "Content-Length: 5 5\r\n",
+        "Content-Length: 5, 6\r\n", "Content-Length: 5\r\n Content-Length: 6\r\n",
+        "Content-Length: 99999999999999999999\r\n"}) {
     const auto one = client();
     one->send(std::string("POST /a HTTP/1.1\r\nHost: a\r\n") + headers + "\r\n0\r\n\r\n" + second);
     const Raw_Reply reply = one->receive();

@@ -86,8 +86,8 @@ protected:
                             const std::string& folder, const std::string& name)
   {
     return ask(agent.rest(), "POST", "/k2/r/uploads",
-               R"({"upload":")" + id + R"(","pool":")" + pool + R"(","folder":")" + folder + R"(","name":")" + name +
-                   R"(","overwrite":true})");
+               R"({"upload":")" + id + R"(","pool":")" + pool + R"(","folder":")" + folder + R"(","name":")" +
+                   name + R"(","overwrite":true})");
   }
   std::string add_pool()
   {
@@ -120,11 +120,14 @@ TEST_F(Served_Access, no_name_leads_out_of_a_pool)
   const std::string pool = add_pool();
   kestrel::REST_Client& rest = agent(0).rest();
   for (const char* name : {"..", ".", "", "a/b", "../x", "/etc/passwd", "a\\u0000b", ".hidden"}) {
-    EXPECT_EQ(status_of(upload(agent(0), "11111111-1111-4111-8111-111111111111", pool, "folder", name)), 400) << name;
-    EXPECT_EQ(status_of(upload(agent(0), "11111111-1111-4111-8111-111111111111", pool, name, "file")), 400) << name;
+    EXPECT_EQ(status_of(upload(agent(0), "11111111-1111-4111-8111-111111111111", pool, "folder", name)), 400)
+        << name;
+    EXPECT_EQ(status_of(upload(agent(0), "11111111-1111-4111-8111-111111111111", pool, name, "file")), 400)
+        << name;
   }
-  for (const char* path : {"storage/%2E%2E/y/z", "storage/main/%2E%2E/z", "storage/main/y/%2E%2E%2Fz", "storage/main/../z",
-                           "storage/main/y/..%2f..%2fetc%2fpasswd", "storage/main/%2Fetc/passwd"})
+  for (const char* path :
+       {"storage/%2E%2E/y/z", "storage/main/%2E%2E/z", "storage/main/y/%2E%2E%2Fz", "storage/main/../z",
+        "storage/main/y/..%2f..%2fetc%2fpasswd", "storage/main/%2Fetc/passwd"})
     EXPECT_GE(status_of(ask(rest, "GET", std::string("/k2/r/") + path)), 400) << path;
 }
 
@@ -137,18 +140,21 @@ TEST_F(Served_Access, a_host_touches_neither_files_nor_uploads_nor_runs_of_anoth
   kestrel::REST_Client& other = agent(1).rest();
   EXPECT_EQ(status_of(ask(other, "GET", "/k2/r/uploads/" + id)), 404);
   EXPECT_EQ(status_of(ask(other, "DELETE", "/k2/r/uploads/" + id)), 404);
-  EXPECT_EQ(status_of(ask(other, "POST", "/k2/r/uploads/" + id + "/commit", R"({"size":0,"side_file":""})")), 404);
+  EXPECT_EQ(status_of(ask(other, "POST", "/k2/r/uploads/" + id + "/commit", R"({"size":0,"side_file":""})")),
+            404);
   EXPECT_EQ(status_of(ask(other, "DELETE", "/k2/r/storage/" + pool + "/folder/file")), 403);
   EXPECT_EQ(status_of(ask(agent(0).rest(), "GET", "/k2/r/uploads/" + id)), 0) << "it is still there";
 
   const auto report = [&](Simulated_Agent& agent, const std::string& host, const std::string& state) {
     return kestrel::write_json(ask(agent.rest(), "POST", "/k2/r/runs",
                                    R"({"runs":[{"run_id":"r1","definition_id":"d","state":")" + state +
-                                       R"(","queued_at":1700000000,"ended_at":1700000001,"host_uuid":")" + host + R"("}]})"));
+                                       R"(","queued_at":1700000000,"ended_at":1700000001,"host_uuid":")" +
+                                       host + R"("}]})"));
   };
   EXPECT_NE(report(agent(0), agent_uuid(0), "completed").find(R"("stored":["r1"])"), std::string::npos);
   EXPECT_NE(report(agent(1), agent_uuid(0), "error").find("a run of another host"), std::string::npos);
-  EXPECT_NE(report(agent(1), agent_uuid(1), "error").find("another host has a run of this id"), std::string::npos);
+  EXPECT_NE(report(agent(1), agent_uuid(1), "error").find("another host has a run of this id"),
+            std::string::npos);
   EXPECT_EQ(member_text(ask("GET", "/k2/r/runs/r1").get_obj(), "state"), "completed");
 }
 
@@ -180,12 +186,12 @@ TEST_F(Served_Access, why_nobody_worked_is_shown_from_the_runs_of_all_hosts)
   for (size_t i = 0; i < 2; ++i) {
     std::vector<std::string> stored;
     kestrel::REST_Problem problem;
-    ASSERT_TRUE(agent(i).report_runs(
-        json(R"([{"run_id":"r)" + std::to_string(i) + R"(","definition_id":")" + job +
-             R"(","state":"error","queued_at":1700000000,"ended_at":1700000001,)" +
-             R"("reason":"Failed to get node info of instance DB1"}])")
-            .get_array(),
-        stored, problem))
+    ASSERT_TRUE(
+        agent(i).report_runs(json(R"([{"run_id":"r)" + std::to_string(i) + R"(","definition_id":")" + job +
+                                  R"(","state":"error","queued_at":1700000000,"ended_at":1700000001,)" +
+                                  R"("reason":"Failed to get node info of instance DB1"}])")
+                                 .get_array(),
+                             stored, problem))
         << problem.text;
   }
   EXPECT_EQ(shown(), "no node did the work of nightly when it was started last: "
@@ -198,6 +204,8 @@ TEST_F(Served_Access, why_nobody_worked_is_shown_from_the_runs_of_all_hosts)
   EXPECT_EQ(member_text(list_of(rest, "runs")[0].get_obj(), "run_id"), "r1");
   EXPECT_EQ(member_text(rest.get_obj(), "next"), "");
   for (const char* before : {"1700000000", "x,r0", "1700000000,", ",r0", "17 ,r"})
-    EXPECT_EQ(status_of(ask("GET", std::string("/k2/r/runs?before=") + (before[2] == ' ' ? "17%20,r" : before))), 400)
+    EXPECT_EQ(
+        status_of(ask("GET", std::string("/k2/r/runs?before=") + (before[2] == ' ' ? "17%20,r" : before))),
+        400)
         << before;
 }

@@ -21,17 +21,20 @@ Node_Outcome outcome(const std::string& host, const std::string& state, const st
 
 TEST(Cluster_Outcome, tells_each_hosts_reason_when_nobody_worked)
 {
-  EXPECT_EQ(why_nobody_worked("nightly", {outcome("db1", "error", "Failed to get node info of instance DB1\n"),
-                                          outcome("db2", "skipped", "", 1700000300), Node_Outcome{"db3", {}, false}}),
-            "no node did the work of nightly when it was started last: host db1: error, Failed to get node info of "
-            "instance DB1; host db2: skipped; host db3: no run of this start is known");
+  EXPECT_EQ(
+      why_nobody_worked("nightly",
+                        {outcome("db1", "error", "Failed to get node info of instance DB1\n"),
+                         outcome("db2", "skipped", "", 1700000300), Node_Outcome{"db3", {}, false}}),
+      "no node did the work of nightly when it was started last: host db1: error, Failed to get node info of "
+      "instance DB1; host db2: skipped; host db3: no run of this start is known");
 }
 
 TEST(Cluster_Outcome, says_nothing_when_one_worked_or_still_may)
 {
   EXPECT_EQ(why_nobody_worked("job", {outcome("db1", "skipped", ""), outcome("db2", "completed", "")}), "");
-  EXPECT_EQ(why_nobody_worked("job", {outcome("db1", "skipped", ""), outcome("db2", "completed with errors", "")}),
-            "");
+  EXPECT_EQ(
+      why_nobody_worked("job", {outcome("db1", "skipped", ""), outcome("db2", "completed with errors", "")}),
+      "");
   Node_Outcome running = outcome("db2", "error", "of before");
   running.running = true;
   EXPECT_EQ(why_nobody_worked("job", {outcome("db1", "error", ""), running}), "");
@@ -42,5 +45,6 @@ TEST(Cluster_Outcome, a_success_of_long_ago_does_not_count_for_the_newest_start)
 {
   const std::string text = why_nobody_worked(
       "job", {outcome("db1", "completed", "", 1700000000), outcome("db2", "error", "down", 1700086400)});
-  EXPECT_NE(text.find("host db1: no run of this start is known; host db2: error, down"), std::string::npos) << text;
+  EXPECT_NE(text.find("host db1: no run of this start is known; host db2: error, down"), std::string::npos)
+      << text;
 }

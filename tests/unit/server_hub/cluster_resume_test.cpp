@@ -27,10 +27,7 @@ protected:
   }
   void asks_and_hears(const std::string& host) { round_->reply_written(ask(host), true, now_); }
   std::string text() { return write_json(round_->explanation(view_)); }
-  std::string state()
-  {
-    return json_spirit::find_value(round_->explanation(view_), "state").get_str();
-  }
+  std::string state() { return json_spirit::find_value(round_->explanation(view_), "state").get_str(); }
 };
 } // namespace
 
@@ -49,7 +46,8 @@ TEST_F(Cluster_Resume, after_the_first_request_the_others_join_the_same_choice_a
   EXPECT_EQ(round_->choice().host_uuid, "a");
   EXPECT_EQ(announce(), Hosts{"a"});
   EXPECT_EQ(announce(), (Hosts{"b", "c"}));
-  EXPECT_NE(text().find("after a restart of the server: it has the lowest node id"), std::string::npos) << text();
+  EXPECT_NE(text().find("after a restart of the server: it has the lowest node id"), std::string::npos)
+      << text();
 }
 
 TEST_F(Cluster_Resume, after_all_requests_it_waits_for_agents_that_come_back)
@@ -113,7 +111,8 @@ TEST_F(Cluster_Resume, an_announcement_that_may_have_been_sent_is_never_repeated
   EXPECT_EQ(announce(), (Hosts{"b", "c"})) << "they hear that a was chosen";
   EXPECT_NE(params_.find("\"node_id\":1"), std::string::npos) << params_;
   EXPECT_EQ(announce(), Hosts());
-  EXPECT_NE(text().find("restarted while it told its agent, which may have heard"), std::string::npos) << text();
+  EXPECT_NE(text().find("restarted while it told its agent, which may have heard"), std::string::npos)
+      << text();
   now_ += 10000;
   EXPECT_TRUE(round_->give_up(view_, now_).empty());
   EXPECT_EQ(round_->choice().host_uuid, "a") << "another choice could make two of them work";

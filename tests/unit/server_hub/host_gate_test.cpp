@@ -49,7 +49,6 @@ protected:
   }
 
   Fake_Clock clock_;
-  const Scoped_Clock scoped_{clock_};
   std::deque<std::unique_ptr<Host_Gate::Pass>> passes_;
   std::string text_;
 };
