@@ -223,6 +223,11 @@ private:
       return refuse(400, "bad_request", "The request must name its host once");
     if (message.version() != 10 && message.version() != 11)
       return refuse(400, "bad_request", "Only HTTP/1.0 and HTTP/1.1 are spoken here");
+    // What follows a body whose end another reader sees elsewhere would be a request in somebody else's name.
+    const size_t encodings = message.count(http::field::transfer_encoding);
+    if (encodings > 1 ||
+        (encodings == 1 && !beast::iequals(message[http::field::transfer_encoding], "chunked")))
+      return refuse(400, "bad_request", "The only Transfer-Encoding that is known here is chunked");
     keep_alive_ = message.keep_alive();
     fill_request(message);
     if (beast::websocket::is_upgrade(message)) {

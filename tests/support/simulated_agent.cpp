@@ -163,7 +163,7 @@ void Simulated_Agent::serve()
     if (bound.insert(name).second && !dispatcher_.bind(name, function))
       throw std::runtime_error("cannot bind " + name);
   JSON_RPC_Dispatcher::Options options;
-  options.threads = 2;
+  options.threads = serving_threads_;
   if (!dispatcher_.start(options))
     throw std::runtime_error("the dispatcher does not start");
   serving_ = true;

@@ -52,6 +52,8 @@ public:
   /// What check_state answers by itself.
   void set_node(int node_id, bool is_master, bool online);
   void set_instances(json_spirit::Array instances);
+  /// How many requests it serves at the same time (2). Before the first connect().
+  void set_threads(unsigned threads) { serving_threads_ = threads; }
 
   /// Dials and greets. False with why in `error`. A connection that is open is let go of without a good-bye
   /// to the server, as another process of the same host would.
@@ -94,6 +96,7 @@ private:
   const std::unique_ptr<kestrel::REST_Client> rest_;
   kestrel::JSON_RPC_Dispatcher dispatcher_;
   bool serving_ = false;
+  unsigned serving_threads_ = 2;
 
   mutable std::mutex mutex_;
   std::shared_ptr<kestrel::JSON_RPC_Peer> peer_;

@@ -1,5 +1,7 @@
 #include "server_fixture.h"
 
+#include <filesystem>
+
 using namespace kestrel_test;
 
 namespace
@@ -92,6 +94,7 @@ protected:
   std::string add_pool()
   {
     const std::string path = root_ / "pool";
+    std::filesystem::create_directory(path);
     const json_spirit::Value made =
         ask("POST", "/k2/r/pools", R"({"name":"main","default":true,"path":")" + path + "\"}");
     EXPECT_EQ(status_of(made), 0) << kestrel::write_json(made);

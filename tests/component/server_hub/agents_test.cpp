@@ -251,6 +251,7 @@ TEST_F(Served_Hosts, people_who_browse_hold_up_neither_control_nor_the_choice_of
   std::atomic<int> waiting{0};
   for (const char* name : {"db1", "db2"}) {
     Simulated_Agent& one = add_agent(name);
+    one.set_threads(8);
     one.on("oscar.list", [&](const json_spirit::Value&, json_spirit::Value& result, auto&) {
       ++waiting;
       result = json("[]");

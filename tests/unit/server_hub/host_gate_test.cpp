@@ -27,6 +27,11 @@ Host_Gate::Limits limits_of(unsigned all, unsigned user, unsigned host)
 class Host_Gate_Test : public testing::Test
 {
 protected:
+  Host_Gate& make(const Host_Gate::Limits& limits)
+  {
+    gate_ = std::make_unique<Host_Gate>(limits);
+    return *gate_;
+  }
   /// The status of the refusal, 0 for a pass that is kept.
   int ask(Host_Gate& gate, const std::string& user, const std::string& host)
   {
@@ -49,6 +54,7 @@ protected:
   }
 
   Fake_Clock clock_;
+  std::unique_ptr<Host_Gate> gate_; ///< outlives its passes
   std::deque<std::unique_ptr<Host_Gate::Pass>> passes_;
   std::string text_;
 };
@@ -56,7 +62,7 @@ protected:
 
 TEST_F(Host_Gate_Test, one_user_cannot_take_all_of_it)
 {
-  Host_Gate gate(limits_of(20, 2, 10));
+  Host_Gate& gate = make(limits_of(20, 2, 10));
   EXPECT_EQ(ask(gate, "wanda", "a"), 0);
   EXPECT_EQ(ask(gate, "wanda", "b"), 0);
   EXPECT_EQ(ask(gate, "wanda", "c"), 429);
@@ -68,7 +74,7 @@ TEST_F(Host_Gate_Test, one_user_cannot_take_all_of_it)
 
 TEST_F(Host_Gate_Test, all_users_together_leave_a_host_room)
 {
-  Host_Gate gate(limits_of(20, 10, 2));
+  Host_Gate& gate = make(limits_of(20, 10, 2));
   EXPECT_EQ(ask(gate, "wanda", "a"), 0);
   EXPECT_EQ(ask(gate, "otto", "a"), 0);
   EXPECT_EQ(ask(gate, "emil", "a"), 503);
@@ -78,7 +84,7 @@ TEST_F(Host_Gate_Test, all_users_together_leave_a_host_room)
 
 TEST_F(Host_Gate_Test, requests_that_control_jobs_find_room_when_no_other_does)
 {
-  Host_Gate gate(limits_of(4, 10, 10));
+  Host_Gate& gate = make(limits_of(4, 10, 10));
   int asked = 0;
   while (ask(gate, "wanda", "a") == 0)
     ++asked;
@@ -89,7 +95,7 @@ TEST_F(Host_Gate_Test, requests_that_control_jobs_find_room_when_no_other_does)
 
 TEST_F(Host_Gate_Test, a_question_that_was_given_up_counts_until_the_host_must_be_done_with_it)
 {
-  Host_Gate gate(limits_of(20, 3, 2));
+  Host_Gate& gate = make(limits_of(20, 3, 2));
   EXPECT_EQ(ask(gate, "wanda", "a"), 0);
   EXPECT_EQ(ask(gate, "wanda", "a"), 0);
   passes_[0]->given_up(60000);
@@ -109,7 +115,7 @@ TEST_F(Host_Gate_Test, a_waiting_request_goes_on_when_another_ends)
 {
   Host_Gate::Limits limits = limits_of(8, 1, 1);
   limits.patience_msec = 600000;
-  Host_Gate gate(limits);
+  Host_Gate& gate = make(limits);
   auto first = std::make_unique<Host_Gate::Pass>(gate, "wanda", "a");
   std::thread second([&] { EXPECT_EQ(ask(gate, "wanda", "a"), 0); });
   first.reset();
