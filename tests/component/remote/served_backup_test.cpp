@@ -174,4 +174,22 @@ TEST_F(Served_Backup, leaves_nothing_when_it_is_canceled)
   EXPECT_EQ("none", stored());
   EXPECT_TRUE(bench_.rows().empty());
 }
+
+TEST_F(Served_Backup, that_is_canceled_does_not_wait_ten_minutes_for_a_brcmd_that_will_not_end)
+{
+  bench_.set_brcmd("ignore TERM\nignore PIPE\nbegin ${option:-f}\nput_file " + (bench_.dir / "stream") +
+                   "\nwrite_file " + (bench_.dir / "up") + " x\nwait_file " + (bench_.dir / "go") +
+                   "\nput_zeros 600\nout_lines 100000000 row");
+  const Job_Ptr job = bench_.make_job(backup_fields());
+  ASSERT_EQ(0, job->start());
+  ASSERT_TRUE(bench_.wait_for(bench_.dir / "up"));
+  EXPECT_EQ(0, job->stop());
+  bench_.dir.write("go", "");
+  EXPECT_EQ(JOB_STATE_CANCELED, bench_.wait_end(job));
+  // The watch ended it, not the patience of the job.
+  EXPECT_TRUE(bench_.log.expect(LM_WARNING, "Tool_Watch: job " + job->definition().id()));
+  EXPECT_TRUE(bench_.log.expect(LM_WARNING, "Tool_Watch: brcmd has been terminated"));
+  EXPECT_EQ("none", stored());
+  EXPECT_TRUE(bench_.rows().empty());
+}
 } // namespace
