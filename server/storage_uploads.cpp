@@ -5,7 +5,6 @@
 #include "base/file_system.h"
 #include "base/ignore_result.h"
 #include "base/uuid.h"
-#include "json/json_util.h"
 #include "server/pool_resources.h"
 #include "storage/directory_back_end.h"
 #include "storage/directory_files.h"
@@ -22,12 +21,7 @@ namespace kestrel
 {
 namespace
 {
-using json_spirit::Object;
-using json_spirit::Value;
-
-const int FORMAT_VERSION = 1;
 const mode_t FILE_MODE = 0600;
-const char* const STATE_TEXTS[] = {"open", "left", "finished"};
 const int64_t RETRY_MARGIN_SECONDS = 600;
 const int64_t MOST_KEEP_SECONDS = 7 * 24 * 3600;
 
@@ -39,55 +33,11 @@ std::string read_boot_id()
   return text.substr(0, text.find('\n'));
 }
 
-Object note_json(const Upload_Record& record)
-{
-  return {{"version", FORMAT_VERSION},
-          {"id", record.id},
-          {"host_uuid", record.host_uuid},
-          {"pool_id", record.pool_id},
-          {"folder", record.folder},
-          {"name", record.name},
-          {"overwrite", record.overwrite},
-          {"keep_seconds", record.keep_seconds},
-          {"inode", record.inode},
-          {"boot_id", record.boot_id},
-          {"created", record.created},
-          {"state", STATE_TEXTS[record.state]}};
-}
-
-/// Throws on anything that is not such a note.
-Upload_Record note_from(const std::string& text)
-{
-  Value value;
-  std::string error;
-  if (!read_json(text, value, error))
-    throw std::runtime_error(error);
-  const Object& object = value.get_obj();
-  if (required<int>(object, "version") != FORMAT_VERSION)
-    throw std::runtime_error("it was written by a newer release");
-  Upload_Record record;
-  record.id = required<std::string>(object, "id");
-  record.host_uuid = required<std::string>(object, "host_uuid");
-  record.pool_id = required<std::string>(object, "pool_id");
-  record.folder = required<std::string>(object, "folder");
-  record.name = required<std::string>(object, "name");
-  record.overwrite = required<bool>(object, "overwrite");
-  record.keep_seconds = required<uint64_t>(object, "keep_seconds");
-  record.inode = required<uint64_t>(object, "inode");
-  record.boot_id = required<std::string>(object, "boot_id");
-  record.created = required<int64_t>(object, "created");
-  const std::string state = required<std::string>(object, "state");
-  const auto found = std::find(std::begin(STATE_TEXTS), std::end(STATE_TEXTS), state);
-  if (found == std::end(STATE_TEXTS) || !is_uuid(record.id))
-    throw std::runtime_error("its state or id is unknown");
-  record.state = static_cast<Upload_Record::State>(found - std::begin(STATE_TEXTS));
-  return record;
-}
-
 REST_Error ended(const Upload_Record& record)
 {
-  return REST_Error(409, "ended", "the unfinished file " + record.folder + "/" + record.name +
-                                      " cannot be continued: the server lost it or gave it up; run the job again");
+  return REST_Error(409, "ended",
+                    "the unfinished file " + record.folder + "/" + record.name +
+                        " cannot be continued: the server lost it or gave it up; run the job again");
 }
 } // namespace
 
@@ -118,11 +68,11 @@ void connect_folder(Storage_Back_End& back_end, const Pool_Info& pool, const std
 {
   const size_t most_folder_bytes = 1024;
   const bool plain = !folder.empty() && folder.size() <= most_folder_bytes && folder.front() != '/' &&
-                     std::none_of(folder.begin(), folder.end(), [](char c) {
-                       return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-                     });
+                     std::none_of(folder.begin(), folder.end(),
+                                  [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
   if (!plain)
-    throw REST_Error(400, "bad_request", "this cannot be a folder of a pool: it must be a plain relative path");
+    throw REST_Error(400, "bad_request",
+                     "this cannot be a folder of a pool: it must be a plain relative path");
   if (!pool.back_end.empty())
     throw REST_Error(409, "pool", "the pool " + pool.name + " does not lie on this server");
   Client_IO_Base::Options options;
@@ -153,7 +103,7 @@ std::string Storage_Uploads::note_path(const std::string& id) const
 void Storage_Uploads::note(Upload& upload)
 {
   std::string error;
-  if (!write_file_durably(note_path(upload.record.id), write_json(note_json(upload.record)), FILE_MODE, error))
+  if (!write_file_durably(note_path(upload.record.id), upload_note(upload.record), FILE_MODE, error))
     throw REST_Error(507, "storage", "the server cannot note what it stores: " + error);
 }
 
@@ -184,7 +134,7 @@ void Storage_Uploads::load_one(const std::string& path)
     if (!read_whole_file(path, text, error))
       throw std::runtime_error(error);
     auto upload = std::make_shared<Upload>();
-    upload->record = note_from(text);
+    upload->record = upload_from_note(text);
     const Upload_Record& record = upload->record;
     upload->summed = false;
     Pool_Info pool;
@@ -206,8 +156,8 @@ void Storage_Uploads::load_one(const std::string& path)
     std::lock_guard<std::mutex> guard(lock_);
     uploads_[record.id] = upload;
   } catch (const std::exception& failure) {
-    ACE_ERROR((LM_WARNING, "(%P|%t) Storage_Uploads::load: %C cannot be used: %C\n", path.c_str(),
-               failure.what()));
+    ACE_ERROR(
+        (LM_WARNING, "(%P|%t) Storage_Uploads::load: %C cannot be used: %C\n", path.c_str(), failure.what()));
   }
 }
 
@@ -252,9 +202,8 @@ Storage_Uploads::Upload_Ptr Storage_Uploads::find(const std::string& id, const s
                    "lost; run the job again");
 }
 
-std::vector<Storage_Uploads::Upload_Ptr> Storage_Uploads::of_file(const std::string& pool_id,
-                                                                  const std::string& folder,
-                                                                  const std::string& name)
+std::vector<Storage_Uploads::Upload_Ptr>
+Storage_Uploads::of_file(const std::string& pool_id, const std::string& folder, const std::string& name)
 {
   std::vector<Upload_Ptr> found;
   std::lock_guard<std::mutex> guard(lock_);
@@ -286,8 +235,9 @@ uint64_t Storage_Uploads::begin(const Upload_Record& wanted)
     std::lock_guard<std::mutex> guard(lock_);
     known = uploads_.count(wanted.id) != 0;
     if (!known && open_files(wanted.host_uuid) >= limits_.open_of_host)
-      throw REST_Error(429, "too_many", "this host is sending " + std::to_string(limits_.open_of_host) +
-                                            " files already; run fewer jobs at once");
+      throw REST_Error(429, "too_many",
+                       "this host is sending " + std::to_string(limits_.open_of_host) +
+                           " files already; run fewer jobs at once");
     Upload_Ptr& place = uploads_[wanted.id];
     if (!known) {
       place = std::make_shared<Upload>();
@@ -401,7 +351,8 @@ void Storage_Uploads::commit(const std::string& id, const std::string& host_uuid
     Side_File side;
     std::string error;
     if (!parse_side_file(side_file, side, error) || side.storage_size != size)
-      throw REST_Error(422, "damaged", "the side file of " + upload->record.name + " cannot be right: " + error);
+      throw REST_Error(422, "damaged",
+                       "the side file of " + upload->record.name + " cannot be right: " + error);
     // What was published is whole, whatever became of the server since.
     const bool published = !upload->writer && is_published(*upload, size, side_file);
     if (!published && !upload->failure.empty())
@@ -413,7 +364,8 @@ void Storage_Uploads::commit(const std::string& id, const std::string& host_uuid
         throw REST_Error(409, "offset", "the unfinished file ends at byte " + std::to_string(upload->offset));
       if (upload->summed && upload->sum.hex() != side.storage_checksum)
         throw REST_Error(422, "damaged",
-                         "what arrived of " + upload->record.name + " is not what was sent; run the job again");
+                         "what arrived of " + upload->record.name +
+                             " is not what was sent; run the job again");
       if (!upload->writer->commit(side_file, error)) {
         upload->failure = error;
         throw REST_Error(507, "storage", error);

@@ -2,6 +2,7 @@
 
 #include "base/checksum.h"
 #include "rpc/rest_router.h"
+#include "server/upload_note.h"
 #include "storage/back_end.h"
 #include "storage/pool_registry.h"
 
@@ -15,25 +16,6 @@
 
 namespace kestrel
 {
-/// What an agent wants to store, and the server's note of it.
-struct Upload_Record {
-  /// Chosen by the agent, a uuid: a request whose answer got lost may so be repeated.
-  std::string id;
-  std::string host_uuid;
-  std::string pool_id;
-  std::string folder;
-  std::string name;
-  bool overwrite = false;
-  /// How long the agent goes on trying after it has lost the server.
-  uint64_t keep_seconds = 0;
-  /// What tells the unfinished file from a later one of the same name: where it lies on the disk, and the
-  /// machine's start, after which not every byte that was confirmed need still be there.
-  uint64_t inode = 0;
-  std::string boot_id;
-  int64_t created = 0;
-  enum State { open, left, finished } state = open;
-};
-
 /// The files that agents are sending, and those they sent within the last day.
 ///
 /// Purpose:   each file is written by the directory back end of its pool; this keeps its place over lost
@@ -115,7 +97,7 @@ private:
   std::thread cleaner_;
 };
 
-/// A folder of a pool, below which names can be created, opened and removed. Throws REST_Error when the folder
-/// cannot be one or the pool's directory is not there.
+/// A folder of a pool, below which names can be created, opened and removed. Throws REST_Error when the
+/// folder cannot be one or the pool's directory is not there.
 void connect_folder(Storage_Back_End& back_end, const Pool_Info& pool, const std::string& folder);
 } // namespace kestrel
