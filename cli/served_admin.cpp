@@ -5,6 +5,7 @@
 #include "cli/text_format.h"
 
 #include "base/uuid.h"
+#include "json/wipe_json.h"
 #include "json/json_util.h"
 
 #include <algorithm>
@@ -120,10 +121,11 @@ int served_user_add(Console& console)
   const Wipe_Guard<secure_string> wipe(password);
   if (!read_password(line.password_file, "Password for the new user " + line.user + ": ", password, error))
     return console.fail("no password for " + line.user + ": " + error);
-  json_spirit::Object body;
-  set_value(body, "name", line.user);
-  set_value(body, "role", line.role);
-  set_value(body, "password", std::string(password.data(), password.size()));
+  json_spirit::Value body = json_spirit::Object();
+  const Wipe_JSON_Guard wipe_body(body);
+  set_value(body.get_obj(), "name", line.user);
+  set_value(body.get_obj(), "role", line.role);
+  set_value(body.get_obj(), "password", std::string(password.data(), password.size()));
   json_spirit::Object reply;
   if (!console.send("POST", {"users"}, body, reply))
     return EXIT_CODE_FAILED;

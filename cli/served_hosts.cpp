@@ -227,6 +227,19 @@ int served_instances(Console& console)
   return EXIT_CODE_DONE;
 }
 
+namespace
+{
+json_spirit::Value login_params(const std::string& instance, const std::string& user,
+                                const secure_string& password)
+{
+  json_spirit::Object params;
+  set_value(params, "instance", instance);
+  set_value(params, "user", user);
+  set_value(params, "password", std::string(password.data(), password.size()));
+  return params;
+}
+} // namespace
+
 int served_login(Console& console)
 {
   const Command_Line& line = console.line();
@@ -241,12 +254,9 @@ int served_login(Console& console)
                      "Password of " + line.user + " at " + instance.name + " on " + host.name + ": ",
                      password, error))
     return console.fail("no password for " + line.user + " at " + instance.name + ": " + error);
-  json_spirit::Object params;
-  set_value(params, "instance", instance.name);
-  set_value(params, "user", line.user);
-  set_value(params, "password", std::string(password.data(), password.size()));
   json_spirit::Value result;
-  const bool done = console.call_host(host, "instance.login", params, LOGIN_SECONDS, result);
+  const bool done = console.call_host(
+      host, "instance.login", login_params(instance.name, line.user, password), LOGIN_SECONDS, result);
   if (!done)
     return EXIT_CODE_FAILED;
   const std::string warning =

@@ -3,6 +3,7 @@
 #include "cli/served_json.h"
 
 #include "base/durable_file.h"
+#include "json/wipe_json.h"
 #include "json/json_util.h"
 
 namespace kestrel
@@ -52,9 +53,10 @@ bool choose_ca(Command_Output& output, Console_Credentials& credentials)
 bool ask_for_token(Command_Output& output, Console_Credentials& credentials, secure_string& password,
                    int& code)
 {
-  json_spirit::Object body;
-  set_value(body, "user", credentials.user);
-  set_value(body, "password", std::string(password.data(), password.size()));
+  json_spirit::Value body = json_spirit::Object();
+  const Wipe_JSON_Guard wipe_body(body);
+  set_value(body.get_obj(), "user", credentials.user);
+  set_value(body.get_obj(), "password", std::string(password.data(), password.size()));
   json_spirit::Value reply;
   REST_Problem problem;
   REST_Client client(connection_of(credentials));

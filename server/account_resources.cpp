@@ -11,7 +11,7 @@ namespace
 {
 const int64_t LARGEST_AUDIT_PAGE = 1000;
 
-json_spirit::Object body_of(const REST_Request& request)
+const json_spirit::Object& body_of(const REST_Request& request)
 {
   if (request.json.type() != json_spirit::obj_type)
     throw REST_Error(400, "bad_request", "The body must be a JSON object");
@@ -52,7 +52,7 @@ void Account_Resources::add_to(REST_Router& router)
 
 REST_Reply Account_Resources::sign_in(REST_Request& request)
 {
-  const json_spirit::Object body = body_of(request);
+  const json_spirit::Object& body = body_of(request);
   const std::string name = required<std::string>(body, "user");
   std::string password = required<std::string>(body, "password");
   Wipe_Guard<std::string> wiped(password), wiped_body(request.body);
@@ -122,7 +122,7 @@ REST_Reply Account_Resources::users()
 
 REST_Reply Account_Resources::add_user(REST_Request& request)
 {
-  const json_spirit::Object body = body_of(request);
+  const json_spirit::Object& body = body_of(request);
   const std::string name = required<std::string>(body, "name"), role = required<std::string>(body, "role");
   std::string password = required<std::string>(body, "password");
   Wipe_Guard<std::string> wiped(password), wiped_body(request.body);

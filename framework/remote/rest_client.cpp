@@ -1,8 +1,9 @@
 #include "remote/rest_client.h"
 
 #include "base/clock.h"
-#include "json/json_util.h"
+#include "base/secure_allocator.h"
 #include "remote/curl_transport.h"
+#include "json/json_util.h"
 
 #include <algorithm>
 #include <cctype>
@@ -40,8 +41,8 @@ std::shared_ptr<REST_Transport> transport_for(const REST_Client_Options& options
 
 bool is_unreserved(char c)
 {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-         c == '.' || c == '_' || c == '~';
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
+         c == '_' || c == '~';
 }
 
 /// Foreign text for a message: one line of bounded length.
@@ -49,7 +50,8 @@ std::string one_line(std::string text)
 {
   text.resize(std::min(text.size(), MOST_MESSAGE_BYTES));
   std::replace_if(
-      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, ' ');
+      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; },
+      ' ');
   return utf8_without_invalid(text);
 }
 
@@ -95,7 +97,8 @@ void refusal(const std::string& url, const REST_Answer& answer, REST_Problem& pr
   if (!message.empty())
     problem.text = "the backup server " + url + " refused: " + message;
   else if (answer.status == 401)
-    problem.text = "the backup server " + url + " does not know this caller (status 401); sign in or enroll again";
+    problem.text =
+        "the backup server " + url + " does not know this caller (status 401); sign in or enroll again";
   else if (answer.status == 403)
     problem.text = "the backup server " + url + " does not allow this (status 403); ask its administrator";
   else
@@ -129,7 +132,8 @@ bool REST_Client::exchange(const REST_Call& call, REST_Answer& answer, REST_Prob
       refusal(url_, got, why);
     }
     const int64_t left = end - clock().monotonic_msec();
-    if (left <= 0 || !is_worth_repeating(why, call.retry) || !pause_unless(call.stopped, std::min(wait, left))) {
+    if (left <= 0 || !is_worth_repeating(why, call.retry) ||
+        !pause_unless(call.stopped, std::min(wait, left))) {
       problem = std::move(why);
       return false;
     }
@@ -141,6 +145,7 @@ bool REST_Client::call(const REST_Call& call, const json_spirit::Value* body, js
 {
   REST_Answer answer;
   std::string text;
+  const Wipe_Guard<std::string> wipe_text(text), wipe_answer(answer.body);
   REST_Call request = call;
   try {
     if (body) {

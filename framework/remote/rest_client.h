@@ -115,7 +115,8 @@ public:
   [[nodiscard]] bool exchange(const REST_Call& call, REST_Answer& answer, REST_Problem& problem);
 
   /// The same with JSON both ways. A null `body` sends none; an empty answer gives a null value. The call's
-  /// method, path, limits and retries count.
+  /// method, path, limits and retries count. The written texts of body and answer are wiped, since they may
+  /// hold a password or a token; `body` is the caller's, and the transport's own buffers are not reached.
   [[nodiscard]] bool call(const REST_Call& call, const json_spirit::Value* body, json_spirit::Value& reply,
                           REST_Problem& problem);
   /// Short forms with the usual limits, without retries.

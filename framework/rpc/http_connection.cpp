@@ -1,5 +1,7 @@
 #include "rpc/http_connection.h"
 
+#include "base/secure_allocator.h"
+#include "json/wipe_json.h"
 #include "json/json_util.h"
 
 #include <ace/Log_Msg.h>
@@ -338,16 +340,40 @@ private:
     response_.keep_alive(keep_alive_);
     lowest().expires_after(std::chrono::milliseconds(limits().request_msec));
     http::async_write(stream_, response_, [self = this->shared_from_this()](const Error& error, size_t) {
+      wipe_small(self->response_.body());
       self->response_ = Response();
       self->answered(!error);
-      self->request_ = REST_Request();
-      self->parser_.reset();
+      self->forget_request();
       if (error)
         return;
       if (self->keep_alive_)
         return self->wait_for_request(self->limits().idle_msec);
       self->end_sending();
     });
+  }
+
+  /// Requests and answers of sign-ins and logins hold passwords and tokens. What the TLS library and the
+  /// kernel had in hand is not reached, nor are copies that handlers made.
+  void forget_request()
+  {
+    wipe_small(request_.body);
+    wipe_json(request_.json);
+    for (auto& [name, value] : request_.headers)
+      wipe(value);
+    request_ = REST_Request();
+    if (parser_)
+      wipe_small(parser_->get().body());
+    parser_.reset();
+    const auto unused = buffer_.prepare(buffer_.capacity() - buffer_.size());
+    ::explicit_bzero(unused.data(), unused.size());
+  }
+
+  /// What is larger is a piece of a backup.
+  static void wipe_small(std::string& text)
+  {
+    const size_t most = 64u << 10;
+    if (text.size() <= most)
+      wipe(text);
   }
 
   /// Runs what the handler wanted to follow its reply, once.
