@@ -12,6 +12,12 @@ std::string run_lock_path(const Job_Definition& definition)
   const bool import =
       definition.type() == JOB_DEFINITION_RESTORE && definition.subtype() == JOB_DEFINITION_SUBTYPE_IMPORT;
   const std::string key = definition.source() && !import ? definition.source()->id() : definition.id();
-  return Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT", "locks").path((name_uuid(key) + ".lock").c_str());
+  return run_lock_path(key);
+}
+
+std::string run_lock_path(const std::string& source_id)
+{
+  return Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT", "locks")
+      .path((name_uuid(source_id) + ".lock").c_str());
 }
 } // namespace kestrel

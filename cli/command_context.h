@@ -35,6 +35,13 @@ struct Job_Words {
   std::string after_failure = {}; ///< what a failure leaves behind; empty: nothing that matters
 };
 
+/// A backup or an export of the catalog.
+struct Stored_Reference {
+  std::string id;
+  std::string resource_uuid;
+  bool exported = false;
+};
+
 /// What commands need that work the same on one host without a daemon (Session) and through a backup server
 /// (Console). The catalog is not part of it: its functions (agent/backup_catalog.h) ask the back end that is
 /// in use. Threads: main thread. Errors:  false after fail(), unless there is an `error`.
@@ -65,6 +72,10 @@ public:
   /// too, where only the host that does the work can tell.
   [[nodiscard]] virtual bool check_stored(const Backup_Entry& backup, const std::string& pool_id,
                                           std::string& problem) = 0;
+  /// Deletes the record of one backup or export, and its stored file unless `keep_file`. False with one
+  /// sentence in `problem`; what is left then can be deleted again.
+  [[nodiscard]] virtual bool delete_stored(const Stored_Reference& backup, bool keep_file,
+                                           std::string& problem) = 0;
   /// Runs a job where the instance is, with progress on the standard error output. SIGINT and SIGTERM send it
   /// one stop request. A run that did not succeed is reported with fail() before this returns.
   virtual Job_Report run_document(const Known_Instance& instance, const std::string& document,

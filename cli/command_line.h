@@ -51,9 +51,11 @@ struct Command_Line {
   bool all = false;     ///< verify: said for clearness; naming no backup means the same
   uint64_t limit = 100; ///< backups: newest N; 0 = all
   bool assume_yes = false;
-  std::string original; ///< import: the object in the export
-  std::string target;   ///< import: what it becomes
-  std::string file;     ///< run, job define
+  bool dependents = false; ///< delete: also what builds on it
+  bool keep_file = false;  ///< delete: the record only
+  std::string original;    ///< import: the object in the export
+  std::string target;      ///< import: what it becomes
+  std::string file;        ///< run, job define
 
   std::string host;               ///< of a server: where the instance is
   std::vector<std::string> hosts; ///< job define, job run and the like

@@ -4,6 +4,7 @@
 #include "base/uuid.h"
 #include "cli/served_json.h"
 #include "remote/upstream.h"
+#include "json/wipe_json.h"
 #include "json/json_util.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
@@ -17,6 +18,8 @@ namespace kestrel
 namespace
 {
 const unsigned REQUEST_SECONDS = 60;
+/// A file of some terabytes takes its time to go.
+const unsigned DELETION_SECONDS = 600;
 /// What the server adds to the time that it gives an agent.
 const unsigned FORWARDING_SECONDS = 10;
 
@@ -169,13 +172,14 @@ int Console::fail_answer(const std::string& what)
               "; server and console are of versions that do not fit");
 }
 
-bool Console::call_host(const Served_Host& host, const std::string& method, const json_spirit::Value& params,
+bool Console::call_host(const Served_Host& host, const std::string& method, json_spirit::Value params,
                         unsigned seconds, json_spirit::Value& result)
 {
-  json_spirit::Object body;
-  set_value(body, "method", method);
-  set_value(body, "params", params);
-  set_value(body, "timeout", seconds);
+  json_spirit::Value body = json_spirit::Object();
+  const Wipe_JSON_Guard wipe_body(body);
+  set_value(body.get_obj(), "method", method);
+  set_value(body.get_obj(), "timeout", seconds);
+  set_value(body.get_obj(), "params", std::move(params));
   json_spirit::Object reply;
   REST_Problem problem;
   if (!exchange_object("POST", rest_path({"hosts", host.uuid, "rpc"}), body, reply, problem,
@@ -329,6 +333,17 @@ Host_Identity Console::identity_for(const Known_Instance& instance)
 {
   // The same user of a server is the same owner on every host.
   return {instance.host_uuid, name_uuid("kestrel user " + credentials_.user)};
+}
+
+bool Console::delete_stored(const Stored_Reference& backup, bool keep_file, std::string& problem)
+{
+  json_spirit::Object reply;
+  REST_Problem refusal;
+  if (exchange_object("DELETE", rest_path({"backups", backup.id}, {{"keep_file", keep_file ? "1" : "0"}}),
+                      json_spirit::Value(), reply, refusal, DELETION_SECONDS))
+    return true;
+  problem = refusal.text;
+  return false;
 }
 
 bool Console::check_stored(const Backup_Entry&, const std::string&, std::string&)

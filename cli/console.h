@@ -59,9 +59,9 @@ public:
   int fail_answer(const std::string& what);
 
   /// Calls the agent of a host and waits up to `seconds` for its answer.
-  [[nodiscard]] bool call_host(const Served_Host& host, const std::string& method,
-                               const json_spirit::Value& params, unsigned seconds,
-                               json_spirit::Value& result);
+  /// The texts of `params` are wiped.
+  [[nodiscard]] bool call_host(const Served_Host& host, const std::string& method, json_spirit::Value params,
+                               unsigned seconds, json_spirit::Value& result);
 
   /// All hosts, asked for once a command.
   [[nodiscard]] bool hosts(std::vector<Served_Host>& hosts);
@@ -81,6 +81,8 @@ public:
   [[nodiscard]] bool check_stored(const Backup_Entry& backup, const std::string& pool_id,
                                   std::string& problem) override;
   /// Defines the job on the server for on-demand runs and runs it once.
+  [[nodiscard]] bool delete_stored(const Stored_Reference& backup, bool keep_file,
+                                   std::string& problem) override;
   Job_Report run_document(const Known_Instance& instance, const std::string& document,
                           const Job_Words& words) override;
   std::string fallback_reason(const Job_Run_Result& run) override;
@@ -105,7 +107,7 @@ private:
   std::string last_run_;
 };
 
-/// What the process needs before it speaks to a server: log lines only with --verbose, no death by a closed connection.
-/// False after fail().
+/// What the process needs before it speaks to a server: log lines only with --verbose, no death by a closed
+/// connection. False after fail().
 [[nodiscard]] bool prepare_console(Command_Output& output);
 } // namespace kestrel

@@ -56,6 +56,20 @@ void add_verify(Command_Registry& registry)
   verify.add_option("--instance", line.instance,
                     "only backups of this instance; the one that 'latest' refers to");
 }
+
+void add_delete(Command_Registry& registry)
+{
+  Command_Line& line = registry.line();
+  CLI::App& remove = registry.add("delete", "Delete backups and exports with their stored files",
+                                  {run_delete, nullptr, run_delete});
+  remove.add_option("BACKUP", line.names, backup_reference_help)->required();
+  remove.add_option("--instance", line.instance, "instance that 'latest' refers to");
+  add_host_option(remove, line, instance_host_help);
+  remove.add_flag("--dependents", line.dependents, "also the backups that build on them");
+  remove.add_flag("--keep-file", line.keep_file,
+                  "leave the stored files, such as those on a lost disk, and delete the records only");
+  remove.add_flag("--yes,-y", line.assume_yes, "do not ask");
+}
 } // namespace
 
 void add_backup_commands(Command_Registry& registry)
@@ -75,6 +89,7 @@ void add_backup_commands(Command_Registry& registry)
   add_host_option(show, line, instance_host_help);
 
   add_verify(registry);
+  add_delete(registry);
 
   CLI::App& restore =
       registry.add("restore", "Restore an instance from a backup", {run_restore, nullptr, run_restore});

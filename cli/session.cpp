@@ -1,16 +1,28 @@
 #include "cli/session.h"
 
+#include "agent/backup_deletion.h"
 #include "agent/backup_verifier.h"
 #include "agent/failure_text.h"
+#include "agent/run_lock.h"
 #include "agent/server_key.h"
+#include "base/file_lock.h"
+#include "catalog/catalog_back_end.h"
 #include "cli/job_command.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
 
+#include <cerrno>
+#include <cstring>
 #include <set>
 
 namespace kestrel
 {
+namespace
+{
+/// How long a catalog that another process keeps busy is asked again.
+const int CATALOG_SECONDS = 10;
+} // namespace
+
 bool Session::start()
 {
   Embedded_Host::Options options;
@@ -104,6 +116,26 @@ bool Session::check_stored(const Backup_Entry& backup, const std::string& pool_i
   if (file.outcome == Verification::Outcome::good)
     return true;
   problem = file.problem;
+  return false;
+}
+
+bool Session::delete_stored(const Stored_Reference& backup, bool keep_file, std::string& problem)
+{
+  // An import reads one file that it has opened; a restore goes from file to file.
+  File_Lock lock;
+  if (!backup.exported && !lock.try_lock(run_lock_path(backup.resource_uuid))) {
+    problem = errno == EWOULDBLOCK
+                  ? "a job of " + instance_name(backup.resource_uuid) +
+                        " is under way and may need the backup; try again when it has ended"
+                  : "the lock of the instance's jobs cannot be used: " + std::string(::strerror(errno));
+    return false;
+  }
+  Backup_Deletion deletion(catalog_back_end(), host_.pools(), CATALOG_SECONDS);
+  Deleted_Backup deleted;
+  Deletion_Problem found;
+  if (deletion.run(backup.id, keep_file, deleted, found))
+    return true;
+  problem = found.text;
   return false;
 }
 

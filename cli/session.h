@@ -25,13 +25,15 @@ public:
   Host_Identity identity_for(const Known_Instance& instance) override;
   [[nodiscard]] bool check_stored(const Backup_Entry& backup, const std::string& pool_id,
                                   std::string& problem) override;
+  [[nodiscard]] bool delete_stored(const Stored_Reference& backup, bool keep_file,
+                                   std::string& problem) override;
   Job_Report run_document(const Known_Instance& instance, const std::string& document,
                           const Job_Words& words) override;
   std::string fallback_reason(const Job_Run_Result& run) override;
 
 private:
-  /// On an enrolled host: a second catalog would hold backups that the server and its consoles never see. False after
-  /// fail().
+  /// On an enrolled host: a second catalog would hold backups that the server and its consoles never see.
+  /// False after fail().
   bool allowed_beside_server(const std::string& url);
   bool find_registered(const std::string& name, Known_Instance& instance, std::string& error);
 
@@ -52,6 +54,7 @@ int run_backup(Command_Context& context);
 int run_backups(Command_Context& context);
 int run_show(Command_Context& context);
 int run_restore(Command_Context& context);
+int run_delete(Command_Context& context);
 int run_export(Command_Context& context);
 int run_import(Command_Context& context);
 } // namespace kestrel

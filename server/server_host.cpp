@@ -10,6 +10,7 @@
 #include "server/accounts.h"
 #include "server/agent_hub_service.h"
 #include "server/audit.h"
+#include "server/backup_resources.h"
 #include "server/catalog_resources.h"
 #include "server/pool_resources.h"
 #include "server/server_database.h"
@@ -75,6 +76,7 @@ struct Server_Host::Parts {
   std::unique_ptr<Catalog_Resources> catalog_resources;
   std::unique_ptr<Pool_Resources> pool_resources;
   std::unique_ptr<Storage_Resources> storage_resources;
+  std::unique_ptr<Backup_Resources> backup_resources;
   std::unique_ptr<Agent_Hub_Service> agents;
   HTTP_Server http; // after what its handlers use
 
@@ -119,6 +121,7 @@ void Server_Host::Parts::make_resources()
   catalog_resources = std::make_unique<Catalog_Resources>(catalog);
   pool_resources = std::make_unique<Pool_Resources>(*pools, catalog);
   storage_resources = std::make_unique<Storage_Resources>(*pools, catalog, state_path("uploads"));
+  backup_resources = std::make_unique<Backup_Resources>(*pools, catalog, storage_resources->reads());
   Agent_Hub_Service::Options options;
   options.cluster.window_msec = config.cluster_window_seconds * 1000;
   options.keep_run_days = config.keep_run_days;
@@ -130,6 +133,7 @@ void Server_Host::Parts::make_resources()
   catalog_resources->add_to(router);
   pool_resources->add_to(router);
   storage_resources->add_to(router);
+  backup_resources->add_to(router);
   agents->add_to(router);
 }
 

@@ -1,11 +1,11 @@
 #include "server/storage_resources.h"
 
 #include "base/checksum.h"
-#include "json/json_util.h"
 #include "server/catalog_resources.h"
 #include "server/pool_resources.h"
 #include "storage/directory_back_end.h"
 #include "storage/directory_files.h"
+#include "json/json_util.h"
 
 #include <cerrno>
 
@@ -105,8 +105,7 @@ void Storage_Resources::add_to(REST_Router& router)
       "PUT", "/k2/r/uploads/{upload}/bytes", agent,
       [this](REST_Request& request) {
         const uint64_t at = needed_number(request, "offset", 0, INT64_MAX);
-        return answer_offset(
-            uploads_.write(request.vars["upload"], request.caller.uuid, at, request.body));
+        return answer_offset(uploads_.write(request.vars["upload"], request.caller.uuid, at, request.body));
       },
       pieces);
   router.add("POST", "/k2/r/uploads/{upload}/commit", agent, [this](REST_Request& request) {
@@ -146,6 +145,7 @@ REST_Reply Storage_Resources::bytes(REST_Request& request)
   const std::unique_ptr<Stored_File_Reader> file = open_place(place);
   if (version_of(*file) != request.query_text("version"))
     throw REST_Error(409, "changed", place.name + " was replaced while it was read; read it again");
+  reads_.note(place.pool.pool_id, place.folder, place.name);
   REST_Reply reply;
   reply.content_type = "application/octet-stream";
   reply.raw.resize(static_cast<size_t>(length));
@@ -162,13 +162,12 @@ bool Storage_Resources::is_recorded(const Pool_Info& pool, const std::string& fo
   const auto names_file = [&](const char* catalog, const char* folder_field) {
     Value result;
     std::string error;
-    check_catalog(catalog_->get_view(catalog, "catalogs",
-                                     {{"pool_uuid", pool.pool_id},
-                                      {folder_field, folder},
-                                      {"backup_file", name},
-                                      {"limit", 1}},
-                                     result, error),
-                  error);
+    check_catalog(
+        catalog_->get_view(
+            catalog, "catalogs",
+            {{"pool_uuid", pool.pool_id}, {folder_field, folder}, {"backup_file", name}, {"limit", 1}},
+            result, error),
+        error);
     return !required<Array>(result.get_obj(), "rows").empty();
   };
   return names_file("oscar_brcmd", "uri") || names_file("oscar", "minor_resource_id");
@@ -187,8 +186,9 @@ REST_Reply Storage_Resources::remove(REST_Request& request)
     return reply;
   if (sender != request.caller.uuid)
     throw REST_Error(403, "not_yours",
-                     "the file " + place.name + " was not sent by this host within the last day; only the "
-                                                "server's administrator may remove it");
+                     "the file " + place.name +
+                         " was not sent by this host within the last day; only the "
+                         "server's administrator may remove it");
   if (exists(place.path()) && is_recorded(place.pool, place.folder, place.name))
     throw REST_Error(409, "recorded", "the file " + place.name + " belongs to a backup set of the catalog");
   uploads_.forget(pool_id, place.folder, place.name);

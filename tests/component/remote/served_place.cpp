@@ -1,8 +1,8 @@
 #include "served_place.h"
 
 #include "catalog/sql_back_end.h"
-#include "json/json_util.h"
 #include "server/tls_setup.h"
+#include "json/json_util.h"
 
 #include <gtest/gtest.h>
 
@@ -103,6 +103,8 @@ void Served_Place::build()
   catalogs_->add_to(*router_);
   pool_resources_->add_to(*router_);
   storage_->add_to(*router_);
+  backups_ = std::make_unique<Backup_Resources>(pools_, catalog_, storage_->reads());
+  backups_->add_to(*router_);
 }
 
 void Served_Place::make_certificate(const std::string& address, bool known_ca, int64_t not_after)
@@ -157,6 +159,7 @@ void Served_Place::restart()
   const bool listening = http_ != nullptr;
   stop();
   router_.reset();
+  backups_.reset();
   storage_.reset();
   build();
   if (listening)
@@ -243,7 +246,8 @@ bool Direct_Transport::take(const REST_Call& call, Plan& plan)
   ++seen_;
   const std::string text = std::string(call.method) + " " + call.path;
   for (auto each = plans_.begin(); each != plans_.end(); ++each) {
-    if (each->number != 0 ? each->number != seen_ : text.compare(0, each->beginning.size(), each->beginning) != 0)
+    if (each->number != 0 ? each->number != seen_
+                          : text.compare(0, each->beginning.size(), each->beginning) != 0)
       continue;
     plan = *each;
     if (--each->times == 0)

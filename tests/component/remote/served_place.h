@@ -5,6 +5,7 @@
 #include "remote/upstream.h"
 #include "rpc/http_server.h"
 #include "rpc/rest_router.h"
+#include "server/backup_resources.h"
 #include "server/catalog_resources.h"
 #include "server/pool_resources.h"
 #include "server/storage_resources.h"
@@ -36,8 +37,8 @@ public:
                                         std::string& error) override;
 };
 
-/// The part of a backup server that this area is about: catalog, pools and storage behind the real router and,
-/// once listen() was called, the real HTTPS server with a certificate of its own CA.
+/// The part of a backup server that this area is about: catalog, pools and storage behind the real router
+/// and, once listen() was called, the real HTTPS server with a certificate of its own CA.
 ///
 /// Whoever sends the access key "HOST.key" is the agent of that host, whatever its name; the bearer tokens
 /// "viewer", "operator" and "admin" are users of that role; everything else is refused.
@@ -96,6 +97,7 @@ private:
   std::unique_ptr<kestrel::Catalog_Resources> catalogs_;
   std::unique_ptr<kestrel::Pool_Resources> pool_resources_;
   std::unique_ptr<kestrel::Storage_Resources> storage_;
+  std::unique_ptr<kestrel::Backup_Resources> backups_;
   std::unique_ptr<kestrel::REST_Router> router_;
   std::unique_ptr<kestrel::HTTP_Server> http_;
   unsigned short port_ = 0;
