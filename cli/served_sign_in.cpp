@@ -62,10 +62,7 @@ bool ask_for_token(Command_Output& output, Console_Credentials& credentials, sec
   REST_Client client(connection_of(credentials));
   const bool answered = client.post(rest_path({"sessions"}), body, reply, problem);
   if (!answered) {
-    const std::string hint = problem.kind == REST_Problem::unusable
-                                 ? "; --ca FILE names the authority that signed the server's certificate"
-                                 : "";
-    code = output.fail("the sign-in of " + credentials.user + " failed: " + problem.text + hint);
+    code = output.fail("the sign-in of " + credentials.user + " failed: " + problem.text);
     return false;
   }
   const json_spirit::Object object =

@@ -4,6 +4,7 @@
 #include "storage/host_manager.h"
 
 #include <curl/curl.h>
+#include <openssl/x509_vfy.h>
 
 #include <algorithm>
 #include <cstring>
@@ -105,6 +106,37 @@ bool is_certificate_failure(CURLcode code)
 {
   return code == CURLE_PEER_FAILED_VERIFICATION || code == CURLE_SSL_CACERT_BADFILE ||
          code == CURLE_SSL_ISSUER_ERROR || code == CURLE_SSL_INVALIDCERTSTATUS;
+}
+
+/// What is wrong with a certificate, and what to do.
+std::string trust_problem(CURL* handle, CURLcode code, const std::string& why)
+{
+  long result = X509_V_OK;
+  curl_easy_getinfo(handle, CURLINFO_SSL_VERIFYRESULT, &result);
+  if (code == CURLE_SSL_CACERT_BADFILE)
+    return why + "; check the file of the authority";
+  switch (result) {
+  // The library compares the name first, and has no result of the signature then.
+  case X509_V_OK:
+  case X509_V_ERR_UNSPECIFIED:
+    return "its certificate is not for the name or address in this URL (" + why +
+           "); use one that it holds, or a certificate for this one";
+  case X509_V_ERR_CERT_HAS_EXPIRED:
+    return "its certificate has expired; renew it on the server";
+  case X509_V_ERR_CERT_NOT_YET_VALID:
+    return "its certificate is not valid yet; compare the clocks of both hosts";
+  case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+  case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+  case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+  case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+  case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+  case X509_V_ERR_CERT_SIGNATURE_FAILURE:
+    return "its certificate is not signed by an authority that is known here; check that this is the right "
+           "server, then "
+           "give its CA certificate: --ca FILE at the sign-in, ca_file in agent.toml";
+  default:
+    return why + "; check its certificate and the authority that this host was given";
+  }
 }
 
 /// Failures that end an attempt before a byte of the request was sent.
@@ -269,7 +301,8 @@ private:
     double ready_after = 0;
     curl_easy_getinfo(handle, CURLINFO_PRETRANSFER_TIME, &ready_after);
     const std::string why = *reason ? reason : curl_easy_strerror(code);
-    problem.kind = ready_after == 0 || is_before_request(code) ? REST_Problem::unreachable : REST_Problem::lost;
+    problem.kind =
+        ready_after == 0 || is_before_request(code) ? REST_Problem::unreachable : REST_Problem::lost;
     if (attempt.call.stopped && *attempt.call.stopped) {
       problem.kind = REST_Problem::stopped;
       problem.text = "the request to the backup server " + base_ + " was given up";
@@ -279,8 +312,7 @@ private:
                      std::to_string(attempt.call.most_answer_bytes) + " bytes";
     } else if (is_certificate_failure(code)) {
       problem.kind = REST_Problem::unusable;
-      problem.text = "the server at " + base_ + " cannot be trusted: " + why +
-                     "; check its certificate and the authority that this host was given";
+      problem.text = "the server at " + base_ + " cannot be trusted: " + trust_problem(handle, code, why);
     } else if (problem.kind == REST_Problem::unreachable)
       problem.text = "cannot reach the backup server " + base_ + ": " + why +
                      "; check that it runs and that the network lets this host through";

@@ -10,7 +10,7 @@ start_server
 run 1 "$kestrel" --server "$server_url" hosts
 said "you are not signed in at $server_url; sign in with: kestrel --server $server_url sign-in --user NAME"
 run 1 "$kestrel" --server "$server_url" sign-in --user root --password-file "$work/password"
-said "--ca FILE names the authority"
+said "not signed by an authority that is known here.*--ca FILE"
 printf 'wrong\n' >"$work/wrong"
 run 1 "$kestrel" --server "$server_url" --ca "$ca" sign-in --user root --password-file "$work/wrong"
 [ -z "$(ls "$work"/console/* 2>/dev/null)" ] || fail "a sign-in that failed left a file"

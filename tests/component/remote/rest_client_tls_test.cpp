@@ -50,7 +50,9 @@ TEST_F(Rest_Client_Tls, trusts_nobody_else)
   options.ca_pem.clear();
   EXPECT_FALSE(get(options));
   EXPECT_EQ(REST_Problem::unusable, problem_.kind);
-  EXPECT_TRUE(says("cannot be trusted")) << problem_.text;
+  EXPECT_TRUE(says("cannot be trusted: its certificate is not signed by an authority that is known here"))
+      << problem_.text;
+  EXPECT_TRUE(says("--ca FILE")) << problem_.text;
 
   place_.stop();
   place_.make_certificate("127.0.0.1", false);
@@ -66,6 +68,7 @@ TEST_F(Rest_Client_Tls, refuses_a_certificate_of_another_host)
   place_.listen();
   EXPECT_FALSE(get(place_.client_options()));
   EXPECT_EQ(REST_Problem::unusable, problem_.kind);
+  EXPECT_TRUE(says("its certificate is not for the name or address in this URL")) << problem_.text;
 }
 
 TEST_F(Rest_Client_Tls, refuses_an_expired_certificate)
@@ -74,7 +77,7 @@ TEST_F(Rest_Client_Tls, refuses_an_expired_certificate)
   place_.listen();
   EXPECT_FALSE(get(place_.client_options()));
   EXPECT_EQ(REST_Problem::unusable, problem_.kind);
-  EXPECT_TRUE(says("expired")) << problem_.text;
+  EXPECT_TRUE(says("its certificate has expired; renew it on the server")) << problem_.text;
 }
 
 TEST_F(Rest_Client_Tls, tells_a_wrong_key_without_showing_it)
