@@ -38,15 +38,17 @@ second_instance=DEMOY$$
 cleanup() {
   local status=$? name
   trap - EXIT
+  trap '' INT TERM HUP # a second Ctrl-C must not leave a server behind
+  [ "$status" -ne 130 ] || printf '\ndemo: interrupted; clearing away\n' >&2
   for name in "$instance" "$offline_instance" "$second_instance"; do
     "$bin/kestrel-lab" destroy "$home" "$name" >/dev/null 2>&1 || true
   done
   if [ -n "${KESTREL_DEMO_KEEP:-}" ]; then echo "kept: $work"; else rm -rf --one-file-system "$work"; fi
-  [ "$status" -eq 0 ] || echo "demo: failed (exit $status)" >&2
+  [ "$status" -eq 0 ] || [ "$status" -eq 130 ] || echo "demo: failed (exit $status)" >&2
   exit "$status"
 }
 trap cleanup EXIT
-trap 'exit 130' INT TERM
+trap 'exit 130' INT TERM HUP
 mkdir -p "$KESTREL_ROOT" "$work/backups"
 
 # Without the right to install the start script, the stand-in's own systemctl starts the server.

@@ -20,6 +20,7 @@ show() {
   printf '%s$ kestrel %s%s\n' "$bold" "$*" "$plain"
   "${console_side[@]}" "$kestrel" --server "$url" "$@" || true
 }
+trap 'printf "\ndemo: interrupted; clearing away\n" >&2; exit 130' INT TERM HUP
 export LC_ALL=C.UTF-8
 begin_seconds=$SECONDS
 instance=DEMO$$

@@ -22,6 +22,7 @@ unset SZ_OSCAR_HOME
 cleanup() {
   local status=$?
   trap - EXIT
+  trap '' INT TERM HUP # a second Ctrl-C must leave nothing behind either
   local place
   [ "$(type -t destroy_network)" != function ] || destroy_network
   for place in "${places[@]}"; do "$lab" destroy "${place%/*}" "${place##*/}" >/dev/null 2>&1 || true; done
@@ -34,7 +35,7 @@ cleanup() {
   exit "$status"
 }
 trap cleanup EXIT
-trap 'exit 130' INT TERM
+trap 'exit 130' INT TERM HUP
 
 # left_out WHAT: what cannot be tested here, for the list that test.sh prints at its end.
 left_out() {

@@ -19,6 +19,7 @@ stop_daemons() {
 }
 end_scenario() {
   local status=$?
+  trap '' INT TERM HUP
   set +e # the status that is handed on must not end this before the tree is cleared away
   stop_daemons
   (exit "$status")
