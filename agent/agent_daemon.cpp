@@ -27,6 +27,13 @@ namespace kestrel
 {
 namespace
 {
+/// For who started the agent in a terminal; the log has its own lines.
+void say(const std::string& text)
+{
+  std::printf("%s\n", text.c_str());
+  std::fflush(stdout);
+}
+
 const int64_t turn_msec = 500;
 const int64_t main_stuck_msec = 120 * 1000;
 /// Asked for again and again while the runs end; the unit's own limit need not know agent.toml.
@@ -70,6 +77,7 @@ int Agent_Daemon::run()
   told_status_ = status_text();
   ignore_result(notifier_.ready(told_status_), "logged");
   ACE_DEBUG((LM_INFO, "The agent of %C is ready: %C\n", name_.c_str(), told_status_.c_str()));
+  say("The agent of " + name_ + " is ready: " + told_status_);
   turn_until_ended();
   stop();
   return EXIT_SUCCESS;
@@ -430,6 +438,9 @@ void Agent_Daemon::tell_status()
     return;
   told_status_.swap(text);
   ignore_result(notifier_.status(told_status_), "logged");
+  // Runs come and go; who started the agent by hand waits for the connection.
+  if (told_status_.substr(0, told_status_.find(';')) != text.substr(0, text.find(';')))
+    say("The agent of " + name_ + " is " + told_status_);
 }
 
 bool Agent_Daemon::stop_jobs()

@@ -48,6 +48,8 @@ agent_says() { agent_log | grep -qE -- "$1"; }
 
 start_server
 start_agent alpha
+said_connected() { grep -q "^The agent of alpha is connected to $1" "$work/alpha.log"; }
+wait_for 30 "the agent's word that it is connected" said_connected https
 sign_in root admin
 run 0 "$kestrel" hosts
 printf '{"name": "kept", "type": "backup", "subtype": "full", "source": {"id": "48bfe436-d3c7-8c92-a702-cfafa43fd264", "name": "NONE", "entries": ["oscar/NONE"]}, "schedules": [{"type": 7}]}' >"$work/kept.json"
