@@ -48,6 +48,7 @@ fail() {
   exit 1
 }
 
+mkdir "$work/enrollments"
 kestrel() { "$bin/kestrel" --root "$work/root" "$@"; }
 head -c 18 /dev/urandom | base64 >"$work/password"
 chmod 600 "$work/password"
