@@ -55,9 +55,8 @@ Agent_Config reloaded_config(const Agent_Config& now, const Agent_Config& next, 
 Agent_Config default_agent_config();
 
 /// Reads the settings.
-/// Errors: false with `error` naming file, line, key and what is allowed; `config` is untouched then. A file
-/// that
-///         does not exist gives the defaults; a key that is not known is an error.
+/// Errors: false with `error` naming file, line, key and what is allowed; `config` is untouched then. A
+///         file that does not exist gives the defaults; a key that is not known is an error.
 [[nodiscard]] bool load_agent_config(const std::string& path, Agent_Config& config, std::string& error);
 /// The same for text; `path` only names it in errors.
 [[nodiscard]] bool parse_agent_config(const std::string& text, const std::string& path, Agent_Config& config,

@@ -43,16 +43,13 @@ struct Job_Notice {
 /// The job side of an agent: keeps definitions and the history of runs in agent.db, runs what is due or asked
 /// for, and survives restarts. This is all that the agent's services use.
 ///
-/// Threads:   open(), start(), stop() and the destructor on one thread; the rest from any thread once open()
-/// has
-///            returned true. The listener is called on threads of this object, never two at once, and must
-///            not call back into stop() or wait for a run.
-/// Ownership: the module table is not owned and must outlive this object. After stop() no thread runs module
-/// code
-///            for jobs unless stop() returned false.
-/// Errors:    false with an error; out-parameters untouched. What a caller asked for is either stored durably
-/// or
-///            refused.
+/// Threads:   open(), start(), stop() and the destructor on one thread; the rest from any thread once
+///            open() has returned true. The listener is called on threads of this object, never two at
+///            once, and must not call back into stop() or wait for a run.
+/// Ownership: the module table is not owned and must outlive this object. After stop() no thread runs
+///            module code for jobs unless stop() returned false.
+/// Errors:    false with an error; out-parameters untouched. What a caller asked for is either stored
+///            durably or refused.
 /// Crash:     the next open() records runs that were under way as failed and says what they left behind.
 class Agent_Jobs
 {

@@ -25,8 +25,8 @@ struct Chain_Verification {
 /// Verifies every backup of a list, chain by chain, in the order in which a restore would read them; each
 /// stored file is read once, however many chains it belongs to. A backup on something that the list does not
 /// hold counts as one whose predecessor is not in the catalog: list whole chains.
-/// Threads: any; blocks for as long as `verify_one` takes, which reads one backup.
-/// `finished` is called after each one; false ends the walk. The results are in the order of the walk.
+/// Threads: any; blocks for as long as `verify_one` takes, which reads one backup. `finished` is called
+///          after each one; false ends the walk. The results are in the order of the walk.
 std::vector<Chain_Verification>
 verify_chains(const std::vector<Backup_Entry>& newest_first,
               const std::function<Verification(const Backup_Entry&)>& verify_one,

@@ -30,9 +30,8 @@ public:
   Cron_Schedule& operator=(const Cron_Schedule&);
 
   /// `time_zone` is a name like "Europe/Berlin"; empty takes the zone of this host.
-  /// Errors: false with `error` naming the field and what is allowed; a line that never comes true ("0 0 30 2
-  /// *") is
-  ///         refused, too. `schedule` is untouched then.
+  /// Errors: false with `error` naming the field and what is allowed; a line that never comes true ("0 0 30
+  ///         2 *") is refused, too. `schedule` is untouched then.
   [[nodiscard]] static bool parse(const std::string& line, const std::string& time_zone,
                                   Cron_Schedule& schedule, std::string& error);
 

@@ -17,9 +17,9 @@ class Job_Definition_Loader;
 
 /// The modules of a host and what each of their service objects is used for, as configured.
 /// Threads:   open(), close() and the destructor on one thread; the rest from any thread in between.
-/// Ownership: the objects are the modules' and live until close(). Before it, every job, document and thread
-/// that
-///            runs a module's code must be gone; Job::wait_all_runs() waits for the threads of jobs.
+/// Ownership: the objects are the modules' and live until close(). Before it, every job, document and
+///            thread that runs a module's code must be gone; Job::wait_all_runs() waits for the threads of
+///            jobs.
 /// Errors:    false with `error` naming module and object; nothing is loaded then.
 class Module_Table
 {

@@ -26,7 +26,7 @@ void take_chain_state_line(const std::string& line, const std::string& instance,
 
 /// Reads the chain position of the instance from the text file at path.
 /// Errors: false, logged once at LM_ERROR, when the file cannot be opened or does not give all six values;
-/// info then holds what was read so far.
+///         info then holds what was read so far.
 [[nodiscard]] bool read_chain_state(const std::string& path, const std::string& instance,
                                     Last_Backup_Info& info);
 } // namespace oscar

@@ -21,8 +21,8 @@ namespace oscar
 ///
 /// Threads:   start, stop, join and the destructor on the job's thread; the other operations on any.
 /// Ownership: job and FIFO are not owned and must outlive the run.
-/// Errors:    the tool's own messages and a failed start are logged by the runner.
-/// Shutdown:  the destructor stops the tool and joins the thread, in whatever state they are.
+/// Errors:    the tool's own messages and a failed start are logged by the runner. Shutdown:  the
+///            destructor stops the tool and joins the thread, in whatever state they are.
 class Brcmd_Tool_Run
 {
 public:

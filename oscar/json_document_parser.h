@@ -32,8 +32,8 @@ typedef Key2_Value_T<uint64_t> Document_Key;
 /// does not know leaves the key before it in force, so that its value counts as one more value of that key.
 /// Documents in use depend on it; writers put unknown keys first or leave them out.
 /// Threads: one thread.
-/// Errors:  a handler returns false with error() set.
-/// T is the base class of the document (Job_Source, Job_Options), D the document.
+/// Errors:  a handler returns false with error() set. T is the base class of the document (Job_Source,
+///          Job_Options), D the document.
 template <class T, class D> class JSON_Document_Parser_T : public YAJL_Parser<T>
 {
 public:

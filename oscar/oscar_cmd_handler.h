@@ -17,11 +17,13 @@
 /// (included).
 ///
 /// Limits:    a command line holds 1023 bytes and 126 arguments; a longer one is refused, never cut. Values
-///            stand in it unescaped and no shell reads it: blanks split arguments, and a quote groups only at
-///            the start of one.
-/// Threads:   no state; any number of runs at once. Every execute function blocks until its child has ended.
+///            stand in it unescaped and no shell reads it: blanks split arguments, and a quote groups only
+///            at the start of one.
+/// Threads:   no state; any number of runs at once. Every execute function blocks until its child has
+///            ended.
 /// Ownership: texts are only read during the call; handlers stay with the caller and must outlive the run.
-/// Groups:    each tool leads a process group of its own: whoever terminates it reaches its children too.
+///            Groups:    each tool leads a process group of its own: whoever terminates it reaches its
+///            children too.
 /// Errors:    int results: 0 the tool succeeded, n > 0 its exit status, -1 no start or death by a signal.
 /// Secrets:   the command is logged with the password masked and in no other form.
 /// Crash:     leaves no files; the child dies with this process, the child's own children may not.

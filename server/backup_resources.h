@@ -19,7 +19,7 @@ namespace kestrel
 ///                                           pool; 422 catalog, 503 busy, 507 storage
 /// What an end half-way leaves: Backup_Deletion.
 /// Threads:   any; one deletion at a time. Ownership: shares the catalog; `reads` must outlive the router's
-/// requests.
+///            requests.
 class Backup_Resources
 {
 public:

@@ -27,16 +27,14 @@ public:
 ///
 /// An agent holds a lock while it asks, and needs that lock to take the announcement: so request() never
 /// waits for an agent, and an announcement goes out only after written() told that the reply had left.
-/// Threads:   request(), written() and the rest from any thread. One thread of its own keeps the time; others
-///            wait for agents. written() may come after stop() and after the end of the object.
+/// Threads:   request(), written() and the rest from any thread. One thread of its own keeps the time;
+///            others wait for agents. written() may come after stop() and after the end of the object.
 /// Ownership: hosts and history are not owned and must outlive stop().
 /// Errors:    request() throws what the database throws, and REST_Error 429 when too many choices are not
-/// over. What fails later stands in the explanation and the
-///            log.
+///            over. What fails later stands in the explanation and the log.
 /// Crash:     the next start goes on with a choice whose agents may still wait: the same job, the same
-/// selection time,
-///            and no announcement that may have been sent before. One that nobody waits for is marked
-///            interrupted.
+///            selection time, and no announcement that may have been sent before. One that nobody waits for
+///            is marked interrupted.
 class Cluster_Coordinator
 {
 public:

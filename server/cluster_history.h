@@ -15,9 +15,8 @@ class Server_Database;
 /// The selections of cluster nodes and their explanations, as the database keeps them: the newest 1,000.
 /// Threads: any.
 /// Errors:  throws what the database throws.
-/// Crash:   a selection under way stays "open" with what was kept of it last; the next start goes on with it
-/// or marks
-///          it "interrupted".
+/// Crash:   a selection under way stays "open" with what was kept of it last; the next start goes on with
+///          it or marks it "interrupted".
 class Cluster_History
 {
 public:

@@ -8,11 +8,11 @@
 
 /// What happens around a transfer: MTF_Backup and MTF_Restore call an action before the first byte moves and
 /// after the last one did. The base does nothing and succeeds.
-/// Threads:   the actions are called on the thread that runs the transfer, one at a time, each at most once a
-///            transfer.
+/// Threads:   the actions are called on the thread that runs the transfer, one at a time, each at most once
+///            a transfer.
 /// Ownership: held in ACE_Refcounted_Auto_Ptr<Action_Handler, ACE_Recursive_Thread_Mutex>.
 /// Errors:    a false action, or a wait_ that is not 0, fails the transfer unless its failure is ignored.
-/// The order of the virtual functions is part of the binary interface.
+///            The order of the virtual functions is part of the binary interface.
 class Action_Handler
 {
 public:

@@ -27,8 +27,8 @@ enum Event : unsigned {
 
 /// What a transfer tells and asks while it runs.
 /// Threads:   called from the thread that runs the transfer, and from that thread only.
-/// Ownership: not owned by the transfer; must outlive it.
-/// The order of the virtual functions is part of the binary interface.
+/// Ownership: not owned by the transfer; must outlive it. The order of the virtual functions is part of the
+///            binary interface.
 class Event_Handler
 {
 public:
@@ -146,8 +146,8 @@ private:
 ///
 /// Limits:    every file is written as <directory>/<last two components of its recorded path>; nothing else
 ///            is ever written, and an archive that asks for it is refused.
-/// Threads:   one; everything, the actions included, runs on the caller's.
-/// Ownership, units and errors: as MTF_Backup.
+/// Threads:   one; everything, the actions included, runs on the caller's. Ownership, units and errors: as
+///            MTF_Backup.
 /// Crash:     a file appears under its name only after every file of the restore is complete, checked and
 ///            durable; before that there are only ".kestrel-*.tmp" files in the directory, which a failed
 ///            restore removes.

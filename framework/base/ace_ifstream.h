@@ -6,8 +6,7 @@
 #include <vector>
 
 /// Reads a file line by line.
-/// Limits:    lines end at '\n' only; a '\r' before it stays.
-/// Not for:   seeking, writing.
+/// Limits:    lines end at '\n' only; a '\r' before it stays. Not for:   seeking, writing.
 /// Threads:   one at a time.
 /// Ownership: owns the descriptor and its buffer.
 class ACE_ifstream

@@ -9,10 +9,10 @@ namespace kestrel
 /// Not for: large data (all of it is in memory), directories on file systems without rename.
 /// Threads: any; two writers of one path need a lock of their own, the last rename wins.
 /// Errors:  false, `error` says what failed and on which file; the old file is untouched then, unless only
-///          the last step failed (making the new name durable): the new content is visible but may be lost in
-///          a power failure.
+///          the last step failed (making the new name durable): the new content is visible but may be lost
+///          in a power failure.
 /// Crash:   leaves at most "<path>.<pid>.<number>.tmp" next to the file; nobody reads it and it may be
-/// removed.
+///          removed.
 [[nodiscard]] bool write_file_durably(const std::string& path, const std::string& data, mode_t mode,
                                       std::string& error);
 

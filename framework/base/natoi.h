@@ -11,10 +11,10 @@
 /// documents.
 /// Not for:   white space (none is skipped), other bases, fractions.
 /// Threads:   any.
-/// Ownership: none; *stop points into text.
-/// Result:    the number, and *stop (when stop is not null) at the first character that is no part of it.
-/// Errors:    no digits: 0, errno EINVAL, *stop = text. Magnitude too large for T: T's maximum (also after a
-///            minus sign), errno ERANGE, *stop behind the last digit. Otherwise errno is set to 0. An
+/// Ownership: none; *stop points into text. Result:    the number, and *stop (when stop is not null) at the
+///            first character that is no part of it.
+/// Errors:    no digits: 0, errno EINVAL, *stop = text. Magnitude too large for T: T's maximum (also after
+///            a minus sign), errno ERANGE, *stop behind the last digit. Otherwise errno is set to 0. An
 ///            unsigned T takes no minus sign: "-5" has no digits.
 template <class T> T natoi(const char* text, size_t length, const char** stop)
 {

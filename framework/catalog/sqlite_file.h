@@ -38,8 +38,7 @@ void connect_sqlite(soci::session& session, const Sqlite_File& file);
 /// Makes the file with a write-ahead log, its mode and the mark of what it is; `fill` makes the tables in one
 /// transaction. The caller sees to it that nobody else makes it meanwhile.
 /// Errors: throws Sqlite_File_Error and what SOCI and `fill` throw; `file.path` is not there then, unless
-/// only
-///         making the rename durable failed.
+///         only making the rename durable failed.
 /// Crash:  leaves "<path>.new", which the next call replaces, or the complete file.
 void make_sqlite_file(const Sqlite_File& file, mode_t mode, int application_id,
                       const std::function<void(soci::session&)>& fill);

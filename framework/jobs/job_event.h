@@ -160,9 +160,9 @@ public:
 /// The queue between the jobs and everyone who follows them: a bounded queue, one consumer thread, any
 /// listeners.
 ///
-/// Threads:  all operations from any thread.
-/// Shutdown: close() delivers what is queued, ends the consumer and refuses later events; it blocks until
-///           that is done. It runs by itself when the process exits.
+/// Threads:  all operations from any thread. Shutdown: close() delivers what is queued, ends the consumer
+///           and refuses later events; it blocks until that is done. It runs by itself when the process
+///           exits.
 class Job_Event_Manager
 {
 public:

@@ -41,7 +41,7 @@ std::string utf8_without_invalid(const std::string& text);
 /// The value of `key` as T: std::string, bool, int, unsigned, int64_t, uint64_t, double, json_spirit::Object,
 /// json_spirit::Array or json_spirit::Value.
 /// Errors: throws std::runtime_error naming the key when it is missing, null or of another type. Unlike
-/// get_uint64, a negative number is not accepted as an unsigned one.
+///         get_uint64, a negative number is not accepted as an unsigned one.
 template <class T> T required(const json_spirit::Object& obj, const std::string& key);
 
 /// The same for a key that may be missing or null: false then, and `value` is untouched. Another type still

@@ -6,8 +6,8 @@
 /// Makes and disposes of objects of one kind that a module provides.
 /// Threads:   create and destroy from any thread.
 /// Ownership: the caller owns what create() gives and hands it back to destroy() of the same creator.
-/// Errors:    create() returns null with errno ENOMEM. init() and fini() return 0, or -1 on failure.
-/// The order of the virtual functions is binary interface between module and framework.
+/// Errors:    create() returns null with errno ENOMEM. init() and fini() return 0, or -1 on failure. The
+///            order of the virtual functions is binary interface between module and framework.
 template <class T> class Object_Creator_T
 {
 public:

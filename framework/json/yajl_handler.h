@@ -12,8 +12,8 @@
 /// Not for: whole values in memory (json_util.h).
 /// Threads:   one thread.
 /// Ownership: texts are valid during the call only and are not NUL-terminated.
-/// Units:     lengths in bytes.
-/// The order of the virtual functions is binary interface between module and framework: never insert one.
+/// Units:     lengths in bytes. The order of the virtual functions is binary interface between module and
+///            framework: never insert one.
 class YAJL_Handler
 {
 public:
@@ -70,8 +70,8 @@ enum class Json_Top { any, object };
 
 /// Parses `text` and passes its events to `handler`.
 /// Errors: false with an error text that never quotes the document: bad JSON, a limit, a top-level value of
-/// another kind than `top`, or a handler that returned false or threw (the text then says so; the handler
-/// knows why).
+///         another kind than `top`, or a handler that returned false or threw (the text then says so; the
+///         handler knows why).
 [[nodiscard]] bool dispatch_json(const std::string& text, const Json_Limits& limits, Json_Top top,
                                  YAJL_Handler& handler, std::string& error);
 /// Passes a value already read to `handler`, through its text.

@@ -19,21 +19,20 @@ class Process_Run;
 /// Not for: interactive tools, binary output, daemons (subprocess::call starts those).
 ///
 /// Threads: one run at a time; several one after the other. spawn and the first wait are usually one
-///   thread's, and wait, terminate and last_activity_msec may be called from other threads at any time:
-///     wait + wait        one of them reads the output, both return the result
-///     wait + terminate   terminate makes the run end, both return
-///     after the end      wait returns the stored result, terminate returns 0 and signals nobody
-///   The virtual functions are called on whichever thread is inside wait, call or terminate, never on two at
-///   once, and with the log lines of that thread going to the process's callback. Between spawn and wait
-///   nobody reads: a tool that prints much stands still until then. Inside a virtual function, terminate only
-///   asks for the end and wait is refused (-1, errno EDEADLK).
+///          thread's, and wait, terminate and last_activity_msec may be called from other threads at any
+///          time: wait + wait        one of them reads the output, both return the result wait + terminate
+///          terminate makes the run end, both return after the end      wait returns the stored result,
+///          terminate returns 0 and signals nobody The virtual functions are called on whichever thread is
+///          inside wait, call or terminate, never on two at once, and with the log lines of that thread
+///          going to the process's callback. Between spawn and wait nobody reads: a tool that prints much
+///          stands still until then. Inside a virtual function, terminate only asks for the end and wait is
+///          refused (-1, errno EDEADLK).
 /// Ownership: the handler takes over the pipes and the child at spawn and keeps no pointer to the
-///   ACE_Process_Ex, which may go right after. The destructor kills (SIGKILL) and reaps a child that still
-///   runs.
-/// Result of a run: exit status n gives n; death by a signal, a failed start or a lost child gives -1 (errno
-///   says why for the last two, ECANCELED stands for a signal).
-/// Errors: nothing is logged but a virtual function that throws (its stream is not delivered any more); never
-///   the command line or the output.
+///            ACE_Process_Ex, which may go right after. The destructor kills (SIGKILL) and reaps a child
+///            that still runs. Result of a run: exit status n gives n; death by a signal, a failed start or
+///            a lost child gives -1 (errno says why for the last two, ECANCELED stands for a signal).
+/// Errors: nothing is logged but a virtual function that throws (its stream is not delivered any more);
+///         never the command line or the output.
 class Text_Process_Handler
 {
 public:

@@ -48,8 +48,7 @@ enum class JSON_RPC_Order {
 /// Threads:   bind() before start(); receive(), forget() and statistics() from any thread; stop() from any
 ///            thread, a handler's own included.
 /// Ownership: handlers are not owned and must outlive stop(). Holds a connection only while a message of it
-/// is
-///            being received.
+///            is being received.
 /// Errors:    false as stated; failures of handlers go to the caller as JSON-RPC errors and to the log.
 /// Crash:     keeps nothing.
 class JSON_RPC_Dispatcher

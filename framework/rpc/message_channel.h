@@ -7,8 +7,8 @@ namespace kestrel
 {
 /// Takes what one connection delivers.
 /// Threads: a network thread of the connection calls, one call at a time. A slow receiver stops the reading
-/// of
-///          its connection, so hand work over to other threads, and never wait for another message in here.
+///          of its connection, so hand work over to other threads, and never wait for another message in
+///          here.
 class Message_Receiver
 {
 public:

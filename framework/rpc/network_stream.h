@@ -49,12 +49,10 @@ private:
 /// against each other's handlers. Meets Boost.Beast's requirements of an asynchronous stream; callbacks only.
 /// Threads:   its executor's.
 /// Ownership: owns the connection; the TLS context must outlive the handshake. Whatever is under way keeps
-/// what its
-///            callback holds, and that must keep this object. Not to be moved meanwhile.
+///            what its callback holds, and that must keep this object. Not to be moved meanwhile.
 /// Errors:    as the library's error codes.
 /// Secrets:   with TLS, what was put together for one record is wiped when it was written. What the TLS
-/// library holds of
-///            the last records is not.
+///            library holds of the last records is not.
 class Network_Stream
 {
 public:

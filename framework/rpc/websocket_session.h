@@ -16,10 +16,9 @@ namespace kestrel
 /// The network end of one WebSocket. Everything but wake() happens on the stream's strand. What it waits for
 /// keeps it alive: the timer at least, until its end.
 /// Secrets: a text is wiped when it was written, and what was received when it was delivered. Left over in
-/// memory may be
-///          the last piece of a message in the buffers of the libraries below, until the next one comes or
-///          the connection ends: 1.5 KiB of the WebSocket library, and what the TLS library keeps of its last
-///          records.
+///          memory may be the last piece of a message in the buffers of the libraries below, until the next
+///          one comes or the connection ends: 1.5 KiB of the WebSocket library, and what the TLS library
+///          keeps of its last records.
 class WebSocket_Session : public WebSocket_Session_Base
 {
 public:

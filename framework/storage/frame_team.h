@@ -14,9 +14,8 @@ namespace kestrel
 /// Threads that compress the blocks of a pipe, each block into a frame of its own, and hand the frames on in
 /// the blocks' order.
 /// Threads:   one owner (start, frames, join) and any number of threads of its own. They end at the end of
-/// the
-///            blocks, and when either pipe stops or fails. A failure stops both pipes: the blocks' pipe then
-///            has the reason.
+///            the blocks, and when either pipe stops or fails. A failure stops both pipes: the blocks' pipe
+///            then has the reason.
 /// Ownership: owns its threads and frames, not the blocks' pipe. The destructor stops the frames, not the
 ///            blocks: stop these first, or have them ended.
 /// Limits:    holds twice as many frames as threads, and two more.

@@ -1,9 +1,10 @@
 /// Files and descriptors of the stand-in.
 /// Threads:   no shared state.
 /// Ownership: Descriptor and File_Lock own what they open; every descriptor is close-on-exec.
-/// Errors:    everything throws Failure with the path and the system's reason, except where bool is returned.
+/// Errors:    everything throws Failure with the path and the system's reason, except where bool is
+///            returned.
 /// Crash:     replace_file leaves the old or the new content, never a mixture; a stray NAME.new may stay
-/// behind.
+///            behind.
 #pragma once
 
 #include <cstddef>

@@ -3,7 +3,7 @@
 ///   -U USER/PASSWORD  -d INSTANCE  [-p PORT]  [-h HOST]  file=PATH  [level=database|schema|table] ...
 ///
 /// Threads: values only. Errors: Usage_Failure; no message repeats what was typed, it may be a piece of a
-/// password.
+///          password.
 #pragma once
 
 #include "lab/common/arguments.h"

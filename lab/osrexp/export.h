@@ -1,6 +1,6 @@
 /// Export of a database, a schema or a table into one file.
 /// Errors: Failure. Crash: FILE.part may stay behind; FILE itself appears only complete. A file that was
-/// there before is gone as soon as the export begins.
+///         there before is gone as soon as the export begins.
 #pragma once
 
 #include "lab/logical/parameters.h"

@@ -31,8 +31,7 @@ Enrollment read_enrollment(const std::string& text);
 
 /// An agent that speaks the real protocol over real TLS connections, and does no work.
 /// Threads:   connect() and disconnect() by one thread; what it serves runs on threads of its own. on()
-/// before the
-///            first connect().
+///            before the first connect().
 /// Ownership: the network threads are not owned and must outlive it.
 class Simulated_Agent
 {
