@@ -19,9 +19,6 @@ namespace
 constexpr int reader_timeout_msec = 600 * 1000;
 constexpr int wanted_pipe_bytes = 1024 * 1024;
 constexpr int reader_poll_msec = 5;
-// About the time in which a fast reader takes a quarter of the pipe.
-constexpr int room_poll_usec = 400;
-constexpr int most_room_polls = 8;
 
 void pause_usec(long usec)
 {
@@ -75,17 +72,6 @@ Descriptor open_pipe_for_reading(const std::string& path)
   Descriptor pipe = open_file(path, O_RDONLY);
   enlarge(pipe.get());
   return pipe;
-}
-
-void wait_for_room(int fd, std::size_t bytes)
-{
-  const int pipe_bytes = ::fcntl(fd, F_GETPIPE_SZ);
-  for (int polls = 0; polls < most_room_polls; ++polls) {
-    int left = 0;
-    if (::ioctl(fd, FIONREAD, &left) != 0 || static_cast<long long>(left + bytes) <= pipe_bytes)
-      return;
-    pause_usec(room_poll_usec);
-  }
 }
 
 void wait_until_drained(int fd)

@@ -4,7 +4,6 @@
 
 #include "lab/common/files.h"
 
-#include <cstddef>
 #include <functional>
 #include <string>
 
@@ -17,11 +16,6 @@ void require_pipe(const std::string& path, bool for_writing);
 /// Opens the writing end as soon as a reader is there, calling idle() about two hundred times a second until then.
 Descriptor open_pipe_for_writing(const std::string& path, const std::function<void()>& idle);
 Descriptor open_pipe_for_reading(const std::string& path);
-
-/// Sleeps until the pipe has room for so many bytes, a few milliseconds at most. A writer that waits inside a
-/// full pipe is woken by every read, however small; with a reader of 8 KiB a time the processor would be
-/// changing processes most of the time.
-void wait_for_room(int fd, std::size_t bytes);
 
 /// Waits until the reader has taken everything; throws when it went away before.
 void wait_until_drained(int fd);
