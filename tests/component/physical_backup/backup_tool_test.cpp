@@ -419,6 +419,8 @@ TEST(Physical_Backup_Cancel, does_not_wait_ten_minutes_for_a_brcmd_that_will_not
     const Job_Ptr job = bench.make_job(bench.backup_fields());
     ASSERT_EQ(0, job->start());
     ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
+    // So that the pump waits for more, and sees the end that is wanted only with what comes then.
+    ASSERT_TRUE(bench.wait_streamed(job));
     EXPECT_EQ(0, job->stop());
     bench.dir.write("go", "");
     EXPECT_EQ(JOB_STATE_CANCELED, bench.wait_end(job)) << busy;

@@ -183,6 +183,8 @@ TEST_F(Served_Backup, that_is_canceled_does_not_wait_ten_minutes_for_a_brcmd_tha
   const Job_Ptr job = bench_.make_job(backup_fields());
   ASSERT_EQ(0, job->start());
   ASSERT_TRUE(bench_.wait_for(bench_.dir / "up"));
+  // So that the pump waits for more, and sees the end that is wanted only with what comes then.
+  ASSERT_TRUE(bench_.wait_streamed(job));
   EXPECT_EQ(0, job->stop());
   bench_.dir.write("go", "");
   EXPECT_EQ(JOB_STATE_CANCELED, bench_.wait_end(job));
