@@ -79,6 +79,8 @@ void write_pending(const Instance_Files& files, const Pending_Restore& pending)
 void remove_pending(const Instance_Files& files)
 {
   remove_tree(note_path(files));
+  // Of a brcmd that was killed while it wrote the note.
+  remove_tree(note_path(files) + ".new");
 }
 
 } // namespace oscar_lab

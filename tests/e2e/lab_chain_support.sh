@@ -166,7 +166,8 @@ refuses_damaged_sets() {
   expect_equal "old data" "$(cat "$work/live.check")" "$(check)"
 }
 
-# killed_restore_of NAME BYTES: brcmd gets so many bytes of the stream and is killed then.
+# killed_restore_of NAME BYTES: brcmd gets so many bytes of the stream and is killed then; not before it has
+# noted that what the side directories hold is whole no more.
 killed_restore_of() {
   local writer restore info
   info=$(info_bytes "$work/$1")
@@ -178,6 +179,7 @@ killed_restore_of() {
   restore=$!
   background+=("$restore")
   wait_for 30 test -e "$work/sent" || fail "the stream was not taken"
+  wait_for 30 grep -qs '^complete=0' "$home/odbs/$instance/restore.state" || fail "the restore did not begin"
   kill -KILL "$restore" "$writer"
   wait "$restore" "$writer" 2>/dev/null
 }
