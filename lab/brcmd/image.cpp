@@ -14,6 +14,10 @@
 #include <sys/uio.h>
 #include <unistd.h>
 #include <xxhash.h>
+#ifdef KESTREL_XXHASH_DISPATCH
+// Puts functions that fit the processor in the place of the usual ones; the checksums are the same.
+#include <xxh_x86dispatch.h>
+#endif
 
 namespace oscar_lab
 {
