@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
@@ -37,15 +36,28 @@ constexpr std::size_t max_text_bytes = 64 * 1024;
 const char frame_magic[4] = {'O', 'B', 'F', '1'};
 const char stream_magic[8] = {'O', 'S', 'C', 'A', 'R', 'B', 'R', '1'};
 
+std::size_t mapped_bytes(std::size_t bytes)
+{
+  return (bytes + huge_page_bytes - 1) / huge_page_bytes * huge_page_bytes;
+}
+
+/// Mapped, and not of the heap: pages that are still lent to a pipe when the buffer goes must not be given to
+/// anybody else before they are read.
 char* new_buffer(std::size_t bytes)
 {
-  const std::size_t whole = (bytes + huge_page_bytes - 1) / huge_page_bytes * huge_page_bytes;
-  void* const buffer = std::aligned_alloc(huge_page_bytes, whole);
-  if (!buffer)
+  void* const buffer =
+      ::mmap(nullptr, mapped_bytes(bytes), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (buffer == MAP_FAILED)
     throw std::bad_alloc();
   // Small pages serve as well, a little slower.
-  (void)::madvise(buffer, whole, MADV_HUGEPAGE);
+  (void)::madvise(buffer, mapped_bytes(bytes), MADV_HUGEPAGE);
   return static_cast<char*>(buffer);
+}
+
+void release_buffer(char* buffer, std::size_t bytes)
+{
+  // Fails only for what is no mapping.
+  (void)::munmap(buffer, mapped_bytes(bytes));
 }
 
 void store(char* place, std::uint64_t value, std::size_t size)
@@ -125,7 +137,7 @@ Image_Writer::Image_Writer(int fd)
 
 Image_Writer::~Image_Writer()
 {
-  std::free(buffer_);
+  release_buffer(buffer_, buffer_bytes);
 }
 
 void Image_Writer::info(const std::string& text)
@@ -287,7 +299,7 @@ Image_Reader::Image_Reader(int fd) : fd_(fd), buffer_(new_buffer(piece_bytes)) {
 
 Image_Reader::~Image_Reader()
 {
-  std::free(buffer_);
+  release_buffer(buffer_, piece_bytes);
 }
 
 std::size_t Image_Reader::fill()
