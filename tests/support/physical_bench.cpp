@@ -144,7 +144,7 @@ void Physical_Bench::set_isql(const std::string& log_mode_answer)
 
 std::string Physical_Bench::good_backup() const
 {
-  return "begin ${option:-f}\nput_file " + (dir / "stream") + "\nfinish\ncopy " + (dir / "next_state") + " " +
+  return "begin ${option:-f}\nput_file " + (dir / "stream") + "\nfinish\nreplace " + (dir / "next_state") + " " +
          home + "/agent/lastlsn.dat\n";
 }
 

@@ -312,6 +312,14 @@ private:
   void write_file(const Words& words) { store(words[1], words[2], O_TRUNC); }
   void append_file(const Words& words) { store(words[1], words[2], O_APPEND); }
   void copy(const Words& words) { read_to(words); }
+
+  /// As copy, but who reads the file meanwhile, or after a kill, sees all of the old or all of the new content.
+  void replace(const Words& words)
+  {
+    const std::string made = words[2] + "." + std::to_string(::getpid());
+    read_to({words[0], words[1], made});
+    must(::rename(made.c_str(), words[2].c_str()) == 0, "cannot replace " + words[2]);
+  }
   void remove(const Words& words) { ::unlink(words[1].c_str()); }
   void make_dir(const Words& words)
   {
@@ -420,6 +428,7 @@ const std::map<std::string, Player::Entry>& Player::actions()
       {"write_file", {3, &Player::write_file}},
       {"append_file", {3, &Player::append_file}},
       {"copy", {3, &Player::copy}},
+      {"replace", {3, &Player::replace}},
       {"remove", {2, &Player::remove}},
       {"make_dir", {2, &Player::make_dir}},
       {"wait_file", {2, &Player::wait_file}},
