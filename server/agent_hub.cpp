@@ -46,7 +46,10 @@ bool Agent_Hub::start(std::string& error)
 {
   State* const state = state_.get();
   try {
-    for (Host_Record& record : state->store.load())
+    const std::vector<Host_Record> records = state->store.load();
+    // A choice of nodes that goes on after a restart asks for hosts already.
+    const std::lock_guard<std::mutex> guard(state->mutex);
+    for (const Host_Record& record : records)
       state->hosts[record.uuid].record = record;
   } catch (const std::exception& failure) {
     error = std::string("The hosts cannot be read from the server's database: ") + failure.what();
