@@ -353,7 +353,8 @@ bool JSON_RPC_Dispatcher::Core::wait_for_threads()
   return all_ended;
 }
 
-void JSON_RPC_Dispatcher::receive(const std::shared_ptr<Message_Channel>& from, const std::string& text)
+void JSON_RPC_Dispatcher::Intake::receive(const std::shared_ptr<Message_Channel>& from,
+                                          const std::string& text)
 {
   json_spirit::Value message;
   std::string error;
@@ -364,8 +365,8 @@ void JSON_RPC_Dispatcher::receive(const std::shared_ptr<Message_Channel>& from, 
                                                   "Parse error: " + error);
 }
 
-void JSON_RPC_Dispatcher::receive_message(const std::shared_ptr<Message_Channel>& from,
-                                          json_spirit::Value message)
+void JSON_RPC_Dispatcher::Intake::receive_message(const std::shared_ptr<Message_Channel>& from,
+                                                  json_spirit::Value message)
 {
   if (message.type() != json_spirit::array_type) {
     core_->take(from, message, JSON_RPC_Answers::to_request(from), 0);
@@ -386,7 +387,7 @@ void JSON_RPC_Dispatcher::receive_message(const std::shared_ptr<Message_Channel>
     core_->take(from, batch[part], answers, part);
 }
 
-void JSON_RPC_Dispatcher::forget(const Message_Channel* from)
+void JSON_RPC_Dispatcher::Intake::forget(const Message_Channel* from)
 {
   std::vector<Task> dropped;
   std::vector<Strong_Channel> channels; // both freed without the lock
@@ -400,6 +401,27 @@ void JSON_RPC_Dispatcher::forget(const Message_Channel* from)
     channels.push_back(request->second.channel);
     request = core_->open.erase(request);
   }
+}
+
+JSON_RPC_Dispatcher::Intake JSON_RPC_Dispatcher::intake() const
+{
+  return Intake(core_);
+}
+
+void JSON_RPC_Dispatcher::receive(const std::shared_ptr<Message_Channel>& from, const std::string& text)
+{
+  intake().receive(from, text);
+}
+
+void JSON_RPC_Dispatcher::receive_message(const std::shared_ptr<Message_Channel>& from,
+                                          json_spirit::Value message)
+{
+  intake().receive_message(from, std::move(message));
+}
+
+void JSON_RPC_Dispatcher::forget(const Message_Channel* from)
+{
+  intake().forget(from);
 }
 
 JSON_RPC_Dispatcher::Statistics JSON_RPC_Dispatcher::statistics() const

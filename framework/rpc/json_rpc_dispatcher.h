@@ -101,6 +101,28 @@ public:
   /// itself, after one line at LM_ERROR; what it uses must not be freed then. Not to be started again.
   bool stop();
 
+  /// Where the messages of a connection come in. May outlive the dispatcher, which a network thread cannot
+  /// keep: requests are then refused as by one that was stopped. Threads: any.
+  class Intake;
+  Intake intake() const;
+
+  /// What the intake does.
+  void receive(const std::shared_ptr<Message_Channel>& from, const std::string& text);
+  void receive_message(const std::shared_ptr<Message_Channel>& from, json_spirit::Value message);
+  void forget(const Message_Channel* from);
+
+  Statistics statistics() const;
+
+private:
+  struct Core;
+  const std::shared_ptr<Core> core_;
+};
+
+class JSON_RPC_Dispatcher::Intake
+{
+public:
+  explicit Intake(std::shared_ptr<Core> core) : core_(std::move(core)) {}
+
   /// Takes one message. Never waits for a handler. Errors that the host itself answers are sent before it
   /// returns. A response is answered as an invalid request; JSON_RPC_Peer keeps those away.
   void receive(const std::shared_ptr<Message_Channel>& from, const std::string& text);
@@ -110,10 +132,7 @@ public:
   /// wanted to answer later find their channel gone.
   void forget(const Message_Channel* from);
 
-  Statistics statistics() const;
-
 private:
-  struct Core;
   const std::shared_ptr<Core> core_;
 };
 } // namespace kestrel

@@ -175,9 +175,9 @@ void fail_all(std::map<int64_t, std::weak_ptr<JSON_RPC_Peer::Call>>& waiting, co
 JSON_RPC_Peer::JSON_RPC_Peer(std::shared_ptr<Message_Channel> channel, JSON_RPC_Dispatcher* dispatcher,
                              Options options)
     : channel_(std::move(channel)),
-      without_methods_(dispatcher ? nullptr : std::make_unique<JSON_RPC_Dispatcher>()),
-      dispatcher_(dispatcher ? *dispatcher : *without_methods_), options_(std::move(options)),
-      pending_(std::make_shared<Pending>())
+      // One that was never started stands in when none is given.
+      intake_(dispatcher ? dispatcher->intake() : JSON_RPC_Dispatcher().intake()),
+      options_(std::move(options)), pending_(std::make_shared<Pending>())
 {
 }
 
@@ -198,7 +198,7 @@ std::shared_ptr<JSON_RPC_Peer> JSON_RPC_Peer::start(const std::shared_ptr<Messag
 JSON_RPC_Peer::~JSON_RPC_Peer()
 {
   close("This side let go of the connection.");
-  dispatcher_.forget(channel_.get());
+  intake_.forget(channel_.get());
 }
 
 std::shared_ptr<JSON_RPC_Peer::Call> JSON_RPC_Peer::begin_call(const std::string& method,
@@ -279,7 +279,7 @@ bool JSON_RPC_Peer::open() const
 void JSON_RPC_Peer::closed(const std::string& why)
 {
   close(why);
-  dispatcher_.forget(channel_.get());
+  intake_.forget(channel_.get());
   if (options_.closed)
     options_.closed(why);
 }
@@ -289,7 +289,7 @@ void JSON_RPC_Peer::message(const std::string& text)
   json_spirit::Value message;
   std::string error;
   if (!read_json(text, json_network_limits(), message, error)) {
-    dispatcher_.receive(channel_, text);
+    intake_.receive(channel_, text);
     return;
   }
   if (is_answer(message)) {
@@ -307,7 +307,7 @@ void JSON_RPC_Peer::message(const std::string& text)
     if (only_answers)
       return;
   }
-  dispatcher_.receive_message(channel_, std::move(message));
+  intake_.receive_message(channel_, std::move(message));
 }
 
 /// An answer whose call nobody waits for any more, or that nobody made, is dropped: answering it would be

@@ -12,8 +12,8 @@ namespace kestrel
 /// One end of a connection on which both sides call each other.
 /// Threads:   any, handlers of its dispatcher included; but wait for an answer neither in closed() nor on any
 ///            other network thread, for that is the thread that reads it.
-/// Ownership: shared; its last owner closes the connection. The dispatcher is not owned and must outlive the
-///            connection. No thread of its own.
+/// Ownership: shared; its last owner closes the connection. The dispatcher is not owned and may go first:
+///            requests are refused then. No thread of its own.
 /// Units:     *_msec milliseconds of real time.
 /// Errors:    false with `error` filled: the code and text of the other side, or one of JSON_RPC_CLOSED,
 ///            JSON_RPC_TIMED_OUT and JSON_RPC_NOT_SENT with a sentence. Answers that come late or that nobody
@@ -65,8 +65,7 @@ private:
   void answer_came(json_spirit::Value& message);
 
   const std::shared_ptr<Message_Channel> channel_;
-  const std::unique_ptr<JSON_RPC_Dispatcher> without_methods_; ///< stands in when no other is given
-  JSON_RPC_Dispatcher& dispatcher_;
+  JSON_RPC_Dispatcher::Intake intake_;
   const Options options_;
   const std::shared_ptr<Pending> pending_;
 };
