@@ -1,6 +1,7 @@
 // An agent that is killed at every point of a run's life: the next one tells of every run once, and goes on.
 
 #include "agent_bench.h"
+#include "child_program.h"
 
 #include "support/clocks.h"
 #include "support/scoped_env.h"
@@ -13,9 +14,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <set>
-#include <spawn.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace kestrel_test;
@@ -28,36 +27,17 @@ class Agent_Process
 {
 public:
   /// It kills itself at the notice of this number; 0: never.
-  explicit Agent_Process(unsigned kill_at) : kill_at_("KESTREL_TEST_KILL_AT", std::to_string(kill_at))
+  explicit Agent_Process(unsigned kill_at)
+      : kill_at_("KESTREL_TEST_KILL_AT", std::to_string(kill_at)),
+        child_("Agent_Kill_Child.DISABLED_runs_two_jobs")
   {
-    char program[] = "/proc/self/exe";
-    char filter[] = "--gtest_filter=Agent_Kill_Child.DISABLED_runs_two_jobs";
-    char disabled[] = "--gtest_also_run_disabled_tests";
-    char* const argv[] = {program, filter, disabled, nullptr};
-    EXPECT_EQ(0, ::posix_spawn(&pid_, program, nullptr, nullptr, argv, environ));
   }
-  ~Agent_Process() { kill(); }
-  void kill()
-  {
-    if (pid_ <= 0)
-      return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-  /// Waits for its end. True when it was killed.
-  bool killed()
-  {
-    int status = 0;
-    EXPECT_EQ(pid_, ::waitpid(pid_, &status, 0));
-    pid_ = -1;
-    EXPECT_TRUE(WIFSIGNALED(status) || WEXITSTATUS(status) == 0);
-    return WIFSIGNALED(status);
-  }
+  void kill() { child_.kill(); }
+  bool killed() { return child_.killed(); }
 
 private:
   const Scoped_Env kill_at_;
-  pid_t pid_ = -1;
+  Child_Program child_;
 };
 
 std::set<std::string> run_ids(const Agent_Bench& agent)

@@ -1,4 +1,5 @@
 #include "agent_bench.h"
+#include "child_program.h"
 
 #include "agent/job_database.h"
 #include "agent/job_store.h"
@@ -11,10 +12,8 @@
 
 #include <atomic>
 #include <csignal>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -46,34 +45,10 @@ json_spirit::Array ended_runs(const Agent_Bench& agent, unsigned number, const s
   return runs;
 }
 
-/// Another process that runs the agent and its first job, until it is killed.
-class Agent_Child
-{
-public:
-  Agent_Child()
-  {
-    char program[] = "/proc/self/exe";
-    char filter[] = "--gtest_filter=Agent_Jobs_Child.DISABLED_runs_the_first_job";
-    char disabled[] = "--gtest_also_run_disabled_tests";
-    char* const argv[] = {program, filter, disabled, nullptr};
-    EXPECT_EQ(0, ::posix_spawn(&pid_, program, nullptr, nullptr, argv, environ));
-  }
-  ~Agent_Child() { kill(); }
-  void kill()
-  {
-    if (pid_ <= 0)
-      return;
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-
-private:
-  pid_t pid_ = -1;
-};
+const char FIRST_JOB[] = "Agent_Jobs_Child.DISABLED_runs_the_first_job";
 } // namespace
 
-// No test of its own: what Agent_Child starts as another process, and kills. By itself it would never end.
+// No test of its own: what Child_Program starts as another process, and kills. By itself it would never end.
 TEST(Agent_Jobs_Child, DISABLED_runs_the_first_job)
 {
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -105,7 +80,7 @@ TEST(Agent_Restart, a_run_of_a_killed_agent_is_recorded_as_failed_with_what_it_l
   agent.sync_documents({agent.document(1), agent.document_of_source(2, 1)});
   agent.stop();
   {
-    Agent_Child child;
+    Child_Program child(FIRST_JOB);
     ASSERT_TRUE(wait_for_file(bench.dir / "up"));
     ASSERT_TRUE(eventually(
         [&] { return !Physical_Bench::list(bench.pool_dir + "/" + Agent_Bench::source(1)).empty(); }));
