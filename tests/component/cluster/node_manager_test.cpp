@@ -1,5 +1,5 @@
-#include "base/network_interface.h"
 #include "cluster_fixture.h"
+#include "given_interfaces.h"
 #include "support/loopback.h"
 
 #include <unistd.h>
@@ -308,17 +308,24 @@ TEST_F(Cluster_Node_Manager, tells_the_state_of_this_node)
 
 TEST_F(Cluster_Node_Manager, of_several_nodes_at_this_host_the_one_at_its_first_address_counts)
 {
-  std::vector<std::string> addresses;
-  const Network_Interface_Enumerator interfaces;
-  for (const kestrel::Network_Interface& interface : interfaces)
-    addresses.push_back(ACE_Addr_String(interface.address, false).c_str());
-  if (addresses.size() < 2 || addresses[0] == addresses[1])
-    GTEST_SKIP() << "this host has one address only";
-  nodes({" 4 | " + addresses[1] + " | master ", " 5 | " + addresses[0] + " | slave ",
-         " 6 | " + addresses[0] + " | master "});
+  // The kernel lists by the time of an address; an interface that is older than another comes first here.
+  const Given_Interfaces interfaces(
+      {{"eth1", 3, "10.9.7.3"}, {"lo", 1, "127.0.0.1"}, {"eth0", 2, "10.9.7.2"}, {"eth0", 2, "10.9.7.4"}});
+  nodes({" 4 | 10.9.7.3 | master ", " 7 | 10.9.7.4 | master ", " 5 | 10.9.7.2 | slave ",
+         " 6 | 10.9.7.2 | master "});
   json_spirit::Object result;
   EXPECT_TRUE(manager().check_state("DB1", UID, "10.9.8.99", result));
   EXPECT_EQ(kestrel::write_json(result), R"({"instance":"","node_id":5,"is_master":false,"online":false})");
+  EXPECT_EQ(1u, interfaces.taken());
+}
+
+TEST_F(Cluster_Node_Manager, an_address_of_this_host_counts_wherever_it_stands_in_its_list)
+{
+  const Given_Interfaces interfaces({{"lo", 1, "127.0.0.1"}, {"eth0", 2, "10.9.7.2"}, {"eth0", 2, "10.9.7.4"}});
+  nodes({" 4 | 10.9.7.3 | master ", " 7 | 10.9.7.4 | slave "});
+  json_spirit::Object result;
+  EXPECT_TRUE(manager().check_state("DB1", UID, "10.9.8.99", result));
+  EXPECT_EQ(kestrel::write_json(result), R"({"instance":"","node_id":7,"is_master":false,"online":false})");
 }
 
 TEST_F(Cluster_Node_Manager, an_address_must_be_the_same_to_the_last_sign)
