@@ -23,7 +23,8 @@ CLI::App& add_control(Command_Registry& registry, const std::string& action, con
   Command_Line& line = registry.line();
   CLI::App& added = registry.add("job " + action, help, {nullptr, nullptr, command});
   added.add_option("JOB", line.names, job_help)->required()->expected(1);
-  if (action == "run" || action == "pause" || action == "resume" || action == "cancel")
+  // The others are about the definition, which all hosts share.
+  if (action != "show" && action != "enable" && action != "disable" && action != "remove")
     add_hosts_option(added, line, "on this host only; may be given several times");
   return added;
 }
@@ -74,6 +75,8 @@ void add_job_commands(Command_Registry& registry)
   add_control(registry, "pause", "Pause a run under way", served_job_pause);
   add_control(registry, "resume", "Let a paused run go on", served_job_resume);
   add_control(registry, "cancel", "Cancel a run under way", served_job_cancel);
+  add_control(registry, "abort", "Abort a run under way: it counts as failed, not as canceled", served_job_abort);
+  add_control(registry, "switch", "Ask a run under way to switch", served_job_switch);
   add_control(registry, "enable", "Let the schedules of a job run", served_job_enable);
   add_control(registry, "disable", "Stop the schedules of a job", served_job_disable);
   add_control(registry, "remove", "Remove a job; its backups and the records of its runs stay",

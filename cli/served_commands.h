@@ -22,6 +22,8 @@ int served_job_run(Console& console);
 int served_job_pause(Console& console);
 int served_job_resume(Console& console);
 int served_job_cancel(Console& console);
+int served_job_abort(Console& console);
+int served_job_switch(Console& console);
 int served_job_enable(Console& console);
 int served_job_disable(Console& console);
 int served_job_remove(Console& console);

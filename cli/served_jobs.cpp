@@ -364,6 +364,14 @@ int served_job_cancel(Console& console)
 {
   return control(console, "cancel");
 }
+int served_job_abort(Console& console)
+{
+  return control(console, "abort");
+}
+int served_job_switch(Console& console)
+{
+  return control(console, "switch");
+}
 int served_job_enable(Console& console)
 {
   return control(console, "enable");

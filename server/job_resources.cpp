@@ -71,7 +71,7 @@ json_spirit::Object error_json(int code, const std::string& message)
 bool is_action(const std::string& action)
 {
   static const std::set<std::string> known = {"run",   "pause",  "resume", "cancel",
-                                              "abort", "enable", "disable"};
+                                              "abort", "switch", "enable", "disable"};
   return known.count(action) > 0;
 }
 } // namespace
@@ -287,7 +287,7 @@ REST_Reply Job_Resources::control(REST_Request& request)
   const std::string action = required<std::string>(body, "action");
   if (!is_action(action))
     throw REST_Error(400, "bad_request",
-                     "action: must be run, pause, resume, cancel, abort, enable or disable");
+                     "action: must be run, pause, resume, cancel, abort, switch, enable or disable");
   const Server_Definition_Ptr definition = find_or_refuse(definitions_, request.vars.at("id"));
   json_spirit::Array wanted;
   const bool picked = optional(body, "hosts", wanted) && !wanted.empty();

@@ -36,6 +36,9 @@ offers "$commands" kestrel ""
 offers "backup backups" kestrel backu
 offers "add list remove" kestrel pool ""
 offers "remove resume run runs" kestrel job r
+offers "abort" kestrel job a
+offers "show switch" kestrel job s
+includes --host kestrel job switch nightly --
 offers "add list password remove" kestrel server user ""
 offers "status" kestrel --server https://nowhere.invalid stat
 

@@ -31,9 +31,10 @@ TEST_F(Served_Control, every_action_reaches_the_agent_and_its_answer_comes_back)
   connect(agent(0));
   const std::string id = define();
   std::vector<std::string> expected;
-  for (const std::string action : {"run", "pause", "resume", "cancel", "abort"}) {
+  for (const std::string action : {"run", "pause", "resume", "cancel", "abort", "switch"}) {
     EXPECT_EQ(member_text(control(id, R"({"action":")" + action + "\"}"), "run_id"), "the-run") << action;
     expected.push_back(action);
+    EXPECT_NE(kestrel::write_json(ask("GET", "/k2/r/audit?limit=100")).find(action + " on 1 host"), std::string::npos);
   }
   const std::lock_guard<std::mutex> guard(mutex);
   ASSERT_EQ(heard.size(), expected.size());

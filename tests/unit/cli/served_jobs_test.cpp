@@ -105,6 +105,28 @@ TEST_F(Served_Jobs, are_controlled_on_the_hosts_that_are_named)
   EXPECT_TRUE(find_value(sent(control()), "hosts").is_null());
 }
 
+TEST_F(Served_Jobs, are_aborted_and_switched)
+{
+  for (const std::string action : {"abort", "switch"}) {
+    const Command_Outcome outcome = run({"job", action, "nightly", "--host", "alpha"});
+    EXPECT_EQ(0, outcome.code) << outcome.err;
+    EXPECT_EQ(action, required<std::string>(sent(control()), "action"));
+    EXPECT_EQ(host_1, required<json_spirit::Array>(sent(control()), "hosts").front().get_str());
+    EXPECT_EQ("Job nightly on alpha: " + action + " accepted, run " + run_1 + ".\n", outcome.out);
+  }
+}
+
+TEST_F(Served_Jobs, that_cannot_switch_say_so)
+{
+  server_->answer(control(), 200,
+                  std::string(R"({"results":[{"host":")") + host_1 +
+                      R"(","run_id":"","error":{"code":-32002,"message":"jobs of this kind do not accept switch"}}]})");
+  const Command_Outcome outcome = run({"job", "switch", "nightly"});
+  EXPECT_EQ(1, outcome.code);
+  EXPECT_EQ("kestrel: job nightly: switch was refused: host alpha: jobs of this kind do not accept switch\n",
+            outcome.err);
+}
+
 TEST_F(Served_Jobs, fail_with_the_reason_of_the_host_that_refused)
 {
   server_->answer(control(), 200,
