@@ -84,6 +84,7 @@ bool Agent_Jobs::stop(unsigned grace_seconds, bool cancel)
   bool idle = state.runner.stop(static_cast<int64_t>(grace_seconds) * 1000, cancel, cancel_msec);
   // Code of modules runs until the threads of the runs are gone.
   idle = idle && Job::wait_all_runs(cancel_msec);
+  state.hooks.call(state.hooks.added());
   {
     const std::lock_guard<std::mutex> guard(state.mutex);
     if (state.opened) {
@@ -116,8 +117,7 @@ bool Agent_Jobs::sync(const json_spirit::Array& definitions, json_spirit::Array&
       kept.ids.insert(offer.id);
     }
   }
-  const std::lock_guard<std::mutex> guard(state_->mutex);
-  if (!state_->apply(std::move(offers), "server", kept, unusable, error))
+  if (!state_->apply_offers(std::move(offers), "server", kept, unusable, error))
     return false;
   refused.swap(unusable);
   return true;
@@ -137,8 +137,7 @@ bool Agent_Jobs::sync_directory(const std::string& directory, json_spirit::Array
   // Which definition a broken file held is not known.
   Kept_Definitions kept;
   kept.all = !problems.empty();
-  const std::lock_guard<std::mutex> guard(state_->mutex);
-  if (!state_->apply(std::move(offers), "local", kept, unusable, error))
+  if (!state_->apply_offers(std::move(offers), "local", kept, unusable, error))
     return false;
   refused.swap(unusable);
   return true;
@@ -157,36 +156,12 @@ bool Agent_Jobs::control(const std::string& id, const std::string& action, const
                                                "enable, disable"};
     return false;
   }
-  {
-    const std::lock_guard<std::mutex> guard(state.mutex);
-    state.settle_pending();
-    const auto found = state.jobs.find(id);
-    if (found == state.jobs.end()) {
-      error = Jobs_Error{Jobs_Error::unknown_id, "there is no job " + id.substr(0, 80)};
-      return false;
-    }
-    // A run that a stop waits for may still be ended.
-    const bool ends = action == "cancel" || action == "abort";
-    if (!state.opened || (!ends && (state.stopping || !state.scheduling.joinable()))) {
-      error = Jobs_Error{Jobs_Error::busy, "the agent runs no jobs now: it starts or stops"};
-      return false;
-    }
-    Known_Job& job = found->second;
-    Job_Runner::Status status;
-    const bool running = state.runner.status(id, status);
-    if (action == "run")
-      return state.ask_run(job, job.on_demand && job.schedules.empty() ? "ondemand" : "console", options, "",
-                           run_id, error);
-    if (action == "resume" && !running && state.resumable(job))
-      return state.ask_run(job, "console", options, "", run_id, error);
-    if (action == "enable" || action == "disable") {
-      if (!state.set_enabled(job, action == "enable", error))
-        return false;
-      run_id.clear();
-      return true;
-    }
-  }
-  return state.runner.control(id, action, run_id, error);
+  bool for_runner = false;
+  std::unique_lock<std::mutex> lock(state.mutex);
+  const uint64_t since = state.hooks.added();
+  const bool done = state.control(id, action, options, run_id, for_runner, error);
+  state.call_modules(lock, since);
+  return for_runner ? state.runner.control(id, action, run_id, error) : done;
 }
 
 json_spirit::Array Agent_Jobs::list() const

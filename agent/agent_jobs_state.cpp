@@ -46,17 +46,18 @@ std::string missed_text(const Job_Scheduler::Due& due)
     return std::string();
   if (due.missed == 1 && !due.more)
     return "missed at " + utc_text(due.first_missed);
-  return std::string("missed ") + (due.more ? "more than " : "") + std::to_string(due.missed) + " times since " +
-         utc_text(due.first_missed);
+  return std::string("missed ") + (due.more ? "more than " : "") + std::to_string(due.missed) +
+         " times since " + utc_text(due.first_missed);
 }
 } // namespace
 
-json_spirit::Object refused_definition(const std::string& id, const std::string& reason)
+void Agent_Jobs::State::call_modules(std::unique_lock<std::mutex>& lock, uint64_t since)
 {
-  json_spirit::Object object;
-  set_value(object, "id", id);
-  set_value(object, "reason", reason);
-  return object;
+  // What others have added is theirs to wait for.
+  const uint64_t until = hooks.added();
+  lock.unlock();
+  if (until != since)
+    hooks.call(until);
 }
 
 bool Agent_Jobs::State::load(std::string& error)
@@ -117,137 +118,6 @@ void Agent_Jobs::State::adopt(Known_Job& job, time_t after)
     scheduler.set(job.stored.id, job.schedules, after);
   else
     scheduler.remove(job.stored.id);
-}
-
-void Agent_Jobs::State::replace(Known_Job& job, Known_Job other, time_t now)
-{
-  const bool was_enabled = job.stored.enabled;
-  job.replace(std::move(other));
-  if (was_enabled != job.stored.enabled)
-    tell_enabled(modules, job);
-  adopt(job, now);
-}
-
-void Agent_Jobs::State::forget(const std::string& id)
-{
-  const auto found = jobs.find(id);
-  if (found == jobs.end())
-    return;
-  scheduler.remove(id);
-  remove_traces(modules, found->second);
-  jobs.erase(found);
-}
-
-void Agent_Jobs::State::settle_pending()
-{
-  for (auto place = pending.begin(); place != pending.end();) {
-    Job_Runner::Status status;
-    if (runner.status(*place, status)) {
-      ++place;
-      continue;
-    }
-    const std::string id = *place;
-    place = pending.erase(place);
-    const auto found = jobs.find(id);
-    if (found == jobs.end())
-      continue;
-    if (found->second.removed) {
-      forget(id);
-    } else if (found->second.next) {
-      Known_Job next = std::move(*found->second.next);
-      replace(found->second, std::move(next), scheduler.looked_until());
-    }
-  }
-}
-
-/// Those of the offers that are news; `present` gets the ids of all that may stand here.
-std::map<std::string, Known_Job> Agent_Jobs::State::read_offers_that_changed(
-    std::vector<Definition_Offer> offers, const std::string& origin, time_t now, std::set<std::string>& present,
-    json_spirit::Array& refused) const
-{
-  std::map<std::string, Known_Job> changed;
-  for (Definition_Offer& offer : offers) {
-    const auto known = jobs.find(offer.id);
-    if (known != jobs.end() && known->second.stored.origin != origin) {
-      refused.push_back(
-          refused_definition(offer.id, "a definition from " + known->second.stored.origin + " has this id"));
-      continue;
-    }
-    if (!present.insert(offer.id).second) {
-      refused.push_back(refused_definition(offer.id, "the id stands there twice"));
-      continue;
-    }
-    Known_Job job;
-    job.stored = Stored_Definition{offer.id, offer.revision, offer.enabled, origin, offer.document, now};
-    if (known != jobs.end() && known->second.is(job.stored)) {
-      if (!known->second.refused.empty())
-        refused.push_back(refused_definition(offer.id, known->second.refused));
-      continue;
-    }
-    read_definition(modules.loader(), job);
-    if (!job.refused.empty())
-      refused.push_back(refused_definition(offer.id, job.refused));
-    changed[offer.id] = std::move(job);
-  }
-  return changed;
-}
-
-/// What is stored already; the definitions of runs under way follow when these have ended.
-void Agent_Jobs::State::take_over(std::map<std::string, Known_Job> changed, const std::vector<std::string>& removed,
-                                  time_t now)
-{
-  for (auto& each : changed) {
-    Known_Job& job = jobs[each.first];
-    Job_Runner::Status status;
-    if (runner.status(each.first, status)) {
-      job.postpone(std::move(each.second));
-      pending.insert(each.first);
-    } else {
-      replace(job, std::move(each.second), now);
-    }
-  }
-  for (const std::string& id : removed) {
-    Job_Runner::Status status;
-    if (runner.status(id, status)) {
-      jobs[id].removed = true;
-      pending.insert(id);
-      scheduler.remove(id);
-    } else {
-      forget(id);
-    }
-  }
-  wake.notify_all();
-}
-
-bool Agent_Jobs::State::apply(std::vector<Definition_Offer> offers, const std::string& origin,
-                              const Kept_Definitions& kept, json_spirit::Array& refused, Jobs_Error& error)
-{
-  if (!opened || stopping) {
-    error = Jobs_Error{Jobs_Error::busy, "the agent is stopping"};
-    return false;
-  }
-  settle_pending();
-  // What is due by the definitions so far is due.
-  take_due();
-  const time_t now = scheduler.looked_until();
-  std::set<std::string> present;
-  std::map<std::string, Known_Job> changed =
-      read_offers_that_changed(std::move(offers), origin, now, present, refused);
-  std::vector<Stored_Definition> stored;
-  std::vector<std::string> removed;
-  for (const auto& each : changed)
-    stored.push_back(each.second.stored);
-  for (const auto& each : jobs)
-    if (each.second.stored.origin == origin && !present.count(each.first) && !kept.all &&
-        !kept.ids.count(each.first))
-      removed.push_back(each.first);
-  std::string problem;
-  if ((!stored.empty() || !removed.empty()) && !store.change(stored, removed, problem)) {
-    error = internal(problem);
-    return false;
-  }
-  take_over(std::move(changed), removed, now);
-  return true;
 }
 
 Run_Record Agent_Jobs::State::new_record(const Known_Job& job, const std::string& trigger) const
@@ -314,7 +184,7 @@ bool Agent_Jobs::State::set_enabled(Known_Job& job, bool enabled, Jobs_Error& er
     return false;
   }
   job.stored.enabled = enabled;
-  tell_enabled(modules, job);
+  hooks.add(enabling_of(job));
   adopt(job, clock().now());
   Job_Notice notice;
   notice.id = job.stored.id;
@@ -324,12 +194,47 @@ bool Agent_Jobs::State::set_enabled(Known_Job& job, bool enabled, Jobs_Error& er
   return true;
 }
 
+bool Agent_Jobs::State::control(const std::string& id, const std::string& action,
+                                const json_spirit::Object& options, std::string& run_id, bool& for_runner,
+                                Jobs_Error& error)
+{
+  settle_pending();
+  const auto found = jobs.find(id);
+  if (found == jobs.end()) {
+    error = Jobs_Error{Jobs_Error::unknown_id, "there is no job " + id.substr(0, 80)};
+    return false;
+  }
+  // A run that a stop waits for may still be ended.
+  const bool ends = action == "cancel" || action == "abort";
+  if (!opened || (!ends && (stopping || !scheduling.joinable()))) {
+    error = Jobs_Error{Jobs_Error::busy, "the agent runs no jobs now: it starts or stops"};
+    return false;
+  }
+  Known_Job& job = found->second;
+  Job_Runner::Status status;
+  const bool running = runner.status(id, status);
+  if (action == "run")
+    return ask_run(job, job.on_demand && job.schedules.empty() ? "ondemand" : "console", options, "", run_id,
+                   error);
+  if (action == "resume" && !running && resumable(job))
+    return ask_run(job, "console", options, "", run_id, error);
+  if (action == "enable" || action == "disable") {
+    if (!set_enabled(job, action == "enable", error))
+      return false;
+    run_id.clear();
+    return true;
+  }
+  for_runner = true;
+  return false;
+}
+
 void Agent_Jobs::State::schedule_loop()
 {
   Heartbeat beat(settings.heartbeats, "scheduler", loop_limit_msec);
   std::unique_lock<std::mutex> lock(mutex);
   while (!stopping) {
     const time_t now = clock().now();
+    const uint64_t since = hooks.added();
     if (!unstored.empty())
       keep_waiting();
     settle_pending();
@@ -337,7 +242,10 @@ void Agent_Jobs::State::schedule_loop()
     if (now < pruned_at || now - pruned_at >= prune_interval_sec)
       prune(now);
     beat.beat();
-    wake.wait_for(lock, schedule_interval);
+    call_modules(lock, since);
+    lock.lock();
+    if (!stopping)
+      wake.wait_for(lock, schedule_interval);
   }
 }
 

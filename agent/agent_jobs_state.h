@@ -3,6 +3,7 @@
 #include "agent/agent_jobs.h"
 #include "agent/job_database.h"
 #include "agent/job_definitions.h"
+#include "agent/job_hooks.h"
 #include "agent/job_notices.h"
 #include "agent/job_presence.h"
 #include "agent/job_runner.h"
@@ -34,12 +35,16 @@ struct Kept_Definitions {
 struct Agent_Jobs::State {
   State(Module_Table& module_table, Settings given)
       : modules(module_table), settings(std::move(given)), store(database),
-        history(database, settings.server), runner(
-                                                modules, notices, settings.max_concurrent,
-                                                [this](const Run_Record& record) { run_changed(record); },
-                                                settings.heartbeats)
+        history(database, settings.server), hooks(modules),
+        runner(
+            modules, notices, settings.max_concurrent,
+            [this](const Run_Record& record) { run_changed(record); },
+            [this](const std::string& id) { return !hooks.pending(id); }, settings.heartbeats)
   {
   }
+
+  /// Lets the mutex go, and the modules hear what was added to the hooks when there were `since`.
+  void call_modules(std::unique_lock<std::mutex>& lock, uint64_t since);
 
   // Start.
   bool load(std::string& error);
@@ -49,19 +54,26 @@ struct Agent_Jobs::State {
   void adopt(Known_Job& job, time_t after);
   void replace(Known_Job& job, Known_Job other, time_t now);
   void forget(const std::string& id);
-  /// Changes and removals that waited for the end of a run.
+  /// Changes and removals that waited for the end of a run; the hooks get them.
   void settle_pending();
   std::map<std::string, Known_Job> read_offers_that_changed(std::vector<Definition_Offer> offers,
                                                             const std::string& origin, time_t now,
                                                             std::set<std::string>& present,
                                                             json_spirit::Array& refused) const;
-  void take_over(std::map<std::string, Known_Job> changed, const std::vector<std::string>& removed, time_t now);
+  void take_over(std::map<std::string, Known_Job> changed, const std::vector<std::string>& removed,
+                 time_t now);
   bool apply(std::vector<Definition_Offer> offers, const std::string& origin, const Kept_Definitions& kept,
              json_spirit::Array& refused, Jobs_Error& error);
+  /// The same without the mutex; returns when the modules have heard of it.
+  bool apply_offers(std::vector<Definition_Offer> offers, const std::string& origin,
+                    const Kept_Definitions& kept, json_spirit::Array& refused, Jobs_Error& error);
 
   // Runs. With the mutex.
   bool ask_run(Known_Job& job, const std::string& trigger, const json_spirit::Object& options,
                const std::string& note, std::string& run_id, Jobs_Error& error);
+  /// A request for a job. With `for_runner` it is one for the run under way, and nothing has been done.
+  bool control(const std::string& id, const std::string& action, const json_spirit::Object& options,
+               std::string& run_id, bool& for_runner, Jobs_Error& error);
   bool set_enabled(Known_Job& job, bool enabled, Jobs_Error& error);
   void note_skipped(const Known_Job& job, time_t at, const std::string& reason);
   void take_due();
@@ -85,6 +97,7 @@ struct Agent_Jobs::State {
   Job_Store store;
   Run_History history;
   Job_Notices notices;
+  Job_Hooks hooks; ///< a change is added with the mutex, and told without it
 
   mutable std::mutex mutex; ///< guards what follows; taken before the runner's
   std::condition_variable wake;

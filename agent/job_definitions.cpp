@@ -1,27 +1,18 @@
 #include "agent/job_definitions.h"
 
-#include "agent/module_table.h"
 #include "base/durable_file.h"
 #include "base/uri.h"
 #include "base/uuid.h"
-#include "jobs/job.h"
-#include "jobs/job_creator.h"
 #include "jobs/job_definition_loader.h"
 #include "json/json_util.h"
 
-#include <ace/Log_Msg.h>
-
-#include <cerrno>
 #include <filesystem>
 #include <stdexcept>
-#include <unistd.h>
 
 namespace kestrel
 {
 namespace
 {
-typedef ACE_Intrusive_Auto_Ptr<Job> Job_Ptr;
-
 const char password_key[] = "backup_protection_password";
 const char mask[] = "***";
 
@@ -55,22 +46,6 @@ std::string instance_of(const json_spirit::Object& document)
   URI entry;
   entry.path(entries.front().get_str(), true);
   return entry.segments().size() > 1 ? entry.segments()[1] : std::string();
-}
-
-Job_Ptr make_job(Module_Table& modules, const Known_Job& known)
-{
-  Job_Ptr job;
-  if (known.definition.null())
-    return job;
-  Job_Creator* const creator = modules.job_creator(known.definition->type(), known.definition->subtype());
-  try {
-    if (creator)
-      job = creator->create(known.definition);
-  } catch (const std::exception& problem) {
-    ACE_ERROR((LM_WARNING, "(%P|%t) make_job: no job for definition %C: %C\n", known.stored.id.c_str(),
-               problem.what()));
-  }
-  return job;
 }
 } // namespace
 
@@ -179,27 +154,35 @@ void read_definition(const Job_Definition_Loader& loader, Known_Job& job)
     job.refused = reason;
 }
 
-void tell_enabled(Module_Table& modules, const Known_Job& known)
+Definition_Change change_of(const Known_Job& job, const Known_Job& other)
 {
-  const Job_Ptr job = make_job(modules, known);
-  if (job.get() && (known.stored.enabled ? job->enable() : job->disable()) != 0)
-    ACE_ERROR((LM_WARNING, "(%P|%t) tell_enabled: the record of job %C keeps its state\n",
-               known.stored.id.c_str()));
+  Definition_Change change;
+  change.id = other.stored.id;
+  change.before = job.definition;
+  change.after = other.definition;
+  change.was_on_demand = job.on_demand;
+  change.is_on_demand = other.on_demand;
+  change.changed = job.stored.document != other.stored.document;
+  change.told_enabled = job.stored.enabled != other.stored.enabled;
+  change.enabled = other.stored.enabled;
+  return change;
 }
 
-void remove_traces(Module_Table& modules, const Known_Job& known)
+Definition_Change removal_of(const Known_Job& job)
 {
-  const std::string path = Job_Activity_Path_Conf::path(known.stored.id);
-  // A job that never ran has nothing to undo.
-  if (::access(path.c_str(), F_OK) != 0)
-    return;
-  {
-    const Job_Ptr job = make_job(modules, known);
-    if (job.get() && job->remove(true) != 0)
-      ACE_ERROR((LM_WARNING, "(%P|%t) remove_traces: the module keeps something of job %C\n",
-                 known.stored.id.c_str()));
-  }
-  if (::unlink(path.c_str()) != 0 && errno != ENOENT)
-    ACE_ERROR((LM_WARNING, "(%P|%t) remove_traces: %C: %m\n", path.c_str()));
+  Definition_Change change;
+  change.id = job.stored.id;
+  change.before = job.definition;
+  change.was_on_demand = job.on_demand;
+  change.changed = true;
+  change.removed = true;
+  return change;
+}
+
+Definition_Change enabling_of(const Known_Job& job)
+{
+  Definition_Change change = change_of(job, job);
+  change.told_enabled = true;
+  return change;
 }
 } // namespace kestrel

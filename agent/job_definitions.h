@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agent/job_hooks.h"
 #include "agent/job_scheduler.h"
 #include "agent/job_store.h"
 #include "agent/run_history.h"
@@ -14,7 +15,6 @@
 namespace kestrel
 {
 class Job_Definition_Loader;
-class Module_Table;
 
 /// A definition as a server or a file offers it.
 struct Definition_Offer {
@@ -58,9 +58,9 @@ struct Known_Job {
 /// Fills what follows from `job.stored`; a definition that cannot be used gets its reason in `refused`.
 void read_definition(const Job_Definition_Loader& loader, Known_Job& job);
 
-/// Lets the job's own record say whether the job is enabled, for other processes.
-void tell_enabled(Module_Table& modules, const Known_Job& job);
-/// Lets the module undo what it keeps for the definition, and removes the job's record. Not while a run is
-/// under way.
-void remove_traces(Module_Table& modules, const Known_Job& known);
+/// What a module has to hear when `job` is replaced by `other`; when it goes; and when it was enabled or
+/// disabled.
+Definition_Change change_of(const Known_Job& job, const Known_Job& other);
+Definition_Change removal_of(const Known_Job& job);
+Definition_Change enabling_of(const Known_Job& job);
 } // namespace kestrel

@@ -47,9 +47,9 @@ bool is_last_reference(Job& job)
 } // namespace
 
 Job_Runner::Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed,
-                       Heartbeats* heartbeats)
+                       May_Begin may_begin, Heartbeats* heartbeats)
     : modules_(modules), notices_(notices), max_concurrent_(max_concurrent), changed_(std::move(changed)),
-      heartbeats_(heartbeats)
+      may_begin_(std::move(may_begin)), heartbeats_(heartbeats)
 {
 }
 
@@ -146,6 +146,8 @@ Job_Runner::Run_Ptr Job_Runner::take_next()
   std::set<std::string> waited_for;
   for (auto place = queue_.begin(); place != queue_.end(); ++place) {
     const Run_Ptr run = *place;
+    if (!may_begin_(run->record.definition_id))
+      continue;
     // Nobody overtakes an earlier request for the same lock.
     if (!waited_for.insert(run->lock_path).second)
       continue;

@@ -36,9 +36,12 @@ public:
   /// A run is about to begin, has begun, or has ended; it is listed until this has returned. On the runner's thread, or on the one
   /// that cancels a waiting run or stops the runner; without locks.
   typedef std::function<void(const Run_Record& record)> Changed;
+  /// Whether a run of the definition may begin now; asked again and again while it may not, with the runner's lock held. A
+  /// request that waits for this keeps its place, but lets others pass it.
+  typedef std::function<bool(const std::string& definition_id)> May_Begin;
 
   /// The thread reports to `heartbeats`, unless null, with every turn, whatever the runs do.
-  Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed,
+  Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed, May_Begin may_begin,
              Heartbeats* heartbeats);
   ~Job_Runner() override;
 
@@ -100,6 +103,7 @@ private:
   Job_Notices& notices_;
   const unsigned max_concurrent_;
   const Changed changed_;
+  const May_Begin may_begin_;
   Heartbeats* const heartbeats_;
 
   mutable std::mutex mutex_; ///< guards what follows; never held while a job or a listener is asked
