@@ -60,6 +60,28 @@ std::string text_of_selection(const json_spirit::Object& selection)
     rows.push_back({"  " + text_in(candidate, "host"), node_of(candidate), answer_of(candidate)});
   return text + (rows.empty() ? "" : format_table(rows, {1}));
 }
+
+/// The clusters' jobs, or the one that is asked for, whose last start left the work undone. Of such a start there
+/// may be no selection. A server that does not tell has none.
+bool find_undone_jobs(Console& console, const json_spirit::Object& job, json_spirit::Array& undone, std::string& text)
+{
+  std::vector<json_spirit::Object> jobs = {job};
+  if (job.empty() && !list_jobs(console, jobs))
+    return false;
+  for (const json_spirit::Object& one : jobs) {
+    const std::string reason = text_in(one, "nobody_worked");
+    if (reason.empty())
+      continue;
+    json_spirit::Object entry;
+    set_value(entry, "id", text_in(one, "id"));
+    set_value(entry, "name", job_name(one));
+    set_value(entry, "reason", reason);
+    undone.push_back(entry);
+    text += format_wrapped(job_name(one) + ": " + reason, "", SCREEN_COLUMNS);
+  }
+  return true;
+}
+
 /// "POST jobs/d7d01d89/control: run on 1 host"
 std::string change_of(const json_spirit::Object& entry)
 {
@@ -90,11 +112,15 @@ int served_nodes(Console& console)
   }
   if (!console.get_list({"oscar", "cluster"}, query, "selections", selections))
     return EXIT_CODE_FAILED;
+  json_spirit::Array undone;
   std::string text;
+  if (!find_undone_jobs(console, job, undone, text))
+    return EXIT_CODE_FAILED;
   for (const json_spirit::Object& selection : selections)
     text += (text.empty() ? "" : "\n") + text_of_selection(selection);
   json_spirit::Object json;
   set_value(json, "selections", array_of(selections));
+  set_value(json, "nobody_worked", undone);
   console.result(json, text.empty() ? "No node has been chosen yet.\n" : text);
   return EXIT_CODE_DONE;
 }

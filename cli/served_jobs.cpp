@@ -32,7 +32,8 @@ bool is_enabled(const json_spirit::Object& job)
   return enabled.type() != json_spirit::bool_type || enabled.get_bool();
 }
 
-/// One word for all hosts: what a running one does, else the last state that one told of.
+/// One word for all hosts: what a running one does, else the last state that one told of; of a cluster's job whose
+/// work no host did, that.
 std::string state_of(const json_spirit::Object& job)
 {
   std::string word = "-";
@@ -43,7 +44,28 @@ std::string state_of(const json_spirit::Object& job)
     if (word == "-")
       word = state;
   }
-  return is_enabled(job) ? word : "disabled";
+  if (!is_enabled(job))
+    return "disabled";
+  return text_in(job, "nobody_worked").empty() ? word : "no node";
+}
+
+/// Cuts the names in these columns until the table fits the screen, but not to less than `least`.
+void cut_names(std::vector<std::vector<std::string>>& rows, const std::vector<std::pair<size_t, size_t>>& columns)
+{
+  std::vector<size_t> widths(rows.front().size());
+  for (const std::vector<std::string>& row : rows)
+    for (size_t column = 0; column < row.size(); ++column)
+      widths[column] = std::max(widths[column], display_width(row[column]));
+  size_t wide = 2 * (widths.size() - 1);
+  for (const size_t width : widths)
+    wide += width;
+  for (const auto& [column, least] : columns) {
+    const size_t over = wide > SCREEN_COLUMNS ? wide - SCREEN_COLUMNS : 0;
+    const size_t room = widths[column] > least ? std::min(over, widths[column] - least) : 0;
+    for (std::vector<std::string>& row : rows)
+      row[column] = cut_to(row[column], widths[column] - room);
+    wide -= room;
+  }
 }
 
 std::string host_list(Console& console, const json_spirit::Object& job)
@@ -244,6 +266,7 @@ int served_jobs(Console& console)
     return EXIT_CODE_FAILED;
   json_spirit::Array list;
   std::vector<std::vector<std::string>> rows = {{"JOB", "KIND", "HOSTS", "STATE", "NEXT RUN", "ID"}};
+  std::string undone;
   for (const json_spirit::Object& job : jobs) {
     json_spirit::Object shown = job;
     set_value(shown, "name", job_name(job));
@@ -251,11 +274,17 @@ int served_jobs(Console& console)
     rows.push_back({cut_to(job_name(job), 20), job_kind(object_in(job, "document")),
                     cut_to(host_list(console, job), 14), cut_to(state_of(job), 10), next_run_of(job),
                     short_id(text_in(job, "id"))});
+    if (!text_in(job, "nobody_worked").empty())
+      undone += format_wrapped("No node did the work of " + job_name(job) +
+                                   " when it was started last; why: kestrel nodes --definition " +
+                                   short_id(text_in(job, "id")),
+                               "", SCREEN_COLUMNS);
   }
+  cut_names(rows, {{2, 10}, {0, 12}});
   json_spirit::Object json;
   set_value(json, "jobs", list);
   console.result(json, jobs.empty() ? "There is no job yet. Make one: kestrel job define FILE\n"
-                                    : format_table(rows));
+                                    : format_table(rows) + undone);
   return EXIT_CODE_DONE;
 }
 
@@ -287,7 +316,7 @@ int served_job_show(Console& console)
   json_spirit::Object job;
   if (!find_job(console, console.line().names.front(), job))
     return console.last_code();
-  // The list says less of each job.
+  // Servers of former versions say less of each job in their list.
   json_spirit::Object whole;
   REST_Problem problem;
   if (console.try_get({"jobs", text_in(job, "id")}, {}, whole, problem))

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <sstream>
 
 namespace kestrel
 {
@@ -79,6 +80,20 @@ size_t display_width(const std::string& text)
 {
   return static_cast<size_t>(std::count_if(
       text.begin(), text.end(), [](char byte) { return (static_cast<unsigned char>(byte) & 0xC0) != 0x80; }));
+}
+
+std::string format_wrapped(const std::string& text, const std::string& indent, size_t columns)
+{
+  std::istringstream words(text);
+  std::string wrapped, line, word;
+  while (words >> word) {
+    if (!line.empty() && display_width(indent + line) + 1 + display_width(word) > columns) {
+      wrapped += indent + line + "\n";
+      line.clear();
+    }
+    line += (line.empty() ? "" : " ") + word;
+  }
+  return line.empty() ? wrapped : wrapped + indent + line + "\n";
 }
 
 std::string format_table(const std::vector<std::vector<std::string>>& rows,

@@ -127,7 +127,7 @@ REST_Reply Job_Resources::list(REST_Request&)
 {
   json_spirit::Array jobs;
   for (const Server_Definition_Ptr& definition : definitions_.all())
-    jobs.push_back(to_json(*definition));
+    jobs.push_back(to_json_with_outcome(*definition));
   json_spirit::Object body;
   body.emplace_back("jobs", std::move(jobs));
   REST_Reply reply;
@@ -138,11 +138,16 @@ REST_Reply Job_Resources::list(REST_Request&)
 REST_Reply Job_Resources::show(REST_Request& request)
 {
   const Server_Definition_Ptr definition = find_or_refuse(definitions_, request.vars.at("id"));
-  json_spirit::Object entry = to_json(*definition);
-  entry.emplace_back("nobody_worked", nobody_worked(*definition));
   REST_Reply reply;
-  reply.json = std::move(entry);
+  reply.json = to_json_with_outcome(*definition);
   return reply;
+}
+
+json_spirit::Object Job_Resources::to_json_with_outcome(const Server_Definition& definition) const
+{
+  json_spirit::Object entry = to_json(definition);
+  entry.emplace_back("nobody_worked", nobody_worked(definition));
+  return entry;
 }
 
 std::string Job_Resources::nobody_worked(const Server_Definition& definition) const

@@ -36,6 +36,8 @@ private:
   REST_Reply control(REST_Request& request);
   REST_Reply set_enabled(const Server_Definition_Ptr& definition, bool enabled, const REST_Request& request);
   json_spirit::Object to_json(const Server_Definition& definition) const;
+  /// The same with `nobody_worked`; reads the runs of a cluster's job.
+  json_spirit::Object to_json_with_outcome(const Server_Definition& definition) const;
   json_spirit::Object state_on(const std::string& host_uuid, const Server_Definition& definition) const;
   /// Of a cluster's job: why its last start left the work undone, else empty.
   std::string nobody_worked(const Server_Definition& definition) const;

@@ -200,6 +200,9 @@ TEST_F(Served_Access, why_nobody_worked_is_shown_from_the_runs_of_all_hosts)
   EXPECT_EQ(shown(), "no node did the work of nightly when it was started last: "
                      "host db1: error, Failed to get node info of instance DB1; "
                      "host db2: error, Failed to get node info of instance DB1");
+  const json_spirit::Value jobs = ask("GET", "/k2/r/jobs");
+  ASSERT_EQ(list_of(jobs, "jobs").size(), 1u);
+  EXPECT_EQ(member_text(list_of(jobs, "jobs")[0].get_obj(), "nobody_worked"), shown());
   const json_spirit::Value page = ask("GET", "/k2/r/runs?limit=1");
   EXPECT_EQ(member_text(page.get_obj(), "next"), "1700000000,r0");
   const json_spirit::Value rest = ask("GET", "/k2/r/runs?limit=1&before=1700000000,r0");

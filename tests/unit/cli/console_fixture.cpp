@@ -45,6 +45,7 @@ Console_Test::Console_Test()
           R"(]},{"uuid":")" + host_2 +
           R"(","name":"beta","online":false,"address":"10.0.0.2","version":"3.0","last_seen":0,)" +
           R"("instances":[)" + instance("DB1", db1_on_2) + "]}]}");
+  server_->answer("GET /k2/r/jobs", 200, R"({"jobs":[]})");
   server_->answer("GET /k2/r/pools", 200,
                   std::string(R"({"pools":[{"id":")") + pool +
                       R"(","name":"main","path":"/backup","default":true}]})");

@@ -172,6 +172,32 @@ TEST_F(Console_Test, shows_selections_with_each_nodes_answer)
   EXPECT_TRUE(holds(outcome.out, "its agent is not connected")) << outcome.out;
 }
 
+TEST_F(Console_Test, shows_jobs_that_no_node_worked_for_before_the_selections)
+{
+  const std::string reason = "no node did the work of nightly when it was started last: host alpha: error, "
+                             "Failed to get node info of instance DB1; host beta: error, no answer";
+  server_->answer("GET /k2/r/oscar/cluster", 200, R"({"selections":[]})");
+  server_->answer("GET /k2/r/jobs", 200,
+                  std::string(R"({"jobs":[{"id":")") + job + R"(","document":{"name":"nightly"},"nobody_worked":")" +
+                      reason + R"("},{"id":"other","document":{"name":"weekly"},"nobody_worked":""}]})");
+  const std::string shown = "nightly: no node did the work of nightly when it was started last: host alpha:\n"
+                            "error, Failed to get node info of instance DB1; host beta: error, no answer\n";
+  const Command_Outcome outcome = run({"nodes"});
+  EXPECT_EQ(0, outcome.code) << outcome.err;
+  EXPECT_EQ(shown, outcome.out);
+  EXPECT_EQ(shown, run({"nodes", "--definition", "nightly"}).out);
+  EXPECT_EQ("No node has been chosen yet.\n", run({"nodes", "--definition", "weekly"}).out);
+  const Command_Outcome json = run({"--json", "nodes"});
+  json_spirit::Value value;
+  std::string error;
+  ASSERT_TRUE(read_json(json.out, value, error)) << json.out;
+  const json_spirit::Array undone = required<json_spirit::Array>(value.get_obj(), "nobody_worked");
+  ASSERT_EQ(1u, undone.size());
+  EXPECT_EQ(job, required<std::string>(undone[0].get_obj(), "id"));
+  EXPECT_EQ("nightly", required<std::string>(undone[0].get_obj(), "name"));
+  EXPECT_EQ(reason, required<std::string>(undone[0].get_obj(), "reason"));
+}
+
 TEST_F(Console_Test, adds_users_without_showing_their_passwords)
 {
   server_->answer("POST /k2/r/users", 201, R"({"name":"vera","role":"viewer"})");

@@ -1,7 +1,9 @@
 #include "console_fixture.h"
 
+#include "cli/text_format.h"
 #include "json/json_util.h"
 
+#include <algorithm>
 #include <csignal>
 
 using namespace kestrel;
@@ -12,6 +14,16 @@ namespace
 bool holds(const std::string& text, const std::string& part)
 {
   return text.find(part) != std::string::npos;
+}
+
+size_t longest_line(const std::string& text)
+{
+  size_t longest = 0;
+  for (size_t begin = 0, end = 0; begin < text.size(); begin = end + 1) {
+    end = std::min(text.find('\n', begin), text.size());
+    longest = std::max(longest, display_width(text.substr(begin, end - begin)));
+  }
+  return longest;
 }
 
 const char run_1[] = "eeeeeee1-0000-4000-8000-000000000001";
@@ -94,6 +106,36 @@ TEST_F(Served_Jobs, show_why_nobody_did_the_work_of_a_cluster)
   const Command_Outcome outcome = run({"job", "show", "nightly"});
   EXPECT_EQ(0, outcome.code) << outcome.err;
   EXPECT_TRUE(holds(outcome.out, "no node did the work of nightly: host alpha: error, it is off")) << outcome.out;
+}
+
+TEST_F(Served_Jobs, whose_work_no_node_did_are_listed_so_on_a_screen_of_80_columns)
+{
+  std::string undone = entry(host_1, "");
+  undone.replace(undone.find("nightly"), 7, "backup of the whole cluster");
+  undone.insert(undone.size() - 1, R"(,"nobody_worked":"no node did the work: host alpha: error, it is off")");
+  server_->answer("GET /k2/r/jobs", 200, "{\"jobs\":[" + undone + "," + entry(host_1, "") + "]}");
+  const Command_Outcome outcome = run({"jobs"});
+  EXPECT_EQ(0, outcome.code) << outcome.err;
+  EXPECT_TRUE(holds(outcome.out, "\nbackup of the who...  backup full  alpha  no node  -")) << outcome.out;
+  EXPECT_TRUE(holds(outcome.out, "  backup full  alpha  -        -")) << outcome.out;
+  EXPECT_TRUE(holds(outcome.out, "No node did the work of backup of the whole cluster when it was started last;\n"
+                                 "why: kestrel nodes --definition dddddddd\n"))
+      << outcome.out;
+  EXPECT_LE(longest_line(outcome.out), 80u) << outcome.out;
+  const Command_Outcome json = run({"--json", "jobs"});
+  EXPECT_TRUE(holds(json.out, "\"nobody_worked\": \"no node did the work: host alpha: error, it is off\"")) << json.out;
+}
+
+TEST_F(Served_Jobs, with_long_names_fit_a_screen)
+{
+  std::string wide = entry(host_1, "\"" + std::string(host_1) + R"(":{"state":"completed with errors","next_run":1800000000})");
+  wide.replace(wide.find("nightly"), 7, "the backup of everything that there is");
+  wide.replace(wide.find(R"("hosts":[)"), 9, R"("hosts":[")" + std::string(host_2) + R"(",)");
+  server_->answer("GET /k2/r/jobs", 200, "{\"jobs\":[" + wide + "]}");
+  const Command_Outcome outcome = run({"jobs"});
+  EXPECT_EQ(0, outcome.code) << outcome.err;
+  EXPECT_TRUE(holds(outcome.out, "\nthe backup o...  backup full  beta,alpha  complet...  2027-01-15 ")) << outcome.out;
+  EXPECT_EQ(80u, longest_line(outcome.out)) << outcome.out;
 }
 
 TEST_F(Served_Jobs, are_controlled_on_the_hosts_that_are_named)

@@ -72,3 +72,13 @@ TEST(Text_Format, lines_of_their_own_do_not_count_for_the_columns)
       format_table({{"A", "B"}, {"x", "1"}, {"y", "2"}}, {},
                    {{1, "a line much longer than any column"}, {1, "and another"}, {2, "the end of it"}}));
 }
+
+TEST(Text_Format, wraps_text_at_blanks)
+{
+  EXPECT_EQ("", format_wrapped("", "  ", 20));
+  EXPECT_EQ("  one two\n", format_wrapped(" one\n two ", "  ", 20));
+  EXPECT_EQ("  one\n  two\n", format_wrapped("one two", "  ", 8));
+  EXPECT_EQ("one two\n", format_wrapped("one two", "", 7));
+  EXPECT_EQ("a\nvery-long-word\nb\n", format_wrapped("a very-long-word b", "", 5));
+  EXPECT_EQ("\xC3\xA4\xC3\xA4 b\n", format_wrapped("\xC3\xA4\xC3\xA4 b", "", 4)) << "columns, not bytes";
+}
