@@ -21,6 +21,12 @@ say() { printf '\n%s== %s%s\n' "$bold" "$*" "$plain"; }
 show() { printf '%s$ %s%s\n' "$bold" "$*" "$plain"; }
 give_up() { echo "demo: $*" >&2; exit 1; }
 
+# The drawing of the chains needs UTF-8, programs complain about a language that is not installed, and the server's own
+# account must be able to read what root makes here.
+export LC_ALL=C.UTF-8
+unset LANGUAGE
+umask 022
+
 ./tools/install-deps.sh
 say "Building (the first time takes some minutes)"
 ./tools/build.sh release kestrel_cli oscar kestrel-lab
@@ -53,8 +59,6 @@ mkdir -p "$KESTREL_ROOT" "$work/backups"
 
 # Without the right to install the start script, the stand-in's own systemctl starts the server.
 [ "$(id -u)" -eq 0 ] || export PATH="$home/systemctl-bin:$PATH"
-# The drawing of the chains needs UTF-8.
-export LC_ALL=C.UTF-8
 
 kestrel() { show "kestrel $*"; "$bin/kestrel" "$@"; }
 lab() { "$bin/kestrel-lab" "$1" "$home" "${@:2}"; }

@@ -10,6 +10,11 @@ cd "$(dirname "$0")"
 presets=(release asan tsan)
 [ "${1:-}" = "--quick" ] && presets=(release)
 
+# What the user's shell may bring: another language, or one that is not installed here, and modes.
+export LC_ALL=C.UTF-8
+unset LANGUAGE
+umask 022
+
 ./tools/install-deps.sh
 export CTEST_OUTPUT_ON_FAILURE=1
 KESTREL_LEFT_OUT=$(mktemp)

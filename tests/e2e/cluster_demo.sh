@@ -21,7 +21,6 @@ show() {
   "${console_side[@]}" "$kestrel" --server "$url" "$@" || true
 }
 trap 'printf "\ndemo: interrupted; clearing away\n" >&2; exit 130' INT TERM HUP
-export LC_ALL=C.UTF-8
 begin_seconds=$SECONDS
 instance=DEMO$$
 table=$work/table

@@ -1,6 +1,11 @@
 # Sourced by the scenarios of the command line: a private tree, a stand-in instance, and small checks that say what they
 # expected. $1 of the scenario is the folder of the built programs.
 set -euo pipefail
+# What a shell may carry: modes that shut the server's own account out, a language whose messages are others or that is not
+# installed here, a proxy.
+umask 022
+export LC_ALL=C.UTF-8
+unset LANGUAGE http_proxy https_proxy HTTPS_PROXY all_proxy ALL_PROXY
 
 bin=$(cd "${1:?usage: $0 FOLDER_OF_PROGRAMS}" && pwd)
 kestrel=$bin/kestrel

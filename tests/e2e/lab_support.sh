@@ -6,6 +6,8 @@
 # shellcheck shell=bash
 set -uo pipefail
 umask 022
+export LC_ALL=C.UTF-8 # messages and order as the tests know them
+unset LANGUAGE
 
 built=$(cd "$1" && pwd) || exit 2
 case $(id -u) in 0) whoami=root ;; *) whoami=user ;; esac
