@@ -56,7 +56,7 @@ class Agent_Jobs
 public:
   struct Settings {
     std::string database;  ///< empty: agent.db of the component's state directory
-    std::string host_uuid; ///< stands in the run records
+    std::string host_uuid; ///< stands in the records of runs and of backups
     unsigned max_concurrent = 2;
     unsigned history_days = 90;
     /// Records of ended runs wait for mark_sent() or mark_refused(), however old. False when there is no server.

@@ -83,7 +83,7 @@ Agent_Jobs::State::read_offers_that_changed(std::vector<Definition_Offer> offers
         refused.push_back(refused_definition(offer.id, known->second.refused));
       continue;
     }
-    read_definition(modules.loader(), job);
+    read_definition(modules.loader(), settings.host_uuid, job);
     if (!job.refused.empty())
       refused.push_back(refused_definition(offer.id, job.refused));
     changed[offer.id] = std::move(job);

@@ -78,7 +78,7 @@ bool Agent_Jobs::State::load(std::string& error)
   for (const Stored_Definition& stored : definitions) {
     Known_Job& job = jobs[stored.id];
     job.stored = stored;
-    read_definition(modules.loader(), job);
+    read_definition(modules.loader(), settings.host_uuid, job);
   }
   for (const Run_Record& record : last) {
     const auto found = jobs.find(record.definition_id);

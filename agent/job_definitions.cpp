@@ -133,13 +133,16 @@ bool read_offers(const std::string& directory, std::vector<Definition_Offer>& of
   return true;
 }
 
-void read_definition(const Job_Definition_Loader& loader, Known_Job& job)
+void read_definition(const Job_Definition_Loader& loader, const std::string& host_uuid, Known_Job& job)
 {
   json_spirit::Value value;
   std::string reason;
+  std::string text = job.stored.document;
   if (read_json(job.stored.document, json_file_limits(), value, reason) &&
       value.type() == json_spirit::obj_type) {
     try {
+      set_value(value.get_obj(), "host_id", host_uuid);
+      text = write_json(value);
       optional(value.get_obj(), "name", job.name);
       job.instance = instance_of(value.get_obj());
     } catch (const std::exception&) {
@@ -147,7 +150,7 @@ void read_definition(const Job_Definition_Loader& loader, Known_Job& job)
     }
   }
   Job_Definition_Ptr definition;
-  if (loader.load(job.stored.document, definition, reason, Job_Definition_Loader::FILE_LIMIT_BYTES) &&
+  if (loader.load(text, definition, reason, Job_Definition_Loader::FILE_LIMIT_BYTES) &&
       read_schedules(*definition, job.schedules, job.on_demand, reason))
     job.definition = definition;
   else

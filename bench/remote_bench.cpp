@@ -51,7 +51,10 @@ public:
     std::string error;
     std::filesystem::create_directory(directory_ + "/pool");
     demand(Pool_Registry(pools).add("main", directory_ + "/pool", pool_, error), error);
-    catalogs_ = std::make_unique<Catalog_Resources>(catalog);
+    catalogs_ = std::make_unique<Catalog_Resources>(
+        catalog, [this](const std::string& pool_id, const std::string& folder, const std::string& name) {
+          return storage_->uploads().sender(pool_id, folder, name);
+        });
     storage_ = std::make_unique<Storage_Resources>(pools, catalog, directory_ + "/uploads");
     catalogs_->add_to(router_);
     storage_->add_to(router_);

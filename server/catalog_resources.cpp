@@ -40,7 +40,8 @@ void check_catalog(Catalog_Status status, const std::string& error)
     throw REST_Error(422, "catalog", error);
 }
 
-Catalog_Resources::Catalog_Resources(std::shared_ptr<Catalog_Back_End> catalog) : catalog_(std::move(catalog))
+Catalog_Resources::Catalog_Resources(std::shared_ptr<Catalog_Back_End> catalog, File_Sender sender)
+    : catalog_(std::move(catalog)), sender_(std::move(sender))
 {
 }
 
@@ -107,10 +108,39 @@ bool Catalog_Resources::has_same(const Backup_Record& record)
          is_same(json_spirit::find_value(row, "backup_set_storage_size"), record.storages.front().size);
 }
 
+/// Why a host may not add the record; "" when it may. A file whose sender is no longer known, or that does not
+/// lie on this server, is taken as the record says.
+std::string Catalog_Resources::foreign_problem(const Backup_Record& record, const std::string& host_uuid) const
+{
+  const std::string uuid = text_field(record, "uuid");
+  const std::string named = text_field(record, "host_uuid");
+  if (named != host_uuid)
+    return "backup set " + uuid + " names the host " + named +
+           ": a host may only record what it backed up itself; if this host was enrolled anew, restart its agent";
+  if (record.storages.empty())
+    return std::string();
+  const std::string folder = text_field(record, record.catalog == "oscar" ? "minor_resource_id" : "uri");
+  std::string name = text_field(record, "backup_file");
+  if (name.empty() && !record.pieces.empty())
+    name = record.pieces.front().name;
+  const std::string sender = sender_(record.storages.front().pool_uuid, folder, name);
+  if (sender.empty() || sender == host_uuid)
+    return std::string();
+  return "backup set " + uuid + " names the file " + folder + "/" + name + ", which the host " + sender + " stored";
+}
+
 REST_Reply Catalog_Resources::commit(REST_Request& request)
 {
   const Object& body = request.json.get_obj();
-  const Backup_Record record = backup_record_from(required<Value>(body, "record"));
+  Backup_Record record = backup_record_from(required<Value>(body, "record"));
+  if (text_field(record, "host_uuid").empty())
+    record.fields["host_uuid"] = request.caller.uuid;
+  const std::string problem = foreign_problem(record, request.caller.uuid);
+  if (!problem.empty()) {
+    REST_Reply refusal = rest_error(403, "not_yours", problem);
+    refusal.audit = problem;
+    return refusal;
+  }
   bool must_be_new = required<bool>(body, "must_be_new");
   bool repeated = false;
   optional(body, "repeated", repeated);

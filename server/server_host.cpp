@@ -118,7 +118,10 @@ void Server_Host::Parts::make_resources()
   pools = std::make_unique<Pool_Registry>();
   account_resources = std::make_unique<Account_Resources>(
       *accounts, *audit, metrics, [this](json_spirit::Object& status) { describe(status); });
-  catalog_resources = std::make_unique<Catalog_Resources>(catalog);
+  catalog_resources = std::make_unique<Catalog_Resources>(
+      catalog, [this](const std::string& pool_id, const std::string& folder, const std::string& name) {
+        return storage_resources->uploads().sender(pool_id, folder, name);
+      });
   pool_resources = std::make_unique<Pool_Resources>(*pools, catalog);
   storage_resources = std::make_unique<Storage_Resources>(*pools, catalog, state_path("uploads"));
   backup_resources = std::make_unique<Backup_Resources>(*pools, catalog, storage_resources->reads());

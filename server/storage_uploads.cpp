@@ -416,11 +416,16 @@ std::string Storage_Uploads::sender(const std::string& pool_id, const std::strin
                                     const std::string& name)
 {
   std::string host;
+  int best = 0;
   for (const Upload_Ptr& upload : of_file(pool_id, folder, name)) {
     const std::lock_guard<std::mutex> guard(upload->lock);
-    // Who finished the file or is writing it counts more than who left something of it.
-    if (host.empty() || upload->record.state != Upload_Record::left)
+    // Who is writing the file counts more than who finished one of this name before, and both more than who left
+    // something of it or cannot go on with it.
+    const Upload_Record::State state = upload->record.state;
+    const int rank = upload->writer ? 4 : state == Upload_Record::finished ? 3 : state == Upload_Record::open ? 2 : 1;
+    if (rank > best)
       host = upload->record.host_uuid;
+    best = std::max(best, rank);
   }
   return host;
 }

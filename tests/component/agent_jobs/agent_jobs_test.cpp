@@ -24,6 +24,21 @@ bool wait_rest(const Agent_Bench& agent, unsigned number)
 }
 } // namespace
 
+TEST(Agent_Jobs, records_a_backup_in_the_name_of_its_own_host)
+{
+  for (const char* host_of_document : {"host-2", ""}) {
+    Agent_Bench agent;
+    agent.start();
+    json_spirit::Object document = agent.document(1);
+    kestrel::set_value(document, "host_id", host_of_document);
+    agent.sync_documents({document});
+    EXPECT_EQ("completed", text_of(agent.wait_ended(agent.control(1, "run")), "state"));
+    const auto rows = agent.bench.rows();
+    ASSERT_EQ(1u, rows.size());
+    EXPECT_EQ("host-1", text_of(rows[0].get_obj(), "host_uuid"));
+  }
+}
+
 TEST(Agent_Jobs, runs_a_backup_on_request_and_keeps_its_record)
 {
   Agent_Bench agent;

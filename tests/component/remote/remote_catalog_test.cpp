@@ -363,6 +363,50 @@ TEST_F(Catalog_Roles, are_held)
   EXPECT_EQ(404, status("DELETE", "catalogs/sets/a", "", "admin"));
 }
 
+TEST_F(Catalog_Roles, a_host_records_in_its_own_name_only)
+{
+  const auto commit = [this](const Oscar_Brcmd_Backup_Set& set, bool must_be_new, bool repeated = false) {
+    return status("POST", "catalogs",
+                  write_json(json_spirit::Object{{"record", backup_record_json(set.record())},
+                                                 {"must_be_new", must_be_new},
+                                                 {"repeated", repeated}}),
+                  "agent");
+  };
+  const auto host_of = [this](const std::string& uuid) {
+    EXPECT_EQ(200, status("POST", "catalogs/oscar_brcmd/catalogs", R"({"uuid":")" + uuid + "\"}"));
+    const size_t at = reply_.raw.find(R"("host_uuid":")");
+    return at == std::string::npos ? std::string() : reply_.raw.substr(at + 13, 6);
+  };
+  Oscar_Brcmd_Backup_Set others = make_set("a");
+  others.set_host_uuid("host-2");
+  for (const bool must_be_new : {true, false})
+    for (const bool repeated : {true, false}) {
+      EXPECT_EQ(403, commit(others, must_be_new, repeated));
+      const std::string text = write_json(reply_.json);
+      EXPECT_NE(std::string::npos, text.find("backup set a names the host host-2")) << text;
+      EXPECT_NE(std::string::npos, reply_.audit.find("backup set a names the host host-2")) << reply_.audit;
+      EXPECT_EQ("", host_of("a"));
+    }
+  // Another host's record is neither replaced nor taken for a repetition.
+  add(others);
+  Oscar_Brcmd_Backup_Set mine = make_set("a");
+  mine.set_backup_file("mine.bak");
+  EXPECT_EQ(422, commit(mine, true));
+  EXPECT_EQ(422, commit(mine, true, true));
+  EXPECT_EQ(403, commit(others, false, true));
+  EXPECT_EQ(200, commit(mine, false));
+  EXPECT_EQ("host-2", host_of("a"));
+  EXPECT_EQ(std::string::npos, reply_.raw.find("mine.bak")) << reply_.raw;
+  // The nodes of a cluster go on with each other's chains.
+  EXPECT_EQ(200, commit(make_set("b", "incr", "a"), true)) << write_json(reply_.json);
+  EXPECT_EQ("host-1", host_of("b"));
+  Oscar_Brcmd_Backup_Set of_nobody = make_set("c");
+  of_nobody.set_host_uuid("");
+  EXPECT_EQ(200, commit(of_nobody, true)) << write_json(reply_.json);
+  EXPECT_EQ("host-1", host_of("c"));
+  EXPECT_EQ(200, commit(of_nobody, true, true)) << "the repetition is the same set";
+}
+
 TEST_F(Catalog_Roles, bad_requests_are_refused_with_their_reason)
 {
   EXPECT_EQ(404, status("POST", "catalogs/sets/none/state", R"({"state":"available"})"));

@@ -97,7 +97,10 @@ void Served_Place::build()
 {
   router_ = std::make_unique<REST_Router>();
   router_->set_authenticator(identify);
-  catalogs_ = std::make_unique<Catalog_Resources>(catalog_);
+  catalogs_ = std::make_unique<Catalog_Resources>(
+      catalog_, [this](const std::string& pool_id, const std::string& folder, const std::string& name) {
+        return storage_->uploads().sender(pool_id, folder, name);
+      });
   pool_resources_ = std::make_unique<Pool_Resources>(pools_, catalog_);
   storage_ = std::make_unique<Storage_Resources>(pools_, catalog_, dir / "uploads", limits);
   catalogs_->add_to(*router_);

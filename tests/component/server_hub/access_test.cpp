@@ -161,6 +161,24 @@ TEST_F(Served_Access, a_host_touches_neither_files_nor_uploads_nor_runs_of_anoth
   EXPECT_EQ(member_text(ask("GET", "/k2/r/runs/r1").get_obj(), "state"), "completed");
 }
 
+TEST_F(Served_Access, a_record_in_the_name_of_another_host_is_refused_and_audited)
+{
+  add_agent("db1");
+  add_agent("db2");
+  const auto commit = [&](size_t sender, size_t named) {
+    return status_of(ask(agent(sender).rest(), "POST", "/k2/r/catalogs",
+                         R"({"must_be_new":true,"record":{"catalog":"oscar_brcmd","storages":[],"pieces":[],"files":[],)"
+                         R"("fields":{"uuid":"set-1","backup_id":"set-1","type":"full","resource_uuid":"r","host_uuid":")" +
+                             agent_uuid(named) + R"("}}})"));
+  };
+  EXPECT_EQ(commit(1, 0), 403);
+  const std::string audit = kestrel::write_json(ask("GET", "/k2/r/audit?limit=100"));
+  EXPECT_NE(audit.find("backup set set-1 names the host " + agent_uuid(0)), std::string::npos) << audit;
+  EXPECT_NE(audit.find(R"("caller":"db2")"), std::string::npos) << audit;
+  EXPECT_NE(audit.find(R"("status":403)"), std::string::npos) << audit;
+  EXPECT_EQ(commit(0, 0), 0);
+}
+
 TEST_F(Served_Access, a_new_enrollment_makes_the_former_key_worthless_and_each_key_is_one_hosts)
 {
   const Enrollment former = enroll("db1"), present = enroll("db1"), other = enroll("db2");

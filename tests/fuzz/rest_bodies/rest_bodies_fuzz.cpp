@@ -35,7 +35,10 @@ public:
     Pool_Registry pools(dir_ / "pools.json");
     std::string error;
     check(pools.add("main", dir_.make_dir("pool"), pool_, error));
-    catalogs_ = std::make_unique<Catalog_Resources>(catalog);
+    catalogs_ = std::make_unique<Catalog_Resources>(
+        catalog, [this](const std::string& pool_id, const std::string& folder, const std::string& name) {
+          return storage_->uploads().sender(pool_id, folder, name);
+        });
     pool_resources_ = std::make_unique<Pool_Resources>(pools, catalog);
     storage_ = std::make_unique<Storage_Resources>(pools, catalog, dir_ / "uploads");
     catalogs_->add_to(router_);
