@@ -33,15 +33,32 @@ std::string describe(const std::string& path, const std::exception& problem)
   return text;
 }
 
-void migrate(soci::session& session, const Job_Database::Migrations& migrations)
+/// Not newer than `newest`.
+int version_of(soci::session& session, int newest)
 {
   int version = 0;
   session << "PRAGMA user_version", soci::into(version);
-  const int newest = static_cast<int>(migrations.size());
   if (version > newest)
     throw std::runtime_error("was written by a newer release (schema " + std::to_string(version) +
                              ", this program knows up to " + std::to_string(newest) +
                              "); update this program");
+  return version;
+}
+
+void require_version(soci::session& session, int newest)
+{
+  const int version = version_of(session, newest);
+  if (version == 0)
+    throw std::runtime_error("is empty: the agent's first start has not come so far; start the agent");
+  if (version < newest)
+    throw std::runtime_error("was written by an older release (schema " + std::to_string(version) +
+                             "); start the agent once, it brings the file up to date");
+}
+
+void migrate(soci::session& session, const Job_Database::Migrations& migrations)
+{
+  const int newest = static_cast<int>(migrations.size());
+  int version = version_of(session, newest);
   if (version == newest)
     return;
   Catalog_Transaction transaction(session, Catalog_Transaction::Kind::write);
@@ -57,6 +74,15 @@ struct Job_Database::State {
   std::string path;
   mutable std::mutex mutex;
   mutable soci::session session;
+
+  void close()
+  {
+    try {
+      session.close();
+    } catch (const std::exception&) {
+      // It was not open.
+    }
+  }
 };
 
 Job_Database::Job_Database() : state_(new State) {}
@@ -106,22 +132,39 @@ bool Job_Database::open(const std::string& path, std::string& error, const Migra
   } catch (const std::exception& problem) {
     error = describe(path, problem);
   }
-  try {
-    state_->session.close();
-  } catch (const std::exception&) {
-    // It was not open.
+  state_->close();
+  return false;
+}
+
+bool Job_Database::open_to_read(const std::string& path, std::string& error)
+{
+  const std::lock_guard<std::mutex> guard(state_->mutex);
+  state_->path = path;
+  {
+    const Auto_Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.get() < 0) {
+      error = errno == ENOENT ? "no agent has run on this host yet: there is no " + path
+                              : "cannot read the agent's database " + path + ": " + std::strerror(errno);
+      return false;
+    }
   }
+  try {
+    Sqlite_File file = {path, "agent's database", busy_timeout_msec};
+    file.read_only = true;
+    connect_sqlite(state_->session, file);
+    require_version(state_->session, static_cast<int>(schema().size()));
+    return true;
+  } catch (const std::exception& problem) {
+    error = describe(path, problem);
+  }
+  state_->close();
   return false;
 }
 
 void Job_Database::close()
 {
   const std::lock_guard<std::mutex> guard(state_->mutex);
-  try {
-    state_->session.close();
-  } catch (const std::exception&) {
-    // It was not open.
-  }
+  state_->close();
 }
 
 bool Job_Database::read(const Work& work, std::string& error) const

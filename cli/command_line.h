@@ -49,7 +49,7 @@ struct Command_Line {
   std::optional<int> compression_level;
   uint64_t rate_limit_bytes_per_second = 0;
   bool all = false;     ///< verify: said for clearness; naming no backup means the same
-  uint64_t limit = 100; ///< backups: newest N; 0 = all
+  uint64_t limit = 100; ///< backups, agent history: newest N; 0 = all
   bool assume_yes = false;
   bool dependents = false; ///< delete: also what builds on it
   bool keep_file = false;  ///< delete: the record only

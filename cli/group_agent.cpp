@@ -17,5 +17,11 @@ void add_agent_commands(Command_Registry& registry)
   agent.add_option("--enrollment", options->enrollment,
                    "file of 'kestrel server enroll' to take over; not needed any more afterwards");
   agent.add_option("--config", options->config, "settings; agent.toml of the state directory when not given");
+
+  Command_Line& line = registry.line();
+  CLI::App& history = registry.add("agent history", "List the runs that this host's agent keeps, newest first; needs neither agent nor server",
+                                   {nullptr, run_agent_history});
+  history.add_option("JOB", line.names, "only of this job: id, a unique beginning of it, or name")->expected(0, 1);
+  history.add_option("--limit", line.limit, "the newest N only; 0 = all")->capture_default_str();
 }
 } // namespace kestrel

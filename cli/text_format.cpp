@@ -121,6 +121,8 @@ std::string format_table(const std::vector<std::vector<std::string>>& rows,
     line.erase(line.find_last_not_of(' ') + 1);
     table += line + "\n";
   }
+  for (; own_line != lines_before_row.end(); ++own_line)
+    table += own_line->second + "\n";
   return table;
 }
 } // namespace kestrel

@@ -26,7 +26,7 @@ std::string format_ratio(uint64_t original_bytes, uint64_t stored_bytes);
 
 /// Columns lined up by the widest cell, two blanks between them, no blanks at line ends. The first row is the
 /// heading; columns named in `right_aligned` (by position) are aligned right. Lines of their own, which do
-/// not count for the columns, stand before the row that they are given for.
+/// not count for the columns, stand before the row that they are given for, or behind the last row.
 std::string format_table(const std::vector<std::vector<std::string>>& rows,
                          const std::vector<size_t>& right_aligned = {},
                          const std::multimap<size_t, std::string>& lines_before_row = {});

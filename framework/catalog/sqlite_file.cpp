@@ -84,7 +84,7 @@ void connect_sqlite(soci::session& session, const Sqlite_File& file)
 {
   if (file.path.find('"') != std::string::npos)
     throw Sqlite_File_Error("The path of the " + file.noun + " holds a quotation mark: " + file.path);
-  session.open(soci::sqlite3, "db=\"" + file.path + "\"");
+  session.open(soci::sqlite3, "db=\"" + file.path + "\"" + (file.read_only ? " readonly=true" : ""));
   session << "PRAGMA busy_timeout = " << file.busy_timeout_msec;
   session << "PRAGMA foreign_keys = ON";
   // In WAL mode only FULL syncs each commit.

@@ -13,6 +13,7 @@ struct Sqlite_File {
   std::string path;
   std::string noun;             ///< for messages, without article: "catalog"
   int busy_timeout_msec = 2000; ///< how long a statement waits for another process's write, in real time
+  bool read_only = false;       ///< it must be there, and no statement can change it
 };
 
 /// What went wrong with the file itself, not with a statement. The text is complete for the user.
@@ -30,7 +31,7 @@ bool is_sqlite_busy(int code);
 /// on what the file keeps: that sentence is the caller's.
 const char* sqlite_cure(int code, const char* cure_of_damage);
 
-/// Opens `session` on the file, which SQLite makes when it is missing. Foreign keys are checked, and a commit
+/// Opens `session` on the file, which SQLite makes when it is missing, unless it is to be read only. Foreign keys are checked, and a commit
 /// of a file with a write-ahead log survives a power failure. Errors: throws Sqlite_File_Error and what SOCI
 /// throws; the session is not open or may be closed.
 void connect_sqlite(soci::session& session, const Sqlite_File& file);

@@ -40,6 +40,8 @@ offers "abort" kestrel job a
 offers "show switch" kestrel job s
 includes --host kestrel job switch nightly --
 offers "add list password remove" kestrel server user ""
+offers "history" kestrel agent h
+includes --limit kestrel agent history --
 offers "status" kestrel --server https://nowhere.invalid stat
 
 note "options of each command, and the global ones before it"

@@ -19,7 +19,7 @@ covers() {
   local file=$1 option below
   shift
   # An entry ends where the next line stands as far left as it does.
-  if [ "$#" -gt 0 ] && [ "$1" != agent ] && { [ -z "$(subcommands "$@")" ] || [ "$*" = server ]; }; then
+  if [ "$#" -gt 0 ] && { [ -z "$(subcommands "$@")" ] || [ "$*" = server ]; }; then
     awk -v words="$*" '
       /^       [^ ]/ { inside = index(substr($0, 8) " ", words " ") == 1 && substr($0, 9 + length(words)) !~ /^[a-z]+( |$)/ }
       inside' "$work/$file.txt" >"$work/entry"

@@ -68,9 +68,11 @@ TEST(Text_Format, lines_of_their_own_do_not_count_for_the_columns)
       "and another\n"
       "x  1\n"
       "the end of it\n"
-      "y  2\n",
+      "y  2\n"
+      "after all\n",
       format_table({{"A", "B"}, {"x", "1"}, {"y", "2"}}, {},
-                   {{1, "a line much longer than any column"}, {1, "and another"}, {2, "the end of it"}}));
+                   {{1, "a line much longer than any column"}, {1, "and another"}, {2, "the end of it"},
+                    {3, "after all"}}));
 }
 
 TEST(Text_Format, wraps_text_at_blanks)
