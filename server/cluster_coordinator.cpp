@@ -10,6 +10,7 @@
 
 #include <ace/Log_Msg.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <exception>
@@ -145,10 +146,18 @@ bool Cluster_Coordinator::State::join(const Cluster_Request& request, Ticket& ti
 {
   const auto found = rounds.find(request.definition_uuid);
   const int64_t now = clock().monotonic_msec();
-  if (found == rounds.end() || !found->second.front()->round.takes(request.host_uuid, now))
+  if (found == rounds.end())
     return false;
-  const Entry_Ptr& entry = found->second.front();
-  ticket.number = entry->round.add(request, now);
+  const std::list<Entry_Ptr>& entries = found->second;
+  const auto known = std::find_if(entries.begin(), entries.end(), [&](const Entry_Ptr& entry) {
+    return entry->round.repeated(request, now, ticket.number);
+  });
+  if (known == entries.end() && !entries.front()->round.takes(request.host_uuid, now))
+    return false;
+  const Entry_Ptr& entry = known == entries.end() ? entries.front() : *known;
+  if (known == entries.end())
+    ticket.number = entry->round.add(request, now);
+  ticket.asked = entry->round.asked(ticket.number);
   ticket.selection_time = entry->round.selection_time();
   ticket.round = entry;
   poke();
@@ -447,12 +456,12 @@ Cluster_Coordinator::Ticket Cluster_Coordinator::request(const Cluster_Request& 
 std::function<void(bool written)> Cluster_Coordinator::reply_listener(const Ticket& ticket)
 {
   const std::shared_ptr<State::Entry> entry = std::static_pointer_cast<State::Entry>(ticket.round);
-  return [weak = std::weak_ptr<State>(state_), entry, number = ticket.number](bool written) {
+  return [weak = std::weak_ptr<State>(state_), entry, number = ticket.number, asked = ticket.asked](bool written) {
     const std::shared_ptr<State> state = weak.lock();
     if (!state)
       return;
     const std::lock_guard<std::mutex> guard(state->mutex);
-    entry->round.reply_written(number, written, clock().monotonic_msec());
+    entry->round.reply_written(number, written, clock().monotonic_msec(), asked);
     state->poke();
   };
 }

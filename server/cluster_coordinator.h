@@ -43,6 +43,7 @@ public:
     int64_t selection_time = 0;
     std::shared_ptr<void> round;
     unsigned number = 0;
+    unsigned asked = 1; ///< how often this very request has come
   };
 
   Cluster_Coordinator(Cluster_Hosts& hosts, Cluster_History& history, const Cluster_Limits& limits);
@@ -58,6 +59,7 @@ public:
   /// connections first.
   void stop();
 
+  /// A request that has come before gets the place and the time that it had.
   Ticket request(const Cluster_Request& request);
   /// For a function that tells once whether the reply with this ticket's time left.
   std::function<void(bool written)> reply_listener(const Ticket& ticket);

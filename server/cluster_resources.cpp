@@ -1,5 +1,6 @@
 #include "server/cluster_resources.h"
 
+#include "base/uuid.h"
 #include "server/cluster_coordinator.h"
 #include "server/cluster_history.h"
 #include "server/job_definitions.h"
@@ -33,6 +34,16 @@ std::string read_uuid(const json_spirit::Object& body, const char* key)
     throw REST_Error(400, "bad_request", std::string(key) + ": is no id");
   return uuid;
 }
+/// Empty when the agent gave its request no name.
+std::string read_request_id(const REST_Request& request)
+{
+  const auto header = request.headers.find("x-request-id");
+  if (header == request.headers.end())
+    return std::string();
+  if (!is_uuid(header->second))
+    throw REST_Error(400, "bad_request", "X-Request-Id: is no uuid");
+  return header->second;
+}
 } // namespace
 
 void Cluster_Resources::add_to(REST_Router& router)
@@ -54,6 +65,7 @@ REST_Reply Cluster_Resources::request(REST_Request& request)
   asked.uid = read_uuid(body, "uid");
   asked.instance_uuid = read_uuid(body, "instance_uuid");
   asked.select_master = required<bool>(body, "select_master");
+  asked.request_id = read_request_id(request);
   const Server_Definition_Ptr definition = definitions_.find(asked.definition_uuid);
   if (definition && !definition->on_host(asked.host_uuid))
     throw REST_Error(403, "not_a_host",

@@ -107,16 +107,40 @@ unsigned Cluster_Round::add(const Cluster_Request& request, int64_t now)
   select_master_ = select_master_ || request.select_master;
   Ticket ticket;
   ticket.host_uuid = request.host_uuid;
+  ticket.request_id = request.request_id;
   ticket.made_at = now;
   tickets_.push_back(std::move(ticket));
   ++version_;
   return static_cast<unsigned>(tickets_.size() - 1);
 }
 
-void Cluster_Round::reply_written(unsigned ticket, bool written, int64_t now)
+bool Cluster_Round::repeated(const Cluster_Request& request, int64_t now, unsigned& ticket)
+{
+  if (request.request_id.empty())
+    return false;
+  for (unsigned i = 0; i < tickets_.size(); ++i) {
+    Ticket& known = tickets_[i];
+    if (known.host_uuid != request.host_uuid || known.request_id != request.request_id)
+      continue;
+    ++known.asked;
+    ++version_;
+    ticket = i;
+    if (known.may_know)
+      return true;
+    // Its agent does not wait for the announcement yet: it has not seen the former reply.
+    known.state = Ticket_State::waiting;
+    known.made_at = now;
+    known.replied = known.settled = known.lost = false;
+    known.problem.clear();
+    return true;
+  }
+  return false;
+}
+
+void Cluster_Round::reply_written(unsigned ticket, bool written, int64_t now, unsigned asked)
 {
   Ticket& told = tickets_.at(ticket);
-  if (told.replied || told.settled)
+  if (told.replied || told.settled || told.asked != asked)
     return;
   told.replied = true;
   told.replied_at = now;
@@ -327,6 +351,7 @@ std::vector<Cluster_Round::Announcement> Cluster_Round::take_announcements(Host_
         !view.connected(ticket.host_uuid))
       continue;
     ticket.state = Ticket_State::sending;
+    ticket.may_know = true;
     due.push_back(Announcement{i, ticket.host_uuid, announcement_params()});
   }
   return due;
@@ -348,6 +373,7 @@ bool Cluster_Round::announced(Host_View& view, unsigned ticket, Agent_Call call,
     return true;
   if (call == Agent_Call::offline) {
     told.state = Ticket_State::ready;
+    told.may_know = false;
     ++version_;
     return false;
   }
@@ -388,7 +414,10 @@ bool Cluster_Round::finished(int64_t now) const
   if (!decided_ || (!closed_ && now < window_end_) ||
       (!closed_ && choice_.success && now < decided_at_ + limits_.late_msec))
     return false;
-  return std::all_of(tickets_.begin(), tickets_.end(), [](const Ticket& ticket) { return ticket.settled; });
+  // A request that comes again must find its ticket.
+  return std::all_of(tickets_.begin(), tickets_.end(), [&](const Ticket& ticket) {
+    return ticket.settled && (ticket.request_id.empty() || now >= ticket.made_at + limits_.repeat_msec);
+  });
 }
 
 json_spirit::Object Cluster_Round::explanation(Host_View& view) const

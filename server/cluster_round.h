@@ -18,6 +18,9 @@ struct Cluster_Request {
   std::string uid;
   std::string instance_uuid;
   bool select_master = false;
+  /// The agent's name for this request. Sent again when no answer came, it is the same request; empty: each
+  /// is another one.
+  std::string request_id;
 };
 
 /// What the server knows of the job when the first request for it comes.
@@ -67,6 +70,8 @@ struct Cluster_Limits {
   /// Choices that are not over, in all and of those that one host began; of jobs that nobody defined on the
   /// server half as many, so that they leave room for the others.
   size_t rounds = 4000;
+  /// How long after its first arrival a request may come again. An agent repeats it for 30 seconds.
+  int64_t repeat_msec = 45000;
   size_t rounds_of_host = 200;
 };
 
@@ -117,8 +122,14 @@ public:
   /// Whether a request of this host belongs to this round.
   bool takes(const std::string& host_uuid, int64_t now) const;
   unsigned add(const Cluster_Request& request, int64_t now);
-  /// False when the reply never left: the agent does not wait then.
-  void reply_written(unsigned ticket, bool written, int64_t now);
+  /// True when this very request has come before, whatever takes() says: its ticket then waits for the new
+  /// reply, unless its announcement may have gone out, which is never repeated.
+  bool repeated(const Cluster_Request& request, int64_t now, unsigned& ticket);
+  /// How often the ticket's request has come.
+  unsigned asked(unsigned ticket) const { return tickets_.at(ticket).asked; }
+  /// `written` false: the reply never left, and the agent does not wait. `asked`: which of the request's
+  /// comings it was the reply to, from 1 on; only the last one counts.
+  void reply_written(unsigned ticket, bool written, int64_t now, unsigned asked = 1);
 
   /// Hosts to be asked for their node's state now; each is asked once, and again when it was not reached.
   std::vector<std::string> take_questions(Host_View& view, int64_t now);
@@ -174,6 +185,9 @@ private:
   enum class Ticket_State { waiting, ready, sending, done };
   struct Ticket {
     std::string host_uuid;
+    std::string request_id;
+    unsigned asked = 1;
+    bool may_know = false; ///< an announcement went out, or may have
     Ticket_State state = Ticket_State::waiting;
     bool replied = false;
     bool delivered = false;

@@ -92,6 +92,9 @@ json_spirit::Object Cluster_Round::kept() const
   for (const Ticket& ticket : tickets_) {
     json_spirit::Object entry;
     entry.emplace_back("host_uuid", ticket.host_uuid);
+    entry.emplace_back("request_id", ticket.request_id);
+    entry.emplace_back("asked", ticket.asked);
+    entry.emplace_back("may_know", ticket.may_know);
     entry.emplace_back("made_at", ticket.made_at);
     entry.emplace_back("replied", ticket.replied);
     entry.emplace_back("replied_at", ticket.replied_at);
@@ -151,6 +154,10 @@ void Cluster_Round::resume_ticket(const json_spirit::Object& kept)
   Ticket ticket;
   ticket.host_uuid = required<std::string>(kept, "host_uuid");
   ticket.resumed = true;
+  // A server of before these members had no requests that come again.
+  optional(kept, "request_id", ticket.request_id);
+  optional(kept, "asked", ticket.asked);
+  optional(kept, "may_know", ticket.may_know);
   ticket.made_at = required<int64_t>(kept, "made_at");
   ticket.replied = required<bool>(kept, "replied");
   ticket.replied_at = required<int64_t>(kept, "replied_at");

@@ -1,5 +1,7 @@
 #include "remote/upstream.h"
 
+#include "base/clock.h"
+#include "base/uuid.h"
 #include "catalog/catalog_back_end.h"
 #include "remote/record_json.h"
 #include "remote/remote_catalog.h"
@@ -10,14 +12,21 @@
 #include "storage/host_manager.h"
 #include "storage/pool.h"
 
+#include <ace/Log_Msg.h>
+
+#include <algorithm>
 #include <mutex>
 
 namespace kestrel
 {
 namespace
 {
-/// A selection may wait for the answers of other nodes.
+/// For a request with all its repetitions.
 const unsigned REQUEST_SECONDS = 30;
+/// The server answers without waiting for anybody but its disk.
+const unsigned ATTEMPT_SECONDS = 10;
+const unsigned ATTEMPTS = 3;
+const int64_t PAUSE_MSEC = 1000;
 /// A job that begins while the server restarts waits this long for its pool.
 const unsigned POOL_RETRY_SECONDS = 30;
 
@@ -37,10 +46,11 @@ public:
     call.body = body.data();
     call.body_bytes = body.size();
     call.has_body = true;
-    call.seconds = REQUEST_SECONDS;
+    // The server knows by it that a request which comes again is the same one.
+    call.headers.emplace_back("X-Request-Id", make_uuid());
     REST_Answer got;
     REST_Problem problem;
-    if (!client_->exchange(call, got, problem)) {
+    if (!perform(call, got, problem)) {
       error = problem.text;
       return false;
     }
@@ -50,11 +60,35 @@ public:
   }
 
 private:
+  /// Repeats a request that the server may have carried out although no answer came, and goes on while the
+  /// server cannot be reached after that. What it answered, and what it never got, is left to the caller.
+  bool perform(REST_Call& call, REST_Answer& answer, REST_Problem& problem) const
+  {
+    const int64_t end = clock().monotonic_msec() + int64_t(REQUEST_SECONDS) * 1000;
+    bool lost = false;
+    for (unsigned attempt = 1;; ++attempt) {
+      const int64_t left = end - clock().monotonic_msec();
+      call.seconds = static_cast<unsigned>(std::clamp<int64_t>(left / 1000, 1, ATTEMPT_SECONDS));
+      problem = REST_Problem();
+      if (client_->exchange(call, answer, problem))
+        return true;
+      lost = lost || problem.kind == REST_Problem::lost;
+      const bool again =
+          problem.kind == REST_Problem::lost || (lost && problem.kind == REST_Problem::unreachable);
+      const int64_t pause = attempt * PAUSE_MSEC;
+      if (!again || attempt == ATTEMPTS || clock().monotonic_msec() + pause >= end)
+        return false;
+      ACE_ERROR((LM_NOTICE, "(%P|%t) %C to the backup server: no answer came, sent again in %q ms: %C\n",
+                 call.path.c_str(), static_cast<ACE_INT64>(pause), problem.text.c_str()));
+      clock().sleep_msec(pause);
+    }
+  }
+
   const std::shared_ptr<REST_Client> client_;
 };
 
-/// Finds pools on the server. A directory of the same path on this host is not the server's, or not this process's to
-/// write to.
+/// Finds pools on the server. A directory of the same path on this host is not the server's, or not this
+/// process's to write to.
 class Server_Pools
 {
 public:

@@ -308,3 +308,39 @@ TEST_F(Served_Cluster, twenty_requests_at_once_get_twenty_announcements)
   }
   EXPECT_EQ(nodes.size(), 1u);
 }
+
+TEST_F(Served_Cluster, a_request_that_comes_again_is_the_same_one)
+{
+  add_connected_agents(2);
+  const std::string job = define();
+  const std::string body =
+      R"({"definition_uuid":")" + job + R"(","uid":"","instance_uuid":"","select_master":false})";
+  const auto ask = [&](const std::string& id) {
+    kestrel::REST_Call call;
+    call.method = "POST";
+    call.path = "/k2/r/oscar/cluster";
+    call.body = body.data();
+    call.body_bytes = body.size();
+    call.has_body = true;
+    call.headers.emplace_back("X-Request-Id", id);
+    json_spirit::Value reply;
+    kestrel::REST_Problem problem;
+    if (!agent(0).rest().call(call, nullptr, reply, problem))
+      return int64_t(-problem.status);
+    return kestrel::required<int64_t>(reply.get_obj(), "selection_time");
+  };
+  const std::string id = "7d3a1c52-0000-4000-8000-000000000001";
+  const int64_t time = ask(id);
+  EXPECT_GT(time, 0);
+  EXPECT_EQ(ask(id), time);
+  EXPECT_EQ(request(agent(1), job), time);
+  ASSERT_TRUE(agent(0).await_announcements(1));
+  ASSERT_TRUE(agent(1).await_announcements(1));
+  EXPECT_EQ(ask(id), time) << "after the announcement, too";
+  const json_spirit::Object selection = last_selection();
+  EXPECT_EQ(json_spirit::find_value(selection, "announcements").get_array().size(), 2u);
+  EXPECT_EQ(agent(0).announcements().size(), 1u);
+  EXPECT_EQ(ask("the second"), -400);
+  EXPECT_GT(ask("7d3a1c52-0000-4000-8000-000000000002"), 0);
+  EXPECT_TRUE(agent(0).await_announcements(2)) << "another request is another one";
+}

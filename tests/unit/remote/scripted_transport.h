@@ -40,6 +40,17 @@ public:
     });
   }
 
+  /// The attempt takes all its time; `waits` gets the seconds.
+  void late(kestrel::REST_Problem::Kind kind, const std::function<void(unsigned seconds)>& waits)
+  {
+    steps_.push_back([=](kestrel::REST_Answer&, kestrel::REST_Problem& problem) {
+      waits(seconds_);
+      problem.kind = kind;
+      problem.text = "no answer came in time";
+      return false;
+    });
+  }
+
   bool perform(const kestrel::REST_Call& call, kestrel::REST_Answer& answer,
                kestrel::REST_Problem& problem) override
   {
@@ -52,6 +63,7 @@ public:
       problem.text = "the script is over";
       return false;
     }
+    seconds_ = call.seconds;
     const auto step = steps_.front();
     steps_.pop_front();
     return step(answer, problem);
@@ -60,6 +72,7 @@ public:
   std::vector<Seen> seen;
 
 private:
+  unsigned seconds_ = 0; // of the present attempt
   std::mutex lock_;
   std::deque<std::function<bool(kestrel::REST_Answer&, kestrel::REST_Problem&)>> steps_;
 };
