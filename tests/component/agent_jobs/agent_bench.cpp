@@ -40,12 +40,14 @@ Agent_Bench::Agent_Bench(unsigned max_concurrent) : bench(time_factor)
 
 void Agent_Bench::set_good_brcmd()
 {
-  // Every backup has an id of its own.
-  bench.set_brcmd("begin ${option:-f}\nput_file " + (bench.dir / "stream") + "\nfinish\nwrite_file " +
-                  bench.home +
-                  "/agent/lastlsn.dat \"PHYS7_lastfullbackupid=full-${run}\\nPHYS7_lastfullbackuplsn=10\\n"
+  // Every backup has an id of its own. Jobs run at once: none may see what another's tool has written in
+  // part.
+  const std::string state = bench.dir / "state_${pid}";
+  bench.set_brcmd("begin ${option:-f}\nput_file " + (bench.dir / "stream") + "\nfinish\nwrite_file " + state +
+                  " \"PHYS7_lastfullbackupid=full-${run}\\nPHYS7_lastfullbackuplsn=10\\n"
                   "PHYS7_lastfullbackupscn=11\\nPHYS7_lastbackupid=full-${run}\\nPHYS7_lastbackuplsn=10\\n"
-                  "PHYS7_lastbackupscn=11\\n\"\n");
+                  "PHYS7_lastbackupscn=11\\n\"\nreplace " +
+                  state + " " + bench.home + "/agent/lastlsn.dat\n");
 }
 
 Agent_Bench::~Agent_Bench()
