@@ -31,7 +31,8 @@ public:
   [[nodiscard]] bool open(const std::string& path, std::string& error,
                           const Migrations& migrations = schema());
   /// Opens a database that is there for read() alone, whether an agent is at work on it or not. Nothing in it
-  /// changes; SQLite may leave its -wal and -shm files beside it. Fails, too, when the schema is not this program's.
+  /// changes; SQLite may leave its -wal and -shm files beside it. Fails, too, when the schema is not this
+  /// program's.
   [[nodiscard]] bool open_to_read(const std::string& path, std::string& error);
   void close();
 

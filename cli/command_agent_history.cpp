@@ -34,7 +34,8 @@ bool find_definition(Command_Output& output, const Run_History& history, const s
   const Reference_Fit fit = resolve_reference("job", reference, candidates, position, error);
   if (fit != Reference_Fit::one) {
     output.fail(fit == Reference_Fit::none
-                    ? "there is no job " + reference + " in the history; 'kestrel agent history' lists those that have run here"
+                    ? "there is no job " + reference +
+                          " in the history; 'kestrel agent history' lists those that have run here"
                     : error);
     return false;
   }
@@ -49,7 +50,8 @@ std::string minute_of(time_t time)
 
 std::string took(const Run_Record& run)
 {
-  return run.started_at && run.ended_at >= run.started_at ? format_duration(run.ended_at - run.started_at) : "-";
+  return run.started_at && run.ended_at >= run.started_at ? format_duration(run.ended_at - run.started_at)
+                                                          : "-";
 }
 
 /// What stands below the row of a run that did not simply end well: why, and where its log is.
@@ -81,7 +83,8 @@ std::string text_of(const std::vector<Run_Record>& runs)
   std::vector<std::vector<std::string>> rows = {{"RUN", "JOB", "STATE", "BEGUN", "TOOK"}};
   std::multimap<size_t, std::string> details;
   for (const Run_Record& run : runs) {
-    rows.push_back({short_id(run.run_id), cut_to(or_dash(run.name), 18), cut_to(job_state_text(run.state), 16),
+    rows.push_back({short_id(run.run_id), cut_to(or_dash(run.name), 18),
+                    cut_to(job_state_text(run.state), 16),
                     minute_of(run.started_at ? run.started_at : run.queued_at), took(run)});
     std::string lines = details_of(run);
     if (lines.empty())
@@ -99,7 +102,8 @@ int run_agent_history(const Command_Line& line)
   if (!prepare_console(output))
     return EXIT_CODE_FAILED;
   // Not state_path(): that would make the directory.
-  const std::string path = product_path(("/var/opt/tarnvik/kestrel3/" + component_name() + "/agent.db").c_str());
+  const std::string path =
+      product_path(("/var/opt/tarnvik/kestrel3/" + component_name() + "/agent.db").c_str());
   Job_Database database;
   const Run_History history(database, false);
   std::string error;
@@ -110,7 +114,8 @@ int run_agent_history(const Command_Line& line)
     return output.last_code();
   const uint64_t most = std::numeric_limits<unsigned>::max();
   std::vector<Run_Record> runs;
-  if (!history.list(definition_id, static_cast<unsigned>(line.limit ? std::min(line.limit, most) : most), runs, error))
+  if (!history.list(definition_id, static_cast<unsigned>(line.limit ? std::min(line.limit, most) : most),
+                    runs, error))
     return output.fail(error);
   json_spirit::Array list;
   for (const Run_Record& run : runs)

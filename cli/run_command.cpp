@@ -27,6 +27,18 @@ std::string misuse(const Command_Line& line)
     return "--host goes with --server: without a backup server there is only this host";
   return "";
 }
+
+/// The installation directory of servers whose command line does not tell it. It is kept with the instances
+/// that are found, and read by processes that are elsewhere.
+bool make_oscar_home_absolute()
+{
+  const char* const home = std::getenv("SZ_OSCAR_HOME");
+  if (!home || !*home || *home == '/' ||
+      ::setenv("SZ_OSCAR_HOME", std::filesystem::absolute(home).c_str(), 1) == 0)
+    return true;
+  std::perror("kestrel: cannot set SZ_OSCAR_HOME");
+  return false;
+}
 } // namespace
 
 int run_command(const Command_Line& line)
@@ -36,6 +48,8 @@ int run_command(const Command_Line& line)
     std::perror("kestrel: cannot set the root directory");
     return EXIT_CODE_FAILED;
   }
+  if (!make_oscar_home_absolute())
+    return EXIT_CODE_FAILED;
   const std::string problem = misuse(line);
   if (!problem.empty())
     return Command_Output(line).fail(problem, EXIT_CODE_USAGE);

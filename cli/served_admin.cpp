@@ -5,8 +5,8 @@
 #include "cli/text_format.h"
 
 #include "base/uuid.h"
-#include "json/wipe_json.h"
 #include "json/json_util.h"
+#include "json/wipe_json.h"
 
 #include <algorithm>
 
@@ -61,9 +61,10 @@ std::string text_of_selection(const json_spirit::Object& selection)
   return text + (rows.empty() ? "" : format_table(rows, {1}));
 }
 
-/// The clusters' jobs, or the one that is asked for, whose last start left the work undone. Of such a start there
-/// may be no selection. A server that does not tell has none.
-bool find_undone_jobs(Console& console, const json_spirit::Object& job, json_spirit::Array& undone, std::string& text)
+/// The clusters' jobs, or the one that is asked for, whose last start left the work undone. Of such a start
+/// there may be no selection. A server that does not tell has none.
+bool find_undone_jobs(Console& console, const json_spirit::Object& job, json_spirit::Array& undone,
+                      std::string& text)
 {
   std::vector<json_spirit::Object> jobs = {job};
   if (job.empty() && !list_jobs(console, jobs))

@@ -32,8 +32,8 @@ bool is_enabled(const json_spirit::Object& job)
   return enabled.type() != json_spirit::bool_type || enabled.get_bool();
 }
 
-/// One word for all hosts: what a running one does, else the last state that one told of; of a cluster's job whose
-/// work no host did, that.
+/// One word for all hosts: what a running one does, else the last state that one told of; of a cluster's job
+/// whose work no host did, that.
 std::string state_of(const json_spirit::Object& job)
 {
   std::string word = "-";
@@ -50,7 +50,8 @@ std::string state_of(const json_spirit::Object& job)
 }
 
 /// Cuts the names in these columns until the table fits the screen, but not to less than `least`.
-void cut_names(std::vector<std::vector<std::string>>& rows, const std::vector<std::pair<size_t, size_t>>& columns)
+void cut_names(std::vector<std::vector<std::string>>& rows,
+               const std::vector<std::pair<size_t, size_t>>& columns)
 {
   std::vector<size_t> widths(rows.front().size());
   for (const std::vector<std::string>& row : rows)

@@ -30,8 +30,8 @@ std::string format_ratio(uint64_t original_bytes, uint64_t stored_bytes);
 std::string format_table(const std::vector<std::vector<std::string>>& rows,
                          const std::vector<size_t>& right_aligned = {},
                          const std::multimap<size_t, std::string>& lines_before_row = {});
-/// The text in lines of at most so many columns, broken at blanks, each with `indent` before it and a line end.
-/// A word that is longer has a line of its own.
+/// The text in lines of at most so many columns, broken at blanks, each with `indent` before it and a line
+/// end. A word that is longer has a line of its own.
 std::string format_wrapped(const std::string& text, const std::string& indent, size_t columns);
 /// Number of terminal columns that UTF-8 text takes, counting one for each code point.
 size_t display_width(const std::string& text);

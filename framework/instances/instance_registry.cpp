@@ -186,8 +186,12 @@ int Instance_Registry::logon(Instance_Handler& handler, const std::string& name,
     {
       std::lock_guard<std::mutex> guard(handler.call_mutex());
       handler.error_.clear();
-      if (handler.update_options(name.c_str(), username.c_str(), password.c_str(), options) != 0)
-        return refuse(problem, text_or(handler.error(), "The options of " + name + " could not be read"));
+      if (handler.update_options(name.c_str(), username.c_str(), password.c_str(), options) != 0) {
+        // The options that a login is needed for are those of a cluster, and most instances are in none.
+        const std::string usual =
+            "No cluster of " + name + " could be read; that matters only if it is a node of one";
+        return refuse(problem, text_or(handler.error(), usual));
+      }
     }
     const auto instance = std::make_shared<Instance>();
     instance->type = handler.type();

@@ -90,6 +90,13 @@ run 0 "$kestrel" job log -f nightly
 said "Failed to get account"
 run 1 "$kestrel" job cancel nightly
 said "job nightly: cancel was refused: host alpha: "
+for action in abort switch; do
+  run 1 "$kestrel" job $action nightly
+  said "job nightly: $action was refused: host alpha: the job is not running"
+done
+run 0 "$kestrel" --root "$work/alpha" agent history nightly
+said "^[0-9a-f]{8}  nightly +error +"
+said "Failed to get account"
 run 0 "$kestrel" job disable nightly
 run 0 "$kestrel" --json jobs
 equal "$(value '.jobs[0].enabled | tostring')" false

@@ -29,6 +29,7 @@ uuid=$(value ".instances[] | select(.name == \"$instance\") | .uuid")
 printf 'wrong' >"$work/wrong"
 tell 1 login "$instance" --user sysdba --password-file "$work/wrong"
 ask 0 login "$instance" --user sysdba --password-file "$work/password"
+equal "$(value .warning)" "No cluster of $instance could be read; that matters only if it is a node of one" "warning"
 tell 0 browse "here/$instance/$instance"
 said SALES
 tell 0 browse "here/$instance/$instance/SALES"

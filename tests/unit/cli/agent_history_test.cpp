@@ -3,9 +3,9 @@
 #include "cli/command_line.h"
 #include "cli/exit_code.h"
 #include "console_fixture.h"
-#include "json/json_util.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
+#include "json/json_util.h"
 
 #include <gtest/gtest.h>
 #include <soci/soci.h>
@@ -37,8 +37,8 @@ protected:
     ASSERT_TRUE(database_.open(path(), error)) << error;
   }
 
-  void put(const std::string& run_id, const std::string& definition_id, const std::string& name, Job_State state,
-           const std::string& reason = "")
+  void put(const std::string& run_id, const std::string& definition_id, const std::string& name,
+           Job_State state, const std::string& reason = "")
   {
     Run_Record record;
     record.run_id = run_id;
@@ -61,7 +61,8 @@ protected:
   {
     open_database();
     put("eeeeeee1-0000-4000-8000-000000000001", job_1, "nightly", JOB_STATE_COMPLETED);
-    put("eeeeeee2-0000-4000-8000-000000000002", job_2, "a weekly backup of everything", JOB_STATE_COMPLETED_WITH_ERRORS,
+    put("eeeeeee2-0000-4000-8000-000000000002", job_2, "a weekly backup of everything",
+        JOB_STATE_COMPLETED_WITH_ERRORS,
         "Two tablespaces are offline: their files were not read, and the backup set does not have them");
     put("eeeeeee3-0000-4000-8000-000000000003", job_1, "nightly", JOB_STATE_RUNNING);
   }
@@ -163,7 +164,8 @@ TEST_F(Agent_History, can_be_narrowed_to_a_job_and_to_the_newest)
   EXPECT_EQ(3u, runs_of(run({"--json", "agent", "history", "--limit", "0"})).size());
   const Command_Outcome unknown = run({"agent", "history", "monthly"});
   EXPECT_EQ(1, unknown.code);
-  EXPECT_EQ("kestrel: there is no job monthly in the history; 'kestrel agent history' lists those that have run here\n",
+  EXPECT_EQ("kestrel: there is no job monthly in the history; 'kestrel agent history' lists those that have "
+            "run here\n",
             unknown.err);
   const Command_Outcome several = run({"agent", "history", "dddd"});
   EXPECT_EQ(1, several.code);
@@ -175,9 +177,12 @@ TEST_F(Agent_History, tells_what_the_server_refused)
   open_database();
   put("eeeeeee1-0000-4000-8000-000000000001", job_1, "nightly", JOB_STATE_COMPLETED);
   std::string error;
-  ASSERT_TRUE(history_.mark_refused({{"eeeeeee1-0000-4000-8000-000000000001", "it is another host's"}}, error)) << error;
+  ASSERT_TRUE(
+      history_.mark_refused({{"eeeeeee1-0000-4000-8000-000000000001", "it is another host's"}}, error))
+      << error;
   const Command_Outcome outcome = run({"agent", "history"});
-  EXPECT_TRUE(holds(outcome.out, "\n          the server does not take this record: it is another host's\n")) << outcome.out;
+  EXPECT_TRUE(holds(outcome.out, "\n          the server does not take this record: it is another host's\n"))
+      << outcome.out;
 }
 
 TEST_F(Agent_History, says_that_no_agent_has_run_yet_and_makes_nothing)
@@ -223,9 +228,10 @@ TEST_F(Agent_History, refuses_a_database_of_another_release)
   const struct {
     int version;
     const char* words;
-  } cases[] = {{99, "was written by a newer release (schema 99, this program knows up to 2); update this program"},
-               {1, "was written by an older release (schema 1); start the agent once"},
-               {0, "is empty: the agent's first start has not come so far; start the agent"}};
+  } cases[] = {
+      {99, "was written by a newer release (schema 99, this program knows up to 2); update this program"},
+      {1, "was written by an older release (schema 1); start the agent once"},
+      {0, "is empty: the agent's first start has not come so far; start the agent"}};
   for (const auto& one : cases) {
     open_database();
     std::string error;
