@@ -212,6 +212,11 @@ bool Oscar_Brcmd_Backup_Executor::back_up(Run& run, Stream_Fifo& fifo)
   const kestrel::Batch_Scheduling batch;
   Client_IO_Ex storage;
   Pumped_Stream pumped;
+  // The pump does the same when it sees the cancel; a tool that had to be ended for it ends the stream first.
+  const kestrel::Scope_Guard discard([this, &storage] {
+    if (is_canceled())
+      kestrel::ignore_result(storage.discard(), "fails only when no unfinished file is open");
+  });
   if (!open_storage(run, storage) || !stream(run, fifo, tool, storage, pumped))
     return false;
   if (!tool.join()) {

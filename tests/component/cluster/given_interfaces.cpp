@@ -34,8 +34,7 @@ std::vector<kestrel_test::Given_Interfaces::Entry> given;
 std::unique_ptr<Given_List> list;
 unsigned lists_taken = 0;
 
-template <class Function>
-Function* of_the_system(Function*, const char* name)
+template <class Function> Function* of_the_system(Function*, const char* name)
 {
   return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
