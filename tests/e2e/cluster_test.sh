@@ -17,6 +17,8 @@ use_relays=yes
 make_cluster_site "$instance" 4
 define_cluster_job all-nodes full
 
+now_msec() { date +%s%3N; }
+
 note "all nodes up: the master does the work"
 run_on_all
 equal "$(outcome_on node1)" completed "node1 ($(reason_on node1))"
@@ -44,6 +46,20 @@ slow_link node2
 run_on_all
 expect_one_worker node1
 for name in node1 node2 node3; do slow_link $name; done
+
+if delay_network server 150 && delay_network node1 150; then
+  note "a network that delays every packet: still the master, and one backup"
+  # A handshake goes there and back.
+  began=$(now_msec)
+  in_host node1 bash -c "exec 3<>/dev/tcp/${host_address[server]}/7480" || fail "the server does not answer"
+  took=$(($(now_msec) - began))
+  [ "$took" -ge 300 ] || fail "nothing is delayed: $took ms for a handshake"
+  run_on_all
+  expect_one_worker node1
+  for name in server node1; do heal_network $name; done
+else
+  left_out "a network that delays every packet: this kernel has no netem (sch_netem); delays of connections are tested"
+fi
 
 note "a node that is cut off: the others do without it"
 cut_network node2
