@@ -19,23 +19,36 @@ namespace
 {
 constexpr std::size_t max_named_files = 10;
 
-/// How far the run was by the job's own record, which may still be that of the run before.
-std::string how_far(const std::string& definition_id, time_t queued_at)
+/// The job's own record, which may still be that of the run before. False when there is none.
+bool read_activity(const std::string& definition_id, Job_Activity& activity)
 {
-  const std::string running = "the agent ended while the job was running";
   std::string bytes;
   std::string unreadable;
-  Job_Activity activity;
   if (!read_whole_file(Job_Activity_Path_Conf::path(definition_id), bytes, unreadable, 64 * 1024) ||
       bytes.size() < sizeof activity)
-    return running;
+    return false;
   std::memcpy(static_cast<void*>(&activity), bytes.data(), sizeof activity);
-  if (activity.magic != Job_Activity::MAGIC)
-    return running;
-  if (activity.start_time < queued_at)
-    return "the agent ended while the job was starting";
-  return running + " (its record says " + job_state_text(activity.state) + ", " +
-         std::to_string(activity.progress) + "%)";
+  return activity.magic == Job_Activity::MAGIC;
+}
+
+/// In what state a restore that was killed leaves what it restored; empty for other jobs.
+std::string restore_remark(const std::string& document)
+{
+  json_spirit::Value value;
+  std::string unreadable;
+  if (!read_json(document, value, unreadable) || value.type() != json_spirit::obj_type)
+    return std::string();
+  const auto is = [&value](const char* key, const char* name, int number) {
+    const json_spirit::Value& member = json_spirit::find_value(value.get_obj(), key);
+    return member == json_spirit::Value(name) || member == json_spirit::Value(number);
+  };
+  if (!is("type", "restore", JOB_DEFINITION_RESTORE))
+    return std::string();
+  if (is("subtype", "import", JOB_DEFINITION_SUBTYPE_IMPORT))
+    return "; what was imported until then stays in the database";
+  return "; the instance may not be usable until it is restored again: the job's log names the sets that "
+         "were "
+         "applied";
 }
 
 /// The directory of the definition's files in its pool, where that is a directory of this host.
@@ -91,18 +104,30 @@ std::string list_of(const std::vector<std::string>& paths)
 void end_interrupted_run(Run_Record& record, const std::string& document,
                          const std::vector<std::string>& removed)
 {
+  Job_Activity activity;
+  const bool told = read_activity(record.definition_id, activity);
+  const bool begun = told && activity.start_time >= record.queued_at;
   record.ended_at = clock().now();
-  if (record.started_at == 0) {
+  // A store that failed has no note of a start; the job's own record is a file of its own.
+  if (record.started_at == 0 && !begun) {
     record.state = JOB_STATE_CANCELED;
     record.reason = "the agent ended before the run began";
     return;
   }
   record.state = JOB_STATE_ERROR;
-  record.reason = how_far(record.definition_id, record.queued_at);
+  if (record.started_at == 0)
+    record.started_at = activity.start_time;
+  record.reason = told && !begun ? "the agent ended while the job was starting"
+                                 : "the agent ended while the job was running";
+  if (begun)
+    record.reason += std::string(" (its record says ") + job_state_text(activity.state) + ", " +
+                     std::to_string(activity.progress) + "%)";
   const std::vector<std::string> files = unfinished_files(storage_directory(document), record.started_at);
   if (!files.empty())
     record.reason += "; unfinished in the pool: " + list_of(files);
   if (!removed.empty())
     record.reason += "; cleared away: " + list_of(removed);
+  if (begun)
+    record.reason += restore_remark(document);
 }
 } // namespace kestrel

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <cstring>
+#include <mutex>
 
 namespace kestrel_test
 {
@@ -10,6 +11,7 @@ namespace
 {
 struct Fault {
   std::string kind;
+  std::string only;
   unsigned left = 0;
   int result = SQLITE_OK;
   bool for_ever = false;
@@ -17,6 +19,7 @@ struct Fault {
   bool read_only = false;
 };
 
+std::mutex mutex; // of the fault
 Fault fault;
 sqlite3_vfs* system_vfs = nullptr;
 sqlite3_vfs vfs;
@@ -24,8 +27,16 @@ sqlite3_vfs vfs;
 struct Wrapped_File {
   sqlite3_file base;
   sqlite3_file* real; ///< lies behind this structure
+  bool concerned;     ///< meets faults
 };
 
+/// With the mutex.
+bool concerns(const char* name)
+{
+  return fault.only.empty() || (name && std::strstr(name, fault.only.c_str()));
+}
+
+/// With the mutex.
 int due(const char* kind)
 {
   if (fault.kind != kind || fault.left == 0 || --fault.left != 0)
@@ -34,6 +45,12 @@ int due(const char* kind)
   if (fault.for_ever)
     fault.left = 1;
   return fault.result;
+}
+
+int due(const char* kind, sqlite3_file* file)
+{
+  const std::lock_guard<std::mutex> guard(mutex);
+  return reinterpret_cast<Wrapped_File*>(file)->concerned ? due(kind) : SQLITE_OK;
 }
 
 sqlite3_file* real(sqlite3_file* file)
@@ -47,22 +64,22 @@ int close_file(sqlite3_file* file)
 }
 int read_file(sqlite3_file* file, void* data, int count, sqlite3_int64 offset)
 {
-  const int result = due("read");
+  const int result = due("read", file);
   return result ? result : real(file)->pMethods->xRead(real(file), data, count, offset);
 }
 int write_file(sqlite3_file* file, const void* data, int count, sqlite3_int64 offset)
 {
-  const int result = due("write");
+  const int result = due("write", file);
   return result ? result : real(file)->pMethods->xWrite(real(file), data, count, offset);
 }
 int truncate_file(sqlite3_file* file, sqlite3_int64 size)
 {
-  const int result = due("truncate");
+  const int result = due("truncate", file);
   return result ? result : real(file)->pMethods->xTruncate(real(file), size);
 }
 int sync_file(sqlite3_file* file, int flags)
 {
-  const int result = due("sync");
+  const int result = due("sync", file);
   return result ? result : real(file)->pMethods->xSync(real(file), flags);
 }
 int file_size(sqlite3_file* file, sqlite3_int64* size)
@@ -95,7 +112,7 @@ int characteristics(sqlite3_file* file)
 }
 int shm_map(sqlite3_file* file, int page, int size, int extend, void volatile** out)
 {
-  const int result = due("shm");
+  const int result = due("shm", file);
   return result ? result : real(file)->pMethods->xShmMap(real(file), page, size, extend, out);
 }
 int shm_lock(sqlite3_file* file, int offset, int count, int flags)
@@ -121,10 +138,16 @@ int open_file(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int
   Wrapped_File* const wrapped = reinterpret_cast<Wrapped_File*>(file);
   wrapped->base.pMethods = nullptr;
   wrapped->real = reinterpret_cast<sqlite3_file*>(wrapped + 1);
-  const int failure = due("open");
-  if (failure)
-    return failure;
-  if (fault.read_only && (flags & SQLITE_OPEN_MAIN_DB))
+  bool read_only = false;
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    wrapped->concerned = concerns(name);
+    const int failure = wrapped->concerned ? due("open") : SQLITE_OK;
+    if (failure)
+      return failure;
+    read_only = fault.read_only;
+  }
+  if (read_only && (flags & SQLITE_OPEN_MAIN_DB))
     flags = (flags & ~(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE)) | SQLITE_OPEN_READONLY;
   const int result = system_vfs->xOpen(system_vfs, name, wrapped->real, flags, out_flags);
   if (wrapped->real->pMethods)
@@ -134,7 +157,11 @@ int open_file(sqlite3_vfs*, const char* name, sqlite3_file* file, int flags, int
 
 int delete_file(sqlite3_vfs*, const char* name, int sync)
 {
-  const int result = due("delete");
+  int result = SQLITE_OK;
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    result = concerns(name) ? due("delete") : SQLITE_OK;
+  }
   return result ? result : system_vfs->xDelete(system_vfs, name, sync);
 }
 } // namespace
@@ -160,6 +187,7 @@ Fault_Vfs::~Fault_Vfs()
 
 void Fault_Vfs::fail(const std::string& kind, unsigned number, int result, bool for_ever)
 {
+  const std::lock_guard<std::mutex> guard(mutex);
   fault.kind = kind;
   fault.left = number;
   fault.result = result;
@@ -167,13 +195,27 @@ void Fault_Vfs::fail(const std::string& kind, unsigned number, int result, bool 
   fault.met = false;
 }
 
+void Fault_Vfs::heal()
+{
+  const std::lock_guard<std::mutex> guard(mutex);
+  fault.left = 0;
+}
+
+void Fault_Vfs::only(const std::string& part)
+{
+  const std::lock_guard<std::mutex> guard(mutex);
+  fault.only = part;
+}
+
 void Fault_Vfs::read_only(bool value)
 {
+  const std::lock_guard<std::mutex> guard(mutex);
   fault.read_only = value;
 }
 
 bool Fault_Vfs::met() const
 {
+  const std::lock_guard<std::mutex> guard(mutex);
   return fault.met;
 }
 } // namespace kestrel_test

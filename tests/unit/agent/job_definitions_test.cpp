@@ -3,6 +3,7 @@
 #include "agent/job_log_reader.h"
 #include "agent/job_notices.h"
 #include "base/path_conf.h"
+#include "jobs/job_activity.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
 #include "support/waiting.h"
@@ -12,6 +13,7 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <cstring>
 
 using namespace kestrel;
 using namespace kestrel_test;
@@ -175,6 +177,42 @@ TEST(Interrupted_Run, says_how_far_it_was_and_what_it_left)
   end_interrupted_run(waiting, "", {});
   EXPECT_EQ(JOB_STATE_CANCELED, waiting.state);
   EXPECT_EQ("the agent ended before the run began", waiting.reason);
+}
+
+TEST(Interrupted_Run, knows_from_the_jobs_own_record_that_it_had_begun_and_what_a_restore_leaves)
+{
+  Temp_Dir dir;
+  const Scoped_Env root("KESTREL_ROOT", dir.path());
+  Job_Activity activity;
+  std::memset(static_cast<void*>(&activity), 0, sizeof activity);
+  activity.magic = Job_Activity::MAGIC;
+  activity.start_time = 200;
+  activity.state = JOB_STATE_RUNNING;
+  activity.progress = 40;
+  dir.write("var/opt/tarnvik/kestrel3/agent/activity/" + id + ".activity",
+            std::string(reinterpret_cast<const char*>(&activity), sizeof activity));
+  const auto reason_of = [](time_t queued_at, const std::string& document, time_t started_at = 0) {
+    Run_Record record;
+    record.definition_id = id;
+    record.queued_at = queued_at;
+    record.started_at = started_at;
+    end_interrupted_run(record, document, {});
+    EXPECT_EQ(record.started_at == 0 ? JOB_STATE_CANCELED : JOB_STATE_ERROR, record.state);
+    return record.reason;
+  };
+  const std::string running = "the agent ended while the job was running (its record says running, 40%)";
+  const std::string physical = R"({"type":"restore","subtype":"point_in_time"})";
+  const std::string remark =
+      "; the instance may not be usable until it is restored again: the job's log names the "
+      "sets that were applied";
+  EXPECT_EQ(running, reason_of(200, R"({"type":"backup"})"));
+  EXPECT_EQ(running + remark, reason_of(150, physical));
+  EXPECT_EQ(running + remark, reason_of(150, R"({"type":2})", 160));
+  EXPECT_EQ(running + "; what was imported until then stays in the database",
+            reason_of(150, R"({"type":"restore","subtype":"import"})"));
+  // The record of the run before.
+  EXPECT_EQ("the agent ended before the run began", reason_of(201, physical));
+  EXPECT_EQ("the agent ended while the job was starting", reason_of(201, physical, 202));
 }
 
 namespace
