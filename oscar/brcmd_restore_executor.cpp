@@ -176,9 +176,15 @@ bool Oscar_Brcmd_Restore_Executor::restore_sets(const Client_IO_Base::Options& o
 {
   // In the order of the catalog: the full backup first.
   Stream_Progress progress(_total_bytes);
-  for (const Restore_Set& set : _sets)
+  ACE_UINT64 applied = 0;
+  for (const Restore_Set& set : _sets) {
     if (!restore_set(set, options, fifo, progress))
       return false;
+    // Whoever finds a restore that was killed learns from this how far the instance is.
+    ACE_DEBUG((LM_INFO,
+               "(%P|%t) Oscar_Brcmd_Restore_Executor::restore_sets: file %s is restored (%Q of %Q)\n",
+               set.backup_file.c_str(), ++applied, static_cast<ACE_UINT64>(_sets.size())));
+  }
   return true;
 }
 
