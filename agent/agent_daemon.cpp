@@ -20,7 +20,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace kestrel
@@ -42,22 +41,11 @@ const int64_t extend_every_msec = 10 * 1000;
 const unsigned report_seconds = 60;
 const unsigned service_threads = Agent_Services::slow_limit + Agent_Services::node_state_limit + 4;
 
-std::string network_name()
-{
-  char name[256] = "";
-  return ::gethostname(name, sizeof name - 1) == 0 && name[0] ? name : "localhost";
-}
-
 std::string in_words(unsigned count, const char* one, const char* many)
 {
   return std::to_string(count) + " " + (count == 1 ? one : many);
 }
 } // namespace
-
-std::string agent_config_path()
-{
-  return state_path("agent.toml");
-}
 
 Agent_Daemon::Agent_Daemon(Options options) : options_(std::move(options)) {}
 
@@ -105,7 +93,7 @@ bool Agent_Daemon::prepare(std::string& error)
                                  : "cannot lock " + lock_path + ": " + std::strerror(errno);
     return false;
   }
-  if (!read_settings(settings_, error) || (settings_.fresh_key && !keep_server_key(settings_.key, error)))
+  if (!read_agent_settings(source(), settings_, error) || (settings_.fresh_key && !keep_server_key(settings_.key, error)))
     return false;
   name_ = settings_.name();
   if (!open_log(error) || !load_host_identity(identity_, error))
@@ -116,50 +104,9 @@ bool Agent_Daemon::prepare(std::string& error)
   return true;
 }
 
-bool Agent_Daemon::read_settings(Settings& settings, std::string& error) const
+Agent_Settings_Source Agent_Daemon::source() const
 {
-  Settings read;
-  if (!load_agent_config(options_.config.empty() ? agent_config_path() : options_.config, read.config, error))
-    return false;
-  const bool enrolled = options_.enrollment.empty() ? load_server_key(read.key, error)
-                                                    : read_enrollment(options_.enrollment, read.key, read.fresh_key, error);
-  if (!enrolled)
-    return false;
-  read.url = !options_.server_url.empty() ? options_.server_url : read.config.server_url;
-  if (read.url.empty())
-    read.url = read.key.url;
-  std::string host;
-  unsigned short port = 0;
-  if (!read.url.empty() && !parse_server_url(read.url, host, port, error))
-    return false;
-  if (!read.url.empty() && !read.key.enrolled()) {
-    error = "this host is not enrolled at " + read.url + ": run 'kestrel server enroll' there and start the agent once with " +
-            "--enrollment FILE";
-    return false;
-  }
-  settings = read;
-  return true;
-}
-
-std::string Agent_Daemon::Settings::name() const
-{
-  return !config.name.empty() ? config.name : key.enrolled() ? key.name : network_name();
-}
-
-TLS_Client_Options Agent_Daemon::Settings::tls() const
-{
-  TLS_Client_Options options;
-  if (config.ca_file.empty())
-    options.ca_pem = key.ca_pem;
-  else
-    options.ca_file = config.ca_file;
-  return options;
-}
-
-bool Agent_Daemon::Settings::same_connection(const Settings& other) const
-{
-  return url == other.url && access() == other.access() && config.ca_file == other.config.ca_file &&
-         key.ca_pem == other.key.ca_pem;
+  return {options_.server_url, options_.enrollment, options_.config};
 }
 
 bool Agent_Daemon::open_log(std::string& error)
@@ -358,9 +305,9 @@ void Agent_Daemon::turn_until_ended()
 void Agent_Daemon::reload()
 {
   ignore_result(notifier_.reloading(), "logged");
-  Settings next;
+  Agent_Settings next;
   std::string error;
-  if (!read_settings(next, error) || !can_take(next, error))
+  if (!read_agent_settings(source(), next, error) || !settings_.can_become(next, error))
     ACE_ERROR((LM_ERROR, "The settings stay as they were: %C\n", error.c_str()));
   else
     take(next);
@@ -368,27 +315,7 @@ void Agent_Daemon::reload()
   ignore_result(notifier_.ready(told_status_), "logged");
 }
 
-/// Whether a running agent can work with these. Changes nothing.
-bool Agent_Daemon::can_take(const Settings& next, std::string& error) const
-{
-  // Its identity stands in what jobs and instances have recorded, and without a server no record waits to be reported.
-  if (settings_.key.host_uuid != next.key.host_uuid) {
-    error = (!next.key.enrolled()       ? std::string("this host is not enrolled any more")
-             : settings_.key.enrolled() ? "this host is now enrolled as " + next.key.name + " (" + next.key.host_uuid + ")"
-                                        : "this host was enrolled at " + next.key.url) +
-            "; restart the agent to work with that";
-    return false;
-  }
-  if (next.url.empty() || settings_.same_connection(next))
-    return true;
-  std::string problem;
-  if (TLS_Client_Context::create(next.tls(), problem))
-    return true;
-  error = "no connection to " + next.url + " could be made with them: " + problem;
-  return false;
-}
-
-void Agent_Daemon::take(const Settings& next)
+void Agent_Daemon::take(const Agent_Settings& next)
 {
   std::string error;
   if (next.fresh_key && !keep_server_key(next.key, error)) {

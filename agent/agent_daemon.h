@@ -1,12 +1,11 @@
 #pragma once
 
-#include "agent/agent_config.h"
 #include "agent/agent_jobs.h"
 #include "agent/agent_services.h"
+#include "agent/agent_settings.h"
 #include "agent/host_identity.h"
 #include "agent/instance_service.h"
 #include "agent/module_table.h"
-#include "agent/server_key.h"
 #include "agent/server_link.h"
 #include "agent/service_signals.h"
 #include "agent/systemd_notify.h"
@@ -54,21 +53,7 @@ public:
 
 private:
   bool prepare(std::string& error);
-  /// What agent.toml, the enrollment and the command line say together.
-  struct Settings {
-    Agent_Config config;
-    Server_Key key;
-    bool fresh_key = false; ///< it is not kept yet
-    std::string url;        ///< empty: this host works alone
-
-    std::string name() const;
-    /// The value of the access key header.
-    std::string access() const { return key.enrolled() ? key.header() : ""; }
-    TLS_Client_Options tls() const;
-    bool same_connection(const Settings& other) const;
-  };
-
-  bool read_settings(Settings& settings, std::string& error) const;
+  Agent_Settings_Source source() const;
   bool open_log(std::string& error);
   bool open_jobs(std::string& error);
   bool serve(std::string& error);
@@ -81,8 +66,7 @@ private:
 
   void turn_until_ended();
   void reload();
-  bool can_take(const Settings& next, std::string& error) const;
-  void take(const Settings& next);
+  void take(const Agent_Settings& next);
   void stop();
   void give_up();
   /// Ends everything but the jobs. False when a request of the server is still at work.
@@ -98,7 +82,7 @@ private:
   size_t main_heartbeat_ = 0;
   std::unique_ptr<Watchdog> watchdog_;
   Service_Signals signals_;
-  Settings settings_; ///< in force
+  Agent_Settings settings_; ///< in force
   Host_Identity identity_;
   std::string name_;
   File_Lock lock_;
@@ -118,7 +102,4 @@ private:
   std::string report_problem_; ///< the last one logged
   std::string told_status_;
 };
-
-/// Where agent.toml lies unless another file is named.
-std::string agent_config_path();
 } // namespace kestrel
