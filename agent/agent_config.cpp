@@ -254,7 +254,8 @@ bool Module_Config::operator==(const Module_Config& other) const
          instance_handlers == other.instance_handlers;
 }
 
-Agent_Config reloaded_config(const Agent_Config& now, const Agent_Config& next, std::vector<std::string>& restart)
+Agent_Config reloaded_config(const Agent_Config& now, const Agent_Config& next,
+                             std::vector<std::string>& restart)
 {
   Agent_Config taken = next;
   restart.clear();

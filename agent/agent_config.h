@@ -13,7 +13,10 @@ struct Service_Line {
   std::string factory;
   std::vector<std::string> words;
 
-  bool operator==(const Service_Line& other) const { return factory == other.factory && words == other.words; }
+  bool operator==(const Service_Line& other) const
+  {
+    return factory == other.factory && words == other.words;
+  }
 };
 
 /// What one module is used for. A job type is "backup" or "restore", or a type and one subtype,
@@ -47,9 +50,11 @@ struct Agent_Config {
   std::vector<Module_Config> modules;
 };
 
-/// What a running agent takes over of settings that were read again: all but this host's name, the limits of its jobs and
-/// its modules. `restart` becomes the keys of those that have changed and count with the next start.
-Agent_Config reloaded_config(const Agent_Config& now, const Agent_Config& next, std::vector<std::string>& restart);
+/// What a running agent takes over of settings that were read again: all but this host's name, the limits of
+/// its jobs and its modules. `restart` becomes the keys of those that have changed and count with the next
+/// start.
+Agent_Config reloaded_config(const Agent_Config& now, const Agent_Config& next,
+                             std::vector<std::string>& restart);
 
 /// The settings without a file: the one module of this installation with all that it offers.
 Agent_Config default_agent_config();

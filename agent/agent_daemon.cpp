@@ -6,8 +6,8 @@
 #include "base/scope_guard.h"
 #include "base/version.h"
 #include "instances/instance_handler.h"
-#include "json/json_util.h"
 #include "remote/upstream.h"
+#include "json/json_util.h"
 
 #include <ace/Log_Msg.h>
 
@@ -89,11 +89,13 @@ bool Agent_Daemon::prepare(std::string& error)
   // Before anything is read or written: another agent may be at work on it.
   const std::string lock_path = state_path("agent.lock");
   if (!lock_.try_lock(lock_path)) {
-    error = errno == EWOULDBLOCK ? "another agent runs on the same state (" + lock_path + " is locked); stop it first"
-                                 : "cannot lock " + lock_path + ": " + std::strerror(errno);
+    error = errno == EWOULDBLOCK
+                ? "another agent runs on the same state (" + lock_path + " is locked); stop it first"
+                : "cannot lock " + lock_path + ": " + std::strerror(errno);
     return false;
   }
-  if (!read_agent_settings(source(), settings_, error) || (settings_.fresh_key && !keep_server_key(settings_.key, error)))
+  if (!read_agent_settings(source(), settings_, error) ||
+      (settings_.fresh_key && !keep_server_key(settings_.key, error)))
     return false;
   name_ = settings_.name();
   if (!open_log(error) || !load_host_identity(identity_, error))
@@ -147,7 +149,8 @@ void Agent_Daemon::read_local_definitions()
 {
   json_spirit::Array refused;
   Jobs_Error problem;
-  if (!jobs_->sync_directory(Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT", "jobs").directory(), refused, problem))
+  if (!jobs_->sync_directory(Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT", "jobs").directory(), refused,
+                             problem))
     ACE_ERROR((LM_ERROR, "The definitions of this host cannot be read: %C\n", problem.text.c_str()));
   for (const json_spirit::Value& definition : refused)
     ACE_ERROR((LM_WARNING, "A definition of this host is refused: %C\n", write_json(definition).c_str()));
@@ -268,11 +271,13 @@ Report_Outcome Agent_Daemon::post_runs(const json_spirit::Array& records, Report
   call.seconds = report_seconds;
   json_spirit::Value reply;
   REST_Problem problem;
-  const Report_Outcome outcome = client->call(call, &body, reply, problem) ? read_report_answer(reply, answer)
-                                                                           : read_report_failure(problem, answer);
+  const Report_Outcome outcome = client->call(call, &body, reply, problem)
+                                     ? read_report_answer(reply, answer)
+                                     : read_report_failure(problem, answer);
   if (outcome == Report_Outcome::unreachable && report_problem_ != answer.reason)
     ACE_ERROR((LM_WARNING, "%C not be reported to the server now: %C\n",
-               (in_words(static_cast<unsigned>(records.size()), "run", "runs") + " can").c_str(), answer.reason.c_str()));
+               (in_words(static_cast<unsigned>(records.size()), "run", "runs") + " can").c_str(),
+               answer.reason.c_str()));
   report_problem_ = outcome == Report_Outcome::unreachable ? answer.reason : std::string();
   return outcome;
 }
@@ -281,13 +286,16 @@ bool Agent_Daemon::refuse_runs(const std::vector<Refused_Run>& runs)
 {
   Jobs_Error problem;
   if (!jobs_->mark_refused(runs, problem)) {
-    ACE_ERROR((LM_ERROR, "Runs that the server refuses cannot be marked as such, they will be reported again: %C\n",
+    ACE_ERROR((LM_ERROR,
+               "Runs that the server refuses cannot be marked as such, they will be reported again: %C\n",
                problem.text.c_str()));
     return false;
   }
   for (const Refused_Run& run : runs)
-    ACE_ERROR((LM_WARNING, "The server will not take the record of run %C, which stays in the history of this host only: %C\n",
-               run.run_id.c_str(), run.reason.c_str()));
+    ACE_ERROR(
+        (LM_WARNING,
+         "The server will not take the record of run %C, which stays in the history of this host only: %C\n",
+         run.run_id.c_str(), run.reason.c_str()));
   return true;
 }
 
@@ -349,13 +357,14 @@ std::string Agent_Daemon::status_text() const
   std::string text = "no server";
   if (link_) {
     const Server_Link::Status link = link_->status();
-    text = link.connected           ? "connected to " + settings_.url
-           : link.problem.empty()   ? "connecting to " + settings_.url
-                                    : "not connected to " + settings_.url + ": " + link.problem;
+    text = link.connected         ? "connected to " + settings_.url
+           : link.problem.empty() ? "connecting to " + settings_.url
+                                  : "not connected to " + settings_.url + ": " + link.problem;
   }
   const Agent_Jobs::Counts counts = jobs_->counts();
-  return text + "; " + in_words(counts.running, "run", "runs") + " under way, " + std::to_string(counts.queued) +
-         " waiting; " + in_words(counts.definitions, "definition", "definitions");
+  return text + "; " + in_words(counts.running, "run", "runs") + " under way, " +
+         std::to_string(counts.queued) + " waiting; " +
+         in_words(counts.definitions, "definition", "definitions");
 }
 
 void Agent_Daemon::tell_status()
@@ -402,15 +411,17 @@ bool Agent_Daemon::stop_jobs()
 void Agent_Daemon::stop()
 {
   const Agent_Jobs::Counts counts = jobs_->counts();
-  const std::string text = counts.running == 0 ? "ending"
-                                               : "ending when " + in_words(counts.running, "run has", "runs have") + " ended";
+  const std::string text = counts.running == 0
+                               ? "ending"
+                               : "ending when " + in_words(counts.running, "run has", "runs have") + " ended";
   ACE_DEBUG((LM_INFO, "The agent is %C\n", text.c_str()));
   ignore_result(notifier_.stopping(text), "logged");
   const bool all_ended = stop_jobs();
   if (link_ && link_->status().connected)
     ignore_result(link_->report_now(), "what is left is reported by the next start");
   if (!leave() || !all_ended) {
-    ACE_ERROR((LM_ERROR, "The agent ends although %C still at work\n", all_ended ? "a request is" : "a run is"));
+    ACE_ERROR(
+        (LM_ERROR, "The agent ends although %C still at work\n", all_ended ? "a request is" : "a run is"));
     // Code of a module may be running; unloading it would crash.
     std::_Exit(EXIT_FAILURE);
   }

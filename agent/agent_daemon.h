@@ -20,20 +20,21 @@
 
 namespace kestrel
 {
-/// The agent of a host: runs the jobs of its definitions, and when it is enrolled, does what its backup server asks and
-/// keeps catalog, pools and backups there.
+/// The agent of a host: runs the jobs of its definitions, and when it is enrolled, does what its backup
+/// server asks and keeps catalog, pools and backups there.
 ///
-/// SIGTERM and SIGINT end it: runs under way are waited for or canceled, as agent.toml says; a second one cancels them
-/// at once. SIGHUP reads agent.toml and the enrollment again, whole or not at all: settings that are wrong, and an
-/// enrollment as another host or a first one, leave everything as it was, which the log says. Of what it takes over, the
-/// server's address, key and authority, the log level, the times and the definitions of this host count at once; the log
-/// names those that count with the next start (reloaded_config()).
+/// SIGTERM and SIGINT end it: runs under way are waited for or canceled, as agent.toml says; a second one
+/// cancels them at once. SIGHUP reads agent.toml and the enrollment again, whole or not at all: settings that
+/// are wrong, and an enrollment as another host or a first one, leave everything as it was, which the log
+/// says. Of what it takes over, the server's address, key and authority, the log level, the times and the
+/// definitions of this host count at once; the log names those that count with the next start
+/// (reloaded_config()).
 /// Threads:   run() on the main thread, before any other thread was made.
 /// Ownership: owns everything it makes.
-/// Errors:    run() gives the exit code of the process: 0 after a signal ended it, 1 after one line on the standard error
-///            output that says why it did not start.
-/// Crash:     the next start reports runs that were under way as failed; records that the server has not acknowledged are
-///            sent then.
+/// Errors:    run() gives the exit code of the process: 0 after a signal ended it, 1 after one line on the
+///            standard error output that says why it did not start.
+/// Crash:     the next start reports runs that were under way as failed; records that the server has not
+///            acknowledged are sent then.
 class Agent_Daemon
 {
 public:

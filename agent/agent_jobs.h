@@ -59,11 +59,12 @@ public:
     std::string host_uuid; ///< stands in the records of runs and of backups
     unsigned max_concurrent = 2;
     unsigned history_days = 90;
-    /// Records of ended runs wait for mark_sent() or mark_refused(), however old. False when there is no server.
+    /// Records of ended runs wait for mark_sent() or mark_refused(), however old. False when there is no
+    /// server.
     bool server = true;
-    /// Where the loops of the schedules and of the runs report with every turn, at least twice a second while the disk
-    /// answers, from start() until stop() has ended them. A run may last for hours: its loop turns meanwhile. Not owned,
-    /// must outlive this object; null: nobody watches.
+    /// Where the loops of the schedules and of the runs report with every turn, at least twice a second while
+    /// the disk answers, from start() until stop() has ended them. A run may last for hours: its loop turns
+    /// meanwhile. Not owned, must outlive this object; null: nobody watches.
     Heartbeats* heartbeats = nullptr;
   };
 
@@ -79,8 +80,8 @@ public:
   [[nodiscard]] bool start(std::string& error);
   /// Begins no more runs. Waits for the runs under way for the grace time, or cancels them at once; cancels
   /// what is left then and waits for at most another two minutes. False when a run is still under way after
-  /// that: module code may be running, so the caller may only end the process.
-  /// Meanwhile runs may be canceled from other threads, and afterwards records can still be read and acknowledged.
+  /// that: module code may be running, so the caller may only end the process. Meanwhile runs may be canceled
+  /// from other threads, and afterwards records can still be read and acknowledged.
   [[nodiscard]] bool stop(unsigned grace_seconds, bool cancel);
   /// A stop(), going on or to come, waits no longer for the runs under way and cancels them. From any thread.
   void end_grace();
@@ -118,7 +119,8 @@ public:
   json_spirit::Array unsent_runs(unsigned limit) const;
   /// The server has these; ids that are not known are ignored.
   [[nodiscard]] bool mark_sent(const std::vector<std::string>& run_ids, Jobs_Error& error);
-  /// The server will never take these: history() and list() tell why from now on, unsent_runs() leaves them out.
+  /// The server will never take these: history() and list() tell why from now on, unsent_runs() leaves them
+  /// out.
   [[nodiscard]] bool mark_refused(const std::vector<Refused_Run>& runs, Jobs_Error& error);
 
   struct Counts {

@@ -76,8 +76,9 @@ public:
     const JSON_RPC_Request* request = object.get() ? object->request() : nullptr;
     JSON_RPC_Error error;
     busy(error);
-    return strong.get() && request ? strong->send_error(error.code, request->id(), error.message.c_str(), error.data)
-                                   : -1;
+    return strong.get() && request
+               ? strong->send_error(error.code, request->id(), error.message.c_str(), error.data)
+               : -1;
   }
 
 private:
@@ -86,7 +87,8 @@ private:
 };
 
 Agent_Services::Agent_Services(Identity identity, Agent_Jobs& jobs, Instance_Service& instances)
-    : identity_(std::move(identity)), jobs_(jobs), instances_(instances), gate_(slow_limit), node_gate_(node_state_limit)
+    : identity_(std::move(identity)), jobs_(jobs), instances_(instances), gate_(slow_limit),
+      node_gate_(node_state_limit)
 {
 }
 
@@ -102,8 +104,8 @@ Agent_Services::Method Agent_Services::gated(Method method)
   };
 }
 
-bool Agent_Services::bind(JSON_RPC_Dispatcher& dispatcher, const std::map<std::string, JSON_RPC_Handler*>& handlers,
-                          std::string& error)
+bool Agent_Services::bind(JSON_RPC_Dispatcher& dispatcher,
+                          const std::map<std::string, JSON_RPC_Handler*>& handlers, std::string& error)
 {
   typedef const json_spirit::Value Params;
   typedef json_spirit::Value Result;
@@ -184,7 +186,9 @@ bool Agent_Services::list_instances(const json_spirit::Value& params, json_spiri
                                     JSON_RPC_Error& error)
 {
   bool probe = false;
-  if (!read_params(params, error, [&](const json_spirit::Object& given) { ignore_result(optional(given, "probe", probe), "it has a default"); }))
+  if (!read_params(params, error, [&](const json_spirit::Object& given) {
+        ignore_result(optional(given, "probe", probe), "it has a default");
+      }))
     return false;
   json_spirit::Array instances;
   std::string problem;
@@ -196,7 +200,8 @@ bool Agent_Services::list_instances(const json_spirit::Value& params, json_spiri
   return true;
 }
 
-bool Agent_Services::login(const json_spirit::Value& params, json_spirit::Value& result, JSON_RPC_Error& error)
+bool Agent_Services::login(const json_spirit::Value& params, json_spirit::Value& result,
+                           JSON_RPC_Error& error)
 {
   std::string instance, user;
   secure_string password;
@@ -213,17 +218,20 @@ bool Agent_Services::login(const json_spirit::Value& params, json_spirit::Value&
   if (!read)
     return false;
   if (instance.empty() || user.empty() || password.empty())
-    return refuse(error, JSON_RPC_INVALID_PARAMS, "wrong parameters: instance, user and password may not be empty");
+    return refuse(error, JSON_RPC_INVALID_PARAMS,
+                  "wrong parameters: instance, user and password may not be empty");
   std::string warning, problem;
   if (!instances_.logon(instance, user, password, warning, problem))
-    return refuse(error, JSON_RPC_INTERNAL_ERROR, "the login of " + user + " at " + instance + " failed: " + problem);
+    return refuse(error, JSON_RPC_INTERNAL_ERROR,
+                  "the login of " + user + " at " + instance + " failed: " + problem);
   json_spirit::Object answer;
   answer.emplace_back("warning", warning);
   result = answer;
   return true;
 }
 
-bool Agent_Services::sync_jobs(const json_spirit::Value& params, json_spirit::Value& result, JSON_RPC_Error& error)
+bool Agent_Services::sync_jobs(const json_spirit::Value& params, json_spirit::Value& result,
+                               JSON_RPC_Error& error)
 {
   json_spirit::Array definitions, refused;
   if (!read_params(params, error, [&](const json_spirit::Object& given) {
@@ -239,7 +247,8 @@ bool Agent_Services::sync_jobs(const json_spirit::Value& params, json_spirit::Va
   return true;
 }
 
-bool Agent_Services::control_job(const json_spirit::Value& params, json_spirit::Value& result, JSON_RPC_Error& error)
+bool Agent_Services::control_job(const json_spirit::Value& params, json_spirit::Value& result,
+                                 JSON_RPC_Error& error)
 {
   std::string id, action;
   json_spirit::Object options;
@@ -262,7 +271,8 @@ bool Agent_Services::control_job(const json_spirit::Value& params, json_spirit::
   return true;
 }
 
-bool Agent_Services::job_log(const json_spirit::Value& params, json_spirit::Value& result, JSON_RPC_Error& error)
+bool Agent_Services::job_log(const json_spirit::Value& params, json_spirit::Value& result,
+                             JSON_RPC_Error& error)
 {
   std::string run_id;
   uint64_t offset = 0;

@@ -12,9 +12,9 @@
 
 namespace kestrel
 {
-/// Lets at most so many requests into a handler, and all the others of the same gate, at a time; the rest is answered
-/// with JSON_RPC_BUSY. What runs tools goes through one gate, so that it never takes all the threads that also deliver
-/// announcements to waiting jobs.
+/// Lets at most so many requests into a handler, and all the others of the same gate, at a time; the rest is
+/// answered with JSON_RPC_BUSY. What runs tools goes through one gate, so that it never takes all the threads
+/// that also deliver announcements to waiting jobs.
 /// Threads:   any number at once.
 /// Ownership: the handler is not owned.
 class Service_Gate
@@ -31,7 +31,8 @@ private:
   std::atomic<unsigned> inside_{0};
 };
 
-/// The methods with which a server, and consoles through it, see and steer a host: its own and those of its modules.
+/// The methods with which a server, and consoles through it, see and steer a host: its own and those of its
+/// modules.
 /// Threads:   bind() before the dispatcher starts; the methods run on the dispatcher's threads.
 /// Ownership: jobs, instances and handlers are not owned; all must outlive the dispatcher's stop().
 /// Errors:    as JSON-RPC errors to the caller.
@@ -44,10 +45,11 @@ public:
     std::string name;
     int64_t started = 0; ///< seconds since 1970
   };
-  /// How many requests that run tools may be at work at the same time. The dispatcher needs at least two threads more.
+  /// How many requests that run tools may be at work at the same time. The dispatcher needs at least two
+  /// threads more.
   static constexpr unsigned slow_limit = 6;
-  /// Questions for the node's state run tools too, and have room of their own: who does not answer is left out of the
-  /// choice of a node, and people who browse must not bring that about.
+  /// Questions for the node's state run tools too, and have room of their own: who does not answer is left
+  /// out of the choice of a node, and people who browse must not bring that about.
   static constexpr unsigned node_state_limit = 6;
 
   Agent_Services(Identity identity, Agent_Jobs& jobs, Instance_Service& instances);
@@ -56,8 +58,8 @@ public:
   Agent_Services& operator=(const Agent_Services&) = delete;
 
   /// False with `error` when a module binds a method that is taken.
-  [[nodiscard]] bool bind(JSON_RPC_Dispatcher& dispatcher, const std::map<std::string, JSON_RPC_Handler*>& handlers,
-                          std::string& error);
+  [[nodiscard]] bool bind(JSON_RPC_Dispatcher& dispatcher,
+                          const std::map<std::string, JSON_RPC_Handler*>& handlers, std::string& error);
 
   /// What a host says of itself at the begin of a connection. Waits for no look at its instances.
   json_spirit::Object hello();

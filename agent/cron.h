@@ -39,13 +39,13 @@ public:
   /// 9999.
   [[nodiscard]] bool next_after(time_t time, time_t& next) const;
 
-  /// The last time that was due after `after`, up to and including `until`; false, with `last` untouched, when there was
-  /// none.
+  /// The last time that was due after `after`, up to and including `until`; false, with `last` untouched,
+  /// when there was none.
   [[nodiscard]] bool last_until(time_t until, time_t after, time_t& last) const;
 
-  /// How many times were due after `after`, up to and including `until`. Days are counted as a whole, so years of
-  /// minutes take no longer than years of days; `complete` becomes false when there were more than max_counted_days
-  /// days with such times, and the number is then a lower bound.
+  /// How many times were due after `after`, up to and including `until`. Days are counted as a whole, so
+  /// years of minutes take no longer than years of days; `complete` becomes false when there were more than
+  /// max_counted_days days with such times, and the number is then a lower bound.
   uint64_t count(time_t after, time_t until, bool& complete) const;
   static constexpr unsigned max_counted_days = 2000;
 

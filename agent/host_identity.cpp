@@ -14,7 +14,8 @@ namespace kestrel
 {
 namespace
 {
-bool parse_identity(const std::string& path, const std::string& text, Host_Identity& identity, std::string& error)
+bool parse_identity(const std::string& path, const std::string& text, Host_Identity& identity,
+                    std::string& error)
 {
   json_spirit::Value value;
   Host_Identity found;
@@ -27,7 +28,8 @@ bool parse_identity(const std::string& path, const std::string& text, Host_Ident
     }
   }
   if (!is_uuid(found.host_id) || !is_uuid(found.user_id)) {
-    error = path + " is damaged" + (error.empty() ? "" : " (" + error + ")") + "; restore it from a copy of this host";
+    error = path + " is damaged" + (error.empty() ? "" : " (" + error + ")") +
+            "; restore it from a copy of this host";
     return false;
   }
   identity = found;

@@ -4,8 +4,8 @@
 
 namespace kestrel
 {
-/// Who this installation is, kept in host.json of the state directory and made at the first use. A host that is enrolled
-/// at a backup server has the identity that the server gave it (agent/server_key.h).
+/// Who this installation is, kept in host.json of the state directory and made at the first use. A host that
+/// is enrolled at a backup server has the identity that the server gave it (agent/server_key.h).
 struct Host_Identity {
   std::string host_id; ///< stands in every catalog record
   std::string user_id; ///< uuid of the user that jobs of this installation belong to

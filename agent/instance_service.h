@@ -15,11 +15,11 @@ class Instance_Handler;
 
 namespace kestrel
 {
-/// The instances of a host as an agent shows them: looks for new ones at start and at intervals, looks at the state of
-/// the known ones more often, and tells when anything of that changed.
-/// Threads:   start() and stop() by the owner; the rest from any thread. Calls on one handler are serialised by the
-///            registry. A look for instances runs tools and may take minutes; known() and a list() without one do not
-///            wait for it.
+/// The instances of a host as an agent shows them: looks for new ones at start and at intervals, looks at the
+/// state of the known ones more often, and tells when anything of that changed.
+/// Threads:   start() and stop() by the owner; the rest from any thread. Calls on one handler are serialised
+///            by the registry. A look for instances runs tools and may take minutes; known() and a list()
+///            without one do not wait for it.
 /// Ownership: registry and handlers are not owned and must outlive it.
 /// Errors:    false with one sentence in `error`.
 class Instance_Service
@@ -35,8 +35,8 @@ public:
   Instance_Service(const Instance_Service&) = delete;
   Instance_Service& operator=(const Instance_Service&) = delete;
 
-  /// Called with the new list whenever it differs from the last one, on the thread that found out. Null ends it; no
-  /// call into the former listener goes on afterwards.
+  /// Called with the new list whenever it differs from the last one, on the thread that found out. Null ends
+  /// it; no call into the former listener goes on afterwards.
   void set_listener(std::function<void(const json_spirit::Array&)> listener);
 
   /// Looks at the known instances before it returns, which runs no tools, and for new ones from then on.
@@ -46,11 +46,12 @@ public:
   /// Another interval, from now on.
   void set_probe_msec(int64_t probe_msec);
 
-  /// {"name","uuid","type","port","version","state","home","accounts"} each, by type and name; "port" is null when it is
-  /// not known, "accounts" are user names. With `probe` it looks for new instances first.
-  /// Without, while others look, it gives what was found out last, or why that failed.
+  /// {"name","uuid","type","port","version","state","home","accounts"} each, by type and name; "port" is null
+  /// when it is not known, "accounts" are user names. With `probe` it looks for new instances first. Without,
+  /// while others look, it gives what was found out last, or why that failed.
   [[nodiscard]] bool list(bool probe, json_spirit::Array& instances, std::string& error);
-  /// The list as the listener heard it last; empty when there was none yet. Waits for nothing and looks at nothing.
+  /// The list as the listener heard it last; empty when there was none yet. Waits for nothing and looks at
+  /// nothing.
   json_spirit::Array known();
   /// Tests a login and keeps the account, for every job without one of its own.
   [[nodiscard]] bool logon(const std::string& name, const std::string& user, const secure_string& password,
@@ -75,7 +76,7 @@ private:
   std::condition_variable wake_;
   Settings settings_;
   bool stop_ = false;
-  bool known_ = false; ///< last_ holds a list
+  bool known_ = false;  ///< last_ holds a list
   std::string problem_; ///< why the last attempt to get one failed; empty: it did not
   json_spirit::Array last_;
   std::thread thread_;

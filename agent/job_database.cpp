@@ -91,23 +91,25 @@ Job_Database::~Job_Database() = default;
 
 const Job_Database::Migrations& Job_Database::schema()
 {
-  static const Migrations migrations = {{
-      "CREATE TABLE definition (id TEXT PRIMARY KEY, revision INTEGER NOT NULL, enabled INTEGER NOT NULL, "
-      "origin TEXT NOT NULL, document TEXT NOT NULL, since INTEGER NOT NULL)",
-      "CREATE TABLE run (number INTEGER PRIMARY KEY AUTOINCREMENT, run_id TEXT NOT NULL UNIQUE, "
-      "definition_id TEXT NOT NULL, revision INTEGER NOT NULL, name TEXT NOT NULL, cause TEXT NOT NULL, "
-      "state INTEGER NOT NULL, queued_at INTEGER NOT NULL, started_at INTEGER NOT NULL, ended_at INTEGER NOT "
-      "NULL, "
-      "reason TEXT NOT NULL, log_path TEXT NOT NULL, alerts TEXT NOT NULL, done_bytes INTEGER NOT NULL, "
-      "instance TEXT NOT NULL, sent INTEGER NOT NULL)",
-      "CREATE INDEX run_definition ON run (definition_id, number)",
-      "CREATE INDEX run_unsent ON run (number) WHERE sent = 0",
-      "CREATE INDEX run_open ON run (number) WHERE ended_at = 0",
-      "CREATE INDEX run_ended ON run (ended_at)",
-      "CREATE TABLE setting (name TEXT PRIMARY KEY, value TEXT NOT NULL)",
-  }, {
-      "ALTER TABLE run ADD COLUMN refusal TEXT NOT NULL DEFAULT ''",
-  }};
+  static const Migrations migrations = {
+      {
+          "CREATE TABLE definition (id TEXT PRIMARY KEY, revision INTEGER NOT NULL, "
+          "enabled INTEGER NOT NULL, origin TEXT NOT NULL, document TEXT NOT NULL, since INTEGER NOT NULL)",
+          "CREATE TABLE run (number INTEGER PRIMARY KEY AUTOINCREMENT, run_id TEXT NOT NULL UNIQUE, "
+          "definition_id TEXT NOT NULL, revision INTEGER NOT NULL, name TEXT NOT NULL, cause TEXT NOT NULL, "
+          "state INTEGER NOT NULL, queued_at INTEGER NOT NULL, started_at INTEGER NOT NULL, "
+          "ended_at INTEGER NOT NULL, reason TEXT NOT NULL, log_path TEXT NOT NULL, alerts TEXT NOT NULL, "
+          "done_bytes INTEGER NOT NULL, instance TEXT NOT NULL, sent INTEGER NOT NULL)",
+          "CREATE INDEX run_definition ON run (definition_id, number)",
+          "CREATE INDEX run_unsent ON run (number) WHERE sent = 0",
+          "CREATE INDEX run_open ON run (number) WHERE ended_at = 0",
+          "CREATE INDEX run_ended ON run (ended_at)",
+          "CREATE TABLE setting (name TEXT PRIMARY KEY, value TEXT NOT NULL)",
+      },
+      {
+          "ALTER TABLE run ADD COLUMN refusal TEXT NOT NULL DEFAULT ''",
+      },
+  };
   return migrations;
 }
 

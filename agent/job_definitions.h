@@ -55,9 +55,9 @@ struct Known_Job {
 [[nodiscard]] bool read_offers(const std::string& directory, std::vector<Definition_Offer>& offers,
                                std::vector<std::pair<std::string, std::string>>& problems);
 
-/// Fills what follows from `job.stored`; a definition that cannot be used gets its reason in `refused`. The host of
-/// the definition is this one, whatever the document says: that of a cluster goes to all nodes, and each records its
-/// backups in its own name.
+/// Fills what follows from `job.stored`; a definition that cannot be used gets its reason in `refused`. The
+/// host of the definition is this one, whatever the document says: that of a cluster goes to all nodes, and
+/// each records its backups in its own name.
 void read_definition(const Job_Definition_Loader& loader, const std::string& host_uuid, Known_Job& job);
 
 /// What a module has to hear when `job` is replaced by `other`; when it goes; and when it was enabled or

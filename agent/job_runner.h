@@ -27,22 +27,22 @@ constexpr int64_t loop_limit_msec = 120 * 1000;
 /// Runs jobs: a queue in the order of the requests, a limit on runs at once, and never two runs with the same
 /// lock (run_lock_path). A request that waits for such a lock keeps its place, but lets others pass it.
 /// Threads:   one thread of its own begins and ends the runs; all operations from any thread.
-/// Ownership: module table, notices and heartbeats are not owned and must outlive the runner. A job object exists from
-///            its run's begin to its end.
+/// Ownership: module table, notices and heartbeats are not owned and must outlive the runner. A job object
+///            exists from its run's begin to its end.
 /// Crash:     the records of runs that did not end stay open in the history.
 class Job_Runner : private Job_Event_Listener
 {
 public:
-  /// A run is about to begin, has begun, or has ended; it is listed until this has returned. On the runner's thread, or on the one
-  /// that cancels a waiting run or stops the runner; without locks.
+  /// A run is about to begin, has begun, or has ended; it is listed until this has returned. On the runner's
+  /// thread, or on the one that cancels a waiting run or stops the runner; without locks.
   typedef std::function<void(const Run_Record& record)> Changed;
-  /// Whether a run of the definition may begin now; asked again and again while it may not, with the runner's lock held. A
-  /// request that waits for this keeps its place, but lets others pass it.
+  /// Whether a run of the definition may begin now; asked again and again while it may not, with the runner's
+  /// lock held. A request that waits for this keeps its place, but lets others pass it.
   typedef std::function<bool(const std::string& definition_id)> May_Begin;
 
   /// The thread reports to `heartbeats`, unless null, with every turn, whatever the runs do.
-  Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed, May_Begin may_begin,
-             Heartbeats* heartbeats);
+  Job_Runner(Module_Table& modules, Job_Notices& notices, unsigned max_concurrent, Changed changed,
+             May_Begin may_begin, Heartbeats* heartbeats);
   ~Job_Runner() override;
 
   void start();

@@ -20,9 +20,10 @@ Jobs_Error refusal(const std::string& text)
 }
 } // namespace
 
-/// The definition's run and its job. A waiting one that is to be canceled leaves the queue; one whose job is being made
-/// is canceled as soon as there is one.
-Job_Runner::Run_Ptr Job_Runner::find_run(const std::string& definition_id, bool cancel, Job_Ptr& job, bool& waiting)
+/// The definition's run and its job. A waiting one that is to be canceled leaves the queue; one whose job is
+/// being made is canceled as soon as there is one.
+Job_Runner::Run_Ptr Job_Runner::find_run(const std::string& definition_id, bool cancel, Job_Ptr& job,
+                                         bool& waiting)
 {
   const std::lock_guard<std::mutex> guard(mutex_);
   waiting = false;

@@ -33,8 +33,8 @@ struct Timed_Schedule {
 /// or its clock was set forward. When the clock is set back a little, times that have passed are not due
 /// again; when it is set back by more than back_step_sec everything counts from the new time.
 ///
-/// However long the agent was away, every schedule is looked at once: take_due() takes microseconds for a schedule whose
-/// times were passed by days, a few milliseconds after years.
+/// However long the agent was away, every schedule is looked at once: take_due() takes microseconds for a
+/// schedule whose times were passed by days, a few milliseconds after years.
 /// Threads: one owner at a time.
 class Job_Scheduler
 {
@@ -46,7 +46,7 @@ public:
     time_t at = 0;       ///< the last time that has passed
     bool run = false;    ///< a run is to begin
     bool late = false;   ///< it makes up for a missed one
-    uint64_t missed = 0; ///< times that passed without a run, of all schedules, `at` included unless it is in time
+    uint64_t missed = 0; ///< times without a run, of all schedules; `at` is one unless it is in time
     bool more = false;   ///< there were more than `missed`: Cron_Schedule::max_counted_days
     time_t first_missed = 0;
   };

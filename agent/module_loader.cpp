@@ -5,7 +5,10 @@
 
 namespace kestrel
 {
-Module_Loader::~Module_Loader() { close(); }
+Module_Loader::~Module_Loader()
+{
+  close();
+}
 
 bool Module_Loader::open(const std::string& path)
 {

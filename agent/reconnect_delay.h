@@ -5,9 +5,9 @@
 
 namespace kestrel
 {
-/// How long to wait before the server is dialled again: 1 s, doubling to 60 s, each drawn from the upper half of its
-/// value so that many agents do not return in step. A connection that held for a minute starts the row anew; a refused
-/// access key waits the longest time, since only a person can mend it.
+/// How long to wait before the server is dialled again: 1 s, doubling to 60 s, each drawn from the upper half
+/// of its value so that many agents do not return in step. A connection that held for a minute starts the row
+/// anew; a refused access key waits the longest time, since only a person can mend it.
 /// Threads: one at a time.
 /// Units:   milliseconds on the monotonic clock.
 class Reconnect_Delay

@@ -56,7 +56,8 @@ void insert(soci::session& session, Row row)
   // What was acknowledged or refused stays so.
   session
       << "INSERT INTO run (" << columns
-      << ", sent) VALUES (:a, :b, :c, :d, :e, :f, :g, :h, :i, :j, :k, :l, :m, :n, '', :o) ON CONFLICT (run_id) "
+      << ", sent) VALUES (:a, :b, :c, :d, :e, :f, :g, :h, :i, :j, :k, :l, :m, :n, '', :o) ON CONFLICT "
+         "(run_id) "
          "DO "
          "UPDATE SET state = excluded.state, started_at = excluded.started_at, ended_at = excluded.ended_at, "
          "reason = excluded.reason, log_path = excluded.log_path, alerts = excluded.alerts, "

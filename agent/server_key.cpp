@@ -4,8 +4,8 @@
 #include "base/hex.h"
 #include "base/path_conf.h"
 #include "base/uuid.h"
-#include "json/json_util.h"
 #include "remote/rest_client.h"
+#include "json/json_util.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -50,7 +50,8 @@ Server_Key key_of(const json_spirit::Value& document)
     throw std::runtime_error("its 'name' is empty");
   key.access_key = required<std::string>(object, "access_key");
   if (key.access_key.size() != access_key_digits || !all_hex(key.access_key))
-    throw std::runtime_error("its 'access_key' is not " + std::to_string(access_key_digits) + " hexadecimal digits");
+    throw std::runtime_error("its 'access_key' is not " + std::to_string(access_key_digits) +
+                             " hexadecimal digits");
   key.ca_pem = required<std::string>(object, "ca_pem");
   if (key.ca_pem.find("-----BEGIN CERTIFICATE-----") == std::string::npos)
     throw std::runtime_error("its 'ca_pem' holds no certificate");
@@ -116,7 +117,8 @@ bool load_server_key(Server_Key& key, std::string& error)
     return false;
   }
   if ((status.st_mode & 077) != 0) {
-    error = "the access key in " + path + " may be read by others: enroll this host again, since the key is not " +
+    error = "the access key in " + path +
+            " may be read by others: enroll this host again, since the key is not " +
             "secret any more, or set the file's mode to 0600 if it never left this host";
     return false;
   }
@@ -139,15 +141,17 @@ bool read_enrollment(const std::string& path, Server_Key& key, bool& fresh, std:
       fresh = false;
       return true;
     }
-    error = (usable ? problem : unusable) + "; make an enrollment file with 'kestrel server enroll' on the server and copy it here";
+    error = (usable ? problem : unusable) +
+            "; make an enrollment file with 'kestrel server enroll' on the server and copy it here";
     return false;
   }
   Server_Key read;
   if (!parse_server_key(text, path, read, error))
     return false;
   if (kept.enrolled() && kept.host_uuid != read.host_uuid) {
-    error = path + " enrolls this host as " + read.name + " (" + read.host_uuid + "), but it is " + kept.name + " (" +
-            kept.host_uuid + ") at " + kept.url + ". To make it another host, remove " + server_key_path() + " first";
+    error = path + " enrolls this host as " + read.name + " (" + read.host_uuid + "), but it is " +
+            kept.name + " (" + kept.host_uuid + ") at " + kept.url + ". To make it another host, remove " +
+            server_key_path() + " first";
     return false;
   }
   fresh = !usable || !same(kept, read);

@@ -1,9 +1,9 @@
 #include "agent/server_link.h"
 
 #include "base/scope_guard.h"
-#include "json/json_util.h"
 #include "rpc/json_rpc_peer.h"
 #include "storage/host_manager.h"
+#include "json/json_util.h"
 
 #include <ace/Log_Msg.h>
 
@@ -47,8 +47,8 @@ struct Server_Link::Shared {
   std::condition_variable wake_report; ///< for the reports' thread
   bool stop = false;
   std::shared_ptr<JSON_RPC_Peer> peer; ///< of the connection in use
-  uint64_t connection = 0; ///< number of the one in use
-  uint64_t closed = 0;     ///< number of the last one that has gone
+  uint64_t connection = 0;             ///< number of the one in use
+  uint64_t closed = 0;                 ///< number of the last one that has gone
   std::string close_reason;
   bool instances_waiting = false;
   json_spirit::Array instances;
@@ -73,8 +73,8 @@ json_spirit::Object job_notice_params(const Job_Notice& notice)
   return params;
 }
 
-Server_Link::Server_Link(Settings settings, Link_Host host, JSON_RPC_Dispatcher& dispatcher, Network_Threads& network,
-                         Heartbeats* heartbeats)
+Server_Link::Server_Link(Settings settings, Link_Host host, JSON_RPC_Dispatcher& dispatcher,
+                         Network_Threads& network, Heartbeats* heartbeats)
     : settings_(std::move(settings)), host_(std::move(host)), dispatcher_(dispatcher), client_(network),
       heartbeats_(heartbeats), delay_(settings_.seed == 0 ? any_seed() : settings_.seed),
       shared_(std::make_shared<Shared>())
@@ -153,7 +153,8 @@ bool Server_Link::stopping() const
 
 void Server_Link::pause(int64_t msec)
 {
-  const Time::time_point end = Time::now() + std::chrono::milliseconds(std::min(msec, settings_.longest_delay_msec));
+  const Time::time_point end =
+      Time::now() + std::chrono::milliseconds(std::min(msec, settings_.longest_delay_msec));
   std::unique_lock<std::mutex> lock(shared_->mutex);
   while (!shared_->stop && Time::now() < end) {
     shared_->wake.wait_until(lock, std::min(end, Time::now() + turn));
@@ -269,7 +270,8 @@ void Server_Link::note_problem(const std::string& text, bool refused)
     ACE_ERROR((LM_ERROR, "The backup server %C refuses this host: %C Until then it is asked once a minute.\n",
                settings_.url.c_str(), text.c_str()));
   else
-    ACE_ERROR((LM_WARNING, "No connection to the backup server %C: %C\n", settings_.url.c_str(), text.c_str()));
+    ACE_ERROR(
+        (LM_WARNING, "No connection to the backup server %C: %C\n", settings_.url.c_str(), text.c_str()));
 }
 
 void Server_Link::note_connected()
@@ -332,7 +334,8 @@ void Server_Link::run_reports()
   std::unique_lock<std::mutex> lock(shared_->mutex);
   while (!shared_->stop) {
     shared_->wake_report.wait_until(lock, next, [this, failed] {
-      return shared_->stop || (shared_->status.connected && (shared_->connected_anew || (shared_->report_due && !failed)));
+      return shared_->stop ||
+             (shared_->status.connected && (shared_->connected_anew || (shared_->report_due && !failed)));
     });
     if (shared_->stop)
       break;
@@ -390,8 +393,8 @@ bool Server_Link::report(const json_spirit::Array& records, std::set<std::string
          report(json_spirit::Array(middle, records.end()), settled);
 }
 
-/// Notes what became of the records. False when it says nothing of any, or cannot be noted. A server cannot settle what it
-/// was not sent.
+/// Notes what became of the records. False when it says nothing of any, or cannot be noted. A server cannot
+/// settle what it was not sent.
 bool Server_Link::settle(const json_spirit::Array& records, const Report_Answer& answer,
                          std::set<std::string>& settled)
 {

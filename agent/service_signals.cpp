@@ -16,7 +16,8 @@ namespace
 std::atomic<unsigned> termination_count{0};
 std::atomic<bool> reload_wanted{false};
 std::atomic<int> wake_fd{-1};
-static_assert(std::atomic<unsigned>::is_always_lock_free && std::atomic<int>::is_always_lock_free, "signal handlers");
+static_assert(std::atomic<unsigned>::is_always_lock_free && std::atomic<int>::is_always_lock_free,
+              "signal handlers");
 
 const int handled[] = {SIGTERM, SIGINT, SIGHUP};
 

@@ -7,8 +7,9 @@
 
 namespace kestrel
 {
-/// The signals that steer a daemon. Handlers only count and wake; the daemon asks in its own time. Child processes get the
-/// default actions back when they are started, as handlers always do; blocked signals would reach them as such.
+/// The signals that steer a daemon. Handlers only count and wake; the daemon asks in its own time. Child
+/// processes get the default actions back when they are started, as handlers always do; blocked signals would
+/// reach them as such.
 /// Threads: one object at a time in a process; made and used on the main thread.
 /// Errors:  install(): false with errno.
 class Service_Signals

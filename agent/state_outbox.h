@@ -10,11 +10,12 @@
 
 namespace kestrel
 {
-/// What the server is still to be told of jobs: at most one notice for each job, the newest. A job keeps its place in the
-/// row, so that one that changes all the time does not keep others waiting, nor waits itself for ever.
+/// What the server is still to be told of jobs: at most one notice for each job, the newest. A job keeps its
+/// place in the row, so that one that changes all the time does not keep others waiting, nor waits itself for
+/// ever.
 /// Threads: any.
-/// Errors:  beyond the limit the job that waits longest is dropped; the server hears of it with the next change or the
-///          next connection.
+/// Errors:  beyond the limit the job that waits longest is dropped; the server hears of it with the next
+///          change or the next connection.
 class State_Outbox
 {
 public:

@@ -130,7 +130,8 @@ bool Service_Notifier::reloading() const
   // The time lets the service manager tell this reload from one before.
   timespec now = {};
   ::clock_gettime(CLOCK_MONOTONIC, &now);
-  const uint64_t usec = static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+  const uint64_t usec =
+      static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
   return send("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(usec));
 }
 

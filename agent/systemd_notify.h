@@ -11,17 +11,18 @@
 
 namespace kestrel
 {
-/// Tells the service manager that started this process how it stands: one datagram a message to the socket that
-/// $NOTIFY_SOCKET names (a path, or with '@' in front an abstract name). Without one every call does nothing.
+/// Tells the service manager that started this process how it stands: one datagram a message to the socket
+/// that $NOTIFY_SOCKET names (a path, or with '@' in front an abstract name). Without one every call does
+/// nothing.
 /// Threads: const operations from any thread.
-/// Errors:  true when the message was taken, and when nobody asked for any; a failure is logged once as a warning, since
-///          a service manager that is gone would otherwise fill the log.
+/// Errors:  true when the message was taken, and when nobody asked for any; a failure is logged once as a
+///          warning, since a service manager that is gone would otherwise fill the log.
 class Service_Notifier
 {
 public:
   Service_Notifier() = default;
-  /// Takes the variables over and removes them from the environment, so that the tools that jobs start do not speak in
-  /// this process's name. Call it before the first thread.
+  /// Takes the variables over and removes them from the environment, so that the tools that jobs start do not
+  /// speak in this process's name. Call it before the first thread.
   [[nodiscard]] static Service_Notifier from_environment();
   /// `socket` empty: nobody listens. `watchdog_usec` 0: nobody watches.
   Service_Notifier(std::string socket, uint64_t watchdog_usec);
@@ -50,8 +51,8 @@ private:
   mutable bool warned_ = false;
 };
 
-/// Feeds the service manager's watchdog as long as no loop is stuck; once one is, it says which and feeds no more, so
-/// that the service manager ends and restarts the process. A loop that turns again is fed again.
+/// Feeds the service manager's watchdog as long as no loop is stuck; once one is, it says which and feeds no
+/// more, so that the service manager ends and restarts the process. A loop that turns again is fed again.
 /// Threads:   start() and stop() on one thread; the feeding is done on a thread of its own.
 /// Ownership: notifier and heartbeats are not owned and must outlive it.
 class Watchdog

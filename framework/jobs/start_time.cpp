@@ -66,7 +66,8 @@ Handed_Out read_stamps(int handle)
   std::string text(MAX_STAMPS * STAMP_BYTES, '\0');
   const ssize_t count = file_system().pread(handle, &text[0], text.size(), 0);
   Handed_Out found;
-  for (std::size_t at = 0; count > 0 && at + STAMP_BYTES <= static_cast<std::size_t>(count); at += STAMP_BYTES) {
+  for (std::size_t at = 0; count > 0 && at + STAMP_BYTES <= static_cast<std::size_t>(count);
+       at += STAMP_BYTES) {
     const std::string line = text.substr(at, STAMP_BYTES);
     if (line.find_first_not_of("0123456789") != STAMP_BYTES - 1 || line.back() != '\n')
       break; // rubbish, or the blanks behind the last one

@@ -16,9 +16,10 @@ namespace kestrel
 /// aborting and the tool has neither moved a byte (touch()) nor printed a line for the grace time, the tool's
 /// process group is terminated; the executor then sees the end of the stream. The grace begins no earlier
 /// than the cancel; with a grace time of 0 the cancel ends the tool at once, whatever it does. A job that
-/// nobody cancels is never disturbed. Once the owner has told the tool to end (expect_end()), what it prints counts no
-/// more: a tool that ignores that has the grace time, and is then ended however busy it seems. A job can be held up, too, after its tool has ended, by a process that
-/// the tool left behind with its pipe; the owner of the tool says how to free it from that.
+/// nobody cancels is never disturbed. Once the owner has told the tool to end (expect_end()), what it prints
+/// counts no more: a tool that ignores that has the grace time, and is then ended however busy it seems. A
+/// job can be held up, too, after its tool has ended, by a process that the tool left behind with its pipe;
+/// the owner of the tool says how to free it from that.
 ///
 /// Threads:   makes one thread, ended and joined by the destructor; touch() from any thread.
 /// Ownership: job and handler are not owned and must outlive the watch.
