@@ -108,13 +108,17 @@ bool is_certificate_failure(CURLcode code)
          code == CURLE_SSL_ISSUER_ERROR || code == CURLE_SSL_INVALIDCERTSTATUS;
 }
 
-/// What is wrong with a certificate, and what to do.
-std::string trust_problem(CURL* handle, CURLcode code, const std::string& why)
+/// What is wrong with a certificate, and what to do. names_authority: the caller said whom to trust.
+std::string trust_problem(CURL* handle, CURLcode code, const std::string& why, bool names_authority)
 {
   long result = X509_V_OK;
   curl_easy_getinfo(handle, CURLINFO_SSL_VERIFYRESULT, &result);
-  if (code == CURLE_SSL_CACERT_BADFILE)
-    return why + "; check the file of the authority";
+  if (code == CURLE_SSL_CACERT_BADFILE) {
+    if (names_authority)
+      return why + "; check the file of the authority";
+    // A host without the package of the well-known authorities (ca-certificates) knows none at all.
+    result = X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY;
+  }
   switch (result) {
   // The library compares the name first, and has no result of the signature then.
   case X509_V_OK:
@@ -312,7 +316,8 @@ private:
                      std::to_string(attempt.call.most_answer_bytes) + " bytes";
     } else if (is_certificate_failure(code)) {
       problem.kind = REST_Problem::unusable;
-      problem.text = "the server at " + base_ + " cannot be trusted: " + trust_problem(handle, code, why);
+      problem.text = "the server at " + base_ + " cannot be trusted: " +
+                     trust_problem(handle, code, why, !options_.ca_pem.empty() || !options_.ca_file.empty());
     } else if (problem.kind == REST_Problem::unreachable)
       problem.text = "cannot reach the backup server " + base_ + ": " + why +
                      "; check that it runs and that the network lets this host through";

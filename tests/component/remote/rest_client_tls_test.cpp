@@ -62,6 +62,18 @@ TEST_F(Rest_Client_Tls, trusts_nobody_else)
   EXPECT_EQ(0u, place_.requests().size());
 }
 
+TEST_F(Rest_Client_Tls, says_when_the_file_of_the_authority_is_not_there)
+{
+  place_.listen();
+  REST_Client_Options options = place_.client_options();
+  options.ca_pem.clear();
+  options.ca_file = place_.dir / "nosuch.pem";
+  EXPECT_FALSE(get(options));
+  EXPECT_EQ(REST_Problem::unusable, problem_.kind);
+  EXPECT_TRUE(says("nosuch.pem; check the file of the authority")) << problem_.text;
+  EXPECT_EQ(0u, place_.requests().size());
+}
+
 TEST_F(Rest_Client_Tls, refuses_a_certificate_of_another_host)
 {
   place_.make_certificate("elsewhere.example");
