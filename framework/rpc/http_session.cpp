@@ -43,9 +43,23 @@ public:
   bool remote() const override { return true; }
   bool connect(const std::string& host, unsigned short port)
   {
-    const ACE_INET_Addr address(port, host.c_str());
-    const ACE_Time_Value limit(HTTP_Session_Factory::CONNECT_SECONDS);
-    return ACE_SOCK_Connector().connect(stream_, address, &limit) == 0;
+    ACE_INET_Addr address(port, host.c_str());
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::seconds(HTTP_Session_Factory::CONNECT_SECONDS);
+    // A name may stand for several addresses, "localhost" for one of each protocol: the server listens on
+    // one.
+    do {
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) {
+        errno = ETIMEDOUT;
+        return false;
+      }
+      const ACE_Time_Value limit(left);
+      if (ACE_SOCK_Connector().connect(stream_, address, &limit) == 0)
+        return true;
+    } while (address.next());
+    return false;
   }
 
   /// The TLS handshake, with the server's certificate checked. False with errno.

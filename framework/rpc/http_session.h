@@ -43,8 +43,9 @@ class HTTP_Session_Factory
 public:
   static constexpr int CONNECT_SECONDS = 10;
 
-  /// An empty host always succeeds. With ssl and a registered CA (WebSocket_Options) the server must prove
-  /// that it is `host`; without a CA the handshake is left to the first request.
+  /// An empty host always succeeds. The addresses of a name are tried in turn, within CONNECT_SECONDS
+  /// altogether. With ssl and a registered CA (WebSocket_Options) the server must prove that it is `host`;
+  /// without a CA the handshake is left to the first request.
   static std::unique_ptr<HTTP_Session> create(const std::string& host, unsigned short port, bool ssl);
 };
 

@@ -38,6 +38,15 @@ TEST(HTTP_Session, is_none_when_nobody_listens)
   EXPECT_FALSE(HTTP_Session_Factory::create("127.0.0.1", port.port(), false));
 }
 
+TEST(HTTP_Session, tries_every_address_of_a_name)
+{
+  // On most hosts the first address of this name is of the other protocol.
+  const Loopback_Listener port;
+  EXPECT_TRUE(HTTP_Session_Factory::create("localhost", port.port(), false));
+  const Loopback_Listener silent(0, false);
+  EXPECT_FALSE(HTTP_Session_Factory::create("localhost", silent.port(), false));
+}
+
 TEST(WebSocket_Options, are_those_that_the_host_process_set)
 {
   WebSocket_Options options;
