@@ -42,7 +42,7 @@ void Agent_Hub::set_listeners(Listeners listeners)
   state_->listeners = std::move(listeners);
 }
 
-bool Agent_Hub::start(std::string& error)
+bool Agent_Hub::start(std::string& error, Heartbeats* heartbeats)
 {
   State* const state = state_.get();
   try {
@@ -60,6 +60,7 @@ bool Agent_Hub::start(std::string& error)
   options.queue_limit = 8192;
   options.open_limit = 16384;
   options.channel_queue_limit = 512;
+  options.heartbeats = heartbeats;
   if (!state->bind_methods() || !state->dispatcher.start(options)) {
     error = "The service for agents cannot be started; the log says why";
     return false;

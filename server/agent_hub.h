@@ -13,6 +13,7 @@
 
 namespace kestrel
 {
+class Heartbeats;
 class Server_Database;
 
 /// What the server knows of one host.
@@ -52,8 +53,9 @@ public:
   Agent_Hub& operator=(const Agent_Hub&) = delete;
 
   void set_listeners(Listeners listeners); ///< before start()
-  /// Reads what is known of the hosts and begins to serve agents. False with `error` for the user.
-  [[nodiscard]] bool start(std::string& error);
+  /// Reads what is known of the hosts and begins to serve agents. False with `error` for the user. `heartbeats` hear
+  /// of the dispatcher; null: nobody watches; else not owned, and must outlive stop().
+  [[nodiscard]] bool start(std::string& error, Heartbeats* heartbeats = nullptr);
   /// Ends all connections and takes no more.
   void stop();
 

@@ -74,7 +74,7 @@ private:
 struct Agent_Hub_Service::Parts {
   Parts(Server_Database& database, const Options& given)
       : options(given), hub(database), gate(given.waiting), definitions(database), runs(database),
-        history(database), sync(hub, definitions), served_hosts(hub, definitions),
+        history(database), sync(hub, definitions, given.heartbeats), served_hosts(hub, definitions),
         coordinator(served_hosts, history, given.cluster), host_resources(hub, gate),
         job_resources(hub, gate, definitions, sync, runs,
                       [this](const std::string& definition) { coordinator.new_run(definition); }),
@@ -178,7 +178,7 @@ bool Agent_Hub_Service::start(std::string& error)
     return false;
   }
   parts_->listen();
-  if (!parts_->coordinator.start(error, parts_->options.heartbeats) || !parts_->hub.start(error))
+  if (!parts_->coordinator.start(error, parts_->options.heartbeats) || !parts_->hub.start(error, parts_->options.heartbeats))
     return false;
   parts_->upkeep = std::thread([parts = parts_.get()] { parts->keep_up(); });
   return true;

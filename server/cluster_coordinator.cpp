@@ -400,6 +400,7 @@ bool Cluster_Coordinator::start(std::string& error, Heartbeats* heartbeats)
     error = std::string("The node selections cannot be read from the server's database: ") + failure.what();
     return false;
   }
+  state_->workers.watch(heartbeats, "questions to nodes");
   state_->thread = std::thread([state = state_.get(), heartbeats] { state->run(heartbeats); });
   return true;
 }

@@ -51,7 +51,7 @@ public:
   Cluster_Coordinator(const Cluster_Coordinator&) = delete;
   Cluster_Coordinator& operator=(const Cluster_Coordinator&) = delete;
 
-  /// `heartbeats` hears of its thread; null: nobody watches; else not owned, and must outlive stop().
+  /// `heartbeats` hears of its threads; null: nobody watches; else not owned, and must outlive stop().
   [[nodiscard]] bool start(std::string& error, Heartbeats* heartbeats = nullptr);
   /// Decides nothing more: to be called before the agents' connections are ended, which would look as if they had gone.
   void stop_choosing();

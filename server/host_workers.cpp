@@ -1,5 +1,7 @@
 #include "server/host_workers.h"
 
+#include "base/queue_watch.h"
+
 #include <ace/Log_Msg.h>
 
 #include <condition_variable>
@@ -12,6 +14,12 @@
 
 namespace kestrel
 {
+namespace
+{
+/// A task waits for its host for less than a minute at a time, and takes several turns at most.
+constexpr int64_t STUCK_MSEC = 15 * 60 * 1000;
+} // namespace
+
 struct Host_Workers::State {
   struct Host {
     std::deque<std::function<void()>> waiting;
@@ -27,6 +35,7 @@ struct Host_Workers::State {
   std::deque<std::string> ready; ///< hosts that may run another task, in turn
   std::vector<std::thread> threads;
   unsigned idle = 0;
+  Queue_Watch watch;
   bool stopping = false;
 
   void list(const std::string& name, Host& host)
@@ -35,6 +44,7 @@ struct Host_Workers::State {
       return;
     host.listed = true;
     ready.push_back(name);
+    watch.look(true);
     changed.notify_one();
   }
 
@@ -43,6 +53,7 @@ struct Host_Workers::State {
   {
     const std::string name = ready.front();
     ready.pop_front();
+    watch.taken(!ready.empty());
     Host& host = hosts[name];
     host.listed = false;
     std::function<void()> task = std::move(host.waiting.front());
@@ -89,6 +100,12 @@ Host_Workers::~Host_Workers()
   stop();
 }
 
+void Host_Workers::watch(Heartbeats* heartbeats, const std::string& name)
+{
+  const std::lock_guard<std::mutex> guard(state_->mutex);
+  state_->watch.begin(heartbeats, name, STUCK_MSEC);
+}
+
 void Host_Workers::add(const std::string& host_uuid, std::function<void()> task)
 {
   const std::lock_guard<std::mutex> guard(state_->mutex);
@@ -107,6 +124,7 @@ void Host_Workers::stop()
   {
     const std::lock_guard<std::mutex> guard(state_->mutex);
     state_->stopping = true;
+    state_->watch.end();
     threads.swap(state_->threads);
     state_->changed.notify_all();
   }

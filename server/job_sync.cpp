@@ -44,9 +44,10 @@ std::map<std::string, std::string> read_refusals(const json_spirit::Value& answe
 }
 } // namespace
 
-Job_Sync::Job_Sync(Agent_Hub& hub, Job_Definitions& definitions)
+Job_Sync::Job_Sync(Agent_Hub& hub, Job_Definitions& definitions, Heartbeats* heartbeats)
     : hub_(hub), definitions_(definitions), workers_(THREADS, 1)
 {
+  workers_.watch(heartbeats, "definitions for hosts");
 }
 
 /// With the lock held.

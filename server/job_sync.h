@@ -20,11 +20,12 @@ class Job_Definitions;
 /// changes meanwhile is sent after it. A host that cannot be reached gets its set when it greets, one that
 /// does not take it is asked again at every retry().
 /// Threads:   any. wanted(), hello() and list_again() do not wait for agents.
-/// Ownership: hub and definitions are not owned and must outlive stop().
+/// Ownership: hub, definitions and heartbeats are not owned and must outlive stop().
 class Job_Sync
 {
 public:
-  Job_Sync(Agent_Hub& hub, Job_Definitions& definitions);
+  /// `heartbeats` hear of its threads; null: nobody watches.
+  Job_Sync(Agent_Hub& hub, Job_Definitions& definitions, Heartbeats* heartbeats = nullptr);
 
   /// These hosts must be sent their definitions again.
   void wanted(const std::vector<std::string>& host_uuids);

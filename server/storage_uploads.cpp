@@ -177,6 +177,10 @@ void Storage_Uploads::stop()
     cleaner_.join();
 }
 
+/// No heartbeat on purpose. A turn waits for nothing but the disks of pools, and one that hangs, such as that of a
+/// file server that is away, holds up neither requests nor the files of other pools: all that stays undone is the
+/// removal of what nobody continues. A restart would not free a thread that hangs in the kernel, would end the
+/// transfers to all other pools, and would then hang at the same disk in load().
 void Storage_Uploads::run()
 {
   const auto interval = std::chrono::seconds(limits_.clean_up_seconds);

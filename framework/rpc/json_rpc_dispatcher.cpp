@@ -1,6 +1,7 @@
 #include "rpc/json_rpc_dispatcher.h"
 
 #include "base/ignore_result.h"
+#include "base/queue_watch.h"
 #include "rpc/json_rpc_reply.h"
 #include "rpc/json_rpc_request_parts.h"
 #include "rpc/json_rpc_task_queue.h"
@@ -27,6 +28,9 @@ typedef ACE_Strong_Bound_Ptr<JSON_RPC_Channel, ACE_Thread_Mutex> Strong_Channel;
 typedef ACE_Weak_Bound_Ptr<JSON_RPC_Channel, ACE_Thread_Mutex> Weak_Channel;
 typedef JSON_RPC_Binding Binding;
 typedef JSON_RPC_Task Task;
+
+/// Longer than the longest call, which its caller waits for: 5 minutes.
+constexpr int64_t STUCK_MSEC = 15 * 60 * 1000;
 
 struct Open_Request {
   const Message_Channel* from;
@@ -67,6 +71,7 @@ struct JSON_RPC_Dispatcher::Core : std::enable_shared_from_this<JSON_RPC_Dispatc
   bool stopping = false;
   bool was_full = false;
   JSON_RPC_Task_Queue queue;
+  Queue_Watch watch;
   std::unordered_map<uint64_t, Open_Request> open;
   uint64_t last_key = 0;
   Statistics statistics;
@@ -87,6 +92,7 @@ void JSON_RPC_Dispatcher::Core::serve()
     --statistics.running;
     if (queue.has_run(task))
       work.notify_one();
+    watch.look(!queue.empty());
   }
   const std::lock_guard<std::mutex> guard(mutex);
   --live_threads;
@@ -100,8 +106,11 @@ bool JSON_RPC_Dispatcher::Core::next(Task& task, std::unique_lock<std::mutex>& l
     work.wait(lock, [this] { return stopping || !queue.empty(); });
     if (stopping)
       return false;
-    if (!queue.take(task))
+    if (!queue.take(task)) {
+      watch.look(!queue.empty());
       continue;
+    }
+    watch.taken(!queue.empty());
     ++statistics.running;
     return true;
   }
@@ -208,6 +217,7 @@ const char* JSON_RPC_Dispatcher::Core::enqueue(Task& task, const std::shared_ptr
   if (answers)
     open.emplace(task.key, Open_Request{task.from.get(), answers, task.channel});
   queue.push(std::move(task));
+  watch.look(true);
   work.notify_one();
   return nullptr;
 }
@@ -296,6 +306,7 @@ bool JSON_RPC_Dispatcher::Core::start(const Options& wanted)
   }
   options = wanted;
   started = true;
+  watch.begin(options.heartbeats, "JSON-RPC calls", STUCK_MSEC);
   try {
     while (threads.size() < options.threads) {
       threads.emplace_back([self = shared_from_this()] { self->serve(); });
@@ -318,6 +329,7 @@ bool JSON_RPC_Dispatcher::stop()
     if (!core_->started)
       return true;
     core_->stopping = true;
+    core_->watch.end();
     refused = core_->take_queued([](const Task&) { return true; });
     core_->work.notify_all();
   }
@@ -393,6 +405,7 @@ void JSON_RPC_Dispatcher::Intake::forget(const Message_Channel* from)
   std::vector<Strong_Channel> channels; // both freed without the lock
   const std::lock_guard<std::mutex> guard(core_->mutex);
   dropped = core_->take_queued([from](const Task& task) { return task.from.get() == from && task.key; });
+  core_->watch.look(!core_->queue.empty());
   for (auto request = core_->open.begin(); request != core_->open.end();) {
     if (request->second.from != from) {
       ++request;

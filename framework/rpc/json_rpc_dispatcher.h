@@ -10,6 +10,8 @@
 
 namespace kestrel
 {
+class Heartbeats;
+
 /// The codes that the host itself answers with, and those of its services.
 enum JSON_RPC_Code {
   JSON_RPC_PARSE_ERROR = -32700,
@@ -61,6 +63,9 @@ public:
     unsigned open_limit = 4096;        ///< requests whose answers are outstanding, queued or not
     unsigned batch_limit = 1000;       ///< requests of one batch
     int stop_timeout_msec = 30 * 1000; ///< how long stop() waits for handlers
+    /// Hear of it while requests wait that a thread could take: it counts as stuck when none was taken for 15
+    /// minutes. Null: nobody watches; else not owned, and must outlive stop().
+    Heartbeats* heartbeats = nullptr;
   };
   struct Statistics {
     uint64_t received = 0; ///< requests and notifications, batches counted by their parts

@@ -1,5 +1,8 @@
 #include "dispatcher_fixture.h"
 
+#include "base/heartbeat.h"
+#include "support/clocks.h"
+
 #include <atomic>
 #include <map>
 #include <thread>
@@ -25,6 +28,40 @@ TEST_F(Dispatcher_Test, is_busy_when_the_queue_is_full)
   EXPECT_EQ(R"({"jsonrpc":"2.0","id":"fits","result":null})", channel_->wait_sent(4)[3]);
   EXPECT_EQ(R"({"jsonrpc":"2.0","id":10,"result":null})",
             ask(R"({"jsonrpc":"2.0","method":"echo","id":10})"));
+}
+
+TEST_F(Dispatcher_Test, long_calls_are_no_stuck_dispatcher_and_calls_that_nobody_takes_are)
+{
+  typedef std::vector<std::string> Names;
+  const int64_t long_msec = 20 * 60 * 1000;
+  Fake_Clock clock;
+  kestrel::Heartbeats heartbeats;
+  JSON_RPC_Dispatcher::Options options;
+  options.threads = 2;
+  options.heartbeats = &heartbeats;
+  EXPECT_TRUE(dispatcher_.start(options));
+  clock.advance_msec(long_msec);
+  EXPECT_TRUE(heartbeats.stuck().empty()) << "there is nothing to do";
+  send(R"([{"jsonrpc":"2.0","method":"wait"},{"jsonrpc":"2.0","method":"wait"}])");
+  gate_.wait_for(2);
+  clock.advance_msec(long_msec);
+  EXPECT_TRUE(heartbeats.stuck().empty()) << "nobody waits for them";
+  send(R"({"jsonrpc":"2.0","method":"echo","id":1})");
+  EXPECT_TRUE(heartbeats.stuck().empty());
+  clock.advance_msec(long_msec);
+  EXPECT_EQ(Names{"JSON-RPC calls"}, heartbeats.stuck());
+  dispatcher_.forget(channel_.get());
+  EXPECT_TRUE(heartbeats.stuck().empty()) << "who waited has gone";
+  send(R"({"jsonrpc":"2.0","method":"echo","id":2})");
+  clock.advance_msec(long_msec);
+  EXPECT_EQ(Names{"JSON-RPC calls"}, heartbeats.stuck());
+  gate_.open();
+  settle();
+  EXPECT_TRUE(heartbeats.stuck().empty());
+  EXPECT_TRUE(dispatcher_.stop());
+  send(R"({"jsonrpc":"2.0","method":"echo","id":3})");
+  clock.advance_msec(long_msec);
+  EXPECT_TRUE(heartbeats.stuck().empty()) << "what has ended is not missed";
 }
 
 TEST_F(Dispatcher_Test, one_connection_cannot_take_the_whole_queue)
