@@ -32,6 +32,7 @@ void fill_entry(const json_spirit::Object& row, Backup_Entry& entry)
   entry.end_time = static_cast<time_t>(value_or_default<int64_t>(row, "end_time"));
   entry.available = !value_or_default<json_spirit::Array>(row, "state").empty();
   entry.state_reason = value_or_default<std::string>(row, "state_reason");
+  entry.deleting = value_or_default<bool>(row, "deletion_begun");
   entry.predecessor_missing = value_or_default<bool>(row, "predecessor_missing");
   entry.full_backup_id = value_or_default<std::string>(row, "full_backup_id");
   entry.lsn = number_of_row(row, "backup_lsn");

@@ -31,6 +31,7 @@ struct Backup_Entry {
   time_t end_time = 0;
   bool available = false;
   std::string state_reason;
+  bool deleting = false; ///< its deletion has begun and is to be finished; never available
   std::string damage; ///< of its record, of which only part could be read; "" when all is well
   bool predecessor_missing = false;
   std::string predecessor_id;

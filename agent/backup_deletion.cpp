@@ -55,6 +55,7 @@ std::string list_of(const std::vector<std::string>& uuids)
 struct Backup_Deletion::Found {
   Deleted_Backup backup;
   bool available = false;
+  bool deleting = false;
   std::string state_reason;
 };
 
@@ -96,6 +97,7 @@ Backup_Deletion::Found Backup_Deletion::look_up(const std::string& uuid)
     result.backup.file = value_or_default<std::string>(row, "backup_file");
     result.backup.stored_size = number_of_row(row, "backup_set_storage_size");
     result.available = !value_or_default<Array>(row, "state").empty();
+    result.deleting = value_or_default<bool>(row, "deletion_begun");
     result.state_reason = value_or_default<std::string>(row, "state_reason");
     return result;
   }
@@ -147,19 +149,23 @@ void Backup_Deletion::connect(const Deleted_Backup& backup, Pool_Info& pool, Dir
 void Backup_Deletion::mark(const Found& found)
 {
   ask([&](std::string& error) {
-    return catalog_->set_state(found.backup.uuid, Set_State::unavailable,
+    return catalog_->set_state(found.backup.uuid, Set_State::deleting,
                                "its deletion has begun; delete it again to finish that", error);
   });
 }
 
+/// Unless an earlier deletion had marked it: what that one left of the file is not known.
 void Backup_Deletion::unmark(const Found& found)
 {
+  if (found.deleting)
+    return;
   std::string error;
-  const Set_State state = found.available ? Set_State::available : Set_State::unavailable;
+  const std::string reason = found.available            ? std::string()
+                             : found.state_reason.empty() ? "it was unavailable before"
+                                                          : found.state_reason;
   ignore_result(retry_while_busy(retry_seconds_, error,
                                  [&](std::string& text) {
-                                   return catalog_->set_state(found.backup.uuid, state, found.state_reason,
-                                                              text);
+                                   return catalog_->set_state(found.backup.uuid, Set_State::spared, reason, text);
                                  }),
                 "the mark says what to do, and the refusal is told");
 }

@@ -114,7 +114,7 @@ struct Stored_Place {
 
 bool find_place(const std::string& pool_uuid, const Backup_Entry& backup, Stored_Place& place)
 {
-  if (!backup.damage.empty()) {
+  if (!backup.damage.empty() || backup.deleting) {
     place.problem = backup.state_reason;
     return false;
   }

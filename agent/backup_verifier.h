@@ -22,7 +22,7 @@ struct Verification {
 
 /// Reads every stored byte of a backup through the same client as a restore and checks: both checksums, the
 /// sizes and checksums that the catalog keeps, and the structure of the stream (info head and info data).
-/// Needs no database server and changes nothing.
+/// Needs no database server and changes nothing. A backup whose deletion has begun is not read: unknown.
 /// Threads: any; blocks for as long as the reading takes. `progress` and `cancel_requested` may be empty;
 ///          they are called on the calling thread.
 Verification verify_backup(const Backup_Entry& backup,

@@ -44,6 +44,7 @@ void fill_entry(const json_spirit::Object& row, Export_Entry& entry)
   entry.end_time = static_cast<time_t>(value_or_default<int64_t>(row, "end_time"));
   entry.available = !value_or_default<json_spirit::Array>(row, "state").empty();
   entry.state_reason = value_or_default<std::string>(row, "state_reason");
+  entry.deleting = value_or_default<bool>(row, "deletion_begun");
   for (const json_spirit::Value& name : value_or_default<json_spirit::Array>(row, "tablespaces"))
     entry.tablespaces.push_back(name.get_str());
   for (const json_spirit::Value& file : value_or_default<json_spirit::Array>(row, "backup_files"))

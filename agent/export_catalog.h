@@ -41,6 +41,7 @@ struct Export_Entry {
   time_t end_time = 0;
   bool available = false;
   std::string state_reason;
+  bool deleting = false; ///< its deletion has begun and is to be finished; never available
   std::string damage; ///< of its record, of which only part could be read; "" when all is well
   std::vector<std::string> tablespaces;
   std::vector<Export_File> files;

@@ -69,7 +69,7 @@ Verification verify_export(const Export_Entry& backup,
                            const std::function<bool()>& cancel_requested)
 {
   Verification result;
-  if (!backup.damage.empty()) {
+  if (!backup.damage.empty() || backup.deleting) {
     result.problem = backup.state_reason;
     return result;
   }

@@ -96,8 +96,10 @@ int show_results(Session& session, const std::vector<Chain_Verification>& result
   json_spirit::Array list;
   std::vector<std::vector<std::string>> rows = {{"BACKUP", "LEVEL", "INSTANCE", "RESULT", "SIZE", "PROBLEM"}};
   size_t bad_count = 0;
+  size_t deleting_count = 0;
   for (const Chain_Verification& result : results) {
-    bad_count += result.outcome == Chain_Verification::Outcome::good ? 0 : 1;
+    deleting_count += result.backup.deleting ? 1 : 0;
+    bad_count += result.outcome == Chain_Verification::Outcome::good || result.backup.deleting ? 0 : 1;
     json_spirit::Object object;
     set_value(object, "id", result.backup.id);
     set_value(object, "level", result.backup.level);
@@ -112,8 +114,11 @@ int show_results(Session& session, const std::vector<Chain_Verification>& result
   json_spirit::Object json;
   set_value(json, "verified", list);
   session.result(json, results.empty() ? "There is no backup to verify.\n" : format_table(rows, {4}));
+  if (deleting_count != 0)
+    std::fprintf(stderr, "kestrel: the deletion of %zu of %zu backups has begun; finish it with kestrel delete\n",
+                 deleting_count, results.size());
   if (bad_count == 0)
-    return EXIT_CODE_DONE;
+    return deleting_count == 0 ? EXIT_CODE_DONE : EXIT_CODE_FAILED;
   std::fprintf(stderr,
                "kestrel: %zu of %zu backups could not be verified; make a full backup of their "
                "instances, or export their objects again\n",

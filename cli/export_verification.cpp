@@ -64,6 +64,7 @@ Chain_Verification verify_one_export(Session& session, const Export_Entry& entry
   result.backup.level = "export";
   result.backup.resource_uuid = entry.resource_uuid;
   result.backup.available = entry.available;
+  result.backup.deleting = entry.deleting;
   return result;
 }
 } // namespace kestrel

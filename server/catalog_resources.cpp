@@ -158,12 +158,15 @@ REST_Reply Catalog_Resources::commit(REST_Request& request)
   return reply;
 }
 
-bool Catalog_Resources::has_set(const std::string& uuid)
+/// One at most.
+Array Catalog_Resources::set_rows(const std::string& uuid)
 {
-  for (const char* catalog : CATALOGS)
-    if (!rows(catalog, {{"uuid", uuid}, {"limit", 1}}).empty())
-      return true;
-  return false;
+  for (const char* catalog : CATALOGS) {
+    Array found = rows(catalog, {{"uuid", uuid}, {"limit", 1}});
+    if (!found.empty())
+      return found;
+  }
+  return Array();
 }
 
 REST_Reply Catalog_Resources::set_state(REST_Request& request)
@@ -178,8 +181,13 @@ REST_Reply Catalog_Resources::set_state(REST_Request& request)
   std::string error;
   const Set_State wanted = state == "available" ? Set_State::available : Set_State::unavailable;
   const Catalog_Status status = catalog_->set_state(uuid, wanted, reason, error);
-  if (status == Catalog_Status::failed && !has_set(uuid))
-    throw REST_Error(404, "not_found", error);
+  if (status == Catalog_Status::failed) {
+    const Array found = set_rows(uuid);
+    if (found.empty())
+      throw REST_Error(404, "not_found", error);
+    if (!json_spirit::find_value(found.front().get_obj(), "deletion_begun").is_null())
+      throw REST_Error(409, "deleting", error);
+  }
   check_catalog(status, error);
   REST_Reply reply;
   reply.json = Object();

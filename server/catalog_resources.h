@@ -13,7 +13,8 @@ namespace kestrel
 /// The catalog over REST (below /k2/r/):
 ///   POST   catalogs/{catalog}/{view}        {query}    -> {"rows":[...]}, as Catalog_Operator::get_view()
 ///   POST   catalogs                         {"record","must_be_new","repeated"} -> {"warning"}
-///   POST   catalogs/sets/{uuid}/state       {"state":"available"|"unavailable","reason"}
+///   POST   catalogs/sets/{uuid}/state       {"state":"available"|"unavailable","reason"}; 409 deleting when
+///                                           its deletion has begun
 ///   DELETE catalogs/sets/{uuid}
 ///   GET    catalogs/sets/{uuid}/dependents  -> {"uuids":[...]}
 /// Agents add records and read; operators change states; administrators delete. A record with "repeated" is a
@@ -42,7 +43,8 @@ private:
   REST_Reply dependents(REST_Request& request);
   std::string foreign_problem(const Backup_Record& record, const std::string& host_uuid) const;
   bool has_same(const Backup_Record& record);
-  bool has_set(const std::string& uuid);
+  json_spirit::Array set_rows(const std::string& uuid);
+  bool has_set(const std::string& uuid) { return !set_rows(uuid).empty(); }
   json_spirit::Array rows(const std::string& catalog, const std::map<std::string, json_spirit::Value>& query);
 
   const std::shared_ptr<Catalog_Back_End> catalog_;

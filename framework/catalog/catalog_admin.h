@@ -6,7 +6,16 @@
 
 namespace kestrel
 {
-enum class Set_State { available, unavailable };
+enum class Set_State {
+  available,
+  unavailable,
+  /// Unavailable, and its deletion has begun: from there it becomes neither available nor unavailable, whatever is
+  /// found out about its file; it only goes, or is spared.
+  deleting,
+  /// The deletion that had begun is called off: available without a reason, unavailable with one. Changes nothing when
+  /// none had begun.
+  spared
+};
 
 /// The changes that hosts make to stored records: what verification and expiry find out.
 /// Threads, retries and crashes: as Catalog_Operator.
@@ -18,7 +27,7 @@ public:
   explicit Catalog_Admin(int max_seconds_retry = -1);
 
   /// `reason` is shown with the set ("state_reason") and may be empty. Chains through an unavailable set have
-  /// no rows.
+  /// no rows. Rows of one whose deletion has begun have "deletion_begun".
   [[nodiscard]] bool set_state(const std::string& uuid, Set_State state, const std::string& reason,
                                std::string& error);
   /// Removes the record only; the stored file is the caller's. Sets that build on it stay and cannot be

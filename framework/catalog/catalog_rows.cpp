@@ -87,6 +87,8 @@ json_spirit::Object Catalog_Row_Reader::row() const
       if (column.text == "available")
         state.push_back(column.text);
       row.emplace_back(name, std::move(state));
+      if (column.text == "deleting")
+        row.emplace_back("deletion_begun", true);
       continue;
     }
     json_spirit::Value value;

@@ -31,6 +31,20 @@ long long find_set(soci::session& session, const std::string& uuid)
                                                     "': the uuid does not tell them apart");
   return id;
 }
+
+/// The stored text of a new state. Throws when the set is on its way out, which a verification of its file, or whoever
+/// has looked at it before, must not turn back.
+std::string state_text(Set_State state, const std::string& uuid, const std::string& reason, bool deleting)
+{
+  if (state == Set_State::deleting)
+    return "deleting";
+  if (state == Set_State::spared)
+    return reason.empty() ? "available" : "unavailable";
+  if (deleting)
+    throw Catalog_Error(Catalog_Status::failed, "The deletion of backup set '" + uuid +
+                                                    "' has begun: delete it again to finish that");
+  return state == Set_State::available ? "available" : "unavailable";
+}
 } // namespace
 
 Catalog_Place default_catalog_place()
@@ -153,7 +167,11 @@ Catalog_Status Sql_Back_End::set_state(const std::string& uuid, Set_State state,
   return run(error, [&](soci::session& session) {
     Catalog_Transaction transaction(session, Catalog_Transaction::Kind::write);
     const long long id = find_set(session, uuid);
-    const std::string text = state == Set_State::available ? "available" : "unavailable";
+    std::string former;
+    session << "SELECT state FROM backup_set WHERE id = :i", soci::use(id, "i"), soci::into(former);
+    if (state == Set_State::spared && former != "deleting")
+      return;
+    const std::string text = state_text(state, uuid, reason, former == "deleting");
     session << "UPDATE backup_set SET state = :s, state_reason = :r WHERE id = :i", soci::use(text, "s"),
         soci::use(reason, "r"), soci::use(id, "i");
     transaction.commit();

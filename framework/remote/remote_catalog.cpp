@@ -235,6 +235,10 @@ Catalog_Status Remote_Catalog::commit(const Backup_Record& record, bool must_be_
 Catalog_Status Remote_Catalog::set_state(const std::string& uuid, Set_State state, const std::string& reason,
                                          std::string& error)
 {
+  if (state == Set_State::deleting || state == Set_State::spared) {
+    error = "The backups of a server are deleted by the server itself: kestrel --server ... delete " + uuid;
+    return Catalog_Status::failed;
+  }
   return change("state\n" + uuid, error, [&](bool) {
     REST_Call call;
     call.method = "POST";

@@ -44,7 +44,11 @@ restored_to "$name" "$one"
 note "a deletion that ends half-way is seen, and finished by the same command"
 stored=$(stored_file "$one")
 rm "$stored" # there the process ended: the file is gone, the record marked
-catalog_sql "update backup_set set state = 'unavailable', state_reason = 'its deletion has begun' where uuid = '$one'"
+catalog_sql "update backup_set set state = 'deleting', state_reason = 'its deletion has begun' where uuid = '$one'"
+run 0 "$kestrel" show "$one"
+said "State +unusable \(its deletion has begun\)"
+run 1 "$kestrel" verify "$one"
+said "the deletion of 1 of 2 backups has begun; finish it with kestrel delete"
 run 0 "$kestrel" show "$one"
 said "State +unusable \(its deletion has begun\)"
 run 0 "$kestrel" delete "$one" --yes

@@ -221,6 +221,35 @@ TEST_F(Served_Deletion, that_failed_at_the_file_is_seen_and_can_be_repeated)
   EXPECT_FALSE(has_record("full"));
 }
 
+TEST_F(Served_Deletion, that_has_begun_is_taken_back_by_nobody)
+{
+  back_up("full");
+  {
+    Fault_File_System faults;
+    faults.fail("unlink", 1, EACCES);
+    ASSERT_EQ(507, erase("full"));
+  }
+  const std::string marked = reason("full");
+  for (const char* state : {"available", "unavailable"})
+    for (const char* who : {"operator", "admin"}) {
+      EXPECT_EQ(409, ask("POST", "catalogs/sets/full/state",
+                         std::string(R"({"state":")") + state + R"(","reason":"verified"})", who));
+      EXPECT_EQ("deleting", code());
+      EXPECT_NE(std::string::npos, message().find("delete it again")) << message();
+    }
+  for (const char* state : {"deleting", "spared"})
+    EXPECT_EQ(400, ask("POST", "catalogs/sets/full/state", std::string(R"({"state":")") + state + "\"}", "admin"));
+  EXPECT_FALSE(is_available("full"));
+  EXPECT_EQ(marked, reason("full"));
+  // A deletion that is refused meanwhile leaves the mark: the file may be half gone.
+  record(set_of("next", "incr", "full", "full"));
+  EXPECT_EQ(409, erase("full"));
+  EXPECT_FALSE(is_available("full"));
+  EXPECT_EQ(200, erase("next", "admin", "?keep_file=1"));
+  EXPECT_EQ(200, erase("full"));
+  EXPECT_FALSE(has_record("full"));
+}
+
 TEST_F(Served_Deletion, finishes_whatever_call_to_the_disk_failed_before)
 {
   for (const char* kind : {"unlink", "fsync_directory"})
@@ -306,6 +335,68 @@ protected:
   Fake_Clock clock_;
   Temp_Dir dir_;
 };
+
+TEST_F(Interrupted_Deletion, gives_back_the_state_that_it_found_and_none_that_it_does_not_know)
+{
+  Scoped_Env root("KESTREL_ROOT", dir_.path());
+  const auto catalog = std::make_shared<Interrupted_Catalog>();
+  Pool_Registry pools(dir_ / "pools.json");
+  Pool_Info pool;
+  std::string error, warning;
+  ASSERT_TRUE(pools.add("main", dir_.make_dir("pool"), pool, error)) << error;
+  const auto commit = [&](const std::string& id, const std::string& last) {
+    Oscar_Brcmd_Backup_Set set;
+    set.set_uuid(id);
+    set.set_backup_id(id);
+    set.set_resource_uuid("source");
+    set.set_uri("source");
+    set.set_type(last.empty() ? "full" : "incr");
+    set.set_last_backup_id(last);
+    set.set_last_full_backup_id(last);
+    set.set_backup_file(id + ".bak");
+    set.add_storage(Backup_Set_Storage(pool.pool_id, 3));
+    ASSERT_EQ(Catalog_Status::done, catalog->commit(set.record(), true, warning, error)) << error;
+  };
+  const auto state = [&](const std::string& id) {
+    Value result;
+    EXPECT_EQ(Catalog_Status::done, catalog->get_view("oscar_brcmd", "catalogs", {{"uuid", id}}, result, error));
+    const Object row = required<Array>(result.get_obj(), "rows").front().get_obj();
+    std::string text;
+    optional(row, "state_reason", text);
+    return (required<Array>(row, "state").empty() ? "no:" : "yes:") + text;
+  };
+  unsigned number = 0;
+  for (const std::string former : {"yes:", "no:damaged", "no:"}) {
+    const std::string id = "full" + std::to_string(++number);
+    commit(id, "");
+    if (former != "yes:") {
+      ASSERT_EQ(Catalog_Status::done,
+                catalog->set_state(id, Set_State::unavailable, former.substr(3), error));
+    }
+    catalog->before_mark = [&] { commit("next" + id, id); };
+    Backup_Deletion deletion(catalog, pools, 0);
+    Deleted_Backup deleted;
+    Deletion_Problem problem;
+    EXPECT_FALSE(deletion.run(id, false, deleted, problem));
+    EXPECT_EQ(Deletion_Problem::needed, problem.kind) << problem.text;
+    EXPECT_EQ(former == "no:" ? "no:it was unavailable before" : former, state(id));
+    // What was spared is as any other.
+    EXPECT_EQ(Catalog_Status::done, catalog->set_state(id, Set_State::available, "", error)) << error;
+    EXPECT_EQ(Catalog_Status::done, catalog->set_state(id, Set_State::spared, "no deletion has begun", error));
+    EXPECT_EQ("yes:", state(id));
+  }
+  // One that an earlier deletion had marked keeps its mark.
+  commit("marked", "");
+  ASSERT_EQ(Catalog_Status::done, catalog->set_state("marked", Set_State::deleting, "begun", error));
+  catalog->before_mark = [&] { commit("child", "marked"); };
+  Backup_Deletion deletion(catalog, pools, 0);
+  Deleted_Backup deleted;
+  Deletion_Problem problem;
+  EXPECT_FALSE(deletion.run("marked", false, deleted, problem));
+  EXPECT_EQ(Catalog_Status::failed, catalog->set_state("marked", Set_State::available, "", error));
+  EXPECT_NE(std::string::npos, error.find("The deletion of backup set 'marked' has begun")) << error;
+  EXPECT_EQ("no:its deletion has begun; delete it again to finish that", state("marked"));
+}
 
 TEST_F(Interrupted_Deletion, gives_way_to_a_backup_that_builds_on_it_meanwhile)
 {

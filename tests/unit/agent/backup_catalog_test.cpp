@@ -91,6 +91,23 @@ TEST_F(Backup_Catalog, gives_what_a_restore_reads_in_order)
   EXPECT_EQ("", problem_);
 }
 
+TEST_F(Backup_Catalog, knows_what_is_being_deleted_and_keeps_it_from_becoming_available)
+{
+  EXPECT_FALSE(find("I2").deleting);
+  ASSERT_TRUE(Catalog_Admin(0).set_state("I2", Set_State::deleting, "its deletion has begun", error_)) << error_;
+  for (const Set_State found_out : {Set_State::available, Set_State::unavailable}) {
+    EXPECT_FALSE(Catalog_Admin(0).set_state("I2", found_out, "", error_));
+    EXPECT_NE(std::string::npos, error_.find("delete it again to finish that")) << error_;
+    const Backup_Entry backup = find("I2");
+    EXPECT_TRUE(backup.deleting);
+    EXPECT_FALSE(backup.available);
+    EXPECT_EQ("its deletion has begun", backup.state_reason);
+  }
+  ASSERT_TRUE(Catalog_Admin(0).set_state("I2", Set_State::spared, "", error_)) << error_;
+  EXPECT_TRUE(find("I2").available);
+  EXPECT_FALSE(find("I2").deleting);
+}
+
 TEST_F(Backup_Catalog, says_where_a_chain_is_broken)
 {
   ASSERT_TRUE(Catalog_Admin(0).set_state("I1", Set_State::unavailable, "it is cut", error_));

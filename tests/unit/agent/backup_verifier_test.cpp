@@ -75,6 +75,16 @@ protected:
 };
 } // namespace
 
+TEST_F(Backup_Verifier, does_not_read_what_is_being_deleted)
+{
+  backup_.deleting = true;
+  backup_.state_reason = "its deletion has begun";
+  EXPECT_EQ(Outcome::unknown, probed());
+  EXPECT_EQ(Outcome::unknown, verified());
+  EXPECT_EQ("its deletion has begun", verification_.problem);
+  EXPECT_EQ(0u, verification_.bytes);
+}
+
 TEST_F(Backup_Verifier, finds_a_whole_backup_good)
 {
   EXPECT_EQ(Outcome::good, probed()) << probe_.problem;

@@ -127,6 +127,11 @@ TEST_F(Export_Catalog, tells_that_an_export_cannot_be_used)
   ASSERT_TRUE(list_exports({}, 0, entries, error_)) << error_;
   EXPECT_FALSE(entries.at(0).available);
   EXPECT_EQ("gone", entries.at(0).state_reason);
+  EXPECT_FALSE(entries.at(0).deleting);
+  ASSERT_TRUE(Catalog_Admin(0).set_state("E1", Set_State::deleting, "going", error_)) << error_;
+  ASSERT_TRUE(list_exports({}, 0, entries, error_)) << error_;
+  EXPECT_FALSE(entries.at(0).available);
+  EXPECT_TRUE(entries.at(0).deleting);
 }
 
 TEST_F(Export_Catalog, lists_the_others_beside_one_whose_record_is_damaged)

@@ -164,6 +164,17 @@ TEST_F(Export_Verifier, does_not_judge_what_it_cannot_reach)
   EXPECT_NE(std::string::npos, result.problem.find("is not there")) << result.problem;
 }
 
+TEST_F(Export_Verifier, does_not_read_what_is_being_deleted)
+{
+  Export_Entry backup = entry();
+  backup.deleting = true;
+  backup.state_reason = "its deletion has begun";
+  const Verification result = verify(backup);
+  EXPECT_EQ(Outcome::unknown, result.outcome);
+  EXPECT_EQ("its deletion has begun", result.problem);
+  EXPECT_EQ(0u, result.bytes);
+}
+
 TEST_F(Export_Verifier, judges_nothing_by_a_damaged_record)
 {
   Export_Entry damaged = entry();
