@@ -12,6 +12,7 @@
 #include "server/audit.h"
 #include "server/backup_resources.h"
 #include "server/catalog_resources.h"
+#include "server/database_failure.h"
 #include "server/pool_resources.h"
 #include "server/server_database.h"
 #include "server/server_metrics.h"
@@ -39,12 +40,6 @@ const int PRUNE_SECONDS = 3600;
 constexpr int64_t STUCK_MSEC = 300 * 1000;
 /// No pool has it; asking for its backups shows whether the catalog answers.
 const char* const no_pool = "00000000-0000-0000-0000-000000000000";
-
-bool is_database_error(const std::exception& error)
-{
-  return dynamic_cast<const soci::soci_error*>(&error) != nullptr ||
-         dynamic_cast<const Server_Database_Error*>(&error) != nullptr;
-}
 } // namespace
 
 struct Server_Host::Parts {
@@ -56,7 +51,6 @@ struct Server_Host::Parts {
   void describe(json_spirit::Object& status);
   void add_agents();
   REST_Reply admit_agent(REST_Request& request);
-  bool failure_reply(const std::exception& error, REST_Reply& reply) const;
   bool listen(std::string& error);
   void keep_house();
   void prune();
@@ -155,24 +149,9 @@ void Server_Host::Parts::connect_router()
   });
   router.set_observer([this](const std::string& method, const std::string& pattern, int status,
                              double seconds) { metrics.request(method, pattern, status, seconds); });
-  router.set_translator(
-      [this](const std::exception& error, REST_Reply& reply) { return failure_reply(error, reply); });
-}
-
-bool Server_Host::Parts::failure_reply(const std::exception& error, REST_Reply& reply) const
-{
-  if (!is_database_error(error))
-    return false;
-  const Server_Database_Error known = database.translate(error);
-  if (known.busy()) {
-    ACE_DEBUG((LM_NOTICE, "(%P|%t) Server_Host: %s\n", known.what()));
-    reply = rest_error(503, "busy", "The server's database is busy: try again later");
-    reply.headers["Retry-After"] = "5";
-  } else {
-    ACE_ERROR((LM_ERROR, "(%P|%t) Server_Host: %s\n", known.what()));
-    reply = rest_error(500, "internal_error", "The server's database failed; the server's log says why");
-  }
-  return true;
+  router.set_translator([this](const std::exception& error, REST_Reply& reply) {
+    return database_failure_reply(database, error, reply);
+  });
 }
 
 void Server_Host::Parts::describe(json_spirit::Object& status)
@@ -218,7 +197,7 @@ REST_Reply Server_Host::Parts::admit_agent(REST_Request& request)
     return reply;
   } catch (const std::exception& error) {
     REST_Reply reply;
-    if (failure_reply(error, reply))
+    if (database_failure_reply(database, error, reply))
       return reply;
     ACE_ERROR((LM_ERROR, "(%P|%t) Server_Host: an agent cannot be let in: %s\n", error.what()));
     return rest_error(500, "internal_error", "The server failed to do this; its log says why");

@@ -8,13 +8,13 @@ namespace kestrel
 {
 class Heartbeats;
 
-/// Whether a queue that several threads take tasks from is still served. It stands among the heartbeats only while a
-/// task waits that a thread could take, and reports whenever one is taken. So neither a long task, nor a long queue,
-/// nor a queue without work counts as stuck: only that tasks wait and none begins for the whole limit. Then all threads
-/// hang, or sleep through their call.
-/// Threads:   the queue's lock, which is held for every call.
-/// Ownership: the heartbeats are not owned; begin() with null, or none, and every call does nothing.
-/// Units:     milliseconds. The limit must be longer than the longest task: all threads may begin one together.
+/// Whether a queue that several threads take tasks from is still served. It stands among the heartbeats only
+/// while a task waits that a thread could take, and reports whenever one is taken. So neither a long task,
+/// nor a long queue, nor a queue without work counts as stuck: only that tasks wait and none begins for the
+/// whole limit. Then all threads hang, or sleep through their call. Threads:   the queue's lock, which is
+/// held for every call. Ownership: the heartbeats are not owned; begin() with null, or none, and every call
+/// does nothing. Units:     milliseconds. The limit must be longer than the longest task: all threads may
+/// begin one together.
 class Queue_Watch
 {
 public:
