@@ -22,7 +22,7 @@ const unsigned DIRECT_READ_BYTES = 1024 * 1024;
 const unsigned DIRECT_READ_COUNT = 6;
 // A frame's begin compresses badly, so frames are larger than other blocks. Twice as many as workers let
 // these go on while the disk takes its time.
-const unsigned FRAME_BLOCK_BYTES = 1024 * 1024;
+const unsigned FRAME_BLOCK_BYTES = 1536 * 1024;
 const unsigned SMALL_FRAME_BLOCK_BYTES = 512 * 1024;
 const unsigned MOST_WORKERS_WITH_LARGE_FRAMES = 4;
 const unsigned LIMITED_BLOCK_BYTES = 64 * 1024;
