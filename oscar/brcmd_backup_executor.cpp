@@ -1,6 +1,5 @@
 #include "oscar/brcmd_backup_executor.h"
 
-#include "base/batch_scheduling.h"
 #include "base/clock.h"
 #include "base/descriptor.h"
 #include "base/ignore_result.h"
@@ -208,8 +207,6 @@ bool Oscar_Brcmd_Backup_Executor::back_up(Run& run, Stream_Fifo& fifo)
     ACE_DEBUG((LM_INFO, "Process brcmd terminate.\n"));
   });
 
-  // From here on, so that the threads which compress and store are batch work too.
-  const kestrel::Batch_Scheduling batch;
   Client_IO_Ex storage;
   Pumped_Stream pumped;
   // The pump does the same when it sees the cancel; a tool that had to be ended for it ends the stream first.

@@ -27,10 +27,6 @@ Brcmd_Tool_Run::Brcmd_Tool_Run(Job& job, Stream_Fifo& fifo, Stream_Fifo::Side op
   // take the end of the stream for the end of the backup.
   handler_.kill_group_on_failure();
   handler_.keep_group();
-  // A backup goes on beside a working server. A tool that restores may start one, which would stay batch
-  // work.
-  if (opener_side == Stream_Fifo::Side::READER)
-    handler_.run_as_batch();
 }
 
 Brcmd_Tool_Run::~Brcmd_Tool_Run()

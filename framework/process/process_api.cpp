@@ -1,6 +1,5 @@
 #include "process/process_api.h"
 
-#include "base/batch_scheduling.h"
 #include "base/descriptor.h"
 #include "base/ignore_result.h"
 #include "process/spawner_thread.h"
@@ -143,8 +142,6 @@ void become_tool(const Spawn_Request& request, const Prepared& prepared, pid_t p
     close_other_descriptors(status_pipe);
   if (!request.working_directory.empty() && ::chdir(request.working_directory.c_str()) != 0)
     return;
-  if (request.batch)
-    ignore_result(enter_batch_scheduling(), "the tool works without it as well");
   reset_signals();
 
   int error = ENOENT;

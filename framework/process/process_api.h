@@ -17,7 +17,6 @@ struct Spawn_Request {
   int stderr_fd = -1;
   bool close_others = true;    ///< nothing above 2 reaches the child; else what is not close-on-exec does
   pid_t process_group = -1;    ///< -1: this process's; 0: a new one with the child's pid; else that one
-  bool batch = false;          ///< batch work for the scheduler, where the system allows it
   bool die_with_parent = true; ///< SIGKILL to the child when this process ends
 };
 

@@ -99,7 +99,6 @@ pid_t ACE_Process_Ex::spawn(ACE_Process_Options& options)
   request.close_others = !options.handle_inheritance();
   request.process_group = options.getgroup() == ACE_INVALID_PID ? -1 : options.getgroup();
   request.die_with_parent = die_with_parent_;
-  request.batch = batch_;
   if (!name_given_)
     name_ = base_name(request.program);
 

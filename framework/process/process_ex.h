@@ -41,10 +41,6 @@ public:
   /// spawn; daemons must be started with it off.
   void die_with_parent(bool yes) { die_with_parent_ = yes; }
 
-  /// Whether the child is batch work for the scheduler (see base/batch_scheduling.h). Off, unless switched on
-  /// before spawn.
-  void batch(bool yes) { batch_ = yes; }
-
   /// Arguments to use in place of the options' command line, which splits at blanks and ends at 1023
   /// characters.
   void arguments(const std::vector<std::string>& argv) { arguments_ = argv; }
@@ -66,7 +62,6 @@ private:
   const bool name_given_;
   std::shared_ptr<ACE_Log_Msg_Callback> callback_;
   bool die_with_parent_ = true;
-  bool batch_ = false;
   std::vector<std::string> arguments_;
   kestrel::Auto_Fd stdin_;
   kestrel::Auto_Fd stdout_;

@@ -159,8 +159,6 @@ int Process_Run::spawn(ACE_Process_Ex& process, ACE_Process_Options& options, AC
     return -1;
   buffer_.resize(read_buffer_bytes);
 
-  if (runs_as_batch_)
-    process.batch(true);
   const pid_t pid = process.spawn(options);
   if (pid < 0)
     return -1;

@@ -65,7 +65,6 @@ public:
   int wait(const ACE_Time_Value* timeout);
   int terminate(unsigned int seconds);
   void kill_group_on_failure() { kills_group_on_failure_ = true; }
-  void run_as_batch() { runs_as_batch_ = true; }
   void keep_group() { keeps_group_ = true; }
   void kill_group();
   int64_t last_activity_msec() const { return last_activity_msec_.load(); }
@@ -94,7 +93,6 @@ private:
   const size_t max_line_;
   const int64_t eof_msec_;
   std::atomic<bool> kills_group_on_failure_{false};
-  std::atomic<bool> runs_as_batch_{false};
   std::atomic<bool> keeps_group_{false};
 
   std::mutex mutex_;

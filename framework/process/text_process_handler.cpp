@@ -81,11 +81,6 @@ void Text_Process_Handler::kill_group_on_failure()
   run_->kill_group_on_failure();
 }
 
-void Text_Process_Handler::run_as_batch()
-{
-  run_->run_as_batch();
-}
-
 void Text_Process_Handler::keep_group()
 {
   run_->keep_group();

@@ -80,10 +80,6 @@ public:
   /// child that succeeds leaves behind what it likes. Before the spawn.
   void kill_group_on_failure();
 
-  /// From now on children are batch work for the scheduler (see base/batch_scheduling.h), and so are theirs:
-  /// for tools that pass on a stream, not for what starts a server. Before the spawn.
-  void run_as_batch();
-
   /// From now on the number of the child's own process group stays taken after the child's end, until the
   /// next spawn or the end of the handler: the child remains as a zombie that long. Before the spawn.
   void keep_group();

@@ -6,14 +6,12 @@
 #include "oscar/restore_job_source.h"
 #include "storage/pool_registry.h"
 #include "support/fake_tool.h"
-#include "support/scheduling.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <cstdio>
 #include <fstream>
-#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -309,19 +307,4 @@ TEST(Physical_Restore, fails_before_any_data_moves_when_the_server_cannot_be_sig
     GTEST_SKIP() << "needs to change the user";
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(restore_without_permission(), testing::ExitedWithCode(0), "");
-}
-
-// The tool that restores may start a server, and that must not stay batch work for its whole life.
-TEST(Physical_Restore, only_the_tool_that_backs_up_is_batch_work)
-{
-  const int before = ::sched_getscheduler(0);
-  Physical_Bench bench;
-  bench.set_brcmd("copy /proc/self/stat " + (bench.dir / "backing_up") + "\n" + bench.good_backup(),
-                  "copy /proc/self/stat " + (bench.dir / "restoring") + "\n" + bench.good_restore());
-  bench.back_up();
-  const Fake_Server server(bench.dir, "hang");
-  ASSERT_EQ(JOB_STATE_COMPLETED, bench.run(bench.restore_fields("full-1")));
-  EXPECT_EQ(before == SCHED_OTHER ? SCHED_BATCH : before,
-            policy_in_stat(read_file(bench.dir / "backing_up")));
-  EXPECT_EQ(before, policy_in_stat(read_file(bench.dir / "restoring")));
 }

@@ -2,14 +2,12 @@
 
 #include "support/fault_process_api.h"
 #include "support/log_capture.h"
-#include "support/scheduling.h"
 
 #include <ace/Event_Handler.h>
 #include <ace/Log_Msg.h>
 #include <ace/Log_Record.h>
 #include <gtest/gtest.h>
 
-#include <sched.h>
 #include <stdexcept>
 
 using namespace tool_runs;
@@ -357,19 +355,4 @@ TEST(Text_Process_Handler, never_logs_a_command_line)
   EXPECT_EQ(0, run(handler, make_fake_tool(dir, "tool", "out up\n") + " -USYSTEM/hunter2"));
   EXPECT_EQ(-1, run(handler, "/nonexistent/tool -USYSTEM/hunter2"));
   EXPECT_FALSE(log.contains("hunter2"));
-}
-
-TEST(Text_Process_Handler, makes_only_those_tools_batch_work_that_are_to_be)
-{
-  const int before = ::sched_getscheduler(0);
-  const int as_batch = before == SCHED_OTHER ? SCHED_BATCH : before;
-  for (const bool asked : {false, true}) {
-    Temp_Dir dir;
-    Collecting_Handler handler;
-    if (asked)
-      handler.run_as_batch();
-    EXPECT_EQ(0, run(handler, make_fake_tool(dir, "tool", "copy /proc/self/stat " + (dir / "stat") + "\n")));
-    EXPECT_EQ(asked ? as_batch : before, kestrel_test::policy_in_stat(kestrel_test::read_file(dir / "stat")));
-    EXPECT_EQ(before, ::sched_getscheduler(0)) << "this thread stays what it is";
-  }
 }
