@@ -46,9 +46,8 @@ std::string restore_remark(const std::string& document)
     return std::string();
   if (is("subtype", "import", JOB_DEFINITION_SUBTYPE_IMPORT))
     return "; what was imported until then stays in the database";
-  return "; the instance may not be usable until it is restored again: the job's log names the sets that "
-         "were "
-         "applied";
+  return "; the instance may not be usable until it is restored again: "
+         "the job's log names the sets that were applied";
 }
 
 /// The directory of the definition's files in its pool, where that is a directory of this host.
