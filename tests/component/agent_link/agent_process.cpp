@@ -13,6 +13,32 @@
 
 namespace kestrel_test
 {
+namespace
+{
+/// This process's environment with changes.
+std::vector<std::string> with(const Agent_Process::Environment& changes)
+{
+  std::vector<std::string> entries;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string text = *entry;
+    if (changes.count(text.substr(0, text.find('='))) == 0)
+      entries.push_back(text);
+  }
+  for (const auto& [name, value] : changes)
+    entries.push_back(name + "=" + value);
+  return entries;
+}
+
+std::vector<char*> to_pointers(std::vector<std::string>& texts)
+{
+  std::vector<char*> pointers;
+  for (std::string& text : texts)
+    pointers.push_back(&text[0]);
+  pointers.push_back(nullptr);
+  return pointers;
+}
+} // namespace
+
 Agent_Process::~Agent_Process()
 {
   if (pid_ > 0)
@@ -25,20 +51,19 @@ void Agent_Process::start(const std::vector<std::string>& arguments, const Envir
   const std::string program = bin_dir() + "/kestrel";
   std::vector<std::string> words = {program, "--root", root_.path(), "agent"};
   words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (std::string& word : words)
-    argv.push_back(&word[0]);
-  argv.push_back(nullptr);
+  std::vector<std::string> variables = with(environment);
+  // Before the fork: other threads of this process may hold the lock of its memory, and then the child, where
+  // they do not exist, could allocate nothing.
+  const std::vector<char*> argv = to_pointers(words);
+  const std::vector<char*> envp = to_pointers(variables);
   const std::string output = root_ / "agent.stderr";
   pid_ = ::fork();
   ASSERT_GE(pid_, 0);
   if (pid_ == 0) {
-    for (const auto& [name, value] : environment)
-      ::setenv(name.c_str(), value.c_str(), 1);
     const int fd = ::open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     ::dup2(fd, STDERR_FILENO);
     ::dup2(fd, STDOUT_FILENO);
-    ::execv(program.c_str(), argv.data());
+    ::execve(program.c_str(), argv.data(), envp.data());
     ::_exit(127);
   }
 }
