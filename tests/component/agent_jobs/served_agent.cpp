@@ -17,6 +17,14 @@ Served_Agent::Served_Agent(const Enrollment& enrollment) : enrollment_(enrollmen
 
 Served_Agent::~Served_Agent()
 {
+  disconnect();
+}
+
+void Served_Agent::disconnect()
+{
+  if (disconnected_)
+    return;
+  disconnected_ = true;
   if (agent.jobs) {
     EXPECT_TRUE(agent.jobs->stop(0, true));
     agent.jobs->set_listener(nullptr);

@@ -28,6 +28,8 @@ public:
   Served_Agent& operator=(const Served_Agent&) = delete;
 
   void connect();
+  /// Ends the connection and all threads of the agent. The bench, and with it the process's clock, stays.
+  void disconnect();
   /// A definition's document for the server's pool, of the kind that the fields say.
   json_spirit::Object document(kestrel::Job_Definition_Fields fields, unsigned number,
                                const std::string& pool_id) const;
@@ -46,5 +48,6 @@ private:
   std::unique_ptr<kestrel::Agent_Services> services_;
   std::unique_ptr<kestrel::REST_Client> rest_;
   std::unique_ptr<kestrel::Server_Link> link_;
+  bool disconnected_ = false;
 };
 } // namespace kestrel_test

@@ -23,7 +23,16 @@ std::string stubborn(const Physical_Bench& bench)
 class Served_Cancel : public Server_Fixture
 {
 protected:
-  ~Served_Cancel() override { host_.reset(); }
+  ~Served_Cancel() override
+  {
+    if (!host_)
+      return;
+    host_->disconnect();
+    // The server's threads look at the clock that the bench has put in place.
+    network_.stop();
+    stop();
+    host_.reset();
+  }
 
   void SetUp() override
   {
