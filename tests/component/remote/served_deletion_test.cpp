@@ -331,19 +331,20 @@ TEST_F(Served_Deletion, waits_for_a_restore_of_the_chain)
 class Interrupted_Deletion : public testing::Test
 {
 protected:
+  void SetUp() override { ASSERT_TRUE(pools_.add("main", dir_.make_dir("pool"), pool_, error_)) << error_; }
+
   Log_Capture log_;
   Fake_Clock clock_;
   Temp_Dir dir_;
+  const Scoped_Env root_{"KESTREL_ROOT", dir_.path()};
+  const std::shared_ptr<Interrupted_Catalog> catalog_ = std::make_shared<Interrupted_Catalog>();
+  Pool_Registry pools_{dir_ / "pools.json"};
+  Pool_Info pool_;
+  std::string error_, warning_;
 };
 
 TEST_F(Interrupted_Deletion, gives_back_the_state_that_it_found_and_none_that_it_does_not_know)
 {
-  Scoped_Env root("KESTREL_ROOT", dir_.path());
-  const auto catalog = std::make_shared<Interrupted_Catalog>();
-  Pool_Registry pools(dir_ / "pools.json");
-  Pool_Info pool;
-  std::string error, warning;
-  ASSERT_TRUE(pools.add("main", dir_.make_dir("pool"), pool, error)) << error;
   const auto commit = [&](const std::string& id, const std::string& last) {
     Oscar_Brcmd_Backup_Set set;
     set.set_uuid(id);
@@ -354,12 +355,12 @@ TEST_F(Interrupted_Deletion, gives_back_the_state_that_it_found_and_none_that_it
     set.set_last_backup_id(last);
     set.set_last_full_backup_id(last);
     set.set_backup_file(id + ".bak");
-    set.add_storage(Backup_Set_Storage(pool.pool_id, 3));
-    ASSERT_EQ(Catalog_Status::done, catalog->commit(set.record(), true, warning, error)) << error;
+    set.add_storage(Backup_Set_Storage(pool_.pool_id, 3));
+    ASSERT_EQ(Catalog_Status::done, catalog_->commit(set.record(), true, warning_, error_)) << error_;
   };
   const auto state = [&](const std::string& id) {
     Value result;
-    EXPECT_EQ(Catalog_Status::done, catalog->get_view("oscar_brcmd", "catalogs", {{"uuid", id}}, result, error));
+    EXPECT_EQ(Catalog_Status::done, catalog_->get_view("oscar_brcmd", "catalogs", {{"uuid", id}}, result, error_));
     const Object row = required<Array>(result.get_obj(), "rows").front().get_obj();
     std::string text;
     optional(row, "state_reason", text);
@@ -371,41 +372,35 @@ TEST_F(Interrupted_Deletion, gives_back_the_state_that_it_found_and_none_that_it
     commit(id, "");
     if (former != "yes:") {
       ASSERT_EQ(Catalog_Status::done,
-                catalog->set_state(id, Set_State::unavailable, former.substr(3), error));
+                catalog_->set_state(id, Set_State::unavailable, former.substr(3), error_));
     }
-    catalog->before_mark = [&] { commit("next" + id, id); };
-    Backup_Deletion deletion(catalog, pools, 0);
+    catalog_->before_mark = [&] { commit("next" + id, id); };
+    Backup_Deletion deletion(catalog_, pools_, 0);
     Deleted_Backup deleted;
     Deletion_Problem problem;
     EXPECT_FALSE(deletion.run(id, false, deleted, problem));
     EXPECT_EQ(Deletion_Problem::needed, problem.kind) << problem.text;
     EXPECT_EQ(former == "no:" ? "no:it was unavailable before" : former, state(id));
     // What was spared is as any other.
-    EXPECT_EQ(Catalog_Status::done, catalog->set_state(id, Set_State::available, "", error)) << error;
-    EXPECT_EQ(Catalog_Status::done, catalog->set_state(id, Set_State::spared, "no deletion has begun", error));
+    EXPECT_EQ(Catalog_Status::done, catalog_->set_state(id, Set_State::available, "", error_)) << error_;
+    EXPECT_EQ(Catalog_Status::done, catalog_->set_state(id, Set_State::spared, "no deletion has begun", error_));
     EXPECT_EQ("yes:", state(id));
   }
   // One that an earlier deletion had marked keeps its mark.
   commit("marked", "");
-  ASSERT_EQ(Catalog_Status::done, catalog->set_state("marked", Set_State::deleting, "begun", error));
-  catalog->before_mark = [&] { commit("child", "marked"); };
-  Backup_Deletion deletion(catalog, pools, 0);
+  ASSERT_EQ(Catalog_Status::done, catalog_->set_state("marked", Set_State::deleting, "begun", error_));
+  catalog_->before_mark = [&] { commit("child", "marked"); };
+  Backup_Deletion deletion(catalog_, pools_, 0);
   Deleted_Backup deleted;
   Deletion_Problem problem;
   EXPECT_FALSE(deletion.run("marked", false, deleted, problem));
-  EXPECT_EQ(Catalog_Status::failed, catalog->set_state("marked", Set_State::available, "", error));
-  EXPECT_NE(std::string::npos, error.find("The deletion of backup set 'marked' has begun")) << error;
+  EXPECT_EQ(Catalog_Status::failed, catalog_->set_state("marked", Set_State::available, "", error_));
+  EXPECT_NE(std::string::npos, error_.find("The deletion of backup set 'marked' has begun")) << error_;
   EXPECT_EQ("no:its deletion has begun; delete it again to finish that", state("marked"));
 }
 
 TEST_F(Interrupted_Deletion, gives_way_to_a_backup_that_builds_on_it_meanwhile)
 {
-  Scoped_Env root("KESTREL_ROOT", dir_.path());
-  const auto catalog = std::make_shared<Interrupted_Catalog>();
-  Pool_Registry pools(dir_ / "pools.json");
-  Pool_Info pool;
-  std::string error, warning;
-  ASSERT_TRUE(pools.add("main", dir_.make_dir("pool"), pool, error)) << error;
   Oscar_Brcmd_Backup_Set full;
   full.set_uuid("full");
   full.set_backup_id("full");
@@ -414,9 +409,9 @@ TEST_F(Interrupted_Deletion, gives_way_to_a_backup_that_builds_on_it_meanwhile)
   full.set_type("full");
   full.set_full_backup_id("full");
   full.set_backup_file("full.bak");
-  full.add_storage(Backup_Set_Storage(pool.pool_id, 3));
-  ASSERT_EQ(Catalog_Status::done, catalog->commit(full.record(), true, warning, error)) << error;
-  catalog->before_mark = [&] {
+  full.add_storage(Backup_Set_Storage(pool_.pool_id, 3));
+  ASSERT_EQ(Catalog_Status::done, catalog_->commit(full.record(), true, warning_, error_)) << error_;
+  catalog_->before_mark = [&] {
     Oscar_Brcmd_Backup_Set next = full;
     next.set_uuid("next");
     next.set_backup_id("next");
@@ -424,25 +419,25 @@ TEST_F(Interrupted_Deletion, gives_way_to_a_backup_that_builds_on_it_meanwhile)
     next.set_last_backup_id("full");
     next.set_last_full_backup_id("full");
     next.set_backup_file("next.bak");
-    ASSERT_EQ(Catalog_Status::done, catalog->commit(next.record(), true, warning, error)) << error;
+    ASSERT_EQ(Catalog_Status::done, catalog_->commit(next.record(), true, warning_, error_)) << error_;
   };
-  Backup_Deletion deletion(catalog, pools, 0);
+  Backup_Deletion deletion(catalog_, pools_, 0);
   Deleted_Backup deleted;
   Deletion_Problem problem;
   EXPECT_FALSE(deletion.run("full", false, deleted, problem));
   EXPECT_EQ(Deletion_Problem::needed, problem.kind) << problem.text;
   Value result;
   ASSERT_EQ(Catalog_Status::done,
-            catalog->get_view("oscar_brcmd", "catalog_sequences",
-                              {{"backup_id", "next"}, {"resource_uuid", "source"}}, result, error))
-      << error;
+            catalog_->get_view("oscar_brcmd", "catalog_sequences",
+                              {{"backup_id", "next"}, {"resource_uuid", "source"}}, result, error_))
+      << error_;
   EXPECT_EQ(2u, required<Array>(result.get_obj(), "rows").size()) << "the new backup cannot be restored";
 
   // And one whose record could not go any more is seen as what it is.
-  catalog->remove_fails = true;
+  catalog_->remove_fails = true;
   EXPECT_FALSE(deletion.run("next", false, deleted, problem));
   EXPECT_EQ(Deletion_Problem::catalog, problem.kind);
-  catalog->remove_fails = false;
+  catalog_->remove_fails = false;
   ASSERT_TRUE(deletion.run("next", false, deleted, problem)) << problem.text;
   EXPECT_EQ("next.bak", deleted.file);
   EXPECT_TRUE(deletion.run("full", false, deleted, problem)) << problem.text;
