@@ -2,6 +2,7 @@
 #include "lab/brcmd/page_delta.h"
 #include "lab/brcmd/pipe.h"
 #include "lab/common/child.h"
+#include "lab/common/instance_lock.h"
 #include "lab/common/server_control.h"
 #include "lab/common/swap_journal.h"
 #include "lab/common/text.h"
@@ -127,8 +128,8 @@ void back_up_offline(const Instance_Files& files, const Backup_Request& request,
   if (running_server(files) != 0)
     throw Failure("the database is in NOARCHIVELOG mode and must be shut down for a backup");
   // Keeps the server down for the time of the backup.
-  const File_Lock lock(files.lock(), lock_timeout_msec);
-  if (!lock.held())
+  const Instance_Lock lock(files, "backup", lock_timeout_msec);
+  if (lock.state() != Instance_Lock::State::held)
     throw Failure("instance " + files.name + " is in use by a server or a restore");
   settle_restore(files);
   const Stopped_State state = read_stopped_state(files);

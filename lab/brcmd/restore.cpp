@@ -5,6 +5,7 @@
 #include "lab/brcmd/set_head.h"
 #include "lab/brcmd/side_tree.h"
 #include "lab/common/child.h"
+#include "lab/common/instance_lock.h"
 #include "lab/common/server_control.h"
 #include "lab/common/swap_journal.h"
 #include "lab/common/text.h"
@@ -208,8 +209,8 @@ void run_restore(const Instance_Files& files, const std::string& pipe_path, Run_
   require_pipe(pipe_path, false);
   if (running_server(files) != 0)
     throw Failure("instance " + files.name + " is running; stop it first");
-  const File_Lock lock(files.lock(), lock_timeout_msec);
-  if (!lock.held())
+  const Instance_Lock lock(files, "restore", lock_timeout_msec);
+  if (lock.state() != Instance_Lock::State::held)
     throw Failure("instance " + files.name + " is in use by a server, a backup or another restore");
   const Settled settled = settle_cut_off(files);
   if (settled != Settled::nothing)

@@ -16,13 +16,20 @@ namespace
 
 constexpr int stop_timeout_msec = 120 * 1000;
 
-/// State letter of a process ("R", "S", "Z"...), empty when there is none.
-std::string process_state(pid_t pid)
+struct Process_State {
+  std::string letter; // "R", "S", "Z"..., empty when there is no such process
+  std::string parent;
+};
+
+Process_State process_state(pid_t pid)
 {
   try {
     const std::string text = read_file("/proc/" + std::to_string(pid) + "/stat");
     const auto end_of_name = text.rfind(')');
-    return end_of_name == std::string::npos ? std::string() : text.substr(end_of_name + 2, 1);
+    if (end_of_name == std::string::npos)
+      return {};
+    const std::string rest = text.substr(end_of_name + 2); // "S 1234 ..."
+    return {rest.substr(0, 1), rest.substr(2, rest.find(' ', 2) - 2)};
   } catch (const Failure&) {
     return {};
   }
@@ -39,7 +46,7 @@ std::string command_line_of(pid_t pid)
 
 bool alive(pid_t pid)
 {
-  const std::string state = process_state(pid);
+  const std::string state = process_state(pid).letter;
   return !state.empty() && state != "Z" && state != "X";
 }
 
@@ -59,6 +66,21 @@ pid_t running_server(const Instance_Files& files)
   return static_cast<pid_t>(pid);
 }
 
+bool accepts_logins(const Instance_Files& files)
+{
+  try {
+    // The state is in the eighth line. A killed server leaves the file with its own number in the first.
+    const auto lines = split_lines(read_file(files.data() + "/postmaster.pid"));
+    std::uint64_t pid = 0;
+    if (lines.size() < 8 || trim(lines[7]) != "ready" || !parse_number(trim(lines[0]), INT32_MAX, pid))
+      return false;
+    const pid_t server = running_server(files);
+    return server != 0 && process_state(static_cast<pid_t>(pid)).parent == std::to_string(server);
+  } catch (const Failure&) {
+    return false;
+  }
+}
+
 bool wait_until(const std::function<bool()>& done, int timeout_msec)
 {
   for (int waited_msec = 0; !done(); waited_msec += 20) {
@@ -72,8 +94,6 @@ bool wait_until(const std::function<bool()>& done, int timeout_msec)
 
 bool start_server(const Instance_Files& files)
 {
-  if (running_server(files) != 0)
-    return false;
   const Child_Result result =
       run_child({files.bin("oscar"), "--start", files.name}, Owner{::geteuid(), ::getegid()});
   if (result.status != 0) {
@@ -81,7 +101,7 @@ bool start_server(const Instance_Files& files)
     throw Failure(starts_with(text, "oscar: ERROR, ") ? text.substr(14)
                                                       : "the server did not start: " + text);
   }
-  return true;
+  return trim(result.output) == "instance " + files.name + " started";
 }
 
 bool stop_server(const Instance_Files& files)

@@ -76,15 +76,23 @@ std::string read_message(int fd)
   }
 }
 
+/// The server that somebody else started may still be at its recovery.
+int wait_for_other(const Instance_Files& files)
+{
+  const auto settled = [&files] { return accepts_logins(files) || running_server(files) == 0; };
+  if (!wait_until(settled, start_timeout_msec) || !accepts_logins(files))
+    throw Failure("instance " + files.name + " did not start; see " + files.log());
+  std::printf("instance %s is already running\n", files.name.c_str());
+  return 0;
+}
+
 } // namespace
 
 int launch(const Instance_Files& files)
 {
   files.require_existing();
-  if (running_server(files) != 0) {
-    std::printf("instance %s is already running\n", files.name.c_str());
-    return 0;
-  }
+  if (running_server(files) != 0)
+    return wait_for_other(files);
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0)
     fail_errno("cannot create a pipe");
@@ -98,6 +106,8 @@ int launch(const Instance_Files& files)
     mind_supervisor(files, write_end.get());
   write_end.reset();
   const std::string message = read_message(read_end.get());
+  if (message == already_running_message)
+    return wait_for_other(files);
   if (message != "ready\n")
     throw Failure(message.empty() ? "instance " + files.name + " did not start; see " + files.log()
                                   : trim(message));

@@ -26,11 +26,16 @@ int take_ready_descriptor()
   return ::fcntl(fd, F_SETFD, FD_CLOEXEC) == 0 ? fd : -1;
 }
 
+void tell_starter(int ready_fd, const std::string& text)
+{
+  if (ready_fd >= 0 && ::write(ready_fd, text.data(), text.size()) < 0)
+    std::fprintf(stderr, "oscar: ERROR, the starter is gone\n");
+}
+
 void report(int ready_fd, const std::string& text)
 {
   std::fprintf(stderr, "oscar: ERROR, %s\n", text.c_str());
-  if (ready_fd >= 0 && ::write(ready_fd, text.data(), text.size()) < 0)
-    std::fprintf(stderr, "oscar: ERROR, the starter is gone\n");
+  tell_starter(ready_fd, text);
 }
 
 } // namespace
@@ -55,6 +60,12 @@ int main(int argc, char** argv)
       return oscar_lab::launch(oscar_lab::Instance_Files(home, arguments.required("--start")));
     }
     return oscar_lab::supervise(oscar_lab::Instance_Files(home, arguments.required("-d")), ready_fd);
+  } catch (const oscar_lab::Already_Running& failure) {
+    if (ready_fd < 0)
+      report(ready_fd, failure.what());
+    else
+      tell_starter(ready_fd, oscar_lab::already_running_message);
+    return 1;
   } catch (const oscar_lab::Usage_Failure& failure) {
     report(ready_fd, failure.what());
     std::fputs(usage, stderr);

@@ -2,7 +2,9 @@
 
 #include "lab/common/chain_file.h"
 #include "lab/common/child.h"
+#include "lab/common/instance_lock.h"
 #include "lab/common/pending_restore.h"
+#include "lab/common/server_control.h"
 #include "lab/common/set_notes.h"
 #include "lab/common/swap_journal.h"
 #include "lab/common/text.h"
@@ -24,7 +26,6 @@ namespace oscar_lab
 namespace
 {
 
-// After a kill the processes of the old server need a moment to notice.
 constexpr int lock_timeout_msec = 6 * 1000;
 
 /// A node of a cluster also answers on its own address, and on the virtual one whenever it holds that.
@@ -79,17 +80,6 @@ std::vector<std::string> server_command(const Instance_Files& files, const Insta
   ::_exit(127);
 }
 
-/// The server writes its state into the eighth line of its own pid file.
-bool accepts_logins(const Instance_Files& files, pid_t server)
-{
-  try {
-    const auto lines = split_lines(read_file(files.data() + "/postmaster.pid"));
-    return lines.size() >= 8 && trim(lines[0]) == std::to_string(server) && trim(lines[7]) == "ready";
-  } catch (const Failure&) {
-    return false;
-  }
-}
-
 void check_data_directory(const Instance_Files& files)
 {
   files.require_existing();
@@ -121,7 +111,7 @@ int wait_for_server(const Instance_Files& files, pid_t server, const sigset_t& s
         return 0;
       return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
     }
-    if (!ready && accepts_logins(files, server)) {
+    if (!ready && accepts_logins(files)) {
       ready = true;
       if (ready_fd >= 0 && ::write(ready_fd, "ready\n", 6) == 6)
         ::close(ready_fd);
@@ -172,8 +162,10 @@ void end_chain_of_other_mode(const Instance_Files& files, const Instance_Conf& c
 
 int supervise(const Instance_Files& files, int ready_fd)
 {
-  const File_Lock lock(files.lock(), lock_timeout_msec);
-  if (!lock.held())
+  const Instance_Lock lock(files, use_of_server, lock_timeout_msec);
+  if (lock.state() == Instance_Lock::State::server_runs)
+    throw Already_Running("instance " + files.name + " is already running");
+  if (lock.state() != Instance_Lock::State::held)
     throw Failure("instance " + files.name + " is in use by a server, a backup or a restore");
   settle_and_tell(files);
   check_data_directory(files);

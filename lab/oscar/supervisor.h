@@ -6,14 +6,27 @@
 #pragma once
 
 #include "lab/common/instance_files.h"
+#include "lab/common/text.h"
 
 namespace oscar_lab
 {
 
-/// Blocks until the server has ended. ready_fd (or -1) gets "ready\n" once logins work.
+/// Another start was quicker.
+class Already_Running : public Failure
+{
+public:
+  using Failure::Failure;
+};
+
+/// What a supervisor tells its starter then.
+constexpr const char* already_running_message = "already running\n";
+
+/// Blocks until the server has ended. ready_fd (or -1) gets "ready\n" once logins work. Throws Already_Running
+/// when somebody else's server is there first.
 int supervise(const Instance_Files& files, int ready_fd);
 
-/// Starts a supervisor as a daemon with a parent that reaps it, and waits until logins work.
+/// Starts a supervisor as a daemon with a parent that reaps it, and waits until logins work; of several callers
+/// at once one starts the server and the others wait with it.
 int launch(const Instance_Files& files);
 
 } // namespace oscar_lab

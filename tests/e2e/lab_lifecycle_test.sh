@@ -103,6 +103,40 @@ test_52_a_killed_database_ends_the_server() {
   [ ! -e "$home/admin/$instance.db" ] || fail "the pid file stayed"
   expect_ok "$lab" start "$home" "$instance"
 }
+test_53_of_two_starts_at_once_both_end_with_a_server_that_takes_logins() {
+  local round starters
+  for round in 1 2 3; do
+    expect_ok "$lab" stop "$home" "$instance"
+    starters=()
+    for starter in a b; do
+      { "$lab" start "$home" "$instance" && "$lab" sql "$home" "$instance" "select 1" >/dev/null; } >"$work/start.$starter" 2>&1 &
+      starters+=($!)
+    done
+    for starter in "${starters[@]}"; do wait "$starter" || fail "round $round: $(cat "$work"/start.?)"; done
+    expect_equal "round $round" "instance $instance is already running"$'\n'"instance $instance started" \
+      "$(sort "$work"/start.?)"
+  done
+}
+test_54_a_start_waits_for_what_is_left_of_a_server_and_not_for_a_restore() {
+  local holder lock=$home/odbs/$instance/instance.lock
+  expect_ok "$lab" stop "$home" "$instance"
+  for use in server restore; do
+    echo "$use" >"$lock"
+    flock "$lock" sleep 8 &
+    holder=$!
+    background+=("$holder")
+    wait_for 5 locked "$lock" || fail "the lock is not held"
+    case $use in
+      server) expect_ok "$lab" start "$home" "$instance" && expect_ok "$lab" stop "$home" "$instance" ;;
+      restore)
+        expect_status 1 "$lab" start "$home" "$instance"
+        expect_match "message" "in use by a server, a backup or a restore" "$err"
+        ;;
+    esac
+    wait "$holder"
+  done
+  expect_ok "$lab" start "$home" "$instance"
+}
 
 test_60_term_signal_is_a_clean_shutdown() {
   local pid

@@ -73,6 +73,7 @@ wait_for() {
   done
 }
 
+locked() { ! flock -n "$1" true; }
 gone() { ! kill -0 "$1" 2>/dev/null; }
 
 free_port() {
