@@ -76,23 +76,18 @@ std::string read_message(int fd)
   }
 }
 
-/// The server that somebody else started may still be at its recovery.
-int wait_for_other(const Instance_Files& files)
+/// The server that is there may still be at its recovery, or about to end. False when there is none any more.
+bool wait_for_running_server(const Instance_Files& files)
 {
   const auto settled = [&files] { return accepts_logins(files) || running_server(files) == 0; };
-  if (!wait_until(settled, start_timeout_msec) || !accepts_logins(files))
-    throw Failure("instance " + files.name + " did not start; see " + files.log());
-  std::printf("instance %s is already running\n", files.name.c_str());
-  return 0;
+  if (!wait_until(settled, start_timeout_msec))
+    throw Failure("the server of " + files.name + " takes no logins; see " + files.log());
+  return running_server(files) != 0;
 }
 
-} // namespace
-
-int launch(const Instance_Files& files)
+/// Starts a supervisor and returns what it says.
+std::string start_supervisor(const Instance_Files& files)
 {
-  files.require_existing();
-  if (running_server(files) != 0)
-    return wait_for_other(files);
   int ends[2];
   if (::pipe2(ends, O_CLOEXEC) != 0)
     fail_errno("cannot create a pipe");
@@ -105,9 +100,22 @@ int launch(const Instance_Files& files)
   if (minder == 0)
     mind_supervisor(files, write_end.get());
   write_end.reset();
-  const std::string message = read_message(read_end.get());
-  if (message == already_running_message)
-    return wait_for_other(files);
+  return read_message(read_end.get());
+}
+
+} // namespace
+
+int launch(const Instance_Files& files)
+{
+  files.require_existing();
+  std::string message;
+  do {
+    if (wait_for_running_server(files)) {
+      std::printf("instance %s is already running\n", files.name.c_str());
+      return 0;
+    }
+    message = start_supervisor(files);
+  } while (message == already_running_message);
   if (message != "ready\n")
     throw Failure(message.empty() ? "instance " + files.name + " did not start; see " + files.log()
                                   : trim(message));

@@ -30,6 +30,8 @@ wait_for() {
   done
 }
 no_tool() { ! pgrep -f "$(brcmd_pattern)" >/dev/null; }
+# A client that outlives its console may still shut the server down.
+no_client() { ! pgrep -f "isql .*-d$name -p" >/dev/null; }
 tool_or_end() { ! no_tool || ! kill -0 "$job" 2>/dev/null; }
 server_gone_or_end() { [ -z "$(server_pid)" ] || ! kill -0 "$job" 2>/dev/null; }
 server_or_end() { [ -n "$(server_pid)" ] || ! kill -0 "$job" 2>/dev/null; }
@@ -139,6 +141,7 @@ one_round() {
     *) fail "$round_text: the job ended with $status: $(cat "$work/job.err")" ;;
   esac
   wait_for 60 no_tool || fail "$round_text: brcmd still runs"
+  wait_for 60 no_client || fail "$round_text: isql still runs"
 
   instance_is_up
   listing

@@ -117,7 +117,17 @@ test_53_of_two_starts_at_once_both_end_with_a_server_that_takes_logins() {
       "$(sort "$work"/start.?)"
   done
 }
-test_54_a_start_waits_for_what_is_left_of_a_server_and_not_for_a_restore() {
+stopping_or_gone() { ! grep -q '^ready' "$home/odbs/$instance/pgdata/postmaster.pid" 2>/dev/null; }
+test_54_a_start_during_a_stop_begins_anew() {
+  local round
+  for round in 1 2 3; do
+    kill -TERM "$(server_pid)"
+    wait_for 10 stopping_or_gone || fail "round $round: the server does not stop"
+    expect_ok "$lab" start "$home" "$instance"
+    expect_ok "$lab" sql "$home" "$instance" "select 1"
+  done
+}
+test_55_a_start_waits_for_what_is_left_of_a_server_and_not_for_a_restore() {
   local holder lock=$home/odbs/$instance/instance.lock
   expect_ok "$lab" stop "$home" "$instance"
   for use in server restore; do
