@@ -13,6 +13,7 @@
 #include <cctype>
 #include <chrono>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 #include <vector>
 
@@ -264,7 +265,10 @@ bool Cron_Schedule::next_after(time_t time, time_t& next) const
         const Moment due = moment_of(zone, civil);
         if (due <= after)
           continue; // the second of two such times
-        next = static_cast<time_t>(due.time_since_epoch().count());
+        const cctz::seconds::rep seconds = due.time_since_epoch().count();
+        if (seconds > std::numeric_limits<time_t>::max())
+          return false; // on 32 bits the years are over in 2038, and nothing may come due in 1901
+        next = static_cast<time_t>(seconds);
         return true;
       }
     }
@@ -308,7 +312,10 @@ bool Cron_Schedule::whole_day(time_t time, time_t& next_day) const
   if (changes || begin.kind != cctz::time_zone::civil_lookup::UNIQUE ||
       end.kind != cctz::time_zone::civil_lookup::UNIQUE || end.pre - begin.pre != cctz::seconds(24 * 3600))
     return false;
-  next_day = static_cast<time_t>(end.pre.time_since_epoch().count());
+  const cctz::seconds::rep seconds = end.pre.time_since_epoch().count();
+  if (seconds > std::numeric_limits<time_t>::max())
+    return false;
+  next_day = static_cast<time_t>(seconds);
   return true;
 }
 
@@ -331,7 +338,8 @@ uint64_t Cron_Schedule::count(time_t after, time_t until, bool& complete) const
       after = next_day - 1;
       continue;
     }
-    const time_t end = whole ? std::min(until, next_day - 1) : std::min<time_t>(until, next + 24 * 3600);
+    const time_t end = whole ? std::min(until, next_day - 1)
+                             : static_cast<time_t>(std::min<int64_t>(until, int64_t(next) + 24 * 3600));
     while (next <= end) {
       ++found;
       after = next;

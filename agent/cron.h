@@ -18,7 +18,8 @@ namespace kestrel
 /// Times are those of a time zone of the system's database. A time of day that does not exist on a day comes
 /// at the first moment after the gap; one that exists twice counts once, the first time. So times an hour
 /// apart may lie two hours apart in the night when the clocks go back. Threads: a value; const access from
-/// any number of threads. Limits:  lines of 1000 characters; years up to 9999.
+/// any number of threads. Limits:  lines of 1000 characters; years up to 9999, and no time that a time_t cannot
+/// hold (on 32-bit hosts from 2038 on).
 class Cron_Schedule
 {
 public:
@@ -35,8 +36,8 @@ public:
   [[nodiscard]] static bool parse(const std::string& line, const std::string& time_zone,
                                   Cron_Schedule& schedule, std::string& error);
 
-  /// The first time that is due after `time`; false, with `next` untouched, when there is none until the year
-  /// 9999.
+  /// The first time that is due after `time`; false, with `next` untouched, when there is none within the
+  /// limits.
   [[nodiscard]] bool next_after(time_t time, time_t& next) const;
 
   /// The last time that was due after `after`, up to and including `until`; false, with `last` untouched,

@@ -33,7 +33,10 @@ void free_bio(BIO* bio)
 typedef std::unique_ptr<EVP_PKEY, Releaser<EVP_PKEY, ::EVP_PKEY_free>> Key;
 typedef std::unique_ptr<X509, Releaser<X509, ::X509_free>> Certificate;
 typedef std::unique_ptr<BIO, Releaser<BIO, free_bio>> Bio;
+typedef std::unique_ptr<ASN1_TIME, Releaser<ASN1_TIME, ::ASN1_TIME_free>> Time;
 typedef std::unique_ptr<GENERAL_NAMES, Releaser<GENERAL_NAMES, ::GENERAL_NAMES_free>> Names;
+
+constexpr int64_t DAY_SECONDS = 24 * 3600;
 
 /// Throws with what the library says when `done` is not true.
 void require(bool done, const char* what)
@@ -124,16 +127,31 @@ void set_subject(X509* certificate, const std::string& common_name)
           "a name could not be set");
 }
 
+/// Days and seconds, for a time_t of 32 bits ends in 2038, and a CA lasts ten years.
+bool set_time(ASN1_TIME* time, int64_t seconds)
+{
+  return ::ASN1_TIME_adj(time, 0, static_cast<int>(seconds / DAY_SECONDS),
+                         static_cast<long>(seconds % DAY_SECONDS)) != nullptr;
+}
+
+bool seconds_of(const ASN1_TIME* time, int64_t& seconds)
+{
+  const Time epoch(::ASN1_TIME_set(nullptr, 0));
+  int days = 0, rest = 0;
+  if (!epoch || ::ASN1_TIME_diff(&days, &rest, epoch.get(), time) != 1)
+    return false;
+  seconds = days * DAY_SECONDS + rest;
+  return true;
+}
+
 Certificate begin_certificate(EVP_PKEY* key, const std::string& common_name, int64_t not_before,
                               int64_t not_after)
 {
   Certificate certificate(::X509_new());
   require(certificate && ::X509_set_version(certificate.get(), 2) == 1, "a certificate could not be made");
   set_serial(certificate.get());
-  require(::ASN1_TIME_set(::X509_getm_notBefore(certificate.get()), static_cast<time_t>(not_before)) !=
-                  nullptr &&
-              ::ASN1_TIME_set(::X509_getm_notAfter(certificate.get()), static_cast<time_t>(not_after)) !=
-                  nullptr &&
+  require(set_time(::X509_getm_notBefore(certificate.get()), not_before) &&
+              set_time(::X509_getm_notAfter(certificate.get()), not_after) &&
               ::X509_set_pubkey(certificate.get(), key) == 1,
           "a certificate could not be filled");
   set_subject(certificate.get(), common_name);
@@ -204,7 +222,7 @@ bool make_ca(TLS_Pair& ca, std::string& error)
     const Key key = make_key();
     const int64_t now = static_cast<int64_t>(clock().now());
     const Certificate certificate =
-        begin_certificate(key.get(), "Kestrel CA", now - 3600, now + int64_t(CA_DAYS) * 86400);
+        begin_certificate(key.get(), "Kestrel CA", now - 3600, now + CA_DAYS * DAY_SECONDS);
     X509* const raw = certificate.get();
     require(::X509_set_issuer_name(raw, ::X509_get_subject_name(raw)) == 1, "an issuer could not be set");
     add_extension(raw, raw, NID_basic_constraints, "critical,CA:TRUE,pathlen:0");
@@ -226,7 +244,7 @@ bool make_server_certificate(const TLS_Pair& ca, const TLS_Names& names, TLS_Pai
     const std::string alternative = alternative_names(names);
     const Key key = make_key();
     const int64_t now = static_cast<int64_t>(clock().now());
-    const int64_t end = not_after != 0 ? not_after : now + int64_t(SERVER_CERTIFICATE_DAYS) * 86400;
+    const int64_t end = not_after != 0 ? not_after : now + SERVER_CERTIFICATE_DAYS * DAY_SECONDS;
     const Certificate certificate =
         begin_certificate(key.get(), names.names.empty() ? names.addresses.front() : names.names.front(),
                           std::min(now - 3600, end - 3600), end);
@@ -276,9 +294,7 @@ bool certificate_end(const std::string& certificate, int64_t& not_after, std::st
 {
   return attempt("Cannot read a certificate", error, [&] {
     const Certificate read = read_certificate(certificate);
-    struct tm time;
-    require(::ASN1_TIME_to_tm(::X509_get0_notAfter(read.get()), &time) == 1, "its end is damaged");
-    not_after = static_cast<int64_t>(::timegm(&time));
+    require(seconds_of(::X509_get0_notAfter(read.get()), not_after), "its end is damaged");
   });
 }
 } // namespace kestrel

@@ -59,6 +59,19 @@ TEST(TLS_Setup, certificates_last_as_long_as_they_should)
   EXPECT_EQ(clock.now() + int64_t(825) * 86400, end);
 }
 
+TEST(TLS_Setup, certificates_end_behind_the_last_second_that_32_bits_can_count)
+{
+  kestrel_test::Fake_Clock clock(2145916800); // 2038-01-01
+  TLS_Pair ca, server;
+  std::string error;
+  int64_t ca_end = 0, end = 0;
+  ASSERT_TRUE(make_ca(ca, error) && make_server_certificate(ca, {{"a"}, {}}, server, error)) << error;
+  ASSERT_TRUE(certificate_end(ca.certificate, ca_end, error) &&
+              certificate_end(server.certificate, end, error));
+  EXPECT_EQ(int64_t(2145916800) + int64_t(3650) * 86400, ca_end);
+  EXPECT_EQ(int64_t(2145916800) + int64_t(825) * 86400, end);
+}
+
 TEST(TLS_Setup, two_certificates_have_different_keys_and_serial_numbers)
 {
   TLS_Pair ca, one, other;
