@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Builds the tree and runs its unit and component tests in a 32-bit Debian 12, which it makes with debootstrap.
+# Builds the tree and runs its unit, component and fuzz corpus tests in a 32-bit Debian 12, which it makes with debootstrap.
 # Usage (as root): tools/test-i386.sh [DIR]      DIR: where the environment is made and kept, default /var/tmp/kestrel-i386
-# Not part of ./test.sh: it needs root, about 2 GB below DIR, and the network for Debian's packages.
+# Not part of ./test.sh: it needs root, 10 GB below DIR, and the network for Debian's packages. DIR is kept, so a second run
+# installs and compiles only what is new.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source_dir=$PWD
@@ -26,21 +27,15 @@ if [ ! -e "$env_dir/.kestrel-ready" ]; then
   touch "$env_dir/.kestrel-ready"
 fi
 
-packages="g++ cmake ninja-build pkg-config libace-dev libboost-dev libboost-regex-dev libyajl-dev libzstd-dev liblz4-dev
-  zlib1g-dev libxxhash-dev libarchive-dev libssl-dev libsoci-dev libsqlite3-dev libcli11-dev libgtest-dev libgmock-dev zstd
-  lz4 gzip procps"
-# An environment that was kept may lack what the tree has come to need since.
-if [ "$(cat "$env_dir/.kestrel-ready" 2>/dev/null)" != "$packages" ]; then
-  inside env DEBIAN_FRONTEND=noninteractive apt-get update -q >>"$env_dir.log" 2>&1 || true
-  inside env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends $packages >>"$env_dir.log" 2>&1 ||
-    { tail -20 "$env_dir.log"; exit 1; }
-  echo "$packages" >"$env_dir/.kestrel-ready"
-fi
+# No service of the environment starts when its package is installed.
+printf '#!/bin/sh\nexit 101\n' >"$env_dir/usr/sbin/policy-rc.d"
+chmod 755 "$env_dir/usr/sbin/policy-rc.d"
 
 cleanup() { umount "$env_dir/dev/shm" "$env_dir/dev/pts" "$env_dir/proc" 2>/dev/null || true; }
 trap cleanup EXIT
 cleanup
 mount -t proc proc "$env_dir/proc"
+mkdir -p "$env_dir/dev/pts" && mount -t devpts -o newinstance,ptmxmode=0666 devpts "$env_dir/dev/pts"
 mkdir -p "$env_dir/dev/shm" && mount -t tmpfs tmpfs "$env_dir/dev/shm"
 
 echo "== copying the tree"
@@ -48,8 +43,13 @@ mkdir -p "$env_dir/src"
 find "$env_dir/src" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
 tar -C "$source_dir" --exclude=./build --exclude=./.git -cf - . | tar -C "$env_dir/src" -xf -
 
+# An environment that was kept may lack what the tree has come to need since.
+echo "== installing what is missing"
+inside /src/tools/install-deps.sh >>"$env_dir.log" 2>&1 || { tail -20 "$env_dir.log"; exit 1; }
+
 echo "== building ($(inside uname -m))"
-inside cmake -S /src -B /src/build/i386 -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1" -DKESTREL_LAB=OFF >/dev/null
-inside cmake --build /src/build/i386
+inside cmake -S /src -B /src/build/i386 -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0 >/dev/null
+# Goes on past an error: one run shows all of them.
+inside cmake --build /src/build/i386 -j "$(nproc)" -- -k 0
 echo "== testing"
 inside ctest --test-dir /src/build/i386 -L '^(unit|component|fuzz)$' -LE check -j "$(nproc)" --output-on-failure
