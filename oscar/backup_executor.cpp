@@ -22,6 +22,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <set>
 
 namespace oscar
@@ -76,6 +77,26 @@ bool inside(const std::vector<Backup_File>& files)
     }
   return true;
 }
+/// Dots join the parts of a file's name and may stand in them, too: the table B of the schema A and the
+/// schema "A.B" have one name. The later export would take the place of the earlier one in a set that seems to
+/// be whole.
+bool distinct(const std::vector<Backup_File>& files)
+{
+  std::map<std::string, std::string> objects;
+  for (const Backup_File& file : files) {
+    const std::string table = file.schema.empty() ? std::string() : file.table;
+    const std::string object = object_text(file.database, file.schema, table);
+    const std::string& other = objects.emplace(file.file, object).first->second;
+    if (other == object)
+      continue;
+    ACE_ERROR((LM_ERROR,
+               "(%P|%t) Backup_Executor: %C and %C would have the same dump file; nothing is exported. Export "
+               "them with two jobs\n",
+               other.c_str(), object.c_str()));
+    return false;
+  }
+  return true;
+}
 } // namespace
 
 /// What one run makes up on its way.
@@ -122,6 +143,10 @@ bool Backup_Executor::execute_i(const Values*)
   Instance_Manager* const manager = Instance_Manager::instance();
   if (!manager) {
     ACE_ERROR((LM_EMERGENCY, "Unexpected error in %N:%l, manager is NULL:\n%?\n"));
+    return false;
+  }
+  if (!distinct(run.files)) {
+    raise_logical_alert(job_, ALERT_STEP);
     return false;
   }
   if (!inside(run.files) || !find_login(*manager, run))

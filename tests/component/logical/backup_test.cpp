@@ -230,6 +230,23 @@ TEST(Logical_Backup, stores_an_object_named_twice_once)
   EXPECT_EQ(1000u, number_of(row, "total_size"));
 }
 
+// Dots join the parts of a dump file's name, and may stand in the parts, too.
+TEST(Logical_Backup, exports_nothing_when_two_objects_would_have_one_dump_file)
+{
+  const std::vector<std::string> pairs[] = {{"oscar/LOGI1/LOGI1/A.B/C", "oscar/LOGI1/LOGI1/A/B.C"},
+                                            {"oscar/LOGI1/LOGI1/A.B", "oscar/LOGI1/LOGI1/A/B"}};
+  for (const std::vector<std::string>& entries : pairs) {
+    Logical_Bench bench;
+    Codes alerts;
+    EXPECT_EQ(JOB_STATE_ERROR, bench.run(bench.backup_fields(entries), &alerts));
+    EXPECT_EQ(Codes{18}, alerts);
+    bench.log.expect(LM_ERROR, "would have the same dump file");
+    EXPECT_TRUE(bench.calls("osrexp").empty());
+    EXPECT_TRUE(bench.rows().empty());
+    bench.expect_no_dump_left();
+  }
+}
+
 TEST(Logical_Backup, compresses_as_the_options_say)
 {
   Logical_Bench bench;
