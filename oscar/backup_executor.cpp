@@ -78,8 +78,8 @@ bool inside(const std::vector<Backup_File>& files)
   return true;
 }
 /// Dots join the parts of a file's name and may stand in them, too: the table B of the schema A and the
-/// schema "A.B" have one name. The later export would take the place of the earlier one in a set that seems to
-/// be whole.
+/// schema "A.B" have one name. The later export would take the place of the earlier one in a set that seems
+/// to be whole.
 bool distinct(const std::vector<Backup_File>& files)
 {
   std::map<std::string, std::string> objects;
@@ -89,10 +89,11 @@ bool distinct(const std::vector<Backup_File>& files)
     const std::string& other = objects.emplace(file.file, object).first->second;
     if (other == object)
       continue;
-    ACE_ERROR((LM_ERROR,
-               "(%P|%t) Backup_Executor: %C and %C would have the same dump file; nothing is exported. Export "
-               "them with two jobs\n",
-               other.c_str(), object.c_str()));
+    ACE_ERROR(
+        (LM_ERROR,
+         "(%P|%t) Backup_Executor: %C and %C would have the same dump file; nothing is exported. Export "
+         "them with two jobs\n",
+         other.c_str(), object.c_str()));
     return false;
   }
   return true;

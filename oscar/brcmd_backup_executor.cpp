@@ -76,7 +76,8 @@ bool Oscar_Brcmd_Backup_Executor::execute_i(const Values*)
     return false;
 
   Run run(act_->start_time);
-  if (!find_instance() || !choose_level(run.catalog))
+  kestrel::File_Lock one_job_an_instance;
+  if (!find_instance() || !lock_instance(job_, _instance, one_job_an_instance) || !choose_level(run.catalog))
     return false;
   look_up_port();
   Stream_Fifo fifo(run.fifo);

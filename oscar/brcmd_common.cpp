@@ -1,5 +1,6 @@
 #include "oscar/brcmd_common.h"
 
+#include <cerrno>
 #include <memory>
 
 #include <ace/ACE.h>
@@ -8,6 +9,7 @@
 #include "base/clock.h"
 #include "base/ignore_result.h"
 #include "base/path_conf.h"
+#include "base/uuid.h"
 #include "instances/instance_manager.h"
 #include "jobs/job.h"
 #include "jobs/job_alert.h"
@@ -21,6 +23,7 @@ namespace
 {
 constexpr int ALERT_CATEGORY = 7;
 constexpr int64_t GONE_POLL_MSEC = 1000;
+constexpr int64_t LOCK_POLL_MSEC = 200;
 
 struct tm local_time(time_t time)
 {
@@ -108,6 +111,27 @@ bool find_instance_access(Job& job, const std::string& instance, Unknown_Instanc
     raise_physical_alert(job, 6);
     ACE_ERROR((LM_ERROR, "Failed to get oscar home.\n"));
     return false;
+  }
+  return true;
+}
+
+bool lock_instance(Job& job, const std::string& instance, kestrel::File_Lock& lock)
+{
+  const std::string path = Path_Conf("/var/opt/tarnvik/kestrel3/$COMPONENT", "locks")
+                               .path(("instance_" + kestrel::name_uuid(instance) + ".lock").c_str());
+  bool told = false;
+  while (!lock.try_lock(path)) {
+    if (errno != EWOULDBLOCK) {
+      ACE_ERROR((LM_ERROR, "(%P|%t) lock_instance: cannot lock %C: %m\n", path.c_str()));
+      return false;
+    }
+    if (!told)
+      ACE_DEBUG((LM_INFO, "(%P|%t) lock_instance: the job waits for another job on the instance %C\n",
+                 instance.c_str()));
+    told = true;
+    if (job_is_canceled(*job.activity()))
+      return false;
+    kestrel::clock().sleep_msec(LOCK_POLL_MSEC);
   }
   return true;
 }

@@ -3,6 +3,7 @@
 #include <ctime>
 #include <string>
 
+#include "base/file_lock.h"
 #include "base/secure_allocator.h"
 #include "oscar/stream_fifo.h"
 #include "oscar/stream_pump.h"
@@ -51,6 +52,12 @@ enum class Unknown_Instance { SILENT, ALERT };
 /// but for an unknown instance as asked.
 [[nodiscard]] bool find_instance_access(Job& job, const std::string& instance, Unknown_Instance unknown,
                                         Instance_Access& access);
+
+/// Waits until no other physical job, of this process or another, works on the instance, and keeps them off
+/// for as long as the lock lives. The lock of a job's source does not do that: a restore into another
+/// instance, or a document of somebody's own, brings another source to the instance. Take it as the last
+/// lock, and one only. False = the job was canceled meanwhile, or there is no lock, which is logged.
+[[nodiscard]] bool lock_instance(Job& job, const std::string& instance, kestrel::File_Lock& lock);
 
 /// Looks once a second, at most that many times, whether the process is gone; true as soon as it is. One that
 /// may not be signalled counts as there.

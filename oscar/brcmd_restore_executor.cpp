@@ -54,7 +54,8 @@ bool Oscar_Brcmd_Restore_Executor::execute_i(const Values*)
   if (!one_job_a_source.held())
     return false;
 
-  if (!choose_backup() || !find_instance())
+  kestrel::File_Lock one_job_an_instance;
+  if (!choose_backup() || !find_instance() || !lock_instance(job_, _instance, one_job_an_instance))
     return false;
   Stream_Fifo fifo(fifo_path(act_->start_time));
   if (!create_fifo(job_, fifo))

@@ -210,6 +210,69 @@ TEST(Physical_Restore, finds_its_instance_by_target_name_then_original)
   bench.log.expect_exactly(LM_ERROR, "Failed to invoke execute_i, can't find instance.\n");
 }
 
+namespace
+{
+/// Two jobs of different sources that work on the same instance.
+class Shared_Instance
+{
+public:
+  Shared_Instance()
+  {
+    bench.back_up();
+    bench.set_next_state("full-2", "full-2", 20);
+    bench.set_brcmd("begin ${option:-f}\nput_file " + (bench.dir / "stream") + "\nwrite_file " +
+                        (bench.dir / "up") + " x\nwait_file " + (bench.dir / "go") + "\nfinish\nreplace " +
+                        (bench.dir / "next_state") + " " + bench.home + "/agent/lastlsn.dat\n",
+                    bench.marking_restore());
+    kestrel::Job_Definition_Fields fields = bench.restore_fields("full-1");
+    fields.id = "7d3a1c52-0000-4000-8000-0000000000d9";
+    source_of(fields).id("7d3a1c52-0000-4000-8000-000000000009");
+    restore = bench.make_job(fields);
+    backup = bench.make_job(bench.backup_fields());
+  }
+
+  /// The restore waits for the backup, which is within its stream.
+  void begin()
+  {
+    ASSERT_EQ(0, backup->start());
+    ASSERT_TRUE(bench.wait_for(bench.dir / "up"));
+    ASSERT_EQ(0, restore->start());
+    ASSERT_TRUE(
+        eventually([this] { return bench.log.contains("waits for another job on the instance PHYS7"); }));
+  }
+
+  Physical_Bench bench;
+  Job_Ptr backup;
+  Job_Ptr restore;
+};
+} // namespace
+
+TEST(Physical_Restore, waits_for_the_backup_of_another_source_on_its_instance)
+{
+  Shared_Instance jobs;
+  const Fake_Server server(jobs.bench.dir, "hang");
+  ASSERT_NO_FATAL_FAILURE(jobs.begin());
+  EXPECT_TRUE(server.running());
+  jobs.bench.dir.write("go", "");
+  EXPECT_EQ(JOB_STATE_COMPLETED, jobs.bench.wait_end(jobs.backup));
+  EXPECT_EQ(JOB_STATE_COMPLETED, jobs.bench.wait_end(jobs.restore));
+  EXPECT_FALSE(server.running());
+  EXPECT_EQ(2u, jobs.bench.rows().size());
+}
+
+TEST(Physical_Restore, that_waits_for_its_instance_can_be_canceled)
+{
+  Shared_Instance jobs;
+  const Fake_Server server(jobs.bench.dir, "hang");
+  ASSERT_NO_FATAL_FAILURE(jobs.begin());
+  EXPECT_EQ(0, jobs.restore->stop());
+  EXPECT_TRUE(eventually([&jobs] { return jobs.restore->state() == JOB_STATE_CANCELED; }));
+  jobs.bench.dir.write("go", "");
+  EXPECT_EQ(JOB_STATE_COMPLETED, jobs.bench.wait_end(jobs.backup));
+  EXPECT_TRUE(server.running());
+  EXPECT_FALSE(exists(jobs.bench.dir / "restored"));
+}
+
 TEST(Physical_Restore, fails_without_account_instance_or_home)
 {
   Physical_Bench bench;
