@@ -291,6 +291,13 @@ bool Oscar_Brcmd_Backup_Executor::record(Run& run, const Client_IO_Ex& storage, 
   set.set_pump_checksum(pumped.checksum);
   set.set_original_checksum(storage.original_checksum());
   set.set_storage_checksum(storage.storage_checksum());
+  if (!pumped.can_be_restored()) {
+    // It must not be taken for a backup that a restore can rely on, nor may others build on it.
+    std::string reason;
+    string_sprintf(reason, "its info block has %u bytes, and a restore takes at most %u", pumped.info_bytes,
+                   STREAM_BLOCK_BYTES);
+    set.set_unusable_reason(reason);
+  }
   return Catalog_Operator(-1, -1).commit(set, true);
 }
 

@@ -16,6 +16,7 @@ bool Stream_Backup_Pump::pump(int fd, const std::string& fifo_path, Pumped_Strea
   if (!copy_head(fd, info_length) || !copy_info(fd, info_length) || !copy_image(fd, fifo_path))
     return false;
   pumped.bytes = progress_.done();
+  pumped.info_bytes = info_length;
   pumped.checksum = checksum_.hex();
   return true;
 }

@@ -47,17 +47,22 @@ public:
   [[nodiscard]] virtual int read(void* data, unsigned bytes) = 0;
   /// Closes the file and opens it again from its first byte.
   [[nodiscard]] virtual bool reopen() = 0;
-  /// XXH3-128 of everything that read() gave since the file was opened, as 32 lower-case hex digits; once the end was
-  /// told.
+  /// XXH3-128 of everything that read() gave since the file was opened, as 32 lower-case hex digits; once the
+  /// end was told.
   virtual std::string checksum() const = 0;
   virtual const char* error() const = 0;
   virtual const std::string& name() const = 0;
 };
 
-/// What went through a pump: the count of bytes, and their XXH3-128 as 32 lower-case hex digits.
+/// What went through a pump: the count of bytes, those of the info block among them, and their XXH3-128 as 32
+/// lower-case hex digits.
 struct Pumped_Stream {
   uint64_t bytes = 0;
+  uint32_t info_bytes = 0;
   std::string checksum;
+
+  /// A restore takes no longer info block than its buffer holds.
+  bool can_be_restored() const { return info_bytes <= STREAM_BLOCK_BYTES; }
 
   /// Whether storage holds exactly these bytes, by its own count and checksum. A missing checksum proves
   /// nothing.

@@ -38,6 +38,8 @@ kestrel::Backup_Record Backup_Set::common_record(const char* catalog) const
   fields["compression"] = compression_;
   fields["original_checksum"] = original_checksum_;
   fields["storage_checksum"] = storage_checksum_;
+  if (!unusable_reason_.empty())
+    fields["state_reason"] = unusable_reason_;
   record.storages = storages_;
   record.pieces = pieces_;
   return record;

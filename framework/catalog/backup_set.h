@@ -72,6 +72,10 @@ public:
   const std::string& original_checksum() const { return original_checksum_; }
   void set_storage_checksum(const std::string& value) { storage_checksum_ = value; }
   const std::string& storage_checksum() const { return storage_checksum_; }
+  /// Why no restore can use the set, when that is known from the beginning: it is recorded as unavailable.
+  /// Empty for all others.
+  void set_unusable_reason(const std::string& value) { unusable_reason_ = value; }
+  const std::string& unusable_reason() const { return unusable_reason_; }
 
 protected:
   /// The common fields, storages and pieces.
@@ -94,6 +98,7 @@ private:
   std::string compression_;
   std::string original_checksum_;
   std::string storage_checksum_;
+  std::string unusable_reason_;
   std::vector<kestrel::Backup_Record::Storage> storages_;
   std::vector<kestrel::Backup_Record::Piece> pieces_;
 };
@@ -157,8 +162,8 @@ private:
   std::string pump_checksum_;
 };
 
-/// A logical backup: one record of the catalog "oscar". seq and minor_resource_id name its archive in the pool;
-/// the first piece is the stored file, the first storage its pool.
+/// A logical backup: one record of the catalog "oscar". seq and minor_resource_id name its archive in the
+/// pool; the first piece is the stored file, the first storage its pool.
 class Oscar_Backup_Set : public Backup_Set
 {
 public:

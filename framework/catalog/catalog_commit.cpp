@@ -52,6 +52,8 @@ Commit_Row::Commit_Row(const Backup_Record& record) : record_(record), catalog_(
   if (uuid_.empty())
     throw unfit("uuid", "is empty");
   resource_uuid_ = field_text("resource_uuid");
+  if (!field_text("state_reason").empty())
+    add_text("state", "unavailable");
   if (!record.storages.empty()) {
     add_text("pool_uuid", record.storages.front().pool_uuid);
     add_number("backup_set_storage_size", record.storages.front().size);

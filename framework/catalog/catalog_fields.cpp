@@ -44,7 +44,7 @@ const std::vector<Catalog_Field>& catalog_fields()
       {"dbinstance", Field_Kind::text, logical_catalog, true},
       {"tablespaces", Field_Kind::json, logical_catalog, true},
       {"state", Field_Kind::text, both_catalogs, false},
-      {"state_reason", Field_Kind::text, both_catalogs, false},
+      {"state_reason", Field_Kind::text, both_catalogs, true},
   };
   return fields;
 }

@@ -146,7 +146,7 @@ TEST(Physical_Backup_Tool, stores_a_stream_without_an_image)
   bench.back_up();
 }
 
-TEST(Physical_Backup_Tool, warns_of_an_info_block_that_no_restore_takes)
+TEST(Physical_Backup_Tool, records_as_unusable_what_has_an_info_block_that_no_restore_takes)
 {
   Physical_Bench bench;
   const std::string info = bench.data_file + "=5000\n" + std::string(8000, '#') + "\n";
@@ -157,6 +157,20 @@ TEST(Physical_Backup_Tool, warns_of_an_info_block_that_no_restore_takes)
   bench.set_stream(stream);
   bench.back_up();
   bench.log.expect(LM_WARNING, "can be stored but not restored");
+  const json_spirit::Object row = bench.rows().at(0).get_obj();
+  EXPECT_TRUE(json_spirit::find_value(row, "state").get_array().empty());
+  EXPECT_EQ("its info block has " + std::to_string(length) + " bytes, and a restore takes at most 8192",
+            json_spirit::find_value(row, "state_reason").get_str());
+
+  // Nothing is to build on it.
+  bench.set_next_state("full-2", "full-2", 20);
+  bench.set_stream(bench.make_good_stream(1000));
+  bench.back_up(JOB_DEFINITION_SUBTYPE_INCREMENTAL);
+  bench.log.expect_exactly(LM_INFO, "Lack of backup info, run full backup instead.\n");
+  const json_spirit::Object next = bench.rows().at(1).get_obj();
+  EXPECT_EQ("full", json_spirit::find_value(next, "type").get_str());
+  EXPECT_FALSE(json_spirit::find_value(next, "state").get_array().empty());
+  EXPECT_EQ("", json_spirit::find_value(next, "state_reason").get_str());
 }
 
 TEST(Physical_Backup_Tool, records_nothing_when_brcmd_is_killed_within_the_stream)

@@ -84,6 +84,17 @@ TEST_F(Catalog_Rows, the_first_storage_and_piece_are_shown)
   EXPECT_EQ("set-1", find_value(row, "backup_file").get_str());
 }
 
+TEST_F(Catalog_Rows, a_set_may_come_as_unusable)
+{
+  Oscar_Brcmd_Backup_Set set = make_set("b1");
+  set.set_unusable_reason("no restore takes it");
+  ASSERT_TRUE(commit(set));
+  const json_spirit::Object row = rows({{"with_chain", true}}).at(0).get_obj();
+  EXPECT_TRUE(find_value(row, "state").get_array().empty());
+  EXPECT_EQ("no restore takes it", find_value(row, "state_reason").get_str());
+  EXPECT_EQ("Backup b1 is not available: no restore takes it", find_value(row, "chain_problem").get_str());
+}
+
 TEST_F(Catalog_Rows, an_unusable_set_has_an_empty_state)
 {
   ASSERT_TRUE(commit(make_set("b1")));
