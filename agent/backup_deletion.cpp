@@ -50,6 +50,18 @@ std::string list_of(const std::vector<std::string>& uuids)
     text += " and " + std::to_string(uuids.size() - LISTED) + " more";
   return text;
 }
+
+Deletion_Problem::Kind problem_of(Catalog_Status status)
+{
+  switch (status) {
+  case Catalog_Status::busy:
+    return Deletion_Problem::busy;
+  case Catalog_Status::broken:
+    return Deletion_Problem::broken;
+  default:
+    return Deletion_Problem::catalog;
+  }
+}
 } // namespace
 
 struct Backup_Deletion::Found {
@@ -70,7 +82,7 @@ template <class Operation> void Backup_Deletion::ask(Operation operation)
   std::string error;
   Catalog_Status last = Catalog_Status::failed;
   if (!retry_while_busy(retry_seconds_, error, [&](std::string& text) { return last = operation(text); }))
-    throw Failure(last == Catalog_Status::busy ? Deletion_Problem::busy : Deletion_Problem::catalog, error);
+    throw Failure(problem_of(last), error);
 }
 
 Array Backup_Deletion::rows(const std::string& catalog,

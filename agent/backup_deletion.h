@@ -33,7 +33,8 @@ struct Deletion_Problem {
     pool,      ///< the pool is not known, or does not lie here
     storage,   ///< the pool's directory or disk refuses
     busy,      ///< the catalog is in use: worth trying again
-    catalog    ///< the catalog refuses
+    catalog,   ///< the catalog refuses
+    broken     ///< the catalog itself does not work
   } kind = none;
   std::string text; ///< one sentence: what, and what to do
 };

@@ -22,7 +22,7 @@ bool query_catalog(const char* catalog, const char* view, const Catalog_View_Que
     const Catalog_Status status = catalog_back_end()->get_view(catalog, view, query, result, error);
     if (status == Catalog_Status::done)
       break;
-    if (status == Catalog_Status::failed || clock().monotonic_msec() >= give_up_msec)
+    if (status != Catalog_Status::busy || clock().monotonic_msec() >= give_up_msec)
       return false;
     clock().sleep_msec(retry_msec);
   }

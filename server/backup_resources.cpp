@@ -39,6 +39,9 @@ void Backup_Resources::refuse(const Deletion_Problem& problem)
     throw REST_Error(507, "storage", problem.text);
   case Deletion_Problem::busy:
     throw REST_Error(503, "busy", problem.text);
+  case Deletion_Problem::broken:
+    check_catalog(Catalog_Status::broken, problem.text);
+    break;
   case Deletion_Problem::none:
   case Deletion_Problem::catalog:
     break;

@@ -16,6 +16,8 @@ using json_spirit::Value;
 /// Clients take 16 MiB; the rest is for what stands around it.
 const size_t MOST_ANSWER_BYTES = 15u << 20;
 
+const int RETRY_SECONDS = 5;
+
 const char* const CATALOGS[] = {"oscar_brcmd", "oscar"};
 
 bool is_same(const Value& stored, const Value& sent)
@@ -35,7 +37,11 @@ std::string text_field(const Backup_Record& record, const char* name)
 void check_catalog(Catalog_Status status, const std::string& error)
 {
   if (status == Catalog_Status::busy)
-    throw REST_Error(503, "busy", error);
+    throw REST_Error(503, "busy", error, RETRY_SECONDS);
+  if (status == Catalog_Status::broken) {
+    ACE_ERROR((LM_ERROR, "(%P|%t) Catalog_Resources: %C\n", error.c_str()));
+    throw REST_Error(503, "catalog_failed", error, RETRY_SECONDS);
+  }
   if (status == Catalog_Status::failed)
     throw REST_Error(422, "catalog", error);
 }

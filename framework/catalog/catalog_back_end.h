@@ -13,8 +13,9 @@ namespace kestrel
 {
 enum class Catalog_Status {
   done,
-  busy,  ///< locked or unreachable: worth trying again
-  failed ///< trying again would not help
+  busy,   ///< locked or unreachable: worth trying again
+  failed, ///< refused for what was asked: trying again would not help
+  broken  ///< the catalog itself does not work (its disk, its file, its database): somebody must repair it first
 };
 
 /// What stores the catalog. The local one keeps it in a SQL database; a host may register another that asks a

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 namespace kestrel
 {
@@ -25,13 +26,28 @@ Sqlite_File sqlite_file(const Catalog_Place& place)
 
 Catalog_Error file_error(const std::string& what, const std::string& path)
 {
-  return Catalog_Error(Catalog_Status::failed, what + " " + path + ": " + ::strerror(errno));
+  return Catalog_Error(Catalog_Status::broken, what + " " + path + ": " + ::strerror(errno));
 }
 
 Catalog_Error unreachable(const Catalog_Place& place, const std::string& cause)
 {
   return Catalog_Error(Catalog_Status::busy, "Catalog " + place.name() + ": " + cause +
                                                  " Check that the server runs and lets this user in");
+}
+
+/// Whose fault a result of SQLite is.
+Catalog_Status status_of(int code)
+{
+  if (is_sqlite_busy(code))
+    return Catalog_Status::busy;
+  switch (code & 0xff) {
+  case SQLITE_CONSTRAINT:
+  case SQLITE_TOOBIG:
+  case SQLITE_MISMATCH:
+    return Catalog_Status::failed;
+  default:
+    return Catalog_Status::broken;
+  }
 }
 
 bool on_server(soci::session& session)
@@ -102,25 +118,28 @@ Catalog_Error Catalog_Database::translate(const Catalog_Place& place, const std:
   if (const auto* known = dynamic_cast<const Catalog_Error*>(&error))
     return *known;
   if (dynamic_cast<const Sqlite_File_Error*>(&error) != nullptr)
-    return Catalog_Error(Catalog_Status::failed, error.what());
+    return Catalog_Error(Catalog_Status::broken, error.what());
   const std::string start = "Catalog " + place.name() + ": ";
   if (const auto* sqlite = dynamic_cast<const soci::sqlite3_soci_error*>(&error)) {
     const int code = sqlite->result();
-    return Catalog_Error(is_sqlite_busy(code) ? Catalog_Status::busy : Catalog_Status::failed,
+    return Catalog_Error(status_of(code),
                          start + sqlite->get_error_message() + ". " + sqlite_cure(code, cure_of_damage));
   }
   if (const auto* other = dynamic_cast<const soci::soci_error*>(&error)) {
     if (other->get_error_category() == soci::soci_error::connection_error)
       return unreachable(place, other->get_error_message());
-    return Catalog_Error(Catalog_Status::failed, start + other->get_error_message());
+    const bool contradicts = other->get_error_category() == soci::soci_error::constraint_violation;
+    return Catalog_Error(contradicts ? Catalog_Status::failed : Catalog_Status::broken,
+                         start + other->get_error_message());
   }
-  return Catalog_Error(Catalog_Status::failed, start + error.what());
+  const bool no_memory = dynamic_cast<const std::bad_alloc*>(&error) != nullptr;
+  return Catalog_Error(no_memory ? Catalog_Status::broken : Catalog_Status::failed, start + error.what());
 }
 
 Catalog_Database::Catalog_Database(const Catalog_Place& place)
 {
   if (!place.problem.empty())
-    throw Catalog_Error(Catalog_Status::failed, place.problem);
+    throw Catalog_Error(Catalog_Status::broken, place.problem);
   try {
     if (place.server.empty())
       open_file(place);
@@ -143,7 +162,7 @@ void Catalog_Database::open_server(const Catalog_Place& place)
   } catch (const soci::soci_error& error) {
     const std::string text = error.get_error_message();
     if (text.find("shared library") != std::string::npos)
-      throw Catalog_Error(Catalog_Status::failed, "Catalog " + place.name() + ": " + text +
+      throw Catalog_Error(Catalog_Status::broken, "Catalog " + place.name() + ": " + text +
                                                       ". Install SOCI's back end for PostgreSQL");
     throw unreachable(place, text);
   }
@@ -166,13 +185,13 @@ void Catalog_Database::open_file(const Catalog_Place& place)
       throw file_error("Cannot look at the catalog", place.path);
     create_file(place);
   } else if (status.st_size == 0)
-    throw Catalog_Error(Catalog_Status::failed,
+    throw Catalog_Error(Catalog_Status::broken,
                         "Catalog " + place.path + " is empty (0 bytes). " + cure_of_damage);
   connect_sqlite(session_, sqlite_file(place));
   int application_id = 0;
   session_ << "PRAGMA application_id", soci::into(application_id);
   if (schema_version(session_) <= 0 || application_id != catalog_application_id)
-    throw Catalog_Error(Catalog_Status::failed,
+    throw Catalog_Error(Catalog_Status::broken,
                         "Catalog " + place.path +
                             " is a database, but not a catalog of this program. Move it away "
                             "and put back the catalog");
@@ -188,7 +207,7 @@ void Catalog_Database::create_file(const Catalog_Place& place)
   if (files.stat(place.path.c_str(), &status) == 0)
     return;                                                    // another process was first
   if (files.stat((place.path + "-wal").c_str(), &status) == 0) // it would be applied to the new file
-    throw Catalog_Error(Catalog_Status::failed,
+    throw Catalog_Error(Catalog_Status::broken,
                         "The catalog " + place.path + " is missing, but its log " + place.path +
                             "-wal is there: put the catalog back beside it, or move the log "
                             "away to begin a new catalog");
@@ -202,7 +221,7 @@ void Catalog_Database::migrate(const Catalog_Place& place)
   const int newest = static_cast<int>(place.migrations->size());
   int version = schema_version(session_);
   if (version > newest)
-    throw Catalog_Error(Catalog_Status::failed, "Catalog " + place.name() +
+    throw Catalog_Error(Catalog_Status::broken, "Catalog " + place.name() +
                                                     " was written by a newer release (schema " +
                                                     std::to_string(version) + ", this program knows up to " +
                                                     std::to_string(newest) + "). Update this program");

@@ -41,7 +41,7 @@ bool retry_while_busy(int max_seconds_retry, std::string& error,
     if (status == Catalog_Status::done)
       return true;
     const int64_t left_msec = end_msec - clock().monotonic_msec();
-    if (status == Catalog_Status::failed || left_msec <= 0) {
+    if (status != Catalog_Status::busy || left_msec <= 0) {
       error = problem;
       if (status == Catalog_Status::busy)
         error += " (tried for " + std::to_string(seconds) + " s)";

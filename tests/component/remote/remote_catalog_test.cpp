@@ -7,9 +7,12 @@
 #include "remote/record_json.h"
 #include "remote/remote_catalog.h"
 #include "support/clocks.h"
+#include "support/fault_vfs.h"
 #include "support/log_capture.h"
 
 #include <gtest/gtest.h>
+
+#include <sqlite3.h>
 
 using namespace kestrel;
 using namespace kestrel_test;
@@ -193,6 +196,73 @@ TEST_F(Remote_Catalog_Test, commits_when_the_server_was_killed_before_the_commit
   transport_->fail("POST /k2/r/catalogs", Direct_Transport::lost_before, 1, [this] { place_.restart(); });
   EXPECT_TRUE(Catalog_Operator(-1, -1).commit(make_set("a"), true));
   EXPECT_EQ(1u, rows({}).size());
+}
+
+TEST_F(Remote_Catalog_Test, a_commit_that_the_disk_of_the_server_failed_is_repeated)
+{
+  log_.allow(LM_ERROR, "Catalog_Resources: Catalog ");
+  const struct {
+    const char* kind;
+    int result;
+  } faults[] = {{"write", SQLITE_FULL}, {"write", SQLITE_IOERR_WRITE}, {"sync", SQLITE_IOERR_FSYNC}, {"open", SQLITE_CANTOPEN}};
+  ASSERT_EQ(Catalog_Status::done, commit(make_set("first")));
+  size_t sets = 1;
+  for (const auto& fault : faults)
+    for (unsigned number = 1; number < 1000; ++number) {
+      const std::string id = "set" + std::to_string(++sets);
+      Fault_Vfs files;
+      unsigned replies = 0;
+      std::string told;
+      place_.after([&](const REST_Request& request, REST_Reply& reply) {
+        if (request.path != "/k2/r/catalogs" || reply.status == 200)
+          return;
+        ++replies;
+        files.heal();
+        told = std::to_string(reply.status) + write_json(reply.json);
+        EXPECT_EQ(503, reply.status) << told;
+        EXPECT_EQ(1u, reply.headers.count("Retry-After")) << told;
+      });
+      files.fail(fault.kind, number, fault.result, true);
+      EXPECT_TRUE(Catalog_Operator(-1, -1).commit(make_set(id), true)) << id << told;
+      const bool met = files.met();
+      files.heal();
+      place_.after(nullptr);
+      ASSERT_EQ(sets, rows({}).size()) << id << told;
+      ASSERT_LE(replies, 1u) << told;
+      if (!met)
+        break;
+      ASSERT_LT(number, 999u);
+    }
+  EXPECT_GT(log_.count("Catalog_Resources: Catalog "), 4u) << "each fault was met once at least";
+}
+
+TEST_F(Remote_Catalog_Test, a_server_whose_disk_stays_defective_is_named_as_the_cause)
+{
+  Pool_Info pool = place_.add_pool("p");
+  ASSERT_EQ(Catalog_Status::done, commit(make_set("a")));
+  log_.allow(LM_ERROR, "Catalog_Resources: Catalog ");
+  Fault_Vfs files;
+  files.fail("read", 1, SQLITE_IOERR_READ, true);
+  EXPECT_FALSE(Catalog_Operator(-1, 30).commit(make_set("b"), true));
+  log_.expect(LM_ERROR, "the backup server https://server:7480 cannot do that now: Catalog ");
+  log_.expect(LM_ERROR, "disk I/O error. Check the disk and the system log (tried for 30 s)");
+  EXPECT_GT(place_.count("POST /k2/r/catalogs 503"), 3u);
+  // The same from whoever asks.
+  const auto status = [this](const char* method, const std::string& target, const std::string& body) {
+    REST_Request request;
+    request.method = method;
+    request.body = body;
+    request.headers["authorization"] = "Bearer admin";
+    return place_.handle(request, "/k2/r/" + target).status;
+  };
+  EXPECT_EQ(503, status("POST", "catalogs/oscar_brcmd/catalogs", "{}"));
+  EXPECT_EQ(503, status("GET", "catalogs/sets/a/dependents", ""));
+  EXPECT_EQ(503, status("POST", "catalogs/sets/a/state", R"({"state":"available"})"));
+  EXPECT_EQ(503, status("DELETE", "catalogs/sets/a", ""));
+  EXPECT_EQ(503, status("DELETE", "backups/a", ""));
+  EXPECT_EQ(503, status("DELETE", "pools/" + pool.pool_id, ""));
+  files.heal();
+  EXPECT_EQ(Catalog_Status::done, commit(make_set("b"))) << error_;
 }
 
 TEST_F(Remote_Catalog_Test, does_not_take_another_record_for_the_repetition)
