@@ -85,6 +85,7 @@ bool Agent_Jobs::stop(unsigned grace_seconds, bool cancel)
   // Code of modules runs until the threads of the runs are gone.
   idle = idle && Job::wait_all_runs(cancel_msec);
   state.hooks.call(state.hooks.added());
+  state.keep_told();
   {
     const std::lock_guard<std::mutex> guard(state.mutex);
     if (state.opened) {

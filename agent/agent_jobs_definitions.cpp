@@ -5,6 +5,8 @@
 #include "agent/module_table.h"
 #include "json/json_util.h"
 
+#include <ace/Log_Msg.h>
+
 #include <utility>
 
 namespace kestrel
@@ -21,9 +23,50 @@ void Agent_Jobs::State::replace(Known_Job& job, Known_Job other, time_t now)
 {
   Definition_Change change = change_of(job, other);
   job.replace(std::move(other));
-  if (change.matters())
+  if (change.changed || change.told_enabled)
     hooks.add(std::move(change));
   adopt(job, now);
+}
+
+bool Agent_Jobs::State::add_untold(std::string& error)
+{
+  std::vector<Job_Store::Told> told;
+  if (!store.load_told(told, error))
+    return false;
+  std::map<std::string, Known_Job> former;
+  for (const Job_Store::Told& one : told)
+    former[one.id].stored = Stored_Definition{one.id, 0, one.enabled, "", one.document, 0};
+  for (auto& [id, heard] : former) {
+    const auto found = jobs.find(id);
+    if (found != jobs.end() && heard.stored.document == found->second.stored.document &&
+        heard.stored.enabled == found->second.stored.enabled)
+      continue;
+    read_definition(modules.loader(), settings.host_uuid, heard);
+    hooks.add(found == jobs.end() ? removal_of(heard) : change_of(heard, found->second));
+  }
+  for (const auto& [id, job] : jobs)
+    if (!former.count(id))
+      hooks.add(change_of(Known_Job(), job));
+  return true;
+}
+
+void Agent_Jobs::State::keep_told()
+{
+  const std::lock_guard<std::mutex> guard(told_mutex);
+  for (Job_Store::Told& one : hooks.take_told())
+    unstored_told[one.id] = std::move(one);
+  if (unstored_told.empty())
+    return;
+  std::vector<Job_Store::Told> told;
+  for (const auto& each : unstored_told)
+    told.push_back(each.second);
+  std::string error;
+  const bool kept = store.set_told(told, error);
+  if (kept)
+    unstored_told.clear();
+  else if (!told_waits)
+    ACE_ERROR((LM_ERROR, "(%P|%t) Agent_Jobs: what modules were told waits to be stored: %C\n", error.c_str()));
+  told_waits = !kept;
 }
 
 void Agent_Jobs::State::forget(const std::string& id)

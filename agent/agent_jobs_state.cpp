@@ -58,6 +58,7 @@ void Agent_Jobs::State::call_modules(std::unique_lock<std::mutex>& lock, uint64_
   lock.unlock();
   if (until != since)
     hooks.call(until);
+  keep_told();
 }
 
 bool Agent_Jobs::State::load(std::string& error)
@@ -89,6 +90,8 @@ bool Agent_Jobs::State::load(std::string& error)
   std::map<std::string, time_t> noted;
   for (const Run_Record& record : latest)
     noted[record.definition_id] = record.queued_at;
+  if (!add_untold(error))
+    return false;
   for (auto& each : jobs)
     adopt(each.second,
           std::max({until, each.second.stored.since, each.second.last_run.queued_at, noted[each.first]}));
@@ -149,6 +152,7 @@ bool Agent_Jobs::State::ask_run(Known_Job& job, const std::string& trigger,
   else {
     Run_Record record = new_record(job, trigger);
     record.reason = note;
+    record.former_start = last_start_of(record.definition_id);
     std::string problem;
     if (!history.put(record, problem)) {
       error = internal(problem);
@@ -232,6 +236,9 @@ void Agent_Jobs::State::schedule_loop()
 {
   Heartbeat beat(settings.heartbeats, "scheduler", loop_limit_msec);
   std::unique_lock<std::mutex> lock(mutex);
+  // What a former process did not come to tell.
+  call_modules(lock, 0);
+  lock.lock();
   while (!stopping) {
     const time_t now = clock().now();
     const uint64_t since = hooks.added();

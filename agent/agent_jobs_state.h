@@ -43,12 +43,17 @@ struct Agent_Jobs::State {
   {
   }
 
-  /// Lets the mutex go, and the modules hear what was added to the hooks when there were `since`.
+  /// Lets the mutex go, and the modules hear what was added to the hooks when there were `since`; stores that
+  /// they have.
   void call_modules(std::unique_lock<std::mutex>& lock, uint64_t since);
 
   // Start.
   bool load(std::string& error);
   bool settle_interrupted(const std::map<std::string, std::string>& documents, std::string& error);
+  /// Adds to the hooks what a former process did not come to tell.
+  bool add_untold(std::string& error);
+  /// Stores what modules have heard; what cannot be stored now, later. Without the mutex.
+  void keep_told();
 
   // Definitions. With the mutex.
   void adopt(Known_Job& job, time_t after);
@@ -98,6 +103,10 @@ struct Agent_Jobs::State {
   Run_History history;
   Job_Notices notices;
   Job_Hooks hooks; ///< a change is added with the mutex, and told without it
+
+  std::mutex told_mutex; ///< guards the next two; held while they are stored, so that the newest comes last
+  std::map<std::string, Job_Store::Told> unstored_told;
+  bool told_waits = false; ///< told once
 
   mutable std::mutex mutex; ///< guards what follows; taken before the runner's
   std::condition_variable wake;

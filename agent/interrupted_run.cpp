@@ -100,12 +100,21 @@ std::string list_of(const std::vector<std::string>& paths)
 }
 } // namespace
 
+time_t last_start_of(const std::string& definition_id)
+{
+  Job_Activity activity;
+  return read_activity(definition_id, activity) ? static_cast<time_t>(activity.start_time) : 0;
+}
+
 void end_interrupted_run(Run_Record& record, const std::string& document,
                          const std::vector<std::string>& removed)
 {
   Job_Activity activity;
   const bool told = read_activity(record.definition_id, activity);
-  const bool begun = told && activity.start_time >= record.queued_at;
+  // Within one second a run may end and the next be asked for: times alone do not tell them apart.
+  const bool begun = told && (record.former_start < 0 ? activity.start_time >= record.queued_at
+                                                      : activity.start_time != 0 &&
+                                                            activity.start_time != record.former_start);
   record.ended_at = clock().now();
   // A store that failed has no note of a start; the job's own record is a file of its own.
   if (record.started_at == 0 && !begun) {

@@ -109,6 +109,12 @@ const Job_Database::Migrations& Job_Database::schema()
       {
           "ALTER TABLE run ADD COLUMN refusal TEXT NOT NULL DEFAULT ''",
       },
+      {
+          "ALTER TABLE run ADD COLUMN former_start INTEGER NOT NULL DEFAULT -1",
+          // What modules have heard last of each definition. Those of a former release count as heard of.
+          "CREATE TABLE told (id TEXT PRIMARY KEY, document TEXT NOT NULL, enabled INTEGER NOT NULL)",
+          "INSERT INTO told (id, document, enabled) SELECT id, document, enabled FROM definition",
+      },
   };
   return migrations;
 }

@@ -168,6 +168,7 @@ Definition_Change change_of(const Known_Job& job, const Known_Job& other)
   change.changed = job.stored.document != other.stored.document;
   change.told_enabled = job.stored.enabled != other.stored.enabled;
   change.enabled = other.stored.enabled;
+  change.document = other.stored.document;
   return change;
 }
 

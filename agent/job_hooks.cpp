@@ -70,6 +70,12 @@ bool Definition_Change::matters() const
 void Job_Hooks::add(Definition_Change change)
 {
   const std::lock_guard<std::mutex> guard(mutex_);
+  const bool waits = std::any_of(waiting_.begin(), waiting_.end(),
+                                 [&](const Definition_Change& each) { return each.id == change.id; });
+  if (!change.matters() && !waits) {
+    heard_.push_back({change.id, change.document, change.enabled, change.removed});
+    return;
+  }
   waiting_.push_back(std::move(change));
   ++added_;
 }
@@ -101,10 +107,17 @@ void Job_Hooks::call(uint64_t until)
     tell(change);
     lock.lock();
     waiting_.pop_front();
+    heard_.push_back({change.id, change.document, change.enabled, change.removed});
     ++told_;
     telling_ = false;
     told_one_.notify_all();
   }
+}
+
+std::vector<Job_Store::Told> Job_Hooks::take_told()
+{
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return std::exchange(heard_, {});
 }
 
 bool Job_Hooks::set_up_needed(const Definition_Change& change, bool updated) const
@@ -117,6 +130,8 @@ bool Job_Hooks::set_up_needed(const Definition_Change& change, bool updated) con
 /// Each call has a job object of its own: it is one owner of the record at a time.
 void Job_Hooks::tell(const Definition_Change& change)
 {
+  if (!change.matters())
+    return;
   const bool goes_on = change.changed && !change.before.null() && !change.after.null() &&
                        same_kind(modules_, *change.before, *change.after);
   // A job that never had a record has nothing to undo, unless something was set up for it.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agent/job_store.h"
 #include "jobs/job_definition.h"
 
 #include <condition_variable>
@@ -8,6 +9,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace kestrel
 {
@@ -24,6 +26,7 @@ struct Definition_Change {
   bool removed = false;      ///< the job's record goes, too
   bool told_enabled = false; ///< the job's record has to say `enabled`
   bool enabled = true;
+  std::string document; ///< of the definition as it is now, also of a refused one
 
   /// Somebody has to hear of it.
   bool matters() const;
@@ -51,8 +54,9 @@ struct Definition_Change {
 /// Errors:    a module that refuses or throws costs a line in the log, which names the definition and what
 ///            follows, and nothing else: the definition is in force. A failed set-up is made again when the
 ///            definition changes.
-/// Crash:     definitions are stored before their modules hear of them, so that a module misses the changes
-///            which wait here.
+/// Crash:     definitions are stored before their modules hear of them. What was heard is stored, too, and the
+///            next start adds the changes that are missing there: a module hears of each once at least, and of
+///            several changes of a definition in one.
 class Job_Hooks
 {
 public:
@@ -60,7 +64,7 @@ public:
   Job_Hooks(const Job_Hooks&) = delete;
   Job_Hooks& operator=(const Job_Hooks&) = delete;
 
-  /// Calls nothing yet.
+  /// Calls nothing yet. What nobody has to hear counts as told, for the next change follows on it.
   void add(Definition_Change change);
   /// How many changes were added so far.
   uint64_t added() const;
@@ -68,6 +72,8 @@ public:
   void call(uint64_t until);
   /// Something is still to be told of the definition, or just being told.
   bool pending(const std::string& id) const;
+  /// What was told since the last time, in that order.
+  std::vector<Job_Store::Told> take_told();
 
 private:
   void tell(const Definition_Change& change);
@@ -81,5 +87,6 @@ private:
   uint64_t told_ = 0;
   bool telling_ = false;
   std::set<std::string> failed_set_ups_;
+  std::vector<Job_Store::Told> heard_; ///< not yet taken
 };
 } // namespace kestrel

@@ -71,6 +71,43 @@ bool Job_Store::set_enabled(const std::string& id, bool enabled, std::string& er
       error);
 }
 
+bool Job_Store::load_told(std::vector<Told>& told, std::string& error) const
+{
+  std::vector<Told> loaded;
+  const bool done = database_.read(
+      [&](soci::session& session) {
+        Told one;
+        int enabled = 0;
+        soci::statement rows = (session.prepare << "SELECT id, document, enabled FROM told ORDER BY id",
+                                soci::into(one.id), soci::into(one.document), soci::into(enabled));
+        rows.execute();
+        while (rows.fetch()) {
+          one.enabled = enabled != 0;
+          loaded.push_back(one);
+        }
+      },
+      error);
+  if (done)
+    told.swap(loaded);
+  return done;
+}
+
+bool Job_Store::set_told(const std::vector<Told>& told, std::string& error)
+{
+  return database_.write(
+      [&](soci::session& session) {
+        for (const Told& one : told) {
+          const int enabled = one.enabled;
+          if (one.gone)
+            session << "DELETE FROM told WHERE id = :i", soci::use(one.id);
+          else
+            session << "INSERT OR REPLACE INTO told (id, document, enabled) VALUES (:i, :d, :e)",
+                soci::use(one.id), soci::use(one.document), soci::use(enabled);
+        }
+      },
+      error);
+}
+
 bool Job_Store::scheduled_until(time_t& until, std::string& error) const
 {
   std::string value;

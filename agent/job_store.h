@@ -33,6 +33,17 @@ public:
                             const std::vector<std::string>& removed, std::string& error);
   [[nodiscard]] bool set_enabled(const std::string& id, bool enabled, std::string& error);
 
+  /// What modules have heard of a definition: its document and whether it is enabled. `gone`: that it went.
+  struct Told {
+    std::string id;
+    std::string document;
+    bool enabled = true;
+    bool gone = false;
+  };
+  [[nodiscard]] bool load_told(std::vector<Told>& told, std::string& error) const;
+  /// Replaces what is kept of these.
+  [[nodiscard]] bool set_told(const std::vector<Told>& told, std::string& error);
+
   /// The time up to which all schedules have been looked at; 0 when they never were.
   [[nodiscard]] bool scheduled_until(time_t& until, std::string& error) const;
   [[nodiscard]] bool set_scheduled_until(time_t until, std::string& error);

@@ -11,7 +11,7 @@ namespace
 {
 const char columns[] =
     "run_id, definition_id, revision, name, cause, state, queued_at, started_at, ended_at, reason, "
-    "log_path, alerts, done_bytes, instance, refusal";
+    "log_path, alerts, done_bytes, instance, refusal, former_start";
 
 /// A record in the types that the database library binds.
 struct Row {
@@ -20,7 +20,7 @@ struct Row {
       : record(from), revision(static_cast<long long>(from.revision)), state(from.state),
         queued_at(from.queued_at), started_at(from.started_at), ended_at(from.ended_at),
         alerts(write_json(from.alerts)), done_bytes(static_cast<long long>(from.done_bytes)),
-        sent(sent_already)
+        former_start(from.former_start), sent(sent_already)
   {
   }
 
@@ -33,6 +33,7 @@ struct Row {
     result.started_at = static_cast<time_t>(started_at);
     result.ended_at = static_cast<time_t>(ended_at);
     result.done_bytes = static_cast<uint64_t>(done_bytes);
+    result.former_start = static_cast<time_t>(former_start);
     json_spirit::Value value;
     std::string unreadable;
     result.alerts.clear();
@@ -46,7 +47,7 @@ struct Row {
   int state = 0;
   long long queued_at = 0, started_at = 0, ended_at = 0;
   std::string alerts;
-  long long done_bytes = 0;
+  long long done_bytes = 0, former_start = -1;
   int sent = 0;
 };
 
@@ -56,7 +57,7 @@ void insert(soci::session& session, Row row)
   // What was acknowledged or refused stays so.
   session
       << "INSERT INTO run (" << columns
-      << ", sent) VALUES (:a, :b, :c, :d, :e, :f, :g, :h, :i, :j, :k, :l, :m, :n, '', :o) ON CONFLICT "
+      << ", sent) VALUES (:a, :b, :c, :d, :e, :f, :g, :h, :i, :j, :k, :l, :m, :n, '', :o, :p) ON CONFLICT "
          "(run_id) "
          "DO "
          "UPDATE SET state = excluded.state, started_at = excluded.started_at, ended_at = excluded.ended_at, "
@@ -65,7 +66,7 @@ void insert(soci::session& session, Row row)
       soci::use(run.run_id), soci::use(run.definition_id), soci::use(row.revision), soci::use(run.name),
       soci::use(run.trigger), soci::use(row.state), soci::use(row.queued_at), soci::use(row.started_at),
       soci::use(row.ended_at), soci::use(run.reason), soci::use(run.log_path), soci::use(row.alerts),
-      soci::use(row.done_bytes), soci::use(run.instance), soci::use(row.sent);
+      soci::use(row.done_bytes), soci::use(run.instance), soci::use(row.former_start), soci::use(row.sent);
 }
 } // namespace
 
@@ -129,6 +130,7 @@ bool Run_History::select(const std::string& rest, std::vector<Run_Record>& recor
         rows.exchange(soci::into(row.done_bytes));
         rows.exchange(soci::into(run.instance));
         rows.exchange(soci::into(run.refusal));
+        rows.exchange(soci::into(row.former_start));
         if (!key.empty())
           rows.exchange(soci::use(key));
         rows.alloc();

@@ -29,6 +29,9 @@ struct Run_Record {
   uint64_t done_bytes = 0;
   std::string instance;
   std::string refusal; ///< why the server will never take this record; empty: it may, or it has
+  /// When the job had begun last as this run was asked for, by the job's own record: what stands there after a
+  /// kill is of this run exactly when it is another time. -1: not known; 0: it had never begun.
+  time_t former_start = -1;
 };
 
 /// A record that the server refused for good.

@@ -5,6 +5,7 @@
 #include "agent/job_store.h"
 #include "base/clock.h"
 #include "base/scope_guard.h"
+#include "jobs/job_activity.h"
 #include "support/waiting.h"
 #include "json/json_util.h"
 
@@ -12,6 +13,9 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstring>
+#include <fstream>
+#include <soci/soci.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <thread>
@@ -348,4 +352,39 @@ TEST(Agent_Restart, stores_the_end_of_a_run_as_soon_as_it_can)
   release = true;
   locking.join();
   EXPECT_EQ("completed", text_of(agent.wait_ended(run), "state"));
+}
+
+TEST(Agent_Restart, tells_a_waiting_run_from_the_one_before_it_that_began_in_the_same_second)
+{
+  Agent_Bench agent(1);
+  agent.start();
+  agent.sync_documents({agent.document(1, true), agent.document(2)});
+  const std::string before = agent.control(2, "run");
+  EXPECT_EQ("completed", text_of(agent.wait_ended(before), "state"));
+  agent.control(1, "run");
+  ASSERT_TRUE(agent.wait_up(1));
+  {
+    // As if the next request came within the second: what is known of that is the time in the record.
+    Job_Activity activity;
+    std::string bytes = read_file(agent.activity_path(2));
+    std::memcpy(static_cast<void*>(&activity), bytes.data(), sizeof activity);
+    activity.start_time = kestrel::clock().now() + 600;
+    std::memcpy(&bytes[0], static_cast<const void*>(&activity), sizeof activity);
+    std::ofstream(agent.activity_path(2), std::ios::binary) << bytes;
+  }
+  const std::string waiting = agent.control(2, "run");
+  const std::string killed = agent.bench.dir / "killed.db";
+  {
+    kestrel::Job_Database store;
+    std::string error;
+    ASSERT_TRUE(store.open(agent.database(), error)) << error;
+    ASSERT_TRUE(store.read([&](soci::session& session) { session << "VACUUM INTO '" + killed + "'"; }, error)) << error;
+  }
+  agent.let_go(1);
+  agent.stop();
+  agent.settings.database = killed;
+  agent.open();
+  const json_spirit::Object record = agent.record(waiting).get_obj();
+  EXPECT_EQ("canceled", text_of(record, "state"));
+  EXPECT_EQ("the agent ended before the run began", text_of(record, "reason"));
 }

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <fstream>
 #include <memory>
+#include <sqlite3.h>
 #include <thread>
 #include <unistd.h>
 
@@ -50,9 +51,11 @@ protected:
   }
   ~Job_Hooks_Test() override { close(); }
 
-  void open()
+  void open(const std::string& database = std::string())
   {
-    jobs_ = std::make_unique<Agent_Jobs>(modules_, Agent_Jobs::Settings());
+    Agent_Jobs::Settings settings;
+    settings.database = database;
+    jobs_ = std::make_unique<Agent_Jobs>(modules_, settings);
     std::string error;
     ASSERT_TRUE(jobs_->open(error)) << error;
     ASSERT_TRUE(jobs_->start(error)) << error;
@@ -117,6 +120,17 @@ protected:
     const Lines lines(all.begin() + static_cast<std::ptrdiff_t>(seen_), all.end());
     seen_ = all.size();
     return lines;
+  }
+  /// The agent's database as a kill at this moment would leave it.
+  std::string database_of_a_kill()
+  {
+    const std::string copy = root_ / "killed.db";
+    sqlite3* database = nullptr;
+    EXPECT_EQ(SQLITE_OK, sqlite3_open(state_path("agent.db").c_str(), &database));
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(database, ("VACUUM INTO '" + copy + "'").c_str(), nullptr, nullptr, nullptr))
+        << sqlite3_errmsg(database);
+    sqlite3_close(database);
+    return copy;
   }
   static bool has_record(unsigned number)
   {
@@ -297,4 +311,47 @@ TEST_F(Job_Hooks_Test, a_change_during_a_run_is_told_when_the_run_has_ended)
   server.join();
   EXPECT_TRUE(eventually([&] { return calls().size() == 3; }));
   EXPECT_EQ((Lines{"setup_ondemand full waits", "run waits", "update full waits -> changed"}), calls());
+}
+
+TEST_F(Job_Hooks_Test, what_a_killed_agent_did_not_come_to_tell_is_told_by_the_next)
+{
+  sync({offer(2, "b", false), offer(3, "c", true), offer(4, "d", true), offer(5, "e", true)});
+  std::thread server([&] {
+    sync({offer(1, "waits", true), offer(2, "b2", true, 2), offer(4, "d", true), offer(5, "e2", true, 2)});
+  });
+  EXPECT_TRUE(eventually([&] { return calls().size() == 4; })) << "three set-ups, and the one that waits";
+  const std::string database = database_of_a_kill();
+  root_.write("calls.go", "");
+  server.join();
+  close();
+  const Lines untold = {"update full b -> b2",    "setup_ondemand full b2", "remove_ondemand full c",
+                        "remove full c",          "update full e -> e2",    "setup_ondemand full waits"};
+  new_calls();
+  open(database);
+  EXPECT_TRUE(eventually([&] { return calls().size() >= seen_ + untold.size(); }));
+  close();
+  EXPECT_EQ(untold, new_calls());
+  open(database);
+  sync({offer(1, "waits", true), offer(2, "b2", true, 2), offer(4, "d", true), offer(5, "e2", true, 2)});
+  close();
+  EXPECT_EQ(Lines(), new_calls()) << "once told is enough";
+}
+
+TEST_F(Job_Hooks_Test, a_change_that_a_killed_agent_had_put_off_is_told_by_the_next)
+{
+  sync({offer(1, "a", true)});
+  std::thread server([&] { sync({offer(1, "a", true), offer(2, "waits", true)}); });
+  EXPECT_TRUE(eventually([&] { return calls().size() == 2; }));
+  control(2, "run"); // waits for the hook
+  sync({offer(1, "a", true), offer(2, "later", true, 2)});
+  const std::string database = database_of_a_kill();
+  root_.write("calls.go", "");
+  server.join();
+  EXPECT_TRUE(eventually([&] { return calls().size() == 4; })) << "the run, and the update of its job";
+  close();
+  new_calls();
+  open(database);
+  EXPECT_TRUE(eventually([&] { return calls().size() >= seen_ + 1; }));
+  close();
+  EXPECT_EQ((Lines{"setup_ondemand full later"}), new_calls());
 }

@@ -210,7 +210,23 @@ TEST(Interrupted_Run, knows_from_the_jobs_own_record_that_it_had_begun_and_what_
   EXPECT_EQ(running + remark, reason_of(150, R"({"type":2})", 160));
   EXPECT_EQ(running + "; what was imported until then stays in the database",
             reason_of(150, R"({"type":"restore","subtype":"import"})"));
-  // The record of the run before.
+  // The record of the run before, which may have begun and ended in the second of this request.
+  const auto state_of = [](time_t queued_at, time_t former_start) {
+    Run_Record record;
+    record.definition_id = id;
+    record.queued_at = queued_at;
+    record.former_start = former_start;
+    end_interrupted_run(record, "", {});
+    return record.state;
+  };
+  EXPECT_EQ(200, last_start_of(id));
+  EXPECT_EQ(0, last_start_of("11111111-2222-4333-8444-555555555555"));
+  EXPECT_EQ(JOB_STATE_CANCELED, state_of(200, 200));
+  EXPECT_EQ(JOB_STATE_CANCELED, state_of(150, 200)) << "it was canceled as it waited for its second";
+  EXPECT_EQ(JOB_STATE_ERROR, state_of(200, 199));
+  EXPECT_EQ(JOB_STATE_ERROR, state_of(200, 0));
+  EXPECT_EQ(JOB_STATE_ERROR, state_of(201, 199)) << "the clock was set back";
+  EXPECT_EQ(JOB_STATE_ERROR, state_of(200, -1)) << "of a release that did not note it";
   EXPECT_EQ("the agent ended before the run began", reason_of(201, physical));
   EXPECT_EQ("the agent ended while the job was starting", reason_of(201, physical, 202));
 }

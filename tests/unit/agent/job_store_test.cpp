@@ -337,6 +337,8 @@ TEST(Job_Database, keeps_the_runs_of_a_release_that_knew_no_refusals)
           session << "INSERT INTO run (run_id, definition_id, revision, name, cause, state, queued_at, started_at, ended_at, "
                      "reason, log_path, alerts, done_bytes, instance, sent) VALUES "
                      "('r1', 'd1', 1, 'nightly', 'schedule', 0, 1, 2, 3, '', '', '[]', 4, 'DB1', 0)";
+          session << "INSERT INTO definition (id, revision, enabled, origin, document, since) VALUES "
+                     "('d1', 1, 0, 'server', '{}', 5)";
         },
         error))
         << error;
@@ -350,6 +352,13 @@ TEST(Job_Database, keeps_the_runs_of_a_release_that_knew_no_refusals)
   EXPECT_EQ("r1", records[0].run_id);
   EXPECT_EQ("DB1", records[0].instance);
   EXPECT_EQ("", records[0].refusal);
+  EXPECT_EQ(-1, records[0].former_start);
+  std::vector<Job_Store::Told> told;
+  ASSERT_TRUE(Job_Store(database).load_told(told, error)) << error;
+  ASSERT_EQ(1u, told.size()) << "modules have heard of it";
+  EXPECT_EQ("d1", told[0].id);
+  EXPECT_EQ("{}", told[0].document);
+  EXPECT_FALSE(told[0].enabled);
 }
 
 TEST(Job_Database, tells_what_to_do_about_a_file_it_cannot_use)
