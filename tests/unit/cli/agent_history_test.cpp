@@ -229,8 +229,8 @@ TEST_F(Agent_History, refuses_a_database_of_another_release)
     int version;
     const char* words;
   } cases[] = {
-      {99, "was written by a newer release (schema 99, this program knows up to 2); update this program"},
-      {1, "was written by an older release (schema 1); start the agent once"},
+      {99, "was written by a newer release (schema 99, this program knows up to 3); update this program"},
+      {2, "was written by an older release (schema 2); start the agent once"},
       {0, "is empty: the agent's first start has not come so far; start the agent"}};
   for (const auto& one : cases) {
     open_database();
