@@ -39,10 +39,15 @@ const std::vector<std::string> version_1 = {
 const std::vector<std::string> version_2 = {
     "ALTER TABLE selection ADD COLUMN kept TEXT NOT NULL DEFAULT ''",
 };
+
+// What the list of jobs asks for each host of a cluster's job.
+const std::vector<std::string> version_3 = {
+    "CREATE INDEX run_by_node ON run (definition_id, host_uuid, queued_at)",
+};
 } // namespace
 
 Server_Schema_Part hub_schema()
 {
-  return {"hub", {version_1, version_2}};
+  return {"hub", {version_1, version_2, version_3}};
 }
 } // namespace kestrel

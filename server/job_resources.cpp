@@ -125,9 +125,11 @@ json_spirit::Object Job_Resources::to_json(const Server_Definition& definition) 
 
 REST_Reply Job_Resources::list(REST_Request&)
 {
+  const std::vector<Server_Definition_Ptr> definitions = definitions_.all();
+  const Newest_Runs newest = newest_of(definitions);
   json_spirit::Array jobs;
-  for (const Server_Definition_Ptr& definition : definitions_.all())
-    jobs.push_back(to_json_with_outcome(*definition));
+  for (const Server_Definition_Ptr& definition : definitions)
+    jobs.push_back(to_json_with_outcome(*definition, newest));
   json_spirit::Object body;
   body.emplace_back("jobs", std::move(jobs));
   REST_Reply reply;
@@ -139,27 +141,41 @@ REST_Reply Job_Resources::show(REST_Request& request)
 {
   const Server_Definition_Ptr definition = find_or_refuse(definitions_, request.vars.at("id"));
   REST_Reply reply;
-  reply.json = to_json_with_outcome(*definition);
+  reply.json = to_json_with_outcome(*definition, newest_of({definition}));
   return reply;
 }
 
-json_spirit::Object Job_Resources::to_json_with_outcome(const Server_Definition& definition) const
+/// Of the jobs of clusters.
+Job_Resources::Newest_Runs
+Job_Resources::newest_of(const std::vector<Server_Definition_Ptr>& definitions) const
+{
+  std::vector<Run_Records::Node> nodes;
+  for (const Server_Definition_Ptr& definition : definitions)
+    if (definition->for_cluster())
+      for (const std::string& host : definition->hosts)
+        nodes.emplace_back(definition->id, host);
+  return runs_.newest(nodes);
+}
+
+json_spirit::Object Job_Resources::to_json_with_outcome(const Server_Definition& definition,
+                                                        const Newest_Runs& newest) const
 {
   json_spirit::Object entry = to_json(definition);
-  entry.emplace_back("nobody_worked", nobody_worked(definition));
+  entry.emplace_back("nobody_worked", nobody_worked(definition, newest));
   return entry;
 }
 
-std::string Job_Resources::nobody_worked(const Server_Definition& definition) const
+std::string Job_Resources::nobody_worked(const Server_Definition& definition, const Newest_Runs& newest) const
 {
   if (!definition.for_cluster())
     return std::string();
-  std::map<std::string, json_spirit::Object> newest = runs_.newest(definition.id, definition.hosts);
   std::vector<Node_Outcome> outcomes;
   for (const std::string& host : definition.hosts) {
     Node_Outcome outcome;
     outcome.host_name = hub_.name_of(host);
-    outcome.record = std::move(newest[host]);
+    const auto found = newest.find({definition.id, host});
+    if (found != newest.end())
+      outcome.record = found->second;
     outcome.running = hub_.online(host) && hub_.runs(host, definition.id);
     outcomes.push_back(std::move(outcome));
   }

@@ -2,8 +2,10 @@
 
 #include "rpc/rest_router.h"
 #include "server/job_definitions.h"
+#include "server/run_records.h"
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -36,11 +38,13 @@ private:
   REST_Reply control(REST_Request& request);
   REST_Reply set_enabled(const Server_Definition_Ptr& definition, bool enabled, const REST_Request& request);
   json_spirit::Object to_json(const Server_Definition& definition) const;
-  /// The same with `nobody_worked`; reads the runs of a cluster's job.
-  json_spirit::Object to_json_with_outcome(const Server_Definition& definition) const;
+  typedef std::map<Run_Records::Node, json_spirit::Object> Newest_Runs;
+  Newest_Runs newest_of(const std::vector<Server_Definition_Ptr>& definitions) const;
+  /// The same with `nobody_worked`.
+  json_spirit::Object to_json_with_outcome(const Server_Definition& definition, const Newest_Runs& newest) const;
   json_spirit::Object state_on(const std::string& host_uuid, const Server_Definition& definition) const;
   /// Of a cluster's job: why its last start left the work undone, else empty.
-  std::string nobody_worked(const Server_Definition& definition) const;
+  std::string nobody_worked(const Server_Definition& definition, const Newest_Runs& newest) const;
   json_spirit::Object result_of(const std::string& host_uuid) const;
   void await_sync(const std::vector<std::string>& hosts);
   void tell_hosts(const Server_Definition_Ptr& former, const Server_Definition_Ptr& stored);

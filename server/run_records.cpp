@@ -107,28 +107,44 @@ Run_Records::Page Run_Records::page(const Filter& filter)
   size_t bytes = 0;
   const long long before = filter.before_queued_at;
   const int one_more = filter.limit + 1;
+  std::string text, queued_at, run_id;
   Server_Database::Lease session = database_.lease();
-  const soci::rowset<soci::row> rows =
-      (session->prepare << "SELECT record, CAST(queued_at AS TEXT), run_id FROM run"
-                           " WHERE (:d1 = '' OR definition_id = :d2) AND (:h1 = '' OR host_uuid = :h2)"
-                           " AND (:s1 = '' OR state = :s2)"
-                           " AND (:b1 = '' OR queued_at < :q1 OR (queued_at = :q2 AND run_id > :b2))"
-                           " ORDER BY queued_at DESC, run_id LIMIT :l",
-       soci::use(filter.definition_id, "d1"), soci::use(filter.definition_id, "d2"),
-       soci::use(filter.host_uuid, "h1"), soci::use(filter.host_uuid, "h2"), soci::use(filter.state, "s1"),
-       soci::use(filter.state, "s2"), soci::use(filter.before_run_id, "b1"), soci::use(before, "q1"),
-       soci::use(before, "q2"), soci::use(filter.before_run_id, "b2"), soci::use(one_more, "l"));
-  int taken = 0;
-  for (const soci::row& row : rows) {
-    const std::string text = row.get<std::string>(0);
+  soci::statement rows(*session);
+  for (std::string* column : {&text, &queued_at, &run_id})
+    rows.exchange(soci::into(*column));
+  // Conditions that are not there, and not such that always hold: an index can serve the others then.
+  std::string where;
+  const auto condition = [&where](const char* sql) { where += (where.empty() ? " WHERE " : " AND ") + std::string(sql); };
+  const auto equals = [&](const char* sql, const std::string& value) {
+    if (value.empty())
+      return;
+    condition(sql);
+    rows.exchange(soci::use(value));
+  };
+  equals("definition_id = :d", filter.definition_id);
+  equals("host_uuid = :h", filter.host_uuid);
+  equals("state = :s", filter.state);
+  if (!filter.before_run_id.empty()) {
+    condition("queued_at <= :q1 AND (queued_at < :q2 OR run_id > :b)");
+    for (int i = 0; i < 2; ++i)
+      rows.exchange(soci::use(before));
+    rows.exchange(soci::use(filter.before_run_id));
+  }
+  rows.exchange(soci::use(one_more));
+  rows.alloc();
+  rows.prepare("SELECT record, CAST(queued_at AS TEXT), run_id FROM run" + where +
+               " ORDER BY queued_at DESC, run_id LIMIT :l");
+  rows.define_and_bind();
+  rows.execute();
+  for (int taken = 0; rows.fetch();) {
     bytes += text.size();
     page.truncated = bytes > filter.most_bytes && taken > 0;
     page.more = page.truncated || taken == filter.limit;
     if (page.more)
       break;
     ++taken;
-    page.last_queued_at = std::stoll(row.get<std::string>(1));
-    page.last_run_id = row.get<std::string>(2);
+    page.last_queued_at = std::stoll(queued_at);
+    page.last_run_id = run_id;
     json_spirit::Value record;
     std::string error;
     if (read_json(text, record, error))
@@ -137,19 +153,29 @@ Run_Records::Page Run_Records::page(const Filter& filter)
   return page;
 }
 
-std::map<std::string, json_spirit::Object> Run_Records::newest(const std::string& definition_id,
-                                                               const std::vector<std::string>& host_uuids)
+std::map<Run_Records::Node, json_spirit::Object> Run_Records::newest(const std::vector<Node>& nodes)
 {
-  std::map<std::string, json_spirit::Object> newest;
-  Filter filter;
-  filter.definition_id = definition_id;
-  filter.limit = 1;
-  for (const std::string& host : host_uuids) {
-    filter.host_uuid = host;
-    for (json_spirit::Value& record : page(filter).runs)
-      if (record.type() == json_spirit::obj_type)
-        newest[host] = std::move(record.get_obj());
-  }
+  std::map<Node, json_spirit::Object> newest;
+  if (nodes.empty())
+    return newest;
+  json_spirit::Array pairs;
+  for (const Node& node : nodes)
+    pairs.push_back(json_spirit::Array{node.first, node.second});
+  const std::string wanted = write_json(pairs);
+  Node node;
+  std::string state, queued_at, reason;
+  Server_Database::Lease session = database_.lease();
+  soci::statement rows =
+      (session->prepare
+           << "SELECT run.definition_id, run.host_uuid, run.state, CAST(run.queued_at AS TEXT),"
+              " CASE json_valid(run.record) WHEN 1 THEN coalesce(json_extract(run.record, '$.reason'), '') ELSE '' END"
+              " FROM json_each(:w) AS pair JOIN run ON run.run_id ="
+              " (SELECT run_id FROM run WHERE definition_id = json_extract(pair.value, '$[0]')"
+              " AND host_uuid = json_extract(pair.value, '$[1]') ORDER BY queued_at DESC, run_id LIMIT 1)",
+       soci::use(wanted, "w"), soci::into(node.first), soci::into(node.second), soci::into(state),
+       soci::into(queued_at), soci::into(reason));
+  for (rows.execute(); rows.fetch();)
+    newest[node] = {{"state", state}, {"queued_at", static_cast<int64_t>(std::stoll(queued_at))}, {"reason", reason}};
   return newest;
 }
 

@@ -179,7 +179,7 @@ TEST_F(Server_Faults, a_report_of_runs_is_kept_whole_or_refused)
     EXPECT_EQ(200, ask("GET", "runs?limit=10000")) << name << answer();
     for (const char* part : {"a", "b"}) {
       EXPECT_EQ(done ? 200 : 404, ask("GET", "runs/" + name + part)) << name << answer();
-      EXPECT_EQ(there, runs_.newest(name, {"host-1"}).size() * 2) << name;
+      EXPECT_EQ(there, runs_.newest({{name, "host-1"}}).size() * 2) << name;
     }
     EXPECT_EQ(200, ask("POST", "runs", two_runs(name), "host-1")) << name << answer();
     EXPECT_EQ(2u, size_of_list("stored")) << name;

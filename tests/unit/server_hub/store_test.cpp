@@ -6,6 +6,8 @@
 #include "support/clocks.h"
 #include "json/json_util.h"
 
+#include <soci/sqlite3/soci-sqlite3.h>
+
 using namespace kestrel;
 using namespace kestrel_test;
 
@@ -382,6 +384,51 @@ TEST_F(Run_Records_Test, pages_show_every_run_once_though_runs_are_reported_mean
   } while (page.more);
   EXPECT_EQ(seen, R"("c""a""b""d""e")");
   EXPECT_TRUE(runs_.page(filter).runs.empty()) << "nothing follows the last";
+}
+
+TEST_F(Run_Records_Test, the_newest_run_is_told_of_each_definition_on_each_host)
+{
+  const auto run = [](const std::string& id, const std::string& definition, int queued_at, const std::string& reason) {
+    return R"({"run_id":")" + id + R"(","definition_id":")" + definition + R"(","state":"skipped","queued_at":)" +
+           std::to_string(queued_at) + (reason.empty() ? "" : R"(,"reason":")" + reason + '"') + "}";
+  };
+  report(run("r1", "one", 1700000001, "early") + "," + run("r2", "one", 1700000009, R"(late \" x)") + "," +
+         run("r3", "two", 1700000005, ""));
+  report(run("r4", "one", 1700000004, "there"), "b");
+  const auto newest = runs_.newest({{"one", "a"}, {"one", "b"}, {"two", "a"}, {"two", "b"}, {"o\"ne", "a"}});
+  ASSERT_EQ(newest.size(), 3u);
+  EXPECT_EQ(write_json(newest.at({"one", "a"})), R"({"state":"skipped","queued_at":1700000009,"reason":"late \" x"})");
+  EXPECT_EQ(write_json(newest.at({"one", "b"})), R"({"state":"skipped","queued_at":1700000004,"reason":"there"})");
+  EXPECT_EQ(write_json(newest.at({"two", "a"})), R"({"state":"skipped","queued_at":1700000005,"reason":""})");
+  EXPECT_TRUE(runs_.newest({}).empty());
+}
+
+TEST_F(Run_Records_Test, what_is_asked_of_one_job_does_not_go_through_the_runs_of_all)
+{
+  std::string records = record("mine");
+  for (int i = 0; i < 999; ++i)
+    records += R"(,{"run_id":"r)" + std::to_string(i) + R"(","definition_id":"other","state":"error","queued_at":1800000000})";
+  report(records);
+  ASSERT_EQ(stored_.size(), 1000u);
+  unsigned steps = 0; // in hundreds of operations of the database
+  {
+    Server_Database::Lease session = store_.database().lease();
+    sqlite3_progress_handler(
+        static_cast<soci::sqlite3_session_backend*>(session->get_backend())->conn_, 100,
+        [](void* counted) { return ++*static_cast<unsigned*>(counted), 0; }, &steps);
+  }
+  Run_Records::Filter filter;
+  EXPECT_EQ(runs_.list(filter).size(), 100u);
+  EXPECT_LT(0u, steps) << "the connection is the one that is watched";
+  steps = 0;
+  EXPECT_EQ(runs_.newest({{"job", "a"}, {"job", "b"}, {"none", "a"}}).size(), 1u);
+  filter.definition_id = "job";
+  EXPECT_EQ(runs_.list(filter).size(), 1u);
+  filter.host_uuid = "a";
+  EXPECT_EQ(runs_.list(filter).size(), 1u);
+  filter.host_uuid = "b";
+  EXPECT_EQ(runs_.list(filter).size(), 0u);
+  EXPECT_GT(20u, steps);
 }
 
 TEST_F(Run_Records_Test, old_runs_are_removed_and_those_under_way_stay)
