@@ -1,6 +1,5 @@
 #include "oscar/brcmd_storage.h"
 
-#include "base/ignore_result.h"
 #include "jobs/job.h"
 #include "oscar/brcmd_common.h"
 #include "oscar/storage_options.h"
@@ -11,16 +10,6 @@ namespace oscar
 {
 namespace
 {
-/// A whole file of this name is there. Names carry local time, which comes again when summer time ends or the
-/// clock is set back: a backup must not take the place of an earlier one, on which others may build.
-bool is_stored(Client_IO_Ex& storage, const std::string& file)
-{
-  bool possible = false;
-  const bool stored = storage.open_random(file, possible);
-  kestrel::ignore_result(storage.close(), "nothing was written");
-  return stored;
-}
-
 bool open_failed(Job& job, const std::string& file, const std::string& why)
 {
   raise_physical_alert(job, 14);
@@ -61,18 +50,23 @@ bool open_stored_file(Job& job, Storage_Side side, const Pool_Info& pool, const 
     ACE_ERROR((LM_ERROR, backup ? "Failed to set extra options.\n" : "Failed to set client options.\n"));
     return false;
   }
-  if (backup)
+  if (backup) {
     set_options_by_host(options);
+    // Names carry local time, which comes again when summer time ends or the clock is set back: a backup must
+    // not take the place of an earlier one, on which others may build, whether that can be read just now or
+    // not.
+    options.overwrite = false;
+  }
   if (!storage.connect(pool.storage_path + "/" + uri, options)) {
     raise_physical_alert(job, 13);
     ACE_ERROR((LM_ERROR, "Failed to connect to storage: %s.\n", storage.error()));
     return false;
   }
-  if (backup && is_stored(storage, file))
+  if (storage.open(file, backup ? Client_IO_Ex::MODE_WRITE : Client_IO_Ex::MODE_READ, 0, 0))
+    return true;
+  if (backup && storage.name_taken())
     return open_failed(
         job, file, "a backup of this name is stored already. Its time has come a second time: run again.");
-  if (!storage.open(file, backup ? Client_IO_Ex::MODE_WRITE : Client_IO_Ex::MODE_READ, 0, 0))
-    return open_failed(job, file, storage.error() + std::string(backup ? "." : ""));
-  return true;
+  return open_failed(job, file, storage.error() + std::string(backup ? "." : ""));
 }
 } // namespace oscar
