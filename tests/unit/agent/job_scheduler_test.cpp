@@ -16,7 +16,7 @@ namespace
 constexpr time_t start = 1700000000;
 constexpr time_t quarter_past = start + 100; // 22:15:00
 constexpr time_t utc_day = start - start % 86400;
-constexpr time_t hour_msec = 3600 * 1000;
+constexpr int64_t hour_msec = 3600 * 1000;
 
 class Job_Scheduler_Test : public testing::Test
 {

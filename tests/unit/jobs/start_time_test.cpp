@@ -112,7 +112,7 @@ TEST_F(Start_Times, of_the_second_of_two_equal_hours_have_no_local_time_of_the_f
     const time_t before = change - 1;
     ASSERT_EQ(1, ::localtime(&before)->tm_isdst);
     ASSERT_EQ(0, ::localtime(&change)->tm_isdst);
-    const auto set_time = [&](time_t time) { clock_.advance_msec((time - clock_.now()) * 1000); };
+    const auto set_time = [&](time_t time) { clock_.advance_msec((int64_t(time) - clock_.now()) * 1000); };
     Log_Capture log;
     log.allow(LM_WARNING, "begin anew");
     set_time(change - back + 60);
@@ -138,7 +138,7 @@ TEST_F(Start_Times, of_another_process_in_the_first_of_two_equal_hours_are_taken
   const Scoped_Env zone("TZ", "Europe/Berlin");
   ::tzset();
   const time_t change = 1950742800; // 26 October 2031, 01:00 UTC
-  clock_.advance_msec((change - clock_.now()) * 1000);
+  clock_.advance_msec((int64_t(change) - clock_.now()) * 1000);
   char text[64];
   snprintf(text, sizeof text, "%020lld\n%020lld\n", static_cast<long long>(change) - 10,
            static_cast<long long>(change) - 3600);
