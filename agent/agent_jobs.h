@@ -59,6 +59,8 @@ public:
     std::string host_uuid; ///< stands in the records of runs and of backups
     unsigned max_concurrent = 2;
     unsigned history_days = 90;
+    /// Records that wait while nothing can be stored: then no more notes of skipped times are kept. Runs are.
+    unsigned most_unstored = 1000;
     /// Records of ended runs wait for mark_sent() or mark_refused(), however old. False when there is no
     /// server.
     bool server = true;

@@ -287,6 +287,16 @@ void Agent_Jobs::State::handle_due(const Job_Scheduler::Due& due)
 
 void Agent_Jobs::State::note_skipped(const Known_Job& job, time_t at, const std::string& reason)
 {
+  // Schedules go on while the disk is full: what that leaves undone must not fill the memory.
+  if (unstored.size() >= settings.most_unstored) {
+    if (!notes_dropped)
+      ACE_ERROR((LM_ERROR,
+                 "(%P|%t) Agent_Jobs: %u records wait to be stored in the agent's database; until they are, "
+                 "skipped times are not noted\n",
+                 static_cast<unsigned>(unstored.size())));
+    notes_dropped = true;
+    return;
+  }
   Run_Record record = new_record(job, "schedule");
   record.queued_at = at;
   record.ended_at = clock().now();
@@ -308,7 +318,7 @@ void Agent_Jobs::State::keep_waiting()
     return;
   if (history.put(unstored, error)) {
     unstored.clear();
-    record_waits = false;
+    record_waits = notes_dropped = false;
     notices.put_history();
   } else if (!record_waits) {
     record_waits = true;

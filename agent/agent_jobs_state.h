@@ -116,6 +116,7 @@ struct Agent_Jobs::State {
   std::vector<Run_Record> unstored; ///< records that did not reach the disk yet
   bool until_failing = false;       ///< told once
   bool record_waits = false;        ///< told once
+  bool notes_dropped = false;       ///< told once
   bool stopping = false;
   bool opened = false;
   time_t until_kept = 0;

@@ -155,8 +155,15 @@ bool Cluster_Coordinator::State::join(const Cluster_Request& request, Ticket& ti
   if (known == entries.end() && !entries.front()->round.takes(request.host_uuid, now))
     return false;
   const Entry_Ptr& entry = known == entries.end() ? entries.front() : *known;
-  if (known == entries.end())
+  if (known == entries.end()) {
+    const size_t asked = entry->round.requests_of(request.host_uuid);
+    if (asked >= limits.requests_of_host)
+      throw REST_Error(429, "too_many_selections",
+                       "Host " + hosts.name(request.host_uuid) + " has asked " + std::to_string(asked) +
+                           " times for this selection: ask again later",
+                       RETRY_SECONDS);
     ticket.number = entry->round.add(request, now);
+  }
   ticket.asked = entry->round.asked(ticket.number);
   ticket.selection_time = entry->round.selection_time();
   ticket.round = entry;

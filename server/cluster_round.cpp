@@ -114,6 +114,13 @@ unsigned Cluster_Round::add(const Cluster_Request& request, int64_t now)
   return static_cast<unsigned>(tickets_.size() - 1);
 }
 
+size_t Cluster_Round::requests_of(const std::string& host_uuid) const
+{
+  return static_cast<size_t>(
+      std::count_if(tickets_.begin(), tickets_.end(),
+                    [&](const Ticket& ticket) { return ticket.host_uuid == host_uuid; }));
+}
+
 bool Cluster_Round::repeated(const Cluster_Request& request, int64_t now, unsigned& ticket)
 {
   if (request.request_id.empty())

@@ -73,6 +73,9 @@ struct Cluster_Limits {
   /// How long after its first arrival a request may come again. An agent repeats it for 30 seconds.
   int64_t repeat_msec = 45000;
   size_t rounds_of_host = 200;
+  /// Requests of one host that one choice takes. Each is memory and a part of what is kept with every step; an
+  /// agent asks once for each run.
+  size_t requests_of_host = 50;
 };
 
 /// What a round must know of the hosts.
@@ -122,6 +125,7 @@ public:
   /// Whether a request of this host belongs to this round.
   bool takes(const std::string& host_uuid, int64_t now) const;
   unsigned add(const Cluster_Request& request, int64_t now);
+  size_t requests_of(const std::string& host_uuid) const;
   /// True when this very request has come before, whatever takes() says: its ticket then waits for the new
   /// reply, unless its announcement may have gone out, which is never repeated.
   bool repeated(const Cluster_Request& request, int64_t now, unsigned& ticket);

@@ -219,3 +219,36 @@ TEST(Agent_Store_Fault, that_stays_until_the_agent_ends_leaves_every_run_with_on
     EXPECT_EQ("completed", text_of(store.agent.wait_ended(store.agent.control(1, "run")), "state"));
   }
 }
+
+TEST(Agent_Store_Fault, that_lasts_does_not_fill_the_memory_with_skipped_times)
+{
+  Fault_Vfs vfs;
+  Agent_Bench agent;
+  agent.settings.most_unstored = 3;
+  agent.bench.log.allow(LM_ERROR, "the agent's database");
+  agent.bench.log.allow(LM_WARNING, "the agent's database");
+  vfs.only("/agent.db");
+  agent.start();
+  std::vector<json_spirit::Object> documents;
+  for (unsigned number = 1; number <= 5; ++number) {
+    json_spirit::Object schedule{{"type", 1}, {"cron", "* * * * *"}, {"time_zone", "UTC"}};
+    json_spirit::Object document = agent.document(number);
+    kestrel::set_value(document, "schedules", json_spirit::Array(1, schedule));
+    documents.push_back(std::move(document));
+  }
+  agent.sync_documents(documents);
+  vfs.fail("write", 1, SQLITE_FULL, true);
+  EXPECT_TRUE(eventually([&] { return agent.bench.log.contains("skipped times are not noted"); }));
+  vfs.heal();
+  // The waiting ones are stored, and the schedules work again.
+  const auto count = [&](const std::string& state, const std::string& reason) {
+    unsigned found = 0;
+    for (const json_spirit::Value& run : agent.history())
+      found += text_of(run.get_obj(), "state") == state &&
+               text_of(run.get_obj(), "reason").find(reason) != std::string::npos;
+    return found;
+  };
+  EXPECT_TRUE(eventually([&] { return count("completed", "") > 0; }));
+  EXPECT_GE(3u, count("skipped", "disk is full"));
+  agent.stop();
+}

@@ -214,6 +214,18 @@ TEST_F(Server_Faults, a_choice_of_nodes_begins_or_is_refused)
   });
 }
 
+TEST_F(Server_Faults, a_choice_takes_no_end_of_requests_of_one_host)
+{
+  unsigned taken = 0;
+  while (taken < 1000 && ask("POST", "oscar/cluster", question("s"), "host-1") == 200)
+    ++taken;
+  EXPECT_EQ(50u, taken);
+  EXPECT_EQ(429, reply_.status) << answer();
+  EXPECT_EQ(1u, reply_.headers.count("Retry-After"));
+  EXPECT_EQ(200, ask("POST", "oscar/cluster", question("s"), "host-2")) << "others are not concerned";
+  EXPECT_EQ(200, ask("POST", "oscar/cluster", question("t"), "host-1"));
+}
+
 TEST_F(Server_Faults, an_explanation_is_replaced_whole_or_stays)
 {
   int64_t time = 0;
