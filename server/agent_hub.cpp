@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <exception>
+#include <mutex>
 
 namespace kestrel
 {
@@ -28,6 +29,32 @@ Agent_Call call_of(int error_code)
     return Agent_Call::refused;
   }
 }
+
+/// The end of a connection that is still being put in its place.
+struct Early_End {
+  std::mutex mutex;
+  bool placing = true;
+  bool ended = false;
+  std::string why;
+
+  /// False: its place is known, and its end can be told.
+  bool keep(const std::string& reason)
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    if (!placing)
+      return false;
+    ended = true;
+    why = reason;
+    return true;
+  }
+  /// From now on nothing is kept. True when something was.
+  bool take()
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    placing = false;
+    return ended;
+  }
+};
 } // namespace
 
 Agent_Hub::Agent_Hub(Server_Database& database) : state_(std::make_shared<State>(database)) {}
@@ -98,10 +125,13 @@ void Agent_Hub::connect(const std::string& host_uuid, const std::string& name, c
   fresh->channel = channel;
   fresh->key_hash = key_hash;
   fresh->since_msec = clock().monotonic_msec();
+  // A channel that has closed already says so before its start returns, here under the lock.
+  const auto early = std::make_shared<Early_End>();
   JSON_RPC_Peer::Options options;
-  options.closed = [state = std::weak_ptr<State>(state_), host_uuid,
-                    raw = channel.get()](const std::string& why) {
-    if (const std::shared_ptr<State> alive = state.lock())
+  options.closed = [state = std::weak_ptr<State>(state_), host_uuid, raw = channel.get(),
+                    early](const std::string& why) {
+    const std::shared_ptr<State> alive = state.lock();
+    if (alive && !early->keep(why))
       alive->ended(host_uuid, raw, why);
   };
   State::Connection_Ptr replaced;
@@ -118,6 +148,8 @@ void Agent_Hub::connect(const std::string& host_uuid, const std::string& name, c
       fresh->peer = JSON_RPC_Peer::start(channel, &state_->dispatcher, options);
     }
   }
+  if (early->take())
+    state_->ended(host_uuid, channel.get(), early->why);
   if (stopped)
     channel->close("The server is being stopped.");
   if (replaced)

@@ -51,6 +51,17 @@ TEST_F(Agent_Hub_Test, an_agent_whose_key_was_replaced_before_it_greeted_is_turn
   EXPECT_TRUE(fresh->open());
 }
 
+TEST_F(Agent_Hub_Test, a_connection_that_has_ended_before_it_is_known_holds_up_nobody)
+{
+  const auto channel = std::make_shared<Memory_Channel>();
+  channel->close("The cable was cut.");
+  hub_.connect("u", "db1", "hash", channel);
+  EXPECT_FALSE(hub_.online("u"));
+  const auto fresh = connect("hash");
+  greet(*fresh);
+  EXPECT_TRUE(eventually([&] { return hub_.online("u"); }));
+}
+
 TEST_F(Agent_Hub_Test, a_connection_with_a_former_key_is_dropped_without_a_greeting)
 {
   const auto channel = connect("of the former key");
