@@ -2,7 +2,10 @@
 #include "support/corpus.h"
 
 #include <cstdlib>
+#include <limits>
 #include <string>
+
+static const time_t longest_wait = 8 * 366 * 24 * 3600; // leap days, around a year like 2100
 
 // A line is refused with a text, or it has a next time that lies behind the one asked from, and asking from
 // there goes on. The first line of the input is the zone.
@@ -23,8 +26,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
   time_t time = start;
   for (int round = 0; round < 4; ++round) {
     time_t next = 0;
-    if (!schedule.next_after(time, next))
+    if (!schedule.next_after(time, next)) {
+      // No day is more than eight years off, unless a time_t of 32 bits ends before.
+      if (std::numeric_limits<time_t>::max() - time < longest_wait)
+        return 0;
       ::abort(); // a day that never comes must have been refused
+    }
     if (next <= time)
       ::abort();
     time = next;
