@@ -96,7 +96,7 @@ void refusal(const std::string& url, const REST_Answer& answer, REST_Problem& pr
   read_refusal(answer, problem, message);
   if (!message.empty())
     problem.text = "the backup server " + url +
-                   (answer.status >= 500 ? " cannot do that now: " : " refused: ") + message;
+                   (answer.status == 503 ? " cannot do that now: " : " refused: ") + message;
   else if (answer.status == 401)
     problem.text =
         "the backup server " + url + " does not know this caller (status 401); sign in or enroll again";

@@ -66,6 +66,18 @@ TEST_F(Rest_Client, tells_what_the_server_said_about_a_refusal)
   EXPECT_TRUE(reply_.is_null());
 }
 
+TEST_F(Rest_Client, tells_what_may_work_later_from_what_is_refused)
+{
+  const std::string server = "the backup server https://server:7480";
+  server_->answer(503, R"({"error":{"code":"busy","message":"the disk is full"}})");
+  ASSERT_FALSE(get());
+  EXPECT_EQ(server + " cannot do that now: the disk is full", problem_.text);
+  // Whoever verifies a backup knows a damaged file by these words.
+  server_->answer(507, R"({"error":{"code":"storage","message":"cannot open x: it is damaged"}})");
+  ASSERT_FALSE(get());
+  EXPECT_EQ(server + " refused: cannot open x: it is damaged", problem_.text);
+}
+
 TEST_F(Rest_Client, names_the_status_when_the_server_said_nothing_usable)
 {
   for (const char* body : {"", "<html>", "[]", "{\"error\":7}", "{\"error\":{\"message\":{}}}"}) {
