@@ -3,7 +3,7 @@
 #include "storage/back_end.h"
 #include "storage/client_io.h"
 #include "storage/pool.h"
-#include "storage/side_file.h"
+#include "storage/random_reader.h"
 
 #include <cerrno>
 #include <memory>
@@ -62,14 +62,12 @@ std::string disagreement_with_catalog(const Backup_Entry& backup, const Client_I
   return "";
 }
 
-/// What the side file says against the catalog; a file without one is judged when it is read.
-std::string side_file_problem(const std::string& text, const Backup_Entry& backup)
+/// What the side file says against the catalog. A file without one, too, is refused by every restore.
+std::string side_file_problem(const Stored_File_Reader& file, const Backup_Entry& backup)
 {
-  if (text.empty())
-    return "";
   Side_File side_file;
   std::string error;
-  if (!parse_side_file(text, side_file, error))
+  if (!load_side_file(file, side_file, error))
     return error;
   if (side_file.storage_size != backup.stored_size || side_file.original_size != backup.size)
     return "its side file tells of another file than the catalog";
@@ -186,7 +184,7 @@ Verification probe_backup(const Backup_Entry& backup, const std::string& pool_uu
                   "the stored file has " + std::to_string(file->size()) + " bytes, the catalog says " +
                       std::to_string(backup.stored_size),
                   0);
-  const std::string problem = side_file_problem(file->side_file(), backup);
+  const std::string problem = side_file_problem(*file, backup);
   return judged(problem.empty() ? Outcome::good : Outcome::damaged, problem, 0);
 }
 } // namespace kestrel

@@ -134,6 +134,15 @@ TEST_F(Backup_Verifier, a_side_file_that_cannot_be_read_is_damage)
   EXPECT_EQ(Outcome::damaged, verified());
 }
 
+// No restore reads a file without it; one that began with it would end half-way.
+TEST_F(Backup_Verifier, a_missing_side_file_is_damage)
+{
+  std::filesystem::remove(path("B1") + ".meta");
+  EXPECT_EQ(Outcome::damaged, probed());
+  EXPECT_NE(std::string::npos, probe_.problem.find("its side file is missing")) << probe_.problem;
+  EXPECT_EQ(Outcome::damaged, verified());
+}
+
 TEST_F(Backup_Verifier, judges_nothing_in_a_pool_that_is_away)
 {
   std::filesystem::rename(pool_path_, pool_path_ + ".away");
