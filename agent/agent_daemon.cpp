@@ -166,8 +166,8 @@ bool Agent_Daemon::serve(std::string& error)
   services_ = std::make_unique<Agent_Services>(identity, *jobs_, *instances_);
   JSON_RPC_Dispatcher::Options threads;
   threads.threads = service_threads;
-  // No heartbeats for these: a tool that hangs in several calls keeps the server's questions waiting, but the runs and
-  // the schedule go on, and a restart would end those runs.
+  // No heartbeats for these: a tool that hangs in several calls keeps the server's questions waiting, but the
+  // runs and the schedule go on, and a restart would end those runs.
   if (!services_->bind(dispatcher_, modules_.rpc_handlers(), error))
     return false;
   if (!dispatcher_.start(threads) || !network_.start()) {

@@ -17,7 +17,8 @@ namespace
 {
 constexpr size_t longest_password_bytes = 1023;
 
-/// Reads up to the line end or the end of the input, one byte a time: what follows the line belongs to others.
+/// Reads up to the line end or the end of the input, one byte a time: what follows the line belongs to
+/// others.
 bool read_first_line(int descriptor, secure_string& line, std::string& error)
 {
   char byte = 0;

@@ -6,8 +6,8 @@
 
 namespace kestrel
 {
-/// Shows how far a long piece of work is: a bar with rate and remaining time on a terminal, a plain line for every
-/// tenth of the work elsewhere, nothing when quiet.
+/// Shows how far a long piece of work is: a bar with rate and remaining time on a terminal, a plain line for
+/// every tenth of the work elsewhere, nothing when quiet.
 /// Threads:   one at a time (the caller serialises); steady across threads.
 /// Units:     bytes; times come from the monotonic clock.
 /// Errors:    none; output that cannot be written is dropped.

@@ -15,9 +15,9 @@ struct Control_Result {
   bool unknown_job = false; ///< the host does not know the definition (yet)
 };
 
-/// Asks hosts (empty: all of the job's) for "run", "pause", "resume", "cancel", "abort", "switch", "enable" or
-/// "disable". A host that does not know a definition yet, because it has just been made, is asked again for a
-/// few seconds.
+/// Asks hosts (empty: all of the job's) for "run", "pause", "resume", "cancel", "abort", "switch", "enable"
+/// or "disable". A host that does not know a definition yet, because it has just been made, is asked again
+/// for a few seconds.
 [[nodiscard]] bool control_job(Console& console, const std::string& job_id, const std::string& action,
                                const std::vector<std::string>& host_uuids,
                                std::vector<Control_Result>& results, REST_Problem& problem);

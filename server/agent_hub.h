@@ -53,14 +53,14 @@ public:
   Agent_Hub& operator=(const Agent_Hub&) = delete;
 
   void set_listeners(Listeners listeners); ///< before start()
-  /// Reads what is known of the hosts and begins to serve agents. False with `error` for the user. `heartbeats` hear
-  /// of the dispatcher; null: nobody watches; else not owned, and must outlive stop().
+  /// Reads what is known of the hosts and begins to serve agents. False with `error` for the user.
+  /// `heartbeats` hear of the dispatcher; null: nobody watches; else not owned, and must outlive stop().
   [[nodiscard]] bool start(std::string& error, Heartbeats* heartbeats = nullptr);
   /// Ends all connections and takes no more.
   void stop();
 
-  /// An agent that identified itself as this host has connected; the channel was not started yet. `key_hash` is
-  /// that of the key it was admitted with: it may have been replaced since.
+  /// An agent that identified itself as this host has connected; the channel was not started yet. `key_hash`
+  /// is that of the key it was admitted with: it may have been replaced since.
   void connect(const std::string& host_uuid, const std::string& name, const std::string& key_hash,
                const std::shared_ptr<Message_Channel>& channel);
 

@@ -114,8 +114,8 @@ bool Catalog_Resources::has_same(const Backup_Record& record)
          is_same(json_spirit::find_value(row, "backup_set_storage_size"), record.storages.front().size);
 }
 
-/// Why a host may not add the record; "" when it may. A file whose sender is no longer known, or that does not
-/// lie on this server, is taken as the record says.
+/// Why a host may not add the record; "" when it may. A file whose sender is no longer known, or that does
+/// not lie on this server, is taken as the record says.
 std::string Catalog_Resources::foreign_problem(const Backup_Record& record, const std::string& host_uuid) const
 {
   const std::string uuid = text_field(record, "uuid");

@@ -18,10 +18,10 @@ namespace kestrel
 ///   DELETE catalogs/sets/{uuid}
 ///   GET    catalogs/sets/{uuid}/dependents  -> {"uuids":[...]}
 /// Agents add records and read; operators change states; administrators delete. A record with "repeated" is a
-/// commit whose answer got lost: when the catalog has it already, the same in every field, it counts as stored.
-/// Each host adds records in its own name only, also those of a cluster whose nodes back up one resource in turn:
-/// 403 when the record's host is another, or when its file was sent by another. A record without a host gets the
-/// sender's. A record that is there is never replaced.
+/// commit whose answer got lost: when the catalog has it already, the same in every field, it counts as
+/// stored. Each host adds records in its own name only, also those of a cluster whose nodes back up one
+/// resource in turn: 403 when the record's host is another, or when its file was sent by another. A record
+/// without a host gets the sender's. A record that is there is never replaced.
 /// An answer that would be too large for a client is refused with 413: the client asks for fewer rows.
 /// Threads:   any. Ownership: shares the catalog; must outlive the router's requests.
 class Catalog_Resources

@@ -53,10 +53,11 @@ public:
 
   /// `heartbeats` hears of its threads; null: nobody watches; else not owned, and must outlive stop().
   [[nodiscard]] bool start(std::string& error, Heartbeats* heartbeats = nullptr);
-  /// Decides nothing more: to be called before the agents' connections are ended, which would look as if they had gone.
+  /// Decides nothing more: to be called before the agents' connections are ended, which would look as if they
+  /// had gone.
   void stop_choosing();
-  /// Announces nothing more, and keeps all that the next start must know. Waits for calls under way: end the agents'
-  /// connections first.
+  /// Announces nothing more, and keeps all that the next start must know. Waits for calls under way: end the
+  /// agents' connections first.
   void stop();
 
   /// A request that has come before gets the place and the time that it had.

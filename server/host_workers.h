@@ -21,9 +21,9 @@ public:
   Host_Workers(const Host_Workers&) = delete;
   Host_Workers& operator=(const Host_Workers&) = delete;
 
-  /// Before the first task: `heartbeats` hears of it while a task waits that a thread could begin. It counts as stuck
-  /// when none was begun for 15 minutes, not when single hosts hang. Null: nobody watches; else not owned, and must
-  /// outlive stop().
+  /// Before the first task: `heartbeats` hears of it while a task waits that a thread could begin. It counts
+  /// as stuck when none was begun for 15 minutes, not when single hosts hang. Null: nobody watches; else not
+  /// owned, and must outlive stop().
   void watch(Heartbeats* heartbeats, const std::string& name);
   void add(const std::string& host_uuid, std::function<void()> task);
   void stop();

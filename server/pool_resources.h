@@ -10,8 +10,8 @@ namespace kestrel
 {
 /// The pools of the server over REST (below /k2/r/):
 ///   GET    pools                 -> {"pools":[POOL,...]} in the order in which they were added
-///   GET    pools/{id or name}    -> POOL: {"id","name","path","back_end","default","total_bytes","free_bytes"};
-///                                   the two sizes are missing when the directory cannot be examined
+///   GET    pools/{id or name}    -> POOL: {"id","name","path","back_end","default","total_bytes",
+///                                   "free_bytes"}; the two sizes are missing when the directory cannot be examined
 ///   GET    pools/{id or name}/count -> {"count"}: backup sets in it
 ///   POST   pools                 {"name","path","default"} -> POOL
 ///   DELETE pools/{id or name}    409 while backup sets lie in it

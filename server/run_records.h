@@ -23,7 +23,8 @@ public:
     std::string state;
     int limit = 100;
     size_t most_bytes = size_t(8) << 20; ///< of the records' texts
-    /// Only runs that follow this one in the order of the list: its queued_at and run_id. Not with an empty id.
+    /// Only runs that follow this one in the order of the list: its queued_at and run_id. Not with an empty
+    /// id.
     int64_t before_queued_at = 0;
     std::string before_run_id;
   };
@@ -46,8 +47,8 @@ public:
   /// of another host.
   void store(const std::string& host_uuid, const json_spirit::Array& records,
              std::vector<std::string>& stored, std::vector<Refusal>& refused);
-  /// Stops before the records have more bytes than `most_bytes`, but for the first one. Runs that are reported
-  /// meanwhile shift nothing: a page goes on where the last one ended.
+  /// Stops before the records have more bytes than `most_bytes`, but for the first one. Runs that are
+  /// reported meanwhile shift nothing: a page goes on where the last one ended.
   Page page(const Filter& filter);
   json_spirit::Array list(const Filter& filter) { return page(filter).runs; }
   /// A definition and a host.

@@ -177,10 +177,10 @@ void Storage_Uploads::stop()
     cleaner_.join();
 }
 
-/// No heartbeat on purpose. A turn waits for nothing but the disks of pools, and one that hangs, such as that of a
-/// file server that is away, holds up neither requests nor the files of other pools: all that stays undone is the
-/// removal of what nobody continues. A restart would not free a thread that hangs in the kernel, would end the
-/// transfers to all other pools, and would then hang at the same disk in load().
+/// No heartbeat on purpose. A turn waits for nothing but the disks of pools, and one that hangs, such as that
+/// of a file server that is away, holds up neither requests nor the files of other pools: all that stays
+/// undone is the removal of what nobody continues. A restart would not free a thread that hangs in the
+/// kernel, would end the transfers to all other pools, and would then hang at the same disk in load().
 void Storage_Uploads::run()
 {
   const auto interval = std::chrono::seconds(limits_.clean_up_seconds);
@@ -423,8 +423,8 @@ std::string Storage_Uploads::sender(const std::string& pool_id, const std::strin
   int best = 0;
   for (const Upload_Ptr& upload : of_file(pool_id, folder, name)) {
     const std::lock_guard<std::mutex> guard(upload->lock);
-    // Who is writing the file counts more than who finished one of this name before, and both more than who left
-    // something of it or cannot go on with it.
+    // Who is writing the file counts more than who finished one of this name before, and both more than who
+    // left something of it or cannot go on with it.
     const Upload_Record::State state = upload->record.state;
     const int rank = upload->writer ? 4 : state == Upload_Record::finished ? 3 : state == Upload_Record::open ? 2 : 1;
     if (rank > best)

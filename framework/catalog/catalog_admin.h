@@ -9,11 +9,11 @@ namespace kestrel
 enum class Set_State {
   available,
   unavailable,
-  /// Unavailable, and its deletion has begun: from there it becomes neither available nor unavailable, whatever is
-  /// found out about its file; it only goes, or is spared.
+  /// Unavailable, and its deletion has begun: from there it becomes neither available nor unavailable,
+  /// whatever is found out about its file; it only goes, or is spared.
   deleting,
-  /// The deletion that had begun is called off: available without a reason, unavailable with one. Changes nothing when
-  /// none had begun.
+  /// The deletion that had begun is called off: available without a reason, unavailable with one. Changes
+  /// nothing when none had begun.
   spared
 };
 

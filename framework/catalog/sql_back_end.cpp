@@ -32,8 +32,8 @@ long long find_set(soci::session& session, const std::string& uuid)
   return id;
 }
 
-/// The stored text of a new state. Throws when the set is on its way out, which a verification of its file, or whoever
-/// has looked at it before, must not turn back.
+/// The stored text of a new state. Throws when the set is on its way out, which a verification of its file,
+/// or whoever has looked at it before, must not turn back.
 std::string state_text(Set_State state, const std::string& uuid, const std::string& reason, bool deleting)
 {
   if (state == Set_State::deleting)

@@ -12,9 +12,10 @@ namespace kestrel
 /// each operation: an operation takes a millisecond more, and in exchange no connection is ever shared
 /// between threads, inherited by a child, or left on a file that an operator has moved away.
 ///
-/// A server that records the backups of many hosts has its catalog held open: one more connection to the SQLite
-/// file, which no operation uses, lives as long as the object. Without it each operation is the last one to
-/// leave the file and moves its log into it, so that a commit waits for the disk several times and not once.
+/// A server that records the backups of many hosts has its catalog held open: one more connection to the
+/// SQLite file, which no operation uses, lives as long as the object. Without it each operation is the last
+/// one to leave the file and moves its log into it, so that a commit waits for the disk several times and not
+/// once.
 class Sql_Back_End : public Catalog_Back_End
 {
 public:

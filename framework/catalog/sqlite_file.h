@@ -31,9 +31,9 @@ bool is_sqlite_busy(int code);
 /// on what the file keeps: that sentence is the caller's.
 const char* sqlite_cure(int code, const char* cure_of_damage);
 
-/// Opens `session` on the file, which SQLite makes when it is missing, unless it is to be read only. Foreign keys are checked, and a commit
-/// of a file with a write-ahead log survives a power failure. Errors: throws Sqlite_File_Error and what SOCI
-/// throws; the session is not open or may be closed.
+/// Opens `session` on the file, which SQLite makes when it is missing, unless it is to be read only. Foreign
+/// keys are checked, and a commit of a file with a write-ahead log survives a power failure. Errors: throws
+/// Sqlite_File_Error and what SOCI throws; the session is not open or may be closed.
 void connect_sqlite(soci::session& session, const Sqlite_File& file);
 
 /// Makes the file with a write-ahead log, its mode and the mark of what it is; `fill` makes the tables in one
