@@ -60,16 +60,22 @@ bool make_directory(const std::string& path, std::string& error)
   return false;
 }
 
-bool write_tls(const TLS_Names& names, std::string& error)
+bool write_tls(const TLS_Pair& ca, const TLS_Pair& server, std::string& error)
 {
-  TLS_Pair ca, server;
-  if (!make_ca(ca, error) || !make_server_certificate(ca, names, server, error) ||
-      !make_directory(state_path("tls"), error))
-    return false;
   return write_secret(state_path("tls/ca.key"), ca.key, error) &&
          write_secret(state_path("tls/ca.crt"), ca.certificate, error) &&
          write_secret(state_path("tls/server.key"), server.key, error) &&
          write_secret(state_path("tls/server.crt"), server.certificate, error);
+}
+
+/// What an attempt to make a server has written, so that the next one may begin anew.
+void remove_parts()
+{
+  std::vector<const char*> names = {"server.toml", "server.db", "server.db-wal", "server.db-shm"};
+  names.insert(names.end(), std::begin(tls_files), std::end(tls_files));
+  for (const char* name : names)
+    ignore_result(file_system().unlink(state_path(name).c_str()), "what stays is named by the next attempt");
+  ignore_result(::rmdir(state_path("tls").c_str()), "as above");
 }
 
 std::string toml_text(const Server_Init& init, const std::string& name)
@@ -162,7 +168,12 @@ bool init_server(const Server_Init& init, std::string& error)
   add_missing(names.names, host_name());
   add_missing<std::string>(names.names, "localhost");
   add_missing<std::string>(names.addresses, "127.0.0.1");
-  if (!write_tls(names, error))
+  TLS_Pair ca, server;
+  if (!make_ca(ca, error) || !make_server_certificate(ca, names, server, error) ||
+      !make_directory(state_path("tls"), error))
+    return false;
+  Scope_Guard clear_away(remove_parts); // after the database is closed
+  if (!write_tls(ca, server, error))
     return false;
   Server_Database database;
   if (!open_database(database, true, error))
@@ -178,7 +189,10 @@ bool init_server(const Server_Init& init, std::string& error)
     return false;
   }
   const std::string url_host = name.find(':') == std::string::npos ? name : "[" + name + "]";
-  return write_secret(state_path("server.toml"), toml_text(init, url_host), error);
+  if (!write_secret(state_path("server.toml"), toml_text(init, url_host), error))
+    return false;
+  clear_away.cancel();
+  return true;
 }
 
 bool load_server_config(const std::string& path, Server_Config& config, std::string& error)

@@ -27,8 +27,8 @@ struct Server_Init {
 };
 
 /// Makes tls/ with CA and server certificate, server.db with the first admin, and server.toml. Refuses when
-/// any of them exists. Crash: server.toml comes last. What a broken attempt left is named by the next one,
-/// and must be removed.
+/// any of them exists. A failure leaves none of them. Crash: server.toml comes last. What a killed attempt
+/// left is named by the next one, and must be removed.
 [[nodiscard]] bool init_server(const Server_Init& init, std::string& error);
 
 /// A new server certificate for the same names. The running server takes it over at SIGHUP or its next start.
