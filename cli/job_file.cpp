@@ -93,14 +93,19 @@ bool choose_hosts(Console& console, const json_spirit::Object& former, Job_To_De
   return true;
 }
 
-/// The id of the instance on the first host that knows it, where the document has only its name.
-void fill_source(Console& console, Job_To_Define& job)
+/// The id of the instance on the first host that knows it, where the document has only its name. Without an
+/// id the hosts would refuse the definition, and a former one of that name would run no more.
+bool fill_source(Console& console, Job_To_Define& job)
 {
   json_spirit::Object source = object_in(job.document, "source");
   const std::string name = instance_reference(source);
   std::vector<Served_Host> hosts;
-  if (!text_in(source, "id").empty() || name.empty() || !console.hosts(hosts))
-    return;
+  if (!text_in(source, "id").empty())
+    return true;
+  if (name.empty())
+    return refuse(console, "its \"source\" names no instance");
+  if (!console.hosts(hosts))
+    return false;
   for (const std::string& uuid : job.host_uuids) {
     for (const Served_Host& host : hosts) {
       if (host.uuid != uuid)
@@ -112,10 +117,14 @@ void fill_source(Console& console, Job_To_Define& job)
         if (text_in(source, "name").empty())
           set_value(source, "name", name);
         set_value(job.document, "source", source);
-        return;
+        return true;
       }
     }
   }
+  return refuse(
+      console,
+      "none of its hosts has an instance " + name +
+          "; 'kestrel instances' lists them, and \"id\" in \"source\" names one that is not there yet");
 }
 
 /// A pool may be given by its name, or be the default one.
@@ -167,9 +176,8 @@ bool read_job_file(Console& console, Job_To_Define& job)
   job.enabled = !console.line().disabled;
   json_spirit::Object former;
   if (!check_form(console, job.document) || !find_former(console, job.document, former) ||
-      !choose_hosts(console, former, job) || !fill_target(console, job))
+      !choose_hosts(console, former, job) || !fill_target(console, job) || !fill_source(console, job))
     return false;
-  fill_source(console, job);
   if (text_in(job.document, "id").empty())
     set_value(job.document, "id", former.empty() ? make_uuid() : text_in(former, "id"));
   if (text_in(job.document, "uid").empty())

@@ -1,3 +1,4 @@
+#include "agent/job_scheduler.h"
 #include "base/ignore_result.h"
 #include "base/uri.h"
 #include "jobs/job_definition_loader.h"
@@ -118,6 +119,11 @@ bool check_definition(const std::string& id, Object& document, std::string& erro
     error = "source: is missing";
     return false;
   }
+  // The agents would refuse it, long after whoever wrote it has gone, and run the job no more.
+  std::vector<Timed_Schedule> schedules;
+  bool on_demand = false;
+  if (!read_schedules(*definition, schedules, on_demand, error))
+    return false;
   document = std::move(whole);
   return true;
 }

@@ -396,6 +396,18 @@ TEST_F(Served_Jobs, are_refused_when_the_file_is_no_definition)
   EXPECT_EQ(0u, server_->count("POST /k2/r/jobs"));
 }
 
+TEST_F(Served_Jobs, are_left_alone_by_a_file_with_an_instance_that_none_of_their_hosts_has)
+{
+  const std::string file = directory_.write(
+      "job.json",
+      R"({"name":"nightly","type":"backup","subtype":"incr","source":{"entries":["oscar/NOPE"]}})");
+  const Command_Outcome outcome = run({"job", "define", file});
+  EXPECT_EQ(1, outcome.code);
+  EXPECT_TRUE(holds(outcome.err, "is refused: none of its hosts has an instance NOPE; ")) << outcome.err;
+  EXPECT_EQ(0u, server_->count(std::string("PUT /k2/r/jobs/") + job));
+  EXPECT_EQ(0u, server_->count("POST /k2/r/jobs"));
+}
+
 TEST_F(Served_Jobs, can_be_removed)
 {
   server_->answer(std::string("DELETE /k2/r/jobs/") + job, 200, "{}");

@@ -229,6 +229,9 @@ TEST(Job_Document, documents_without_form_are_refused_with_the_key)
   EXPECT_FALSE(refusal("{}").empty());
   EXPECT_NE(refusal(document(R"(,"schedules":{})")).find("schedules"), std::string::npos);
   EXPECT_NE(refusal(document(R"(,"schedules":[{}])")).find("schedules"), std::string::npos);
+  EXPECT_EQ("job definition, \"schedules\", number 2: ",
+            refusal(document(R"(,"schedules":[{"type":7},{"type":1,"cron":"0 25 * * *"}])")).substr(0, 39));
+  EXPECT_NE(refusal(document(R"(,"schedules":[{"type":1}])")).find("cron"), std::string::npos);
   EXPECT_NE(refusal(document(R"(,"rsrc_form":1)")).find("rsrc_form"), std::string::npos);
   EXPECT_NE(refusal(document(R"(,"options":[])")).find("options"), std::string::npos);
   EXPECT_NE(refusal(R"({"uid":"99999999-2222-4333-8444-555555555555","type":"standby","target":{"id":"p"}})")
