@@ -50,8 +50,8 @@ protected:
   /// A job that was cancelled or paused while the script ran does not go on to its work.
   virtual bool execute_pre_action()
   {
-    const bool ok = run_script(def_.pre_action(), job_.log_msg_callback());
-    return (ok || def_.ignore_pre_action_failure()) && act_->state == JOB_STATE_RUNNING;
+    const bool ok = run_action("pre_action", def_.pre_action(), def_.ignore_pre_action_failure());
+    return ok && act_->state == JOB_STATE_RUNNING;
   }
 
   /// Sets COMPLETING only when there is a script to run; a cancel that came before is then no longer seen as
@@ -65,8 +65,7 @@ protected:
       kestrel::ignore_result(job_.state(JOB_STATE_COMPLETING),
                              "the record is set even if nobody hears of it");
     }
-    const bool ok = run_script(def_.post_action(), job_.log_msg_callback());
-    return ok || def_.ignore_post_action_failure();
+    return run_action("post_action", def_.post_action(), def_.ignore_post_action_failure());
   }
 
   virtual bool check_condition() { return true; }
@@ -116,6 +115,19 @@ private:
         script, std::move(callback), [this](Text_Process_Handler& handler) {
           return std::make_shared<kestrel::Tool_Watch>(job_, handler, "script");
         });
+  }
+
+  /// A script may fail without a word: the job's log says which one, unless a request to stop ended it.
+  bool run_action(const char* name, const std::string& script, bool ignore_failure)
+  {
+    if (run_script(script, job_.log_msg_callback())) {
+      return true;
+    }
+    if (act_->state == JOB_STATE_RUNNING || act_->state == JOB_STATE_COMPLETING) {
+      ACE_ERROR((ignore_failure ? LM_WARNING : LM_ERROR, "The %C of the job's definition failed%C\n", name,
+                 ignore_failure ? ", which the definition ignores" : ""));
+    }
+    return ignore_failure;
   }
 
   void end_idle()

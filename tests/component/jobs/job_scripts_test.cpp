@@ -73,6 +73,9 @@ TEST_F(Job_Scripts, a_failing_pre_action_skips_the_work_and_the_post_action)
             }));
   EXPECT_EQ(0u, script_.works);
   EXPECT_EQ("", marks());
+  EXPECT_TRUE(log_.expect_exactly(LM_ERROR, "The pre_action of the job's definition failed\n"));
+  EXPECT_NE(std::string::npos,
+            read_file(job_->log_path()).find("The pre_action of the job's definition failed"));
 }
 
 TEST_F(Job_Scripts, a_failing_pre_action_can_be_ignored)
@@ -82,18 +85,23 @@ TEST_F(Job_Scripts, a_failing_pre_action_can_be_ignored)
               fields.ignore_pre_action_failure = true;
             }));
   EXPECT_EQ(1u, script_.works);
+  EXPECT_TRUE(log_.expect_exactly(
+      LM_WARNING, "The pre_action of the job's definition failed, which the definition ignores\n"));
 }
 
 TEST_F(Job_Scripts, a_failing_post_action_fails_the_job_unless_it_is_ignored)
 {
   EXPECT_EQ(JOB_STATE_ERROR,
             run_with([](kestrel::Job_Definition_Fields& fields) { fields.post_action = "exit 3"; }));
+  EXPECT_TRUE(log_.expect_exactly(LM_ERROR, "The post_action of the job's definition failed\n"));
   job_ = Job_Ptr();
   ASSERT_TRUE(Job::wait_all_runs(30000));
   EXPECT_EQ(JOB_STATE_COMPLETED, run_with([](kestrel::Job_Definition_Fields& fields) {
               fields.post_action = "exit 3";
               fields.ignore_post_action_failure = true;
             }));
+  EXPECT_TRUE(log_.expect_exactly(
+      LM_WARNING, "The post_action of the job's definition failed, which the definition ignores\n"));
 }
 
 TEST_F(Job_Scripts, the_post_action_runs_always_when_told_so_and_the_result_stays_a_failure)
