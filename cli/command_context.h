@@ -55,6 +55,8 @@ public:
 
   /// Name of the instance with this uuid, or a shortened uuid when nobody knows it any more.
   virtual std::string instance_name(const std::string& resource_uuid) = 0;
+  /// Whether there is an instance with this uuid, and its name.
+  virtual bool knows_instance(const std::string& resource_uuid, std::string& name) = 0;
   /// The instance of this name, in the case given or in upper case.
   [[nodiscard]] virtual bool find_instance(const std::string& name, Known_Instance& instance) = 0;
   /// The instance with this uuid, as a backup's record has it.

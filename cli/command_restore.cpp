@@ -21,11 +21,22 @@ struct Restore_Plan {
   uint64_t bytes = 0;
 };
 
+/// A backup goes back into its own instance, on whichever node of a cluster; only where that one is not known
+/// any more is --instance the place to restore to. Otherwise a slip in the name would overwrite another one.
 bool find_target_instance(Command_Context& context, const Backup_Entry& backup, Known_Instance& instance)
 {
   const std::string& wanted = context.line().instance;
-  return wanted.empty() ? context.find_instance_of(backup.resource_uuid, instance)
-                        : context.find_instance(wanted, instance);
+  if (wanted.empty())
+    return context.find_instance_of(backup.resource_uuid, instance);
+  if (!context.find_instance(wanted, instance))
+    return false;
+  std::string its_name;
+  if (!context.knows_instance(backup.resource_uuid, its_name) || its_name == instance.name)
+    return true;
+  context.fail("backup " + backup.id + " is one of " + its_name + ", not of " + instance.name +
+                   "; nothing was changed",
+               EXIT_CODE_USAGE);
+  return false;
 }
 
 /// A chain of which a file is missing must not cost the instance the data that it holds.
@@ -96,7 +107,7 @@ int run_restore(Command_Context& context)
 {
   Restore_Plan plan;
   if (!make_plan(context, plan))
-    return EXIT_CODE_FAILED;
+    return context.last_code();
   if (!context.line().json)
     std::fputs(describe(context, plan).c_str(), stderr);
   const int answer = ask_to_go_on(context, "restore");

@@ -15,6 +15,17 @@ CLI::Validator unsigned_number()
       },
       "");
 }
+
+/// Digits only: the conversion would take "-1" for the largest number there is.
+CLI::Validator count()
+{
+  return CLI::Validator(
+      [](std::string& text) {
+        const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+        return digits && text.size() <= 18 ? std::string() : "'" + text + "' is not a number";
+      },
+      "");
+}
 } // namespace
 
 const char* const backup_reference_help =
@@ -26,6 +37,11 @@ const char* const instance_host_help =
 void add_host_option(CLI::App& command, Command_Line& line, const std::string& help)
 {
   command.add_option("--host", line.host, "with --server: " + help);
+}
+
+void add_limit_option(CLI::App& command, Command_Line& line, const std::string& help)
+{
+  command.add_option("--limit", line.limit, help)->check(count())->capture_default_str();
 }
 
 void add_storage_options(CLI::App& command, Command_Line& line)

@@ -317,16 +317,26 @@ bool Console::find_instance_of(const std::string& resource_uuid, Known_Instance&
   return false;
 }
 
-std::string Console::instance_name(const std::string& resource_uuid)
+bool Console::knows_instance(const std::string& resource_uuid, std::string& name)
 {
   REST_Problem problem;
   if (!load_hosts(problem))
-    return short_id(resource_uuid);
-  for (const Served_Host& host : hosts_)
-    for (const json_spirit::Value& value : host.instances)
-      if (value.type() == json_spirit::obj_type && text_in(value.get_obj(), "uuid") == resource_uuid)
-        return text_in(value.get_obj(), "name");
-  return short_id(resource_uuid);
+    return false;
+  for (const Served_Host& host : hosts_) {
+    for (const json_spirit::Value& value : host.instances) {
+      if (value.type() == json_spirit::obj_type && text_in(value.get_obj(), "uuid") == resource_uuid) {
+        name = text_in(value.get_obj(), "name");
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+std::string Console::instance_name(const std::string& resource_uuid)
+{
+  std::string name;
+  return knows_instance(resource_uuid, name) ? name : short_id(resource_uuid);
 }
 
 Host_Identity Console::identity_for(const Known_Instance& instance)

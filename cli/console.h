@@ -73,6 +73,7 @@ public:
   [[nodiscard]] bool pools(std::vector<Pool_Info>& pools, std::string& default_id, std::string& error);
 
   std::string instance_name(const std::string& resource_uuid) override;
+  bool knows_instance(const std::string& resource_uuid, std::string& name) override;
   /// On the host of --host, else on the only host that has one of this name.
   [[nodiscard]] bool find_instance(const std::string& name, Known_Instance& instance) override;
   [[nodiscard]] bool find_instance_of(const std::string& resource_uuid, Known_Instance& instance) override;

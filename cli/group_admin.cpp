@@ -1,4 +1,5 @@
 #include "cli/command_groups.h"
+#include "cli/common_options.h"
 #include "cli/served_commands.h"
 
 #include <CLI/CLI.hpp>
@@ -24,6 +25,6 @@ void add_admin_commands(Command_Registry& registry)
 
   CLI::App& audit = registry.add("audit", "List what was changed on the backup server, by whom",
                                  {nullptr, nullptr, served_audit});
-  audit.add_option("--limit", line.limit, "the newest N only")->capture_default_str();
+  add_limit_option(audit, line, "the newest N only");
 }
 } // namespace kestrel

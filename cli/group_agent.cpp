@@ -1,5 +1,6 @@
 #include "cli/command_agent.h"
 #include "cli/command_groups.h"
+#include "cli/common_options.h"
 
 #include <CLI/CLI.hpp>
 
@@ -27,6 +28,6 @@ void add_agent_commands(Command_Registry& registry)
                    {nullptr, run_agent_history});
   history.add_option("JOB", line.names, "only of this job: id, a unique beginning of it, or name")
       ->expected(0, 1);
-  history.add_option("--limit", line.limit, "the newest N only; 0 = all")->capture_default_str();
+  add_limit_option(history, line, "the newest N only; 0 = all");
 }
 } // namespace kestrel

@@ -80,7 +80,7 @@ void add_backup_commands(Command_Registry& registry)
   CLI::App& backups =
       registry.add("backups", "List backups, newest first", {run_backups, nullptr, run_backups});
   backups.add_option("INSTANCE", line.instance, "only those of this instance");
-  backups.add_option("--limit", line.limit, "the newest N only; 0 lists all")->capture_default_str();
+  add_limit_option(backups, line, "the newest N only; 0 lists all");
   add_host_option(backups, line, instance_host_help);
 
   CLI::App& show = registry.add("show", "Show one backup in full", {run_show, nullptr, run_show});
@@ -94,7 +94,9 @@ void add_backup_commands(Command_Registry& registry)
   CLI::App& restore =
       registry.add("restore", "Restore an instance from a backup", {run_restore, nullptr, run_restore});
   restore.add_option("BACKUP", line.names, backup_reference_help)->required()->expected(1);
-  restore.add_option("--instance", line.instance, "instance that 'latest' refers to");
+  restore.add_option("--instance", line.instance,
+                     "instance that 'latest' refers to; where to restore a backup of an instance that is not "
+                     "known any more");
   add_host_option(restore, line, instance_host_help);
   restore.add_option("--pool", line.pool, "read the stored files from this pool");
   restore.add_flag("--yes,-y", line.assume_yes, "do not ask");

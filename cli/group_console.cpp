@@ -1,4 +1,5 @@
 #include "cli/command_groups.h"
+#include "cli/common_options.h"
 #include "cli/served_commands.h"
 
 #include <CLI/CLI.hpp>
@@ -50,6 +51,6 @@ void add_console_commands(Command_Registry& registry)
                                  {nullptr, nullptr, served_nodes});
   nodes.add_option("--definition", line.definition,
                    "only for this job: id, a unique beginning of it, or name");
-  nodes.add_option("--limit", line.limit, "the newest N only")->capture_default_str();
+  add_limit_option(nodes, line, "the newest N only");
 }
 } // namespace kestrel

@@ -1,4 +1,5 @@
 #include "cli/command_groups.h"
+#include "cli/common_options.h"
 #include "cli/served_commands.h"
 #include "cli/session.h"
 
@@ -48,7 +49,7 @@ void add_runs(Command_Registry& registry)
                                 {nullptr, nullptr, served_job_runs});
   runs.add_option("JOB", line.names, job_help)->expected(0, 1);
   runs.add_option("--host", line.host, "only those on this host");
-  runs.add_option("--limit", line.limit, "the newest N only")->capture_default_str();
+  add_limit_option(runs, line, "the newest N only");
 
   CLI::App& log = registry.add("job log", "Print the log of a run", {nullptr, nullptr, served_job_log});
   log.add_option("RUN", line.names, "id of a run or a unique beginning of it; a job means its newest run")

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <set>
+#include <unistd.h>
 
 namespace kestrel
 {
@@ -30,7 +31,10 @@ bool Session::start()
   std::string error;
   Server_Key key;
   if (!host_.start(options, error) || !load_server_key(key, error)) {
-    fail("kestrel cannot start: " + error);
+    fail("kestrel cannot start: " + error +
+         (::geteuid() != 0 && line().root.empty()
+              ? "; run it as root, or give --root DIR for a tree of your own"
+              : ""));
     return false;
   }
   return line().local || !key.enrolled() || allowed_beside_server(key.url);
@@ -85,18 +89,34 @@ bool Session::find_instance(const std::string& name, Known_Instance& instance)
 
 bool Session::find_instance_of(const std::string& resource_uuid, Known_Instance& instance)
 {
-  return find_instance(instance_name(resource_uuid), instance);
+  std::string name;
+  if (knows_instance(resource_uuid, name))
+    return find_instance(name, instance);
+  fail("this host does not know the instance that was backed up (" + resource_uuid.substr(0, 8) +
+           "); say where to with --instance NAME",
+       EXIT_CODE_USAGE);
+  return false;
+}
+
+bool Session::knows_instance(const std::string& resource_uuid, std::string& name)
+{
+  std::vector<Instance_Registry::Entry> entries;
+  std::string error;
+  if (host_.instances().list(entries, error) != 0)
+    return false;
+  for (const Instance_Registry::Entry& entry : entries) {
+    if (entry.instance.uuid == resource_uuid) {
+      name = entry.instance.name;
+      return true;
+    }
+  }
+  return false;
 }
 
 std::string Session::instance_name(const std::string& resource_uuid)
 {
-  std::vector<Instance_Registry::Entry> entries;
-  std::string error;
-  if (host_.instances().list(entries, error) == 0)
-    for (const Instance_Registry::Entry& entry : entries)
-      if (entry.instance.uuid == resource_uuid)
-        return entry.instance.name;
-  return resource_uuid.substr(0, 8);
+  std::string name;
+  return knows_instance(resource_uuid, name) ? name : resource_uuid.substr(0, 8);
 }
 
 bool Session::find_pool(const std::string& id_or_name, Pool_Info& pool, std::string& error)

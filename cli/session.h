@@ -18,6 +18,7 @@ public:
   Embedded_Host& host() { return host_; }
 
   std::string instance_name(const std::string& resource_uuid) override;
+  bool knows_instance(const std::string& resource_uuid, std::string& name) override;
   /// Has a look at what runs on this host when it is not registered.
   [[nodiscard]] bool find_instance(const std::string& name, Known_Instance& instance) override;
   [[nodiscard]] bool find_instance_of(const std::string& resource_uuid, Known_Instance& instance) override;
