@@ -137,7 +137,7 @@ void Backup_Deletion::check_not_shared(const Deleted_Backup& backup)
       if (other != backup.uuid)
         throw Failure(Deletion_Problem::shared,
                       "the stored file of backup " + backup.uuid + " is that of backup " + other +
-                          ", too; its record can be deleted alone, without the file");
+                          ", too; its record can be deleted alone, without the file (--keep-file)");
     }
 }
 
@@ -145,7 +145,7 @@ void Backup_Deletion::check_not_shared(const Deleted_Backup& backup)
 void Backup_Deletion::connect(const Deleted_Backup& backup, Pool_Info& pool, Directory_Back_End& back_end)
 {
   const std::string what = "the stored file of backup " + backup.uuid + " cannot be deleted: ";
-  const std::string else_record = "; its record can be deleted alone, without the file";
+  const std::string else_record = "; its record can be deleted alone, without the file (--keep-file)";
   std::string error;
   if (!pools_.find(backup.pool_uuid, pool, error))
     throw Failure(Deletion_Problem::pool, what + error + else_record);

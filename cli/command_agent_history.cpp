@@ -11,7 +11,10 @@
 #include "json/json_util.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cerrno>
 #include <limits>
+#include <unistd.h>
 
 namespace kestrel
 {
@@ -108,8 +111,14 @@ int run_agent_history(const Command_Line& line)
   const Run_History history(database, false);
   std::string error;
   std::string definition_id;
-  if (!database.open_to_read(path, error))
-    return output.fail(error);
+  if (!database.open_to_read(path, error)) {
+    // A host on which nothing has run has an empty history, but whoever looks in the wrong tree must see it.
+    if (::access(path.c_str(), F_OK) == 0 || errno != ENOENT || !line.names.empty())
+      return output.fail(error);
+    error[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(error[0])));
+    output.result({{"runs", json_spirit::Array()}}, error + ".\n");
+    return EXIT_CODE_DONE;
+  }
   if (!line.names.empty() && !find_definition(output, history, line.names.front(), definition_id))
     return output.last_code();
   const uint64_t most = std::numeric_limits<unsigned>::max();

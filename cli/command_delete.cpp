@@ -225,9 +225,11 @@ private:
 
   int stopped(const Doomed& at, const std::string& problem, size_t done)
   {
-    return context_.fail("backup " + at.stored.id + " was not deleted: " + problem + "; of the " +
-                         std::to_string(all_.size()) + " that were to go, " + std::to_string(done) +
-                         " are deleted");
+    return context_.fail(
+        (at.stored.exported ? "export " : "backup ") + at.stored.id + " was not deleted: " + problem +
+        (all_.size() == 1 ? ""
+                          : "; of the " + std::to_string(all_.size()) + " that were to go, " +
+                                std::to_string(done) + " are deleted"));
   }
 
   Command_Context& context_;

@@ -84,13 +84,17 @@ int run_login(Session& session)
   secure_string password;
   if (!read_password(line.password_file, "Password of " + line.user + " at " + instance.name + ": ", password,
                      error))
-    return session.fail("no password for " + line.user + " at " + instance.name + ": " + error);
+    return session.fail("no password for " + line.user + " at " + instance.name + ": " + error,
+                        password_exit_code(error));
   std::string warning;
   if (registry.logon(session.host().instance_handler(), instance.name, "", line.user, password, warning,
                      error) != 0) {
     const bool awkward = password.find_first_of(" \t\"'") != secure_string::npos;
     return session.fail("the login of " + line.user + " at " + instance.name +
                         " failed: " + (error.empty() ? "see the log" : error) +
+                        (registry.state(session.host().instance_handler(), instance.name) == "offline"
+                             ? "; the instance is offline: start it and try again"
+                             : "") +
                         (awkward ? " (OSCAR's tools take no password with blanks or quotes)" : ""));
   }
   json_spirit::Object json;

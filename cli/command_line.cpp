@@ -6,7 +6,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdio>
 #include <cstring>
+#include <vector>
 
 namespace kestrel
 {
@@ -19,6 +21,21 @@ bool has_word(int argc, char** argv, const char* word)
     if (std::strncmp(argv[i], word, length) == 0 && (argv[i][length] == '\0' || argv[i][length] == '='))
       return true;
   return false;
+}
+
+/// The words where a command was to stand, when that was what is missing; empty when no word was there.
+std::string unknown_command(CLI::App& app)
+{
+  std::string words;
+  CLI::App* at = &app;
+  for (std::vector<CLI::App*> below = at->get_subcommands(); !below.empty(); below = at->get_subcommands()) {
+    at = below.front();
+    words += at->get_name() + " ";
+  }
+  const std::vector<std::string> rest = app.remaining(true);
+  if (at->get_require_subcommand_min() == 0 || rest.empty() || rest.front().empty() || rest.front()[0] == '-')
+    return "";
+  return words + rest.front();
 }
 } // namespace
 
@@ -46,6 +63,15 @@ bool parse_command_line(int argc, char** argv, Command_Line& line, int& exit_cod
   try {
     app.parse(argc, argv);
     line.server_given = has_word(argc, argv, "--server");
+  } catch (const CLI::RequiredError& error) {
+    const std::string unknown = unknown_command(app);
+    if (unknown.empty())
+      app.exit(error);
+    else
+      std::fprintf(stderr, "There is no command '%s'.\nRun with --help for more information.\n",
+                   unknown.c_str());
+    exit_code = EXIT_CODE_USAGE;
+    return false;
   } catch (const CLI::ParseError& error) {
     exit_code = app.exit(error) == 0 ? EXIT_CODE_DONE : EXIT_CODE_USAGE;
     return false;

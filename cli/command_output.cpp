@@ -1,16 +1,42 @@
 #include "cli/command_output.h"
 
+#include "base/ignore_result.h"
 #include "json/json_util.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace kestrel
 {
+namespace
+{
+bool lost = false;
+} // namespace
+
+bool write_result(const std::string& text)
+{
+  const bool written = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+  if (std::fflush(stdout) == 0 && written)
+    return true;
+  if (errno == EPIPE)
+    return false;
+  if (!lost)
+    std::fprintf(stderr, "kestrel: the result cannot be written to the standard output: %s\n",
+                 std::strerror(errno));
+  lost = true;
+  return false;
+}
+
+bool result_lost()
+{
+  return lost;
+}
+
 void Command_Output::result(const json_spirit::Object& json, const std::string& text)
 {
-  const std::string shown = line_.json ? write_json_pretty(json) : text;
-  std::fwrite(shown.data(), 1, shown.size(), stdout);
-  std::fflush(stdout);
+  ignore_result(write_result(line_.json ? write_json_pretty(json) : text),
+                "the command has done its work; result_lost() makes it a failure at its end");
 }
 
 void Command_Output::note(const std::string& text)

@@ -8,6 +8,12 @@
 
 namespace kestrel
 {
+/// Writes to the standard output; false when that is in vain from now on. What cannot be written is reported
+/// once, except to a reader that has gone, such as `head`, which wanted no more. Threads: main thread.
+bool write_result(const std::string& text);
+/// Whether something that write_result() was given did not arrive.
+bool result_lost();
+
 /// How results, remarks and failures of one command reach the user. Results go to the standard output,
 /// everything else to the standard error output. Threads: main thread, except note().
 class Command_Output

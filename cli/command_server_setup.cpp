@@ -81,7 +81,7 @@ int run_server_init(const Command_Line& line, const Server_Arguments& arguments)
   Wipe_Guard<std::string> wiped(init.password);
   std::string error;
   if (!ask_password(line, init.admin, init.password, error) || !init_server(init, error))
-    return output.fail("no server was made: " + error);
+    return output.fail("no server was made: " + error, password_exit_code(error));
   const std::string config = state_path("server.toml");
   output.result(json_spirit::Object{{"config", config}, {"ca", state_path("tls/ca.crt")}},
                 "The server's settings are in " + config + "; consoles trust it by " +
@@ -114,8 +114,7 @@ int run_server_enroll(const Command_Line& line, const Server_Arguments& argument
   if (!enroll_host(arguments.name, enrollment, replaced, error))
     return output.fail("the host was not enrolled: " + error);
   if (file == "-") {
-    std::fwrite(enrollment.data(), 1, enrollment.size(), stdout);
-    return EXIT_CODE_DONE;
+    return write_result(enrollment) ? EXIT_CODE_DONE : EXIT_CODE_FAILED;
   }
   if (!write_file_durably(file, enrollment, 0600, error))
     return output.fail("the host is enrolled, but its file was not written: " + error + ". Enroll it again");
@@ -192,7 +191,7 @@ int run_server_user_add(const Command_Line& line, const Server_Arguments& argume
   std::string password, error;
   Wipe_Guard<std::string> wiped(password);
   if (!ask_password(line, arguments.name, password, error))
-    return Command_Output(line).fail(error);
+    return Command_Output(line).fail("no user was added: " + error, password_exit_code(error));
   const std::string what = "user " + arguments.name + " with the role " + arguments.role;
   return change(line, "server user add", what, "Added the " + what + ".", [&](Accounts& accounts, Audit&) {
     accounts.add_user(arguments.name, arguments.role, password);
@@ -228,7 +227,7 @@ int run_server_user_password(const Command_Line& line, const Server_Arguments& a
   std::string password, error;
   Wipe_Guard<std::string> wiped(password);
   if (!ask_password(line, arguments.name, password, error))
-    return Command_Output(line).fail(error);
+    return Command_Output(line).fail("the password was not changed: " + error, password_exit_code(error));
   return change(line, "server user password", "user " + arguments.name,
                 "The password of " + arguments.name + " is set and its sessions have ended.",
                 [&](Accounts& accounts, Audit&) { accounts.set_password(arguments.name, password); });

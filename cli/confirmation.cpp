@@ -14,7 +14,9 @@ int ask_to_go_on(Command_Output& output, const std::string& work)
     return output.fail("nobody is there to confirm the " + work + "; give --yes", EXIT_CODE_USAGE);
   std::fputs("Go on? [y/N] ", stderr);
   std::string answer;
-  if (std::getline(std::cin, answer) && (answer == "y" || answer == "Y" || answer == "yes"))
+  if (!std::getline(std::cin, answer))
+    std::fputs("\n", stderr); // nobody has ended the line of the question
+  else if (answer == "y" || answer == "Y" || answer == "yes")
     return EXIT_CODE_DONE;
   return output.fail("nothing was done", EXIT_CODE_CANCELED);
 }

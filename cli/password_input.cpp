@@ -1,5 +1,7 @@
 #include "cli/password_input.h"
 
+#include "cli/exit_code.h"
+
 #include "base/ignore_result.h"
 #include "base/scope_guard.h"
 
@@ -16,10 +18,11 @@ namespace kestrel
 namespace
 {
 constexpr size_t longest_password_bytes = 1023;
+const char interrupted[] = "interrupted while asking for the password";
 
 /// Reads up to the line end or the end of the input, one byte a time: what follows the line belongs to
 /// others.
-bool read_first_line(int descriptor, secure_string& line, std::string& error)
+bool read_first_line(int descriptor, const std::string& source, secure_string& line, std::string& error)
 {
   char byte = 0;
   Scope_Guard wipe([&byte] { ::explicit_bzero(&byte, sizeof byte); });
@@ -27,11 +30,11 @@ bool read_first_line(int descriptor, secure_string& line, std::string& error)
   for (;;) {
     const ssize_t count = ::read(descriptor, &byte, 1);
     if (count < 0 && errno == EINTR) {
-      error = "interrupted while asking for the password";
+      error = interrupted;
       return false;
     }
     if (count < 0) {
-      error = std::string("cannot read the password: ") + std::strerror(errno);
+      error = "cannot read " + source + ": " + std::strerror(errno);
       return false;
     }
     if (count == 0 || byte == '\n')
@@ -103,7 +106,10 @@ bool read_from_terminal(const std::string& prompt, secure_string& line, std::str
     return false;
   }
   Scope_Guard restore_mode([terminal, &before] { ::tcsetattr(terminal, TCSAFLUSH, &before); });
-  return read_first_line(terminal, line, error);
+  if (read_first_line(terminal, "the password", line, error))
+    return true;
+  write_text(terminal, "\n"); // the message stands on a line of its own
+  return false;
 }
 
 bool read_from_file(const std::string& file, secure_string& line, std::string& error)
@@ -114,15 +120,20 @@ bool read_from_file(const std::string& file, secure_string& line, std::string& e
     return false;
   }
   Scope_Guard close_file([descriptor] { ::close(descriptor); });
-  return read_first_line(descriptor, line, error);
+  return read_first_line(descriptor, "the password file " + file, line, error);
 }
 } // namespace
+
+int password_exit_code(const std::string& error)
+{
+  return error == interrupted ? EXIT_CODE_CANCELED : EXIT_CODE_FAILED;
+}
 
 bool read_password(const std::string& file, const std::string& prompt, secure_string& password, std::string& error)
 {
   secure_string line;
   const bool done = file.empty()  ? read_from_terminal(prompt, line, error)
-                    : file == "-" ? read_first_line(STDIN_FILENO, line, error)
+                    : file == "-" ? read_first_line(STDIN_FILENO, "the password", line, error)
                                   : read_from_file(file, line, error);
   if (!done)
     return false;

@@ -14,4 +14,7 @@ namespace kestrel
 ///            untouched. The terminal's mode is restored on every path, also when a signal ends the read.
 [[nodiscard]] bool read_password(const std::string& file, const std::string& prompt, secure_string& password,
                                  std::string& error);
+
+/// The exit code that goes with an error of read_password(): who ends the prompt with Ctrl-C cancels.
+int password_exit_code(const std::string& error);
 } // namespace kestrel

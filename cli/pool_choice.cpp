@@ -9,7 +9,7 @@ bool choose_target_pool(Command_Context& context, Pool_Info& pool)
   if (context.find_pool(wanted, pool, error))
     return true;
   context.fail(wanted.empty() ? "there is no pool to back up to: " + error +
-                                    "; add one: kestrel pool add NAME --path DIR --default"
+                                    " (kestrel pool add NAME --path DIR --default)"
                               : "the pool " + wanted + " cannot be used: " + error);
   return false;
 }

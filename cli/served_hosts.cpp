@@ -253,7 +253,8 @@ int served_login(Console& console)
   if (!read_password(line.password_file,
                      "Password of " + line.user + " at " + instance.name + " on " + host.name + ": ",
                      password, error))
-    return console.fail("no password for " + line.user + " at " + instance.name + ": " + error);
+    return console.fail("no password for " + line.user + " at " + instance.name + ": " + error,
+                        password_exit_code(error));
   json_spirit::Value result;
   const bool done = console.call_host(
       host, "instance.login", login_params(instance.name, line.user, password), LOGIN_SECONDS, result);

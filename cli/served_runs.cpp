@@ -143,9 +143,8 @@ int served_job_log(Console& console)
       return EXIT_CODE_FAILED;
     if (console.line().json)
       whole += text;
-    else
-      std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
+    else if (!write_result(text))
+      break;
     if (Cancel_Signals::requested())
       break;
     if (!text.empty())

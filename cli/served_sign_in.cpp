@@ -94,7 +94,8 @@ int served_sign_in(const Command_Line& line)
   const Wipe_Guard<secure_string> wipe(password);
   if (!read_password(line.password_file, "Password of " + line.user + " at " + credentials.url + ": ",
                      password, error))
-    return output.fail("no password for " + line.user + " at " + credentials.url + ": " + error);
+    return output.fail("no password for " + line.user + " at " + credentials.url + ": " + error,
+                       password_exit_code(error));
   int code = EXIT_CODE_FAILED;
   if (!ask_for_token(output, credentials, password, code))
     return code;

@@ -269,8 +269,8 @@ bool Pool_Registry::find(const std::string& id_or_name, Pool_Info& info, std::st
 {
   Content content;
   return load(content, error) &&
-         find_in(content, id_or_name,
-                 "there is no pool \"" + id_or_name + "\"; add it to the list of pools first", info, error);
+         find_in(content, id_or_name, "there is no pool \"" + id_or_name + "\"; look at: kestrel pool list",
+                 info, error);
 }
 
 bool Pool_Registry::default_pool(Pool_Info& info, std::string& error) const

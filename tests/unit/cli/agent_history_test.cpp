@@ -185,14 +185,25 @@ TEST_F(Agent_History, tells_what_the_server_refused)
       << outcome.out;
 }
 
-TEST_F(Agent_History, says_that_no_agent_has_run_yet_and_makes_nothing)
+TEST_F(Agent_History, is_empty_where_no_agent_has_run_yet_and_makes_nothing)
 {
+  const std::string words = "o agent has run on this host yet: there is no " + path();
   const Command_Outcome missing = run({"agent", "history"});
-  EXPECT_EQ(1, missing.code);
-  EXPECT_EQ("kestrel: no agent has run on this host yet: there is no " + path() + "\n", missing.err);
+  EXPECT_EQ(0, missing.code);
+  EXPECT_EQ("", missing.err);
+  EXPECT_EQ("N" + words + ".\n", missing.out);
   EXPECT_FALSE(exists(path()));
+  const Command_Outcome json = run({"--json", "agent", "history"});
+  EXPECT_EQ(0, json.code);
+  json_spirit::Value value;
+  std::string error;
+  ASSERT_TRUE(read_json(json.out, value, error)) << error << json.out;
+  EXPECT_EQ("{\"runs\":[]}", write_json(value));
+  const Command_Outcome named = run({"agent", "history", "nightly"});
+  EXPECT_EQ(1, named.code);
+  EXPECT_EQ("kestrel: n" + words + "\n", named.err);
   std::filesystem::remove_all(root_ / "var");
-  EXPECT_EQ(1, run({"agent", "history"}).code);
+  EXPECT_EQ(0, run({"agent", "history"}).code);
   EXPECT_FALSE(exists(root_ / "var/opt"));
 }
 

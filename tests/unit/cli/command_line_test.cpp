@@ -72,6 +72,36 @@ TEST(Command_Line, takes_global_options_before_and_after_the_command)
   EXPECT_EQ(3u, after.line.limit);
 }
 
+TEST(Command_Line, names_a_command_that_there_is_not)
+{
+  const struct {
+    std::vector<std::string> words;
+    const char* text;
+  } cases[] = {{{"bakup"}, "There is no command 'bakup'.\n"},
+               {{"--json", "bakup", "DB1", "--level", "full"}, "There is no command 'bakup'.\n"},
+               {{"pool", "ad", "main"}, "There is no command 'pool ad'.\n"},
+               {{"pool"}, "A subcommand is required\n"},
+               {{}, "A subcommand is required\n"},
+               {{"backup"}, "INSTANCE is required\n"}};
+  for (const auto& each : cases) {
+    const Parsed parsed = parse(each.words);
+    EXPECT_FALSE(parsed.ok);
+    EXPECT_EQ(EXIT_CODE_USAGE, parsed.exit_code);
+    EXPECT_EQ(each.text + std::string("Run with --help for more information.\n"), parsed.err);
+  }
+}
+
+TEST(Command_Line, takes_only_numbers_as_limits)
+{
+  for (const char* limit : {"-1", "x", "1x", "1.5", "", "99999999999999999999"}) {
+    const Parsed parsed = parse({"backups", "--limit", limit});
+    EXPECT_FALSE(parsed.ok) << limit;
+    EXPECT_EQ(EXIT_CODE_USAGE, parsed.exit_code);
+    EXPECT_EQ(0u, parsed.err.find("--limit: '" + std::string(limit) + "' is not a number\n")) << parsed.err;
+  }
+  EXPECT_EQ(0u, parse({"backups", "--limit", "0"}).line.limit);
+}
+
 TEST(Command_Line, tells_the_pool_commands_apart)
 {
   const Parsed add = parse({"pool", "add", "main", "--path", "/p", "--default"});

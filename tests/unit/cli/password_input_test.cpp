@@ -1,5 +1,7 @@
 #include "cli/password_input.h"
 
+#include "cli/exit_code.h"
+
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -52,5 +54,6 @@ TEST(Password_Input, names_a_file_that_cannot_be_read_and_keeps_the_password_unt
   EXPECT_TRUE(password == "before");
   const Temp_Dir dir;
   EXPECT_FALSE(read_password(dir.path(), "", password, error));
-  EXPECT_NE(std::string::npos, error.find("cannot read the password")) << error;
+  EXPECT_EQ("cannot read the password file " + dir.path() + ": Is a directory", error);
+  EXPECT_EQ(EXIT_CODE_FAILED, password_exit_code(error));
 }
