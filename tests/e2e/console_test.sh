@@ -50,12 +50,34 @@ run 1 "$kestrel" show latest
 run 0 "$kestrel" backups
 said "There is no backup yet"
 
+note "a result that cannot be written"
+for stream in full closed; do
+  status=0
+  if [ "$stream" = full ]; then
+    "$kestrel" --json hosts >/dev/full 2>"$work/err" || status=$?
+  else
+    "$kestrel" --json hosts >&- 2>"$work/err" || status=$?
+  fi
+  equal "$status" 1 "exit code with a standard output that is $stream"
+  grep -q "the result cannot be written to the standard output: " "$work/err" || fail "$(cat "$work/err")"
+done
+: >"$work/out"
+
 note "definitions that are none"
 for text in '' '[]' '{"type":"backup"}' '{"type":"backup","source":{"entries":["oscar/DB1"]},"target":{"id":"lost"}}'; do
   printf '%s' "$text" >"$work/bad.json"
   run 1 "$kestrel" job define "$work/bad.json" --host alpha
   said "the job definition $work/bad.json is refused: "
 done
+printf '{"name": "n", "type": "backup", "source": {"entries": ["oscar/NOSUCHDB"]}}' >"$work/bad.json"
+run 1 "$kestrel" job define "$work/bad.json" --host alpha
+said "is refused: none of its hosts has an instance NOSUCHDB; "
+printf '{"name": "n", "type": "backup", "source": {"id": "48bfe436-d3c7-8c92-a702-cfafa43fd264", "entries": ["oscar/DB1"]},
+ "schedules": [{"type": 1, "cron": "0 25 * * *"}]}' >"$work/bad.json"
+run 1 "$kestrel" job define "$work/bad.json" --host alpha
+said '"schedules", number 1: '
+run 0 "$kestrel" --json jobs
+equal "$(value '.jobs | length')" 0 "jobs after refused definitions"
 run 1 "$kestrel" job define "$work/none.json"
 run 2 "$kestrel" job define
 
