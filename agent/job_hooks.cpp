@@ -70,9 +70,8 @@ bool Definition_Change::matters() const
 void Job_Hooks::add(Definition_Change change)
 {
   const std::lock_guard<std::mutex> guard(mutex_);
-  const bool waits = std::any_of(waiting_.begin(), waiting_.end(),
-                                 [&](const Definition_Change& each) { return each.id == change.id; });
-  if (!change.matters() && !waits) {
+  const auto same = [&](const Definition_Change& each) { return each.id == change.id; };
+  if (!change.matters() && std::none_of(waiting_.begin(), waiting_.end(), same)) {
     heard_.push_back({change.id, change.document, change.enabled, change.removed});
     return;
   }
