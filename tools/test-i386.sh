@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the tree and runs its unit, component and fuzz corpus tests in a 32-bit Debian 12, which it makes with debootstrap.
 # Usage (as root): tools/test-i386.sh [DIR]      DIR: where the environment is made and kept, default /var/tmp/kestrel-i386
-# Not part of ./test.sh: it needs root, 10 GB below DIR, and the network for Debian's packages. DIR is kept, so a second run
+# Not part of ./test.sh: it needs root, 3 GB below DIR, and the network for Debian's packages. DIR is kept, so a second run
 # installs and compiles only what is new.
 set -euo pipefail
 cd "$(dirname "$0")/.."
