@@ -14,11 +14,13 @@ namespace
 {
 const int64_t POLL_MSEC = 400;
 /// How long the record of a run that is not under way any more may take to arrive before the user hears of
-/// it, and before nobody waits any longer. A host that is away may come back, so only one that is connected
-/// is given up.
+/// it, and before nobody waits any longer. A host that is away may come back, so this is for one that is
+/// connected.
 const int64_t SILENCE_NOTED_MSEC = 10 * 1000;
 const int64_t SILENCE_LOST_MSEC = 120 * 1000;
 const int64_t LEAVE_MSEC = 5 * 1000;
+/// A command in a script must end, also when the server or the host is gone for good.
+const int64_t AWAY_LOST_MSEC = 60 * 60 * 1000;
 
 Progress_Display::Mode display_mode(const Command_Line& line)
 {
@@ -121,11 +123,9 @@ void Run_Follower::poll_job()
 void Run_Follower::take_state(Watch& watch, const json_spirit::Object& told)
 {
   const json_spirit::Value& online = find_value(told, "online");
-  const bool away = online.type() == json_spirit::bool_type && !online.get_bool();
-  if (away != watch.noted_absence)
-    display_.note("the host " + console_.host_name(watch.end.run.host_uuid) +
-                  (away ? " is not connected; its run goes on without the server" : " is connected again"));
-  watch.noted_absence = away;
+  take_presence(watch, online.type() == json_spirit::bool_type && !online.get_bool());
+  if (watch.finished)
+    return;
   const json_spirit::Object now = object_in(told, "now");
   const bool this_run = text_in(now, "run_id") == watch.end.run.run_id;
   const bool listed = text_in(told, "run_id") == watch.end.run.run_id && flag_in(told, "running");
@@ -141,6 +141,23 @@ void Run_Follower::take_state(Watch& watch, const json_spirit::Object& told)
   if (!item.empty() && item != watch.item)
     display_.note(item);
   watch.item = item;
+}
+
+void Run_Follower::take_presence(Watch& watch, bool away)
+{
+  const int64_t now_msec = clock().monotonic_msec();
+  if (away != watch.noted_absence) {
+    display_.note("the host " + console_.host_name(watch.end.run.host_uuid) +
+                  (away ? " is not connected; its run goes on without the server" : " is connected again"));
+    watch.away_since_msec = now_msec;
+  }
+  watch.noted_absence = away;
+  if (!away || now_msec - watch.away_since_msec < AWAY_LOST_MSEC)
+    return;
+  watch.finished = true;
+  watch.end.problem = "the host " + console_.host_name(watch.end.run.host_uuid) +
+                      " has not been connected for an hour; whether the run " + watch.end.run.run_id +
+                      " goes on there is not known; look at 'kestrel job runs' later";
 }
 
 void Run_Follower::poll_run(Watch& watch)
@@ -240,8 +257,16 @@ void Run_Follower::note_trouble(const REST_Problem& problem)
             "; the job goes on without this console");
     return;
   }
-  if (!in_trouble_)
+  const int64_t now_msec = clock().monotonic_msec();
+  if (!in_trouble_) {
     display_.note("no answer from the server, trying on: " + problem.text);
+    trouble_since_msec_ = now_msec;
+  } else if (now_msec - trouble_since_msec_ >= AWAY_LOST_MSEC) {
+    end_all(
+        "the server has not answered for an hour; the job may go on without it; look at 'kestrel job runs' "
+        "later: " +
+        problem.text);
+  }
   in_trouble_ = true;
 }
 

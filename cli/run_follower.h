@@ -25,7 +25,7 @@ struct Run_End {
 };
 
 /// Waits for runs of one job to end, shows how far they are, and passes a cancel on.
-/// Purpose:  asks the server again and again; a server or a host that is away is waited for.
+/// Purpose:  asks the server again and again; a server or a host that is away is waited for, up to an hour.
 /// Threads:  main thread. SIGINT, SIGTERM and SIGHUP become one cancel request while follow() runs.
 /// Errors:   nothing is said to the user but remarks; each run's end tells.
 class Run_Follower
@@ -50,10 +50,12 @@ private:
     int64_t silent_since_msec = 0; ///< nothing was told of the run since
     bool noted_silence = false;
     bool noted_absence = false; ///< of its host
+    int64_t away_since_msec = 0;
   };
 
   void poll_job();
   void take_state(Watch& watch, const json_spirit::Object& told);
+  void take_presence(Watch& watch, bool away);
   void poll_run(Watch& watch);
   void give_up_when_lost(Watch& watch);
   void show_progress();
@@ -68,6 +70,7 @@ private:
   std::vector<Watch> watches_;
   uint64_t done_bytes_ = 0;
   bool in_trouble_ = false;
+  int64_t trouble_since_msec_ = 0;
   bool cancel_sent_ = false;
   std::string cancel_refusal_; ///< why no host took the cancel
   int64_t cancel_refused_msec_ = 0;

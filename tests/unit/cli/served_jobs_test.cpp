@@ -105,36 +105,42 @@ TEST_F(Served_Jobs, show_why_nobody_did_the_work_of_a_cluster)
                       R"(,"nobody_worked":"no node did the work of nightly: host alpha: error, it is off"})");
   const Command_Outcome outcome = run({"job", "show", "nightly"});
   EXPECT_EQ(0, outcome.code) << outcome.err;
-  EXPECT_TRUE(holds(outcome.out, "no node did the work of nightly: host alpha: error, it is off")) << outcome.out;
+  EXPECT_TRUE(holds(outcome.out, "no node did the work of nightly: host alpha: error, it is off"))
+      << outcome.out;
 }
 
 TEST_F(Served_Jobs, whose_work_no_node_did_are_listed_so_on_a_screen_of_80_columns)
 {
   std::string undone = entry(host_1, "");
   undone.replace(undone.find("nightly"), 7, "backup of the whole cluster");
-  undone.insert(undone.size() - 1, R"(,"nobody_worked":"no node did the work: host alpha: error, it is off")");
+  undone.insert(undone.size() - 1,
+                R"(,"nobody_worked":"no node did the work: host alpha: error, it is off")");
   server_->answer("GET /k2/r/jobs", 200, "{\"jobs\":[" + undone + "," + entry(host_1, "") + "]}");
   const Command_Outcome outcome = run({"jobs"});
   EXPECT_EQ(0, outcome.code) << outcome.err;
   EXPECT_TRUE(holds(outcome.out, "\nbackup of the who...  backup full  alpha  no node  -")) << outcome.out;
   EXPECT_TRUE(holds(outcome.out, "  backup full  alpha  -        -")) << outcome.out;
-  EXPECT_TRUE(holds(outcome.out, "No node did the work of backup of the whole cluster when it was started last;\n"
-                                 "why: kestrel nodes --definition dddddddd\n"))
+  EXPECT_TRUE(holds(outcome.out,
+                    "No node did the work of backup of the whole cluster when it was started last;\n"
+                    "why: kestrel nodes --definition dddddddd\n"))
       << outcome.out;
   EXPECT_LE(longest_line(outcome.out), 80u) << outcome.out;
   const Command_Outcome json = run({"--json", "jobs"});
-  EXPECT_TRUE(holds(json.out, "\"nobody_worked\": \"no node did the work: host alpha: error, it is off\"")) << json.out;
+  EXPECT_TRUE(holds(json.out, "\"nobody_worked\": \"no node did the work: host alpha: error, it is off\""))
+      << json.out;
 }
 
 TEST_F(Served_Jobs, with_long_names_fit_a_screen)
 {
-  std::string wide = entry(host_1, "\"" + std::string(host_1) + R"(":{"state":"completed with errors","next_run":1800000000})");
+  std::string wide = entry(host_1, "\"" + std::string(host_1) +
+                                       R"(":{"state":"completed with errors","next_run":1800000000})");
   wide.replace(wide.find("nightly"), 7, "the backup of everything that there is");
   wide.replace(wide.find(R"("hosts":[)"), 9, R"("hosts":[")" + std::string(host_2) + R"(",)");
   server_->answer("GET /k2/r/jobs", 200, "{\"jobs\":[" + wide + "]}");
   const Command_Outcome outcome = run({"jobs"});
   EXPECT_EQ(0, outcome.code) << outcome.err;
-  EXPECT_TRUE(holds(outcome.out, "\nthe backup o...  backup full  beta,alpha  complet...  2027-01-15 ")) << outcome.out;
+  EXPECT_TRUE(holds(outcome.out, "\nthe backup o...  backup full  beta,alpha  complet...  2027-01-15 "))
+      << outcome.out;
   EXPECT_EQ(80u, longest_line(outcome.out)) << outcome.out;
 }
 
@@ -160,9 +166,10 @@ TEST_F(Served_Jobs, are_aborted_and_switched)
 
 TEST_F(Served_Jobs, that_cannot_switch_say_so)
 {
-  server_->answer(control(), 200,
-                  std::string(R"({"results":[{"host":")") + host_1 +
-                      R"(","run_id":"","error":{"code":-32002,"message":"jobs of this kind do not accept switch"}}]})");
+  server_->answer(
+      control(), 200,
+      std::string(R"({"results":[{"host":")") + host_1 +
+          R"(","run_id":"","error":{"code":-32002,"message":"jobs of this kind do not accept switch"}}]})");
   const Command_Outcome outcome = run({"job", "switch", "nightly"});
   EXPECT_EQ(1, outcome.code);
   EXPECT_EQ("kestrel: job nightly: switch was refused: host alpha: jobs of this kind do not accept switch\n",
@@ -330,6 +337,28 @@ TEST_F(Served_Jobs, are_waited_for_while_their_host_is_away)
   EXPECT_GT(clock_.slept_msec(), 300 * 1000);
 }
 
+TEST_F(Served_Jobs, are_given_up_when_their_host_stays_away)
+{
+  server_->answer(one(), 200,
+                  entry(host_1, std::string("\"") + host_1 + R"(":{"online":false,"now":{"run_id":")" +
+                                    run_1 + R"(","state":"running"}})"));
+  const Command_Outcome outcome = run({"job", "run", "nightly", "--wait"});
+  EXPECT_EQ(1, outcome.code);
+  EXPECT_TRUE(holds(outcome.err, "the host alpha has not been connected for an hour")) << outcome.err;
+  EXPECT_GE(clock_.slept_msec(), 3600 * 1000);
+}
+
+TEST_F(Served_Jobs, are_given_up_when_the_server_stays_away)
+{
+  server_->answer(one(), 503, R"({"error":{"code":"busy","message":"not now"}})");
+  server_->answer_once(one(), 200, entry(host_1, under_way(host_1, run_1, 10)));
+  server_->answer(record_of(run_1), 503, R"({"error":{"code":"busy","message":"not now"}})");
+  const Command_Outcome outcome = run({"job", "run", "nightly", "--wait"});
+  EXPECT_EQ(1, outcome.code);
+  EXPECT_TRUE(holds(outcome.err, "the server has not answered for an hour")) << outcome.err;
+  EXPECT_GE(clock_.slept_msec(), 3600 * 1000);
+}
+
 TEST_F(Served_Jobs, are_given_up_when_a_connected_host_never_tells_the_end)
 {
   server_->answer(std::string("GET /k2/r/hosts/") + host_1, 200, R"({"name":"alpha","online":true})");
@@ -477,8 +506,10 @@ TEST_F(Served_Jobs, do_not_print_a_log_for_ever_that_does_not_move)
 TEST_F(Served_Jobs, list_all_runs_though_the_server_gives_them_in_pages)
 {
   server_->answer_once("GET /k2/r/runs", 200,
-                       "{\"runs\":[" + record(run_1, host_1, "completed") + "],\"next\":\"1700000000," + run_1 + "\"}");
-  server_->answer_once("GET /k2/r/runs", 200, "{\"runs\":[" + record(run_2, host_1, "error") + "],\"next\":\"\"}");
+                       "{\"runs\":[" + record(run_1, host_1, "completed") + "],\"next\":\"1700000000," +
+                           run_1 + "\"}");
+  server_->answer_once("GET /k2/r/runs", 200,
+                       "{\"runs\":[" + record(run_2, host_1, "error") + "],\"next\":\"\"}");
   const Command_Outcome outcome = run({"job", "runs"});
   EXPECT_EQ(0, outcome.code) << outcome.err;
   EXPECT_TRUE(holds(outcome.out, "eeeeeee1")) << outcome.out;
