@@ -41,7 +41,8 @@ mkdir -p "$env_dir/dev/shm" && mount -t tmpfs tmpfs "$env_dir/dev/shm"
 echo "== copying the tree"
 mkdir -p "$env_dir/src"
 find "$env_dir/src" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
-tar -C "$source_dir" --exclude=./build --exclude=./.git -cf - . | tar -C "$env_dir/src" -xf -
+# New times: a file that was changed between two runs may be older than what the run before built of it.
+tar -C "$source_dir" --exclude=./build --exclude=./.git -cf - . | tar -C "$env_dir/src" -xmf -
 
 # An environment that was kept may lack what the tree has come to need since.
 echo "== installing what is missing"
