@@ -1,7 +1,8 @@
 #include "server/catalog_resources.h"
 
-#include "json/json_util.h"
+#include "catalog/catalog_repeat.h"
 #include "remote/record_json.h"
+#include "json/json_util.h"
 
 #include <ace/Log_Msg.h>
 
@@ -19,13 +20,6 @@ const size_t MOST_ANSWER_BYTES = 15u << 20;
 const int RETRY_SECONDS = 5;
 
 const char* const CATALOGS[] = {"oscar_brcmd", "oscar"};
-
-bool is_same(const Value& stored, const Value& sent)
-{
-  if (stored.type() == json_spirit::int_type && sent.type() == json_spirit::int_type)
-    return stored.get_uint64() == sent.get_uint64();
-  return stored == sent;
-}
 
 std::string text_field(const Backup_Record& record, const char* name)
 {
@@ -95,23 +89,12 @@ Array Catalog_Resources::rows(const std::string& catalog, const std::map<std::st
   return required<Array>(result.get_obj(), "rows");
 }
 
-/// What the catalog does not keep of a record (an empty text, for instance) cannot differ.
 bool Catalog_Resources::has_same(const Backup_Record& record)
 {
-  const Array found = rows(record.catalog, {{"uuid", text_field(record, "uuid")},
-                                            {"resource_uuid", text_field(record, "resource_uuid")}});
-  if (found.size() != 1)
-    return false;
-  const Object& row = found.front().get_obj();
-  for (const auto& [name, value] : record.fields) {
-    const Value& stored = json_spirit::find_value(row, name);
-    if (!stored.is_null() && !is_same(stored, value))
-      return false;
-  }
-  if (record.storages.empty())
-    return true;
-  return is_same(json_spirit::find_value(row, "pool_uuid"), record.storages.front().pool_uuid) &&
-         is_same(json_spirit::find_value(row, "backup_set_storage_size"), record.storages.front().size);
+  bool found = false;
+  std::string error;
+  check_catalog(find_same_record(*catalog_, record, found, error), error);
+  return found;
 }
 
 /// Why a host may not add the record; "" when it may. A file whose sender is no longer known, or that does

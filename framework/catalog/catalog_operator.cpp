@@ -2,6 +2,7 @@
 
 #include "base/checksum.h"
 #include "catalog/catalog_back_end.h"
+#include "catalog/catalog_repeat.h"
 #include "catalog/catalog_retry.h"
 
 #include <ace/Log_Msg.h>
@@ -65,8 +66,12 @@ bool Catalog_Operator::commit(const Backup_Set& set, bool must_be_new)
     const std::shared_ptr<kestrel::Catalog_Back_End> back_end = kestrel::catalog_back_end();
     const kestrel::Backup_Record record = set.record();
     std::string error, warning;
+    bool repeated = false;
     const bool done = kestrel::retry_while_busy(max_seconds_retry_, error, [&](std::string& problem) {
-      return back_end->commit(record, must_be_new, warning, problem);
+      const kestrel::Catalog_Status status =
+          kestrel::commit_again(*back_end, record, must_be_new, repeated, warning, problem);
+      repeated = true;
+      return status;
     });
     if (!done)
       return log_failure("commit", error);

@@ -52,8 +52,9 @@ public:
                               json_spirit::Value& result);
 
   /// `must_be_new`: a set whose uuid is already in the catalog is refused; with false it counts as committed
-  /// and the stored record stays, for callers that repeat a commit whose answer they lost. An incremental or
-  /// differential set whose predecessor is not in the catalog is stored, flagged in the field
+  /// and the stored record stays, for callers that repeat a commit whose answer they lost. What this call
+  /// itself has written before its connection broke off is not refused when it is tried again. An incremental
+  /// or differential set whose predecessor is not in the catalog is stored, flagged in the field
   /// "predecessor_missing" and reported at LM_WARNING: it cannot be restored. So is, without the flag, one
   /// whose chain is broken or not available further back.
   [[nodiscard]] bool commit(const Backup_Set& set, bool must_be_new);

@@ -31,12 +31,18 @@ mkdir "$work/data" "$work/root"
 cd "$work"
 "${as_server[@]}" "$postgres/initdb" -D "$work/data" -U catalog -A trust -E UTF8 --no-sync >/dev/null
 "${as_server[@]}" "$postgres/pg_ctl" -D "$work/data" -w -l "$work/data/log" \
-  -o "-k $work -c listen_addresses='' -c fsync=off" start >/dev/null
+  -o "-k $work -c listen_addresses='' -c fsync=off -c synchronous_commit=local -c synchronous_standby_names=nobody" \
+  start >/dev/null
 
 KESTREL_TEST_POSTGRESQL=$server "$built/unit_catalog" \
   --gtest_filter='Catalog_Rows.*:Catalog_Query_Test.*:Catalog_Sequence.*:Catalog_Commit.*:Catalog_Logical.*:Catalog_Damage.*:Catalog_Migration.*-*.a_held_catalog_*' >"$work/out" 2>&1 ||
   { cat "$work/out"; fail "the catalog behaves differently on the server"; }
 grep -q 'PASSED.* [1-9][0-9]* tests' "$work/out" || fail "no test ran"
+
+# A commit whose connection is lost after the server has written it. The server waits for a standby that is none.
+KESTREL_TEST_POSTGRESQL=$server timeout 300 "$built/component_catalog" --gtest_filter='Catalog_Server.*' \
+  >"$work/out" 2>&1 || { cat "$work/out"; fail "a commit that lost its connection is taken for a failure"; }
+grep -q 'PASSED.* 1 test\.' "$work/out" || { cat "$work/out"; fail "the test of a lost commit did not run"; }
 
 # The command line reads the catalog of the server, and says which one it misses when the server is down.
 state=$work/root/var/opt/tarnvik/kestrel3/agent

@@ -3,11 +3,13 @@
 #include "catalog/catalog_admin.h"
 #include "catalog/catalog_back_end.h"
 #include "catalog/catalog_database.h"
+#include "catalog/catalog_repeat.h"
 #include "catalog/sql_back_end.h"
 #include "support/clocks.h"
 
 #include <stdexcept>
 
+using json_spirit::find_value;
 using kestrel::Catalog_Status;
 
 namespace
@@ -56,6 +58,46 @@ public:
   unsigned busy_attempts = 1000000;
   Catalog_Status then = Catalog_Status::done;
   bool throws = false;
+};
+
+/// Loses the answer of its first commits: the connection breaks off after the database has written them, or
+/// before.
+class Losing_Back_End : public kestrel::Sql_Back_End
+{
+public:
+  explicit Losing_Back_End(bool written)
+      : kestrel::Sql_Back_End(kestrel::default_catalog_place()), written_(written)
+  {
+  }
+  Catalog_Status commit(const kestrel::Backup_Record& record, bool must_be_new, std::string& warning,
+                        std::string& error) override
+  {
+    ++attempts;
+    if (to_lose == 0)
+      return kestrel::Sql_Back_End::commit(record, must_be_new, warning, error);
+    --to_lose;
+    if (written_) {
+      EXPECT_EQ(Catalog_Status::done, kestrel::Sql_Back_End::commit(record, must_be_new, warning, error));
+    }
+    error = "Catalog x: server closed the connection";
+    return Catalog_Status::busy;
+  }
+  Catalog_Status get_view(const std::string& catalog, const std::string& view, const Query& query,
+                          json_spirit::Value& result, std::string& error) override
+  {
+    if (views_to_lose == 0)
+      return kestrel::Sql_Back_End::get_view(catalog, view, query, result, error);
+    --views_to_lose;
+    error = "Catalog x: server closed the connection";
+    return Catalog_Status::busy;
+  }
+
+  unsigned attempts = 0;
+  unsigned to_lose = 1;
+  unsigned views_to_lose = 0;
+
+private:
+  const bool written_;
 };
 } // namespace
 
@@ -153,6 +195,52 @@ TEST_F(Catalog_Retry, administration_retries_too)
   EXPECT_FALSE(admin.count_by_pool("x", count, error));
   EXPECT_EQ(8000, clock_.slept_msec());
   EXPECT_EQ("Catalog x is locked (tried for 2 s)", error);
+}
+
+TEST_F(Catalog_Retry, a_commit_knows_the_record_that_its_lost_connection_has_written)
+{
+  const auto losing = std::make_shared<Losing_Back_End>(true);
+  kestrel::register_catalog_back_end(losing);
+  EXPECT_TRUE(Catalog_Operator(-1, 60).commit(make_set("b1"), true));
+  EXPECT_EQ(2u, losing->attempts);
+  losing->to_lose = 1;
+  EXPECT_TRUE(Catalog_Operator(-1, 60).commit(make_logical_set("u1", 7), true));
+  losing->to_lose = 1;
+  losing->views_to_lose = 1;
+  EXPECT_TRUE(Catalog_Operator(-1, 60).commit(make_set("b2"), true)) << "the look was lost, too";
+  EXPECT_EQ("b1 b2", ids({}));
+  EXPECT_EQ("u1", texts(rows({}, "oscar"), "uuid"));
+
+  EXPECT_FALSE(Catalog_Operator(-1, 60).commit(make_set("b1"), true)) << "a call of its own is no repeat";
+  log_.expect(LM_ERROR, "already has a backup set 'b1'");
+}
+
+TEST_F(Catalog_Retry, a_commit_that_its_lost_connection_has_not_written_is_written)
+{
+  kestrel::register_catalog_back_end(std::make_shared<Losing_Back_End>(false));
+  EXPECT_TRUE(Catalog_Operator(-1, 60).commit(make_set("b1"), true));
+  EXPECT_EQ("b1", ids({}));
+}
+
+TEST_F(Catalog_Retry, a_repeated_commit_takes_no_other_record_for_its_own)
+{
+  Oscar_Brcmd_Backup_Set larger = make_set("b1");
+  larger.set_backup_set_size(4097);
+  kestrel::register_catalog_back_end(nullptr);
+  ASSERT_TRUE(commit(make_set("b1")));
+  kestrel::Backup_Record moved = make_set("b1").record();
+  moved.storages.front().pool_uuid = "pool-9";
+  for (const kestrel::Backup_Record& other : {larger.record(), moved}) {
+    const auto losing = std::make_shared<Losing_Back_End>(false);
+    std::string warning, error;
+    EXPECT_EQ(Catalog_Status::busy, kestrel::commit_again(*losing, other, true, false, warning, error));
+    EXPECT_EQ(Catalog_Status::failed, kestrel::commit_again(*losing, other, true, true, warning, error));
+    EXPECT_NE(std::string::npos, error.find("already has a backup set 'b1'")) << error;
+  }
+  kestrel::register_catalog_back_end(std::make_shared<Losing_Back_End>(false));
+  EXPECT_FALSE(Catalog_Operator(-1, 60).commit(larger, true));
+  log_.expect(LM_ERROR, "already has a backup set 'b1'");
+  EXPECT_EQ(4096u, find_value(rows({}).at(0).get_obj(), "backup_set_size").get_uint64());
 }
 
 TEST_F(Catalog_Retry, a_locked_database_is_busy)
