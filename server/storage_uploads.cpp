@@ -39,6 +39,23 @@ REST_Error ended(const Upload_Record& record)
                     "the unfinished file " + record.folder + "/" + record.name +
                         " cannot be continued: the server lost it or gave it up; run the job again");
 }
+
+/// A path that stays below the pool: neither a component that leads elsewhere nor an absolute path.
+bool is_folder(const std::string& folder)
+{
+  const size_t most_folder_bytes = 1024;
+  if (folder.size() > most_folder_bytes || std::any_of(folder.begin(), folder.end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+      }))
+    return false;
+  for (size_t begin = 0, end = 0; begin <= folder.size(); begin = end + 1) {
+    end = std::min(folder.find('/', begin), folder.size());
+    const std::string component = folder.substr(begin, end - begin);
+    if (component.empty() || component == "." || component == "..")
+      return false;
+  }
+  return true;
+}
 } // namespace
 
 struct Storage_Uploads::Upload {
@@ -66,13 +83,10 @@ struct Storage_Uploads::Upload {
 
 void connect_folder(Storage_Back_End& back_end, const Pool_Info& pool, const std::string& folder)
 {
-  const size_t most_folder_bytes = 1024;
-  const bool plain = !folder.empty() && folder.size() <= most_folder_bytes && folder.front() != '/' &&
-                     std::none_of(folder.begin(), folder.end(),
-                                  [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
-  if (!plain)
+  if (!is_folder(folder))
     throw REST_Error(400, "bad_request",
-                     "this cannot be a folder of a pool: it must be a plain relative path");
+                     "this cannot be a folder of a pool: it must be a relative path of at most 1024 bytes, "
+                     "without control characters and without \".\", \"..\" or nothing between its slashes");
   if (!pool.back_end.empty())
     throw REST_Error(409, "pool", "the pool " + pool.name + " does not lie on this server");
   Client_IO_Base::Options options;
