@@ -18,10 +18,9 @@ namespace
 constexpr std::chrono::milliseconds RELEASE_RETRY(5);
 
 // What a writer can leave in the pipe before it has to wait for this process, which is often busy with
-// compressing. The usual 64 KiB cost both sides a change of threads every few blocks. Much more would leave
-// the processor's cache, and the writing side gains nothing: there the pipe's other end only takes what
-// comes.
-constexpr int READER_PIPE_BYTES = 256 * 1024;
+// compressing. The usual 64 KiB cost both sides a change of threads every few blocks; a writer that waits for
+// half of this to be free works in pieces of 256 KiB. Much more would leave the processor's cache.
+constexpr int READER_PIPE_BYTES = 512 * 1024;
 } // namespace
 
 Stream_Fifo::~Stream_Fifo()

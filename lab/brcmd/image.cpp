@@ -173,6 +173,7 @@ void Image_Writer::write_piece()
     flush();
     return;
   }
+  allow_time_for_room(fd_, piece_bytes);
   iovec part{piece_, piece_bytes};
   while (part.iov_len > 0) {
     const ssize_t count = ::vmsplice(fd_, &part, 1, 0);

@@ -19,6 +19,10 @@ namespace
 constexpr int reader_timeout_msec = 600 * 1000;
 constexpr int wanted_pipe_bytes = 1024 * 1024;
 constexpr int reader_poll_msec = 5;
+// A part of what the reader of a full pipe takes to empty it.
+constexpr long room_pause_usec = 500;
+// A reader that takes longer is waited for in write().
+constexpr int most_room_pauses = 40;
 
 void pause_usec(long usec)
 {
@@ -72,6 +76,23 @@ Descriptor open_pipe_for_reading(const std::string& path)
   Descriptor pipe = open_file(path, O_RDONLY);
   enlarge(pipe.get());
   return pipe;
+}
+
+void allow_time_for_room(int fd, std::size_t bytes)
+{
+  const int pipe_bytes = ::fcntl(fd, F_GETPIPE_SZ);
+  if (pipe_bytes < 0)
+    fail_errno("cannot look at the pipe");
+  if (static_cast<std::size_t>(pipe_bytes) < bytes)
+    return;
+  for (int pauses = 0; pauses < most_room_pauses; ++pauses) {
+    int waiting = 0;
+    if (::ioctl(fd, FIONREAD, &waiting) != 0)
+      fail_errno("cannot look into the pipe");
+    if (static_cast<std::size_t>(waiting) + bytes <= static_cast<std::size_t>(pipe_bytes))
+      return;
+    pause_usec(room_pause_usec);
+  }
 }
 
 void wait_until_drained(int fd)
