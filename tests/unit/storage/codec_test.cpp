@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 #include <string>
 #include <vector>
+#include <zstd.h>
 
 namespace
 {
@@ -174,6 +176,57 @@ TEST(Frame_Codec, makes_frames_that_together_are_the_stream)
   unsigned produced = 0;
   ASSERT_TRUE(decompressor->fill(source, &got[0], static_cast<unsigned>(got.size()), produced));
   EXPECT_TRUE(content == got.substr(0, produced));
+}
+
+/// Entries of an index over time and device, as database pages hold them: few bytes differ from row to row.
+std::string index_pages(size_t bytes)
+{
+  std::string pages;
+  for (uint64_t row = 0; pages.size() < bytes; ++row) {
+    const uint64_t time = 800000000000000u + row * 1000003;
+    const uint64_t block_and_line = (row / 120) << 16 | row % 120;
+    const uint32_t device = static_cast<uint32_t>(row % 50);
+    pages.append(reinterpret_cast<const char*>(&block_and_line), 6).append("\x10\0", 2);
+    pages.append(reinterpret_cast<const char*>(&time), sizeof time);
+    pages.append(reinterpret_cast<const char*>(&device), sizeof device).append(4, '\0');
+  }
+  pages.resize(bytes);
+  return pages;
+}
+
+/// Rows of a number, words and blanks, as tables hold them.
+std::string table_pages(size_t bytes)
+{
+  static const char* const WORDS[] = {"amber",   "bridge", "copper", "garden",
+                                      "lantern", "river",  "signal", "winter"};
+  std::mt19937 random(7);
+  std::string pages;
+  for (uint32_t row = 0; pages.size() < bytes; ++row) {
+    pages.append(reinterpret_cast<const char*>(&row), sizeof row);
+    for (int word = 0; word < 5; ++word)
+      pages.append(WORDS[random() % 8]).append(1, ' ');
+    pages.append(std::to_string(random())).append(8, '\0');
+  }
+  pages.resize(bytes);
+  return pages;
+}
+
+// Speed is a benchmark's matter; this keeps it from being bought with size.
+TEST(Frame_Codec, makes_pages_at_level_1_about_as_small_as_the_library_itself_does)
+{
+  const size_t bytes = 1024 * 1024;
+  std::string frame(kestrel::frame_bound(bytes), '\0');
+  std::string error;
+  const auto compressor = kestrel::make_frame_compressor(COMPRESSION_ZSTD, 1, error);
+  ASSERT_NE(nullptr, compressor) << error;
+  for (const std::string& pages : {index_pages(bytes), table_pages(bytes)}) {
+    const size_t own =
+        compressor->compress(pages.data(), bytes, &frame[0], static_cast<unsigned>(frame.size()));
+    const size_t library = ZSTD_compress(&frame[0], frame.size(), pages.data(), bytes, 1);
+    ASSERT_GT(own, 0u) << compressor->error();
+    ASSERT_FALSE(ZSTD_isError(library)) << ZSTD_getErrorName(library);
+    EXPECT_LT(own, library + library / 50);
+  }
 }
 
 TEST(Frame_Codec, tells_why_it_cannot_compress)
