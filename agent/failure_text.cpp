@@ -19,6 +19,10 @@ const std::vector<const char*> info_priorities = {"INFO "};
 /// error.
 const char fallback_line[] = "Lack of backup info, run full backup instead";
 const char fallback_reason_mark[] = "check_full_backup_set_state: ";
+/// What stands before the command line of each tool.
+const char tool_line[] = "Oscar command:";
+const char missing_dump_begin[] = "Osr file does not exist, path: ";
+const char archive_begin[] = "The archive could not be ";
 
 /// The text of a record, "2026-01-31 10:00:00.123 [pid.tid] ERROR text"; false for other priorities and other
 /// lines.
@@ -47,10 +51,35 @@ struct Job_Log_Facts {
   std::string first_error;
   std::string last_error;
   std::string fallback_reason; ///< empty: the level is the one asked for
+  bool tool_told = false;      ///< the tool that ran last has been followed by an error
 };
+
+/// Whether an error only tells what came of the one before it, which is the reason.
+bool is_consequence(const std::string& text, const Job_Log_Facts& facts)
+{
+  if (boost::starts_with(text, missing_dump_begin))
+    return facts.tool_told;
+  if (facts.last_error.empty() || !boost::starts_with(text, archive_begin))
+    return false;
+  return boost::ends_with(text, ": the pre-action failed") ||
+         boost::ends_with(text, ": the post-action failed") ||
+         boost::ends_with(text, ": " + facts.last_error);
+}
+
+void take_error(const std::string& text, std::string& reason, Job_Log_Facts& facts)
+{
+  if (is_consequence(text, facts))
+    return;
+  if (facts.first_error.empty())
+    facts.first_error = text;
+  facts.last_error = reason = text;
+  facts.tool_told = true;
+}
 
 void take_info(const std::string& text, std::string& reason, Job_Log_Facts& facts)
 {
+  if (text == tool_line)
+    facts.tool_told = false;
   const size_t mark = text.find(fallback_reason_mark);
   if (mark != std::string::npos)
     reason = text.substr(mark + sizeof fallback_reason_mark - 1);
@@ -71,9 +100,7 @@ Job_Log_Facts facts_of_job_log(std::istream& log)
     line.resize(std::min(line.size(), longest_line_bytes));
     std::string text;
     if (record_text_of(line, error_priorities, text)) {
-      if (facts.first_error.empty())
-        facts.first_error = text;
-      facts.last_error = reason = text;
+      take_error(text, reason, facts);
     } else if (record_text_of(line, info_priorities, text)) {
       take_info(text, reason, facts);
     }

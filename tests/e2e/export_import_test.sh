@@ -112,7 +112,7 @@ same_data "$work/before" "$work/after"
 
 note "what cannot be done says so"
 run 1 "$kestrel" export "$one/$one/SALES/NOTHING"
-said "the export of $one/$one/SALES/NOTHING failed: .*table SALES.NOTHING does not exist"
+said "the export of $one/$one/SALES/NOTHING failed: .*table SALES.NOTHING does not exist; read in the job log which step"
 run 1 "$kestrel" export "$one/$one/SALES/ORDERS" "$one/$one/SALES/NOTHING" "$one/$one/SALES/ITEMS"
 run 2 "$kestrel" export "$one/OTHER/SALES"
 said "there is no database OTHER in $one"

@@ -36,6 +36,44 @@ TEST(Failure_Text, says_a_single_error_once)
   EXPECT_EQ("alone", reason_from_job_log(dir.write("log", "2026-01-31 10:00:01.000 [1.2] ERROR alone.\n")));
 }
 
+TEST(Failure_Text, leaves_out_what_only_follows_from_the_error_of_the_tool)
+{
+  const Temp_Dir dir;
+  const std::string at = "2026-01-31 10:00:01.000 [1.2] ";
+  const std::string tool = at + "INFO Oscar command:\n/opt/oscar/bin/osrexp -USYSDBA/****** file=/s/a\n";
+  const std::string missing = at + "ERROR Osr file does not exist, path: '/s/a'.\n";
+  const std::string archive = at + "ERROR (1|2) The archive could not be written: the pre-action failed\n";
+  EXPECT_EQ("osrexp: ERROR, no such table",
+            reason_from_job_log(
+                dir.write("said", tool + at + "ERROR osrexp: ERROR, no such table\n" + missing + archive)));
+  EXPECT_EQ("Osr file does not exist, path: '/s/a'",
+            reason_from_job_log(dir.write("silent", tool + missing + archive)));
+  // The remark is that of another dump.
+  EXPECT_EQ("osrexp: a remark; Osr file does not exist, path: '/s/a'",
+            reason_from_job_log(
+                dir.write("next", tool + at + "ERROR osrexp: a remark\n" + tool + missing + archive)));
+  EXPECT_EQ("osrimp: ERROR, no room",
+            reason_from_job_log(dir.write(
+                "import", tool + at + "ERROR osrimp: ERROR, no room\n" + at +
+                              "ERROR (1|2) The archive could not be restored: the post-action failed\n")));
+  EXPECT_EQ("cannot write: no space",
+            reason_from_job_log(dir.write("repeated", at + "ERROR cannot write: no space\n" + at +
+                                                          "ERROR The archive could not be written: cannot "
+                                                          "write: no space\n")));
+}
+
+TEST(Failure_Text, keeps_what_the_archive_failed_of_itself)
+{
+  const Temp_Dir dir;
+  const std::string at = "2026-01-31 10:00:01.000 [1.2] ";
+  EXPECT_EQ("The archive could not be written: the pre-action failed",
+            reason_from_job_log(
+                dir.write("alone", at + "ERROR The archive could not be written: the pre-action failed\n")));
+  EXPECT_EQ("osrexp: a remark; The archive could not be written: no space",
+            reason_from_job_log(dir.write("own", at + "ERROR osrexp: a remark\n" + at +
+                                                     "ERROR The archive could not be written: no space\n")));
+}
+
 TEST(Failure_Text, leaves_out_process_and_thread)
 {
   const Temp_Dir dir;
