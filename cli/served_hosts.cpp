@@ -7,6 +7,7 @@
 #include "json/json_util.h"
 
 #include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/predicate.hpp>
 
 #include <algorithm>
 #include <cctype>
@@ -274,14 +275,12 @@ int served_login(Console& console)
   return EXIT_CODE_DONE;
 }
 
-int served_browse(Console& console)
+namespace
 {
-  Served_Host host;
-  std::vector<std::string> names;
-  if (!split_place(console, host, names))
-    return console.last_code();
-  if (host.uuid.empty())
-    return served_hosts(console);
+/// What the host lists below INSTANCE, DATABASE and SCHEMA, as far as they are given. False after fail().
+bool list_place(Console& console, const Served_Host& host, const std::vector<std::string>& names,
+                json_spirit::Value& result)
+{
   json_spirit::Value params;
   if (!names.empty()) {
     json_spirit::Object object;
@@ -291,8 +290,44 @@ int served_browse(Console& console)
       set_value(object, keys[i], names[i]);
     params = object;
   }
+  return console.call_host(host, "oscar.list", params, BROWSE_SECONDS, result);
+}
+
+/// A host lists what is in an instance's only database under every name, so this looks whether there is one
+/// of that name. False after fail().
+bool check_database(Console& console, const Served_Host& host, const std::string& instance,
+                    const std::string& database)
+{
   json_spirit::Value result;
-  if (!console.call_host(host, "oscar.list", params, BROWSE_SECONDS, result))
+  if (!list_place(console, host, {instance}, result))
+    return false;
+  std::string known;
+  if (result.type() == json_spirit::array_type)
+    for (const json_spirit::Value& entry : result.get_array()) {
+      const std::string name =
+          entry.type() == json_spirit::obj_type ? text_in(entry.get_obj(), "database") : std::string();
+      if (boost::iequals(name, database))
+        return true;
+      known += (known.empty() ? "" : ", ") + name;
+    }
+  console.fail("there is no database " + database + " in " + instance + " on " + host.name +
+               (known.empty() ? "" : ", only " + known));
+  return false;
+}
+} // namespace
+
+int served_browse(Console& console)
+{
+  Served_Host host;
+  std::vector<std::string> names;
+  if (!split_place(console, host, names))
+    return console.last_code();
+  if (host.uuid.empty())
+    return served_hosts(console);
+  if (names.size() > 1 && !check_database(console, host, names[0], names[1]))
+    return EXIT_CODE_FAILED;
+  json_spirit::Value result;
+  if (!list_place(console, host, names, result))
     return EXIT_CODE_FAILED;
   const char* const levels[] = {"instances", "databases", "schemas", "tables"};
   json_spirit::Object json;

@@ -95,7 +95,9 @@ TEST_F(Console_Test, asks_the_host_itself_when_it_is_named)
 TEST_F(Console_Test, browses_as_deep_as_the_place_says)
 {
   const std::string rpc = std::string("POST /k2/r/hosts/") + host_1 + "/rpc";
+  const char databases[] = R"({"result":[{"database":"DB1","status":"open"}]})";
   server_->answer(rpc, 200, R"({"result":["SALES","STOCK"]})");
+  server_->answer_once(rpc, 200, databases);
   const Command_Outcome outcome = run({"browse", "alpha/DB1/DB1"});
   EXPECT_EQ(0, outcome.code) << outcome.err;
   EXPECT_EQ("SALES\nSTOCK\n", outcome.out);
@@ -106,7 +108,8 @@ TEST_F(Console_Test, browses_as_deep_as_the_place_says)
   EXPECT_EQ("DB1", required<std::string>(params, "database"));
   EXPECT_TRUE(find_value(params, "schema").is_null());
 
-  ASSERT_EQ(0, run({"browse", "alpha/DB1/DB1/A%2FB"}).code);
+  server_->answer_once(rpc, 200, databases);
+  ASSERT_EQ(0, run({"browse", "alpha/DB1/db1/A%2FB"}).code);
   EXPECT_EQ("A/B", required<std::string>(
                        required<json_spirit::Object>(server_->last_body(rpc).get_obj(), "params"), "schema"));
   ASSERT_EQ(0, run({"browse", "alpha"}).code);
@@ -114,6 +117,21 @@ TEST_F(Console_Test, browses_as_deep_as_the_place_says)
   EXPECT_EQ(2, run({"browse", "alpha/DB1/DB1/S/T"}).code);
   EXPECT_EQ(2, run({"browse", "alpha//DB1"}).code);
   EXPECT_EQ(1, run({"browse", "gamma/DB1"}).code);
+}
+
+TEST_F(Console_Test, browses_no_database_that_does_not_exist)
+{
+  const std::string rpc = std::string("POST /k2/r/hosts/") + host_1 + "/rpc";
+  for (const char* place : {"alpha/DB1/NODB", "alpha/DB1/NODB/SALES"}) {
+    // As a host answers: under every name the schemas or tables of the only database.
+    server_->answer(rpc, 200, R"({"result":["SALES"]})");
+    server_->answer_once(rpc, 200, R"({"result":[{"database":"DB1","status":"open"}]})");
+    const Command_Outcome outcome = run({"browse", place});
+    EXPECT_EQ(1, outcome.code);
+    EXPECT_EQ("", outcome.out);
+    EXPECT_EQ("kestrel: there is no database NODB in DB1 on alpha, only DB1\n", outcome.err);
+  }
+  EXPECT_EQ(2u, server_->count(rpc));
 }
 
 TEST_F(Console_Test, shows_databases_that_tell_of_different_things)
@@ -178,8 +196,9 @@ TEST_F(Console_Test, shows_jobs_that_no_node_worked_for_before_the_selections)
                              "Failed to get node info of instance DB1; host beta: error, no answer";
   server_->answer("GET /k2/r/oscar/cluster", 200, R"({"selections":[]})");
   server_->answer("GET /k2/r/jobs", 200,
-                  std::string(R"({"jobs":[{"id":")") + job + R"(","document":{"name":"nightly"},"nobody_worked":")" +
-                      reason + R"("},{"id":"other","document":{"name":"weekly"},"nobody_worked":""}]})");
+                  std::string(R"({"jobs":[{"id":")") + job +
+                      R"(","document":{"name":"nightly"},"nobody_worked":")" + reason +
+                      R"("},{"id":"other","document":{"name":"weekly"},"nobody_worked":""}]})");
   const std::string shown = "nightly: no node did the work of nightly when it was started last: host alpha:\n"
                             "error, Failed to get node info of instance DB1; host beta: error, no answer\n";
   const Command_Outcome outcome = run({"nodes"});
