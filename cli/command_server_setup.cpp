@@ -1,7 +1,9 @@
 #include "cli/command_server.h"
 
 #include "base/durable_file.h"
+#include "base/ignore_result.h"
 #include "base/path_conf.h"
+#include "base/scope_guard.h"
 #include "base/secure_allocator.h"
 #include "cli/command_output.h"
 #include "cli/password_input.h"
@@ -12,9 +14,12 @@
 #include "json/json_util.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace kestrel
 {
@@ -37,6 +42,22 @@ bool ask_password(const Command_Line& line, const std::string& whose, std::strin
     return false;
   password.assign(typed.begin(), typed.end());
   return true;
+}
+
+/// Whether `file` can be written, found out with another one beside it. Leaves nothing behind.
+bool can_write(const std::string& file, std::string& error)
+{
+  struct stat status;
+  if (::stat(file.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+    error = "cannot write " + file + ": " + std::strerror(EISDIR);
+    return false;
+  }
+  const std::string trial = file + ".trial." + std::to_string(::getpid());
+  Scope_Guard remove_trial([&] { ignore_result(::unlink(trial.c_str()), "it may not be there"); });
+  if (write_file_durably(trial, std::string(4096, '\n'), 0600, error))
+    return true;
+  error = "cannot write " + file + ": " + std::strerror(errno);
+  return false;
 }
 
 /// A command that changes something and has one line to say.
@@ -111,7 +132,8 @@ int run_server_enroll(const Command_Line& line, const Server_Arguments& argument
   Wipe_Guard<std::string> wiped(enrollment);
   bool replaced = false;
   const std::string file = arguments.file.empty() ? arguments.name + ".enrollment.json" : arguments.file;
-  if (!enroll_host(arguments.name, enrollment, replaced, error))
+  // A former key is worth nothing as soon as there is a new one, which must not be lost then.
+  if ((file != "-" && !can_write(file, error)) || !enroll_host(arguments.name, enrollment, replaced, error))
     return output.fail("the host was not enrolled: " + error);
   if (file == "-") {
     return write_result(enrollment) ? EXIT_CODE_DONE : EXIT_CODE_FAILED;

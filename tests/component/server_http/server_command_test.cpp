@@ -178,6 +178,30 @@ TEST_F(Server_Command, administers_a_server_that_runs)
   }
 }
 
+TEST_F(Server_Command, enrolls_no_host_whose_file_cannot_be_written)
+{
+  init();
+  EXPECT_EQ(0, run({"enroll", "db1", "--out", dir_ / "db1.json"})) << output_;
+  const std::string enrollment = read_file(dir_ / "db1.json");
+  std::filesystem::create_directory(dir_ / "taken");
+  for (const char* host : {"db1", "db2"})
+    for (const std::string& file : {dir_ / "missing/db.json", dir_ / "taken", dir_ / "db1.json/db.json"}) {
+      EXPECT_EQ(1, run({"enroll", host, "--out", file}));
+      EXPECT_EQ(0u, output_.find("kestrel: the host was not enrolled: cannot write " + file + ": "))
+          << output_;
+    }
+  EXPECT_EQ(0, run({"hosts"}));
+  EXPECT_EQ(std::string::npos, output_.find("db2")) << output_;
+  EXPECT_EQ(0, run({"audit"}));
+  EXPECT_EQ(output_.find("server enroll"), output_.rfind("server enroll")) << output_;
+  EXPECT_NE(std::string::npos, output_.find("server enroll")) << output_;
+
+  EXPECT_EQ(0, run({"enroll", "db1", "--out", dir_ / "db1.json"})) << output_;
+  EXPECT_NE(enrollment, read_file(dir_ / "db1.json"));
+  for (const auto& entry : std::filesystem::directory_iterator(dir_.path()))
+    EXPECT_EQ(std::string::npos, entry.path().filename().string().find("trial"));
+}
+
 TEST_F(Server_Command, says_which_line_of_the_settings_is_wrong)
 {
   init();
