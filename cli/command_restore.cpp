@@ -1,7 +1,9 @@
+#include "base/durable_file.h"
 #include "cli/backup_output.h"
 #include "cli/confirmation.h"
 #include "cli/definition_builder.h"
 #include "cli/job_command.h"
+#include "cli/job_file.h"
 #include "cli/session.h"
 #include "cli/text_format.h"
 
@@ -147,12 +149,28 @@ int run_restore(Command_Context& context)
   return EXIT_CODE_DONE;
 }
 
+namespace
+{
+bool check_compression(const std::string& text, std::string& error)
+{
+  json_spirit::Value document;
+  if (!read_json(text, document, error))
+    return false;
+  error = document.type() == json_spirit::obj_type ? compression_problem(document.get_obj()) : "";
+  return error.empty();
+}
+} // namespace
+
 int run_definition_file(Session& session)
 {
   const std::string& file = session.line().file;
   Job_Definition_Ptr definition;
+  std::string text;
   std::string error;
-  if (!session.host().loader().load_file(file == "-" ? "/dev/stdin" : file, definition, error))
+  if (!read_whole_file(file == "-" ? "/dev/stdin" : file, text, error,
+                       Job_Definition_Loader::FILE_LIMIT_BYTES) ||
+      !session.host().loader().load(text, definition, error, Job_Definition_Loader::FILE_LIMIT_BYTES) ||
+      !check_compression(text, error))
     return session.fail("the job definition " + file + " is refused: " + error);
   const std::string name = definition->name().empty() ? definition->id() : definition->name();
   const Job_Report job =

@@ -4,7 +4,10 @@
 #include "base/uuid.h"
 #include "cli/object_path.h"
 #include "cli/served_json.h"
+#include "storage/compression.h"
 #include "json/json_util.h"
+
+#include <boost/algorithm/string/predicate.hpp>
 
 #include <algorithm>
 #include <iostream>
@@ -157,7 +160,18 @@ bool check_form(Console& console, const json_spirit::Object& document)
     return refuse(console, "it has no \"type\"; \"backup\" and \"restore\" are types");
   if (object_in(document, "source").empty())
     return refuse(console, "it has no \"source\"");
-  return true;
+  const std::string problem = compression_problem(document);
+  return problem.empty() || refuse(console, problem);
+}
+
+bool is_compression(const json_spirit::Value& value)
+{
+  if (value.type() != json_spirit::str_type)
+    return false;
+  const std::string& word = value.get_str();
+  const Compression_Method method =
+      compression_name_to_value(word.data(), static_cast<unsigned>(word.size()));
+  return word == compression_value_to_name(method);
 }
 } // namespace
 
@@ -183,5 +197,21 @@ bool read_job_file(Console& console, Job_To_Define& job)
   if (text_in(job.document, "uid").empty())
     set_value(job.document, "uid", console.identity_for({}).user_id);
   return true;
+}
+
+std::string compression_problem(const json_spirit::Object& document)
+{
+  const std::string kind = job_kind(document);
+  if (kind != "export" && !boost::starts_with(kind, "backup"))
+    return "";
+  for (const json_spirit::Pair& option : object_in(document, "options")) {
+    if (option.name_ != "compression" || is_compression(option.value_))
+      continue;
+    std::string words;
+    for (Compression_Method method = COMPRESSION_NONE; is_compression_method(method); ++method)
+      words += (words.empty() ? "" : ", ") + std::string(compression_value_to_name(method));
+    return "\"compression\" in \"options\" is " + write_json(option.value_) + "; it may be one of " + words;
+  }
+  return "";
 }
 } // namespace kestrel

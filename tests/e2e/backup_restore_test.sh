@@ -93,6 +93,9 @@ cat >"$work/job.json" <<JSON
 JSON
 run 0 "$kestrel" run "$work/job.json"
 equal "$(backup_count)" 5
+sed 's/"lz4"/"lzma"/' "$work/job.json" >"$work/compression.json"
+run 1 "$kestrel" run "$work/compression.json"
+said '"compression" in "options" is "lzma"; it may be one of none, zlib, lz4, zstd'
 sed 's/"backup"/"standby"/' "$work/job.json" >"$work/standby.json"
 run 1 "$kestrel" run "$work/standby.json"
 sed "s/\"oscar.$name\"//" "$work/job.json" >"$work/empty.json"

@@ -425,6 +425,46 @@ TEST_F(Served_Jobs, are_refused_when_the_file_is_no_definition)
   EXPECT_EQ(0u, server_->count("POST /k2/r/jobs"));
 }
 
+TEST_F(Served_Jobs, are_refused_with_a_compression_that_does_not_exist)
+{
+  for (const char* word : {R"("zst")", R"("ZSTD")", R"("")", R"("zstd\u0000")", "3", "null", "[]"}) {
+    for (const char* type : {R"("backup")", R"("backup","subtype":"export")", "1"}) {
+      const std::string file = directory_.write(
+          "job.json", std::string(R"({"name":"new","type":)") + type +
+                          R"(,"source":{"entries":["oscar/DB2"]},"options":{"compression":)" + word + "}}");
+      for (const std::vector<std::string>& words :
+           {std::vector<std::string>{"job", "define", file}, {"run", file}}) {
+        const Command_Outcome outcome = run(words);
+        EXPECT_EQ(1, outcome.code) << word;
+        EXPECT_EQ("kestrel: the job definition " + file + R"( is refused: "compression" in "options" is )" +
+                      word + "; it may be one of none, zlib, lz4, zstd\n",
+                  outcome.err);
+      }
+    }
+  }
+  EXPECT_EQ(0u, server_->count("POST /k2/r/jobs"));
+}
+
+TEST_F(Served_Jobs, may_have_every_compression_that_there_is)
+{
+  server_->answer("GET /k2/r/jobs", 200, R"({"jobs":[]})");
+  server_->answer("POST /k2/r/jobs", 201, "{}");
+  for (const char* options :
+       {R"({"compression":"none"})", R"({"compression":"zlib"})", R"({"compression":"lz4"})",
+        R"({"compression":"zstd","compression_level":9})", "{}"}) {
+    const std::string file = directory_.write(
+        "job.json",
+        std::string(R"({"name":"new","type":"backup","source":{"entries":["oscar/DB2"]},"options":)") +
+            options + "}");
+    EXPECT_EQ(0, run({"job", "define", file}).code) << options;
+  }
+  // Of a restore it means nothing.
+  const std::string file = directory_.write(
+      "job.json",
+      R"({"name":"new","type":"restore","source":{"entries":["oscar/DB2"]},"options":{"compression":"x"}})");
+  EXPECT_EQ(0, run({"job", "define", file}).code);
+}
+
 TEST_F(Served_Jobs, are_left_alone_by_a_file_with_an_instance_that_none_of_their_hosts_has)
 {
   const std::string file = directory_.write(
