@@ -82,10 +82,10 @@ int run_login(Session& session)
     return EXIT_CODE_FAILED;
 
   secure_string password;
-  if (!read_password(line.password_file, "Password of " + line.user + " at " + instance.name + ": ", password,
-                     error))
-    return session.fail("no password for " + line.user + " at " + instance.name + ": " + error,
-                        password_exit_code(error));
+  const Exit_Code read = read_password(
+      line.password_file, "Password of " + line.user + " at " + instance.name + ": ", password, error);
+  if (read != EXIT_CODE_DONE)
+    return session.fail("no password for " + line.user + " at " + instance.name + ": " + error, read);
   std::string warning;
   if (registry.logon(session.host().instance_handler(), instance.name, "", line.user, password, warning,
                      error) != 0) {

@@ -33,15 +33,15 @@ void become_server()
   set_component_name("server");
 }
 
-bool ask_password(const Command_Line& line, const std::string& whose, std::string& password,
-                  std::string& error)
+Exit_Code ask_password(const Command_Line& line, const std::string& whose, std::string& password,
+                       std::string& error)
 {
   secure_string typed;
   Wipe_Guard<secure_string> wiped(typed);
-  if (!read_password(line.password_file, "Password of " + whose + ": ", typed, error))
-    return false;
-  password.assign(typed.begin(), typed.end());
-  return true;
+  const Exit_Code code = read_password(line.password_file, "Password of " + whose + ": ", typed, error);
+  if (code == EXIT_CODE_DONE)
+    password.assign(typed.begin(), typed.end());
+  return code;
 }
 
 /// Whether `file` can be written, found out with another one beside it. Leaves nothing behind.
@@ -101,8 +101,11 @@ int run_server_init(const Command_Line& line, const Server_Arguments& arguments)
   init.admin = arguments.name;
   Wipe_Guard<std::string> wiped(init.password);
   std::string error;
-  if (!ask_password(line, init.admin, init.password, error) || !init_server(init, error))
-    return output.fail("no server was made: " + error, password_exit_code(error));
+  Exit_Code code = ask_password(line, init.admin, init.password, error);
+  if (code == EXIT_CODE_DONE && !init_server(init, error))
+    code = EXIT_CODE_FAILED;
+  if (code != EXIT_CODE_DONE)
+    return output.fail("no server was made: " + error, code);
   const std::string config = state_path("server.toml");
   output.result(json_spirit::Object{{"config", config}, {"ca", state_path("tls/ca.crt")}},
                 "The server's settings are in " + config + "; consoles trust it by " +
@@ -212,8 +215,9 @@ int run_server_user_add(const Command_Line& line, const Server_Arguments& argume
   become_server();
   std::string password, error;
   Wipe_Guard<std::string> wiped(password);
-  if (!ask_password(line, arguments.name, password, error))
-    return Command_Output(line).fail("no user was added: " + error, password_exit_code(error));
+  const Exit_Code code = ask_password(line, arguments.name, password, error);
+  if (code != EXIT_CODE_DONE)
+    return Command_Output(line).fail("no user was added: " + error, code);
   const std::string what = "user " + arguments.name + " with the role " + arguments.role;
   return change(line, "server user add", what, "Added the " + what + ".", [&](Accounts& accounts, Audit&) {
     accounts.add_user(arguments.name, arguments.role, password);
@@ -248,8 +252,9 @@ int run_server_user_password(const Command_Line& line, const Server_Arguments& a
   become_server();
   std::string password, error;
   Wipe_Guard<std::string> wiped(password);
-  if (!ask_password(line, arguments.name, password, error))
-    return Command_Output(line).fail("the password was not changed: " + error, password_exit_code(error));
+  const Exit_Code code = ask_password(line, arguments.name, password, error);
+  if (code != EXIT_CODE_DONE)
+    return Command_Output(line).fail("the password was not changed: " + error, code);
   return change(line, "server user password", "user " + arguments.name,
                 "The password of " + arguments.name + " is set and its sessions have ended.",
                 [&](Accounts& accounts, Audit&) { accounts.set_password(arguments.name, password); });

@@ -146,8 +146,10 @@ int served_user_add(Console& console)
   std::string error;
   secure_string password;
   const Wipe_Guard<secure_string> wipe(password);
-  if (!read_password(line.password_file, "Password for the new user " + line.user + ": ", password, error))
-    return console.fail("no password for " + line.user + ": " + error, password_exit_code(error));
+  const Exit_Code read =
+      read_password(line.password_file, "Password for the new user " + line.user + ": ", password, error);
+  if (read != EXIT_CODE_DONE)
+    return console.fail("no password for " + line.user + ": " + error, read);
   json_spirit::Value body = json_spirit::Object();
   const Wipe_JSON_Guard wipe_body(body);
   set_value(body.get_obj(), "name", line.user);

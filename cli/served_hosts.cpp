@@ -251,11 +251,11 @@ int served_login(Console& console)
   std::string error;
   secure_string password;
   const Wipe_Guard<secure_string> wipe(password);
-  if (!read_password(line.password_file,
-                     "Password of " + line.user + " at " + instance.name + " on " + host.name + ": ",
-                     password, error))
-    return console.fail("no password for " + line.user + " at " + instance.name + ": " + error,
-                        password_exit_code(error));
+  const Exit_Code read = read_password(
+      line.password_file, "Password of " + line.user + " at " + instance.name + " on " + host.name + ": ",
+      password, error);
+  if (read != EXIT_CODE_DONE)
+    return console.fail("no password for " + line.user + " at " + instance.name + ": " + error, read);
   json_spirit::Value result;
   const bool done = console.call_host(
       host, "instance.login", login_params(instance.name, line.user, password), LOGIN_SECONDS, result);

@@ -3,8 +3,8 @@
 #include "cli/served_json.h"
 
 #include "base/durable_file.h"
-#include "json/wipe_json.h"
 #include "json/json_util.h"
+#include "json/wipe_json.h"
 
 namespace kestrel
 {
@@ -92,10 +92,10 @@ int served_sign_in(const Command_Line& line)
     return EXIT_CODE_FAILED;
   secure_string password;
   const Wipe_Guard<secure_string> wipe(password);
-  if (!read_password(line.password_file, "Password of " + line.user + " at " + credentials.url + ": ",
-                     password, error))
-    return output.fail("no password for " + line.user + " at " + credentials.url + ": " + error,
-                       password_exit_code(error));
+  const Exit_Code read = read_password(
+      line.password_file, "Password of " + line.user + " at " + credentials.url + ": ", password, error);
+  if (read != EXIT_CODE_DONE)
+    return output.fail("no password for " + line.user + " at " + credentials.url + ": " + error, read);
   int code = EXIT_CODE_FAILED;
   if (!ask_for_token(output, credentials, password, code))
     return code;

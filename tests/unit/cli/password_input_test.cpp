@@ -1,7 +1,5 @@
 #include "cli/password_input.h"
 
-#include "cli/exit_code.h"
-
 #include "support/temp_dir.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +13,7 @@ std::string read_from(const std::string& content, std::string& error)
 {
   const Temp_Dir dir;
   secure_string password;
-  return read_password(dir.write("password", content), "", password, error)
+  return read_password(dir.write("password", content), "", password, error) == EXIT_CODE_DONE
              ? std::string(password.begin(), password.end())
              : std::string("<refused>");
 }
@@ -49,11 +47,10 @@ TEST(Password_Input, names_a_file_that_cannot_be_read_and_keeps_the_password_unt
 {
   secure_string password = "before";
   std::string error;
-  EXPECT_FALSE(read_password("/nonexistent/password", "", password, error));
+  EXPECT_EQ(EXIT_CODE_FAILED, read_password("/nonexistent/password", "", password, error));
   EXPECT_EQ("cannot open the password file /nonexistent/password: No such file or directory", error);
   EXPECT_TRUE(password == "before");
   const Temp_Dir dir;
-  EXPECT_FALSE(read_password(dir.path(), "", password, error));
+  EXPECT_EQ(EXIT_CODE_FAILED, read_password(dir.path(), "", password, error));
   EXPECT_EQ("cannot read the password file " + dir.path() + ": Is a directory", error);
-  EXPECT_EQ(EXIT_CODE_FAILED, password_exit_code(error));
 }
