@@ -8,7 +8,8 @@ namespace kestrel
 {
 /// While it lives, SIGINT and SIGTERM end the wait of read() instead of the process, so that whoever asks at
 /// the terminal can put it in order and say what was not done. What was set for the signals comes back with
-/// its end. Threads:   one at a time, main thread only; it does not matter which thread a signal comes to.
+/// its end.
+/// Threads:   one at a time, main thread only; it does not matter which thread a signal comes to.
 /// Ownership: the descriptor stays the caller's.
 class Interruptible_Read
 {
