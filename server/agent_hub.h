@@ -32,7 +32,9 @@ struct Host_Status {
 ///
 /// A host counts as online from its greeting (agent.hello) until its connection ends. A second connection of
 /// a host replaces the first: what still comes over the first is ignored, and calls under way on it fail.
-/// What a host told is kept in the database, so that it is known while the host is away.
+/// What a host told is kept in the database, so that it is known while the host is away. A message of a host
+/// that was revoked, or whose key was replaced, since it connected is refused and ends the connection; one
+/// that says nothing ends with the next drop_revoked().
 /// Threads:   any, several at once. connect() never waits. The listeners are called on threads of the
 ///            dispatcher, hello and job_state of one host in order, and never after stop().
 /// Ownership: the database is not owned and must outlive it. Owns the connections.

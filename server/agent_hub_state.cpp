@@ -141,9 +141,33 @@ bool Agent_Hub::State::greet(Message_Channel& from, const json_spirit::Value& pa
   return true;
 }
 
+/// Hosts are revoked, and their keys replaced, by other processes, so that each message asks the database.
+/// Without its answer the greeting counts: what is revoked meanwhile ends with drop_revoked().
+bool Agent_Hub::State::still_admitted(Message_Channel& from)
+{
+  std::string key_hash;
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    const Host* const host = current(from);
+    if (!host || !host->online())
+      return false;
+    key_hash = host->connection->key_hash;
+  }
+  try {
+    if (store.is_admitted(from.who(), key_hash))
+      return true;
+  } catch (const std::exception& failure) {
+    ACE_ERROR((LM_WARNING, "(%P|%t) Agent_Hub: whether host %C is still enrolled cannot be read: %C\n",
+               from.who().c_str(), database.translate(failure).what()));
+    return true;
+  }
+  from.close("This host is not enrolled any more, or has a new access key.");
+  return false;
+}
+
 bool Agent_Hub::State::take_state(Message_Channel& from, const json_spirit::Value& params)
 {
-  if (params.type() != json_spirit::obj_type)
+  if (params.type() != json_spirit::obj_type || !still_admitted(from))
     return false;
   {
     const std::lock_guard<std::mutex> guard(mutex);
@@ -162,7 +186,7 @@ bool Agent_Hub::State::take_instances(Message_Channel& from, const json_spirit::
   if (params.type() != json_spirit::obj_type)
     return false;
   const json_spirit::Value& told = json_spirit::find_value(params.get_obj(), "instances");
-  if (told.type() != json_spirit::array_type)
+  if (told.type() != json_spirit::array_type || !still_admitted(from))
     return false;
   Host_Record record;
   {

@@ -50,6 +50,7 @@ struct Agent_Hub::State : std::enable_shared_from_this<Agent_Hub::State> {
   static Host_Record greeted(Host& host, const std::string& name, const std::string& version,
                              const std::string& address, json_spirit::Array& instances,
                              const json_spirit::Array& jobs);
+  bool still_admitted(Message_Channel& from);
   bool take_state(Message_Channel& from, const json_spirit::Value& params);
   bool take_instances(Message_Channel& from, const json_spirit::Value& params);
   void ended(const std::string& host_uuid, const Message_Channel* channel, const std::string& why);

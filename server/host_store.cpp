@@ -57,6 +57,15 @@ std::map<std::string, Host_Record> Host_Store::identities()
   return hosts;
 }
 
+bool Host_Store::is_admitted(const std::string& uuid, const std::string& key_hash)
+{
+  int admitted = 0;
+  Server_Database::Lease session = database_.lease();
+  *session << "SELECT count(*) FROM host WHERE uuid = :u AND key_hash = :h AND revoked_at = 0",
+      soci::use(uuid, "u"), soci::use(key_hash, "h"), soci::into(admitted);
+  return admitted != 0;
+}
+
 void Host_Store::save(const Host_Record& host)
 {
   const std::string instances = write_json(host.instances);

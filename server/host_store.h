@@ -34,6 +34,8 @@ public:
   std::vector<Host_Record> load();
   /// Names and keys only, by uuid.
   std::map<std::string, Host_Record> identities();
+  /// Whether the host may be connected with the key of this hash.
+  bool is_admitted(const std::string& uuid, const std::string& key_hash);
   void save(const Host_Record& host);
   void seen(const std::string& uuid, int64_t when);
 

@@ -34,7 +34,8 @@ namespace kestrel
 namespace
 {
 const char* const agent_path = "/k2/w/agent";
-const int REVOKED_CHECK_SECONDS = 5;
+/// How long the connection of a host that was revoked may stay while it says nothing.
+const int REVOKED_CHECK_SECONDS = 1;
 const int PRUNE_SECONDS = 3600;
 /// A turn waits for the disk, and for other processes that write to the database.
 constexpr int64_t STUCK_MSEC = 300 * 1000;

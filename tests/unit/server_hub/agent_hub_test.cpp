@@ -69,6 +69,34 @@ TEST_F(Agent_Hub_Test, a_connection_with_a_former_key_is_dropped_without_a_greet
   EXPECT_FALSE(channel->open());
 }
 
+TEST_F(Agent_Hub_Test, a_message_after_the_revocation_is_not_taken_and_ends_the_connection)
+{
+  const auto state = [](const std::string& word) {
+    return R"("method":"job.state","params":{"id":"j","run_id":"r","state":")" + word + "\"}}";
+  };
+  const auto told = [&] {
+    const json_spirit::Value job = hub_.job_state("u", "j");
+    return json_spirit::find_value(json_spirit::find_value(job.get_obj(), "now").get_obj(), "state").get_str();
+  };
+  const std::string instances = R"("method":"instance.changed","params":{"instances":[{"name":"NEW"}]}})";
+  for (const char* change : {"UPDATE host SET revoked_at = 7", "UPDATE host SET key_hash = 'new'"})
+    for (const std::string& message : {state("succeeded"), instances}) {
+      *store_.database().lease() << "UPDATE host SET revoked_at = 0, key_hash = 'hash'";
+      const auto channel = connect("hash");
+      greet(*channel);
+      ASSERT_EQ(1u, channel->wait_sent(1).size());
+      channel->deliver(R"({"jsonrpc":"2.0","id":2,)" + state("running"));
+      ASSERT_EQ(2u, channel->wait_sent(2).size());
+      ASSERT_EQ("running", told()) << "before, it is taken";
+      *store_.database().lease() << change;
+      channel->deliver(R"({"jsonrpc":"2.0","id":3,)" + message);
+      EXPECT_TRUE(eventually([&] { return !channel->open(); })) << change << message;
+      EXPECT_TRUE(eventually([&] { return !hub_.online("u"); }));
+      EXPECT_EQ("running", told()) << change;
+      EXPECT_TRUE(Host_Store(store_.database()).load().at(0).instances.empty()) << change;
+    }
+}
+
 TEST_F(Agent_Hub_Test, when_a_host_was_seen_last_is_kept_after_it_went)
 {
   const auto channel = connect("hash");
