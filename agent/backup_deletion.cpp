@@ -153,6 +153,7 @@ void Backup_Deletion::connect(const Deleted_Backup& backup, Pool_Info& pool, Dir
     throw Failure(Deletion_Problem::pool, what + "the pool " + pool.name + " does not lie on this machine");
   Client_IO_Base::Options options;
   options.storage_path = pool.storage_path;
+  options.pool_marked = pool.marked;
   if (!is_stored_file_name(backup.file, error) ||
       !back_end.connect(pool.storage_path + "/" + backup.folder, options, error))
     throw Failure(Deletion_Problem::storage, what + error + else_record);

@@ -3,6 +3,7 @@
 #include "storage/back_end.h"
 #include "storage/client_io.h"
 #include "storage/pool.h"
+#include "storage/pool_mark.h"
 #include "storage/random_reader.h"
 
 #include <cerrno>
@@ -87,6 +88,8 @@ bool find_pool_of_backup(const std::string& pool_uuid, Pool_Info& pool, std::str
   else if (pool.back_end.empty() &&
            (::stat(pool.storage_path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)))
     problem = "the directory " + pool.storage_path + " of pool " + pool.name + " is not there";
+  else if (std::string missing; !check_pool_mark(pool, missing))
+    problem = "pool " + pool.name + " cannot be reached: " + missing;
   else
     return true;
   return false;
@@ -97,7 +100,8 @@ bool tells_nothing(const Pool_Info& pool, const std::string& path, const std::st
   const auto has = [&error](const char* text) { return error.find(text) != std::string::npos; };
   if (!pool.back_end.empty())
     return !has(" is damaged: ") && !has("cannot verify ") && !has(" refused: cannot open ");
-  return ::access(path.c_str(), R_OK) != 0 && errno == EACCES;
+  std::string missing;
+  return !check_pool_mark(pool, missing) || (::access(path.c_str(), R_OK) != 0 && errno == EACCES);
 }
 
 namespace

@@ -30,11 +30,11 @@ Verification verify_backup(const Backup_Entry& backup,
                            const std::function<bool()>& cancel_requested);
 
 /// The pool that a backup lies in. False with one sentence in `problem` when nothing can be said of its
-/// backups here: the pool is not known, or its directory is not there.
+/// backups here: the pool is not known, or its directory or its mark is not there.
 [[nodiscard]] bool find_pool_of_backup(const std::string& pool_uuid, Pool_Info& pool, std::string& problem);
 
 /// Whether the failure to read a stored file says nothing about the file itself: this user may not read it,
-/// or a server's pool could not be asked.
+/// the pool went away meanwhile, or a server's pool could not be asked.
 bool tells_nothing(const Pool_Info& pool, const std::string& path, const std::string& error);
 
 /// Looks at the stored file without reading it: whether it is there, as long as the catalog says, and, by its

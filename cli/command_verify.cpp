@@ -96,10 +96,14 @@ int show_results(Session& session, const std::vector<Chain_Verification>& result
   json_spirit::Array list;
   std::vector<std::vector<std::string>> rows = {{"BACKUP", "LEVEL", "INSTANCE", "RESULT", "SIZE", "PROBLEM"}};
   size_t bad_count = 0;
+  size_t unknown_count = 0;
   size_t deleting_count = 0;
   for (const Chain_Verification& result : results) {
     deleting_count += result.backup.deleting ? 1 : 0;
-    bad_count += result.outcome == Chain_Verification::Outcome::good || result.backup.deleting ? 0 : 1;
+    const bool unknown = result.outcome == Chain_Verification::Outcome::unknown;
+    const bool good = result.outcome == Chain_Verification::Outcome::good;
+    unknown_count += unknown && !result.backup.deleting ? 1 : 0;
+    bad_count += unknown || good || result.backup.deleting ? 0 : 1;
     json_spirit::Object object;
     set_value(object, "id", result.backup.id);
     set_value(object, "level", result.backup.level);
@@ -117,8 +121,13 @@ int show_results(Session& session, const std::vector<Chain_Verification>& result
   if (deleting_count != 0)
     std::fprintf(stderr, "kestrel: the deletion of %zu of %zu backups has begun; finish it with kestrel delete\n",
                  deleting_count, results.size());
+  if (unknown_count != 0)
+    std::fprintf(stderr,
+                 "kestrel: %zu of %zu backups were not verified, for the reasons above; that says nothing about "
+                 "them, and nothing was recorded\n",
+                 unknown_count, results.size());
   if (bad_count == 0)
-    return deleting_count == 0 ? EXIT_CODE_DONE : EXIT_CODE_FAILED;
+    return deleting_count + unknown_count == 0 ? EXIT_CODE_DONE : EXIT_CODE_FAILED;
   std::fprintf(stderr,
                "kestrel: %zu of %zu backups could not be verified; make a full backup of their "
                "instances, or export their objects again\n",

@@ -19,6 +19,7 @@
 #include <ace/Log_Msg.h>
 
 #include <csignal>
+#include <set>
 
 namespace oscar
 {
@@ -61,7 +62,7 @@ bool Oscar_Brcmd_Restore_Executor::execute_i(const Values*)
   if (!create_fifo(job_, fifo))
     return false;
   const Client_IO_Base::Options options = storage_options(Storage_Side::RESTORE, def_, COMPRESSION_ZLIB);
-  if (!read_sequence() || !stop_instance())
+  if (!read_sequence() || !pools_are_there() || !stop_instance())
     return false;
   const kestrel::Scope_Guard restart([this] { restart_instance(_oscar_home, _instance); });
   return restore_sets(options, fifo);
@@ -149,6 +150,20 @@ bool Oscar_Brcmd_Restore_Executor::read_sequence()
     raise_physical_alert(job_, 18);
     ACE_ERROR((LM_ERROR, "Invalid backup set size\n"));
     return false;
+  }
+  return true;
+}
+
+/// A pool that is not known, or only cannot be asked, is met when its first file is needed.
+bool Oscar_Brcmd_Restore_Executor::pools_are_there()
+{
+  std::set<std::string> seen;
+  for (const Restore_Set& set : _sets) {
+    Pool_Info pool;
+    std::string unknown;
+    if (seen.insert(set.pool_uuid).second && kestrel::look_up_pool(set.pool_uuid, pool, unknown) &&
+        !pool_is_there(job_, pool))
+      return false;
   }
   return true;
 }

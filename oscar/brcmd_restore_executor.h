@@ -45,6 +45,7 @@ private:
   bool choose_backup();
   bool find_instance();
   bool read_sequence();
+  bool pools_are_there();
   bool stop_instance();
   bool restore_sets(const Client_IO_Base::Options& options, Stream_Fifo& fifo);
   bool restore_set(const Restore_Set& set, const Client_IO_Base::Options& options, Stream_Fifo& fifo,

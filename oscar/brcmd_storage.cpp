@@ -3,6 +3,7 @@
 #include "jobs/job.h"
 #include "oscar/brcmd_common.h"
 #include "oscar/storage_options.h"
+#include "storage/pool_mark.h"
 
 #include <ace/Log_Msg.h>
 
@@ -18,11 +19,21 @@ bool open_failed(Job& job, const std::string& file, const std::string& why)
 }
 } // namespace
 
+bool pool_is_there(Job& job, const Pool_Info& pool)
+{
+  std::string missing;
+  if (kestrel::check_pool_mark(pool, missing))
+    return true;
+  raise_physical_alert(job, 13);
+  ACE_ERROR((LM_ERROR, "Failed to connect to storage: %s.\n", missing.c_str()));
+  return false;
+}
+
 bool find_pool(Job& job, const std::string& pool_uuid, Pool_Info& pool)
 {
   if (get_pool_info(pool_uuid, job.definition().target().device_id(), pool, false, 0, nullptr, true, nullptr,
                     nullptr, false))
-    return true;
+    return pool_is_there(job, pool);
   raise_physical_alert(job, 11);
   ACE_ERROR((LM_ERROR, "Failed to get pool info.\n"));
   return false;

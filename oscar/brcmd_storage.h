@@ -17,7 +17,11 @@ namespace oscar
 
 enum class Storage_Side { BACKUP, RESTORE };
 
-/// Address of the pool; `pool` is untouched on failure.
+/// Whether the pool of this host carries its mark; that of another host is taken to be there. Without it
+/// nothing was done yet: no instance needs to be stopped for a job that cannot store or read a byte.
+[[nodiscard]] bool pool_is_there(Job& job, const Pool_Info& pool);
+
+/// Address of a pool that is there. On failure `pool` is untouched, or that of the pool which is not there.
 [[nodiscard]] bool find_pool(Job& job, const std::string& pool_uuid, Pool_Info& pool);
 
 /// What the options hold before a pool is known. A reader does not go by the compression method: stored files

@@ -4,6 +4,7 @@
 #include "jobs/job_alert.h"
 #include "jobs/tool_watch.h"
 #include "oscar/utils_progress.h"
+#include "storage/pool_mark.h"
 
 #include <ace/Log_Msg.h>
 
@@ -28,8 +29,14 @@ void raise_logical_alert(Job& job, int code)
 
 bool find_pool(Job& job, const std::string& pool_id, const std::string& device_id, Pool_Info& pool)
 {
-  if (get_pool_info(pool_id, device_id, pool, false, 0, nullptr, true, nullptr, nullptr, false))
-    return true;
+  if (get_pool_info(pool_id, device_id, pool, false, 0, nullptr, true, nullptr, nullptr, false)) {
+    std::string missing;
+    if (kestrel::check_pool_mark(pool, missing))
+      return true;
+    raise_logical_alert(job, ALERT_STEP);
+    ACE_ERROR((LM_ERROR, "Failed to connect to storage: %s.\n", missing.c_str()));
+    return false;
+  }
   raise_logical_alert(job, ALERT_POOL);
   ACE_ERROR((LM_ERROR, "Failed to get pool info.\n"));
   return false;

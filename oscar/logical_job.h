@@ -26,7 +26,7 @@ enum Logical_Alert : int {
   ALERT_INSTANCE = 20
 };
 
-/// Looks a pool up; false = failed, alert raised and logged.
+/// Looks a pool up that is there: one of this host carries its mark. False = failed, alert raised and logged.
 [[nodiscard]] bool find_pool(Job& job, const std::string& pool_id, const std::string& device_id,
                              Pool_Info& pool);
 

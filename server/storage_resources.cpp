@@ -70,7 +70,7 @@ std::unique_ptr<Stored_File_Reader> open_place(File_Place& place)
   std::unique_ptr<Stored_File_Reader> file = place.back_end.open(place.name, error);
   if (file)
     return file;
-  const bool missing = !exists(place.path());
+  const bool missing = errno != EHOSTUNREACH && !exists(place.path());
   throw REST_Error(missing ? 404 : 507, missing ? "not_found" : "storage", error);
 }
 } // namespace

@@ -91,6 +91,7 @@ void connect_folder(Storage_Back_End& back_end, const Pool_Info& pool, const std
     throw REST_Error(409, "pool", "the pool " + pool.name + " does not lie on this server");
   Client_IO_Base::Options options;
   options.storage_path = pool.storage_path;
+  options.pool_marked = pool.marked;
   // What is confirmed must survive this process, so it goes to the kernel at once: a limited stream is not
   // gathered for writes past the page cache.
   options.rate_limits.write_limit(~uint64_t(0));

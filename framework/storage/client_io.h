@@ -38,6 +38,7 @@ public:
     // The pool's address, written by set_options_by_pool().
     std::string back_end;
     std::string storage_path;
+    bool pool_marked = false;
     std::string host;
     unsigned short port = 0;
     bool tls = false;
@@ -112,8 +113,9 @@ public:
   enum { MODE_READ = 1, MODE_WRITE = 2 };
 
   /// Selects the folder "<pool storage path>/<source id>". The pool's own directory must exist: it is never
-  /// made, so that a missing mount cannot fill the disk below it. The source's folder is made by the first
-  /// write.
+  /// made, so that a missing mount cannot fill the disk below it. For the same reason a pool that was marked
+  /// must carry its mark, here and whenever a file is opened or removed. The source's folder is made by the
+  /// first write.
   bool connect(const std::string& location, const Client_IO_Base::Options& options);
 
   /// Mode 2 creates the file for writing, mode 1 reads it from its first byte. The last two arguments are

@@ -3,6 +3,7 @@
 #include "base/file_system.h"
 #include "storage/directory_files.h"
 #include "storage/file_error.h"
+#include "storage/pool_mark.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -75,11 +76,18 @@ bool Directory_Back_End::connect(const std::string& location, const Client_IO_Ba
     error = file_error("use the pool directory", pool_path, failure != 0 ? failure : ENOTDIR);
     return false;
   }
+  if (options.pool_marked && !check_pool_mark(pool_path, error))
+    return false;
   options_ = options;
   pool_path_ = pool_path;
   folder_ = folder;
   location_ = location;
   return true;
+}
+
+bool Directory_Back_End::check_mark(std::string& error)
+{
+  return !options_.pool_marked || check_pool_mark(pool_path_, error);
 }
 
 bool Directory_Back_End::make_folder(std::string& error)
@@ -109,7 +117,7 @@ std::unique_ptr<Stored_File_Writer> Directory_Back_End::create(const std::string
   errno = EINVAL;
   if (!is_stored_file_name(name, error))
     return nullptr;
-  if (!make_folder(error)) {
+  if (!check_mark(error) || !make_folder(error)) {
     errno = EIO;
     return nullptr;
   }
@@ -122,13 +130,17 @@ std::unique_ptr<Stored_File_Reader> Directory_Back_End::open(const std::string& 
 {
   if (!is_stored_file_name(name, error))
     return nullptr;
+  if (!check_mark(error)) {
+    errno = EHOSTUNREACH;
+    return nullptr;
+  }
   const std::string path = location_ + "/" + name;
   return open_directory_file(path, error);
 }
 
 bool Directory_Back_End::remove(const std::string& name, std::string& error)
 {
-  if (!is_stored_file_name(name, error))
+  if (!is_stored_file_name(name, error) || !check_mark(error))
     return false;
   const std::string path = location_ + "/" + name;
   // The data file goes first: a side file alone is never taken for a backup.

@@ -12,7 +12,8 @@ namespace kestrel
 /// Limits:  local and network file systems with rename and fsync; locks between writers of one name hold as
 ///          far as the file system's flock does.
 /// Threads: as Storage_Back_End.
-/// Errors:  as Storage_Back_End.
+/// Errors:  as Storage_Back_End. A pool that is not there (no directory, or not its mark) fails every call, and
+///          nothing is made in its place; open() says EHOSTUNREACH then.
 /// Crash:   the side file gets its name before the data file, so a visible NAME always has the right
 ///          NAME.meta. When a file is replaced, the old one is removed first: for a moment only NAME.partial
 ///          exists.
@@ -28,6 +29,9 @@ public:
 
 private:
   bool make_folder(std::string& error);
+  /// False with `error` when the pool has a mark and that is not there. Looked at each time: a file system may
+  /// be unmounted between two files.
+  bool check_mark(std::string& error);
 
   Client_IO_Base::Options options_;
   std::string pool_path_;

@@ -19,7 +19,9 @@ Pool_Finder& current_finder()
   return *finder;
 }
 
-bool find_pool(const std::string& pool_id, Pool_Info& info, std::string& error)
+} // namespace
+
+bool look_up_pool(const std::string& pool_id, Pool_Info& info, std::string& error)
 {
   Pool_Finder finder;
   {
@@ -36,7 +38,6 @@ bool find_pool(const std::string& pool_id, Pool_Info& info, std::string& error)
   }
   return false;
 }
-} // namespace
 
 void set_pool_finder(Pool_Finder finder)
 {
@@ -50,7 +51,7 @@ bool get_pool_info(const std::string& pool_id, const std::string& device_id, Poo
 {
   Pool_Info found;
   std::string error;
-  if (!kestrel::find_pool(pool_id, found, error)) {
+  if (!kestrel::look_up_pool(pool_id, found, error)) {
     ACE_ERROR((LM_ERROR, "(%P|%t) get_pool_info: %C\n", error.c_str()));
     return false;
   }
@@ -65,6 +66,7 @@ bool set_options_by_pool(Client_IO_Base::Options& options, const Pool_Info& info
     return false;
   options.back_end = info.back_end;
   options.storage_path = info.storage_path;
+  options.pool_marked = info.marked;
   options.host = info.host;
   options.port = info.port;
   options.tls = info.tls;

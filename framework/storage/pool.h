@@ -15,6 +15,8 @@ struct Pool_Info {
   std::string back_end;
   /// Absolute directory of the pool, without a slash at the end.
   std::string storage_path;
+  /// Whether that directory carries a mark, without which it is not used (storage/pool_mark.h).
+  bool marked = false;
   std::string host;
   unsigned short port = 0;
   bool tls = false;
@@ -33,6 +35,9 @@ struct Pool_Info {
 
 namespace kestrel
 {
+/// The same look-up, with `error` in place of the log line and without the device.
+[[nodiscard]] bool look_up_pool(const std::string& pool_id, Pool_Info& info, std::string& error);
+
 /// Finds a pool by its id: true and `info` filled (device_id excepted), or false and `error` filled.
 typedef std::function<bool(const std::string& pool_id, Pool_Info& info, std::string& error)> Pool_Finder;
 

@@ -6,6 +6,7 @@
 #include "base/path_conf.h"
 #include "base/uuid.h"
 #include "storage/file_error.h"
+#include "storage/pool_mark.h"
 #include "json/json_util.h"
 
 #include <algorithm>
@@ -92,6 +93,8 @@ json_spirit::Object pool_object(const Pool_Info& pool)
   object.push_back(Pair("path", pool.storage_path));
   if (!pool.back_end.empty())
     object.push_back(Pair("back_end", pool.back_end));
+  if (pool.marked)
+    object.push_back(Pair("marked", true));
   return object;
 }
 
@@ -103,6 +106,7 @@ Pool_Info pool_from(const json_spirit::Object& object)
   pool.name = required<std::string>(object, "name");
   pool.storage_path = required<std::string>(object, "path");
   optional(object, "back_end", pool.back_end);
+  optional(object, "marked", pool.marked);
   return pool;
 }
 } // namespace
@@ -203,6 +207,10 @@ bool Pool_Registry::add(const std::string& name, const std::string& path, Pool_I
         continue;
       return false;
     }
+    pool.marked = set_pool_mark(pool.storage_path, reason);
+    if (!pool.marked && errno != EROFS)
+      return false;
+    reason.clear();
     content.pools.push_back(pool);
     if (content.pools.size() == 1)
       content.default_id = pool.pool_id;

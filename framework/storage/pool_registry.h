@@ -23,14 +23,18 @@ public:
 
   /// Adds a pool. `name` is unique and made of letters, digits, '.', '_' and '-' (at most 64, the first a
   /// letter or digit, not the form of an id). `path` names an existing directory other than the root and is
-  /// made absolute without following links; no two pools share a directory. The first pool becomes the
-  /// default.
+  /// made absolute without following links; no two pools of one list share a directory. The first pool becomes
+  /// the default. The directory gets its mark (storage/pool_mark.h) before the pool is stored, so that no pool
+  /// of the list lacks a mark that it remembers; a failure after that leaves the mark, which does no harm. One
+  /// on a file system that can only be read, and has no mark, is added without: no backup can go into it.
   [[nodiscard]] bool add(const std::string& name, const std::string& path, Pool_Info& added,
                          std::string& error);
-  /// Forgets a pool, by id or name; its files are left alone. Another pool becomes the default only when it
-  /// is the last one left.
+  /// Forgets a pool, by id or name; its files are left alone, and its mark: the directory may be a pool of
+  /// another list, which would then refuse it. Another pool becomes the default only when it is the last one
+  /// left.
   [[nodiscard]] bool remove(const std::string& id_or_name, std::string& error);
-  /// All pools, in the order in which they were added. A list that does not exist yet is empty.
+  /// All pools, in the order in which they were added. Those of releases before there were marks have none
+  /// and are used as they are. A list that does not exist yet is empty.
   [[nodiscard]] bool list(std::vector<Pool_Info>& pools, std::string& error) const;
   /// The pool with this id or, failing that, this name.
   [[nodiscard]] bool find(const std::string& id_or_name, Pool_Info& info, std::string& error) const;

@@ -7,7 +7,7 @@
 . "$(dirname "$0")/server_support.sh"
 name=CONSDEL$$
 
-files() { find "$1" -type f | wc -l; }
+files() { find "$1" -type f -not -name .kestrel-pool | wc -l; }
 ids() { "$kestrel" --json backups | jq -r '[.backups[].id] | join(" ")'; }
 
 make_instance "$name" 5 on

@@ -71,6 +71,19 @@ mv "$pool" "$pool.away"
 run 1 "$kestrel" backup "$name"
 said "$pool"
 run 1 "$kestrel" verify
+mkdir "$pool" # as the empty mount point of a file system that is not mounted
+run 1 "$kestrel" backup "$name"
+said "its mark $pool/.kestrel-pool is missing; mount the pool's file system"
+run 1 "$kestrel" verify
+said "pool main cannot be reached"
+said "were not verified, .* nothing was recorded"
+run 1 "$kestrel" delete latest --yes
+said "mount the pool's file system"
+run 1 "$kestrel" restore latest --yes
+said "mount the pool's file system"
+run 0 "$kestrel" --json backups
+equal "$(value '[.backups[] | select(.state != "available")] | length')" 0 "backups judged without their pool"
+rmdir "$pool" || fail "something was stored in the mount point"
 mv "$pool.away" "$pool"
 still_fine
 if [ "$(id -u)" -eq 0 ]; then
@@ -84,8 +97,11 @@ if [ "$(id -u)" -eq 0 ]; then
   run 1 "$kestrel" backup "$name" --pool small
   said "Read-only file system"
   still_fine
-  run 0 "$kestrel" pool remove small
   umount "$work/tmpfs"
+  run 1 "$kestrel" backup "$name" --pool small
+  said "mount the pool's file system"
+  equal "$(find "$work/tmpfs" | wc -l)" 1 "what lies in the mount point: itself"
+  run 0 "$kestrel" pool remove small
 else
   left_out "a full pool, and a catalog without room: only root can mount them"
 fi

@@ -1,4 +1,5 @@
 #include "support/physical_bench.h"
+#include "support/unmounted.h"
 
 #include "catalog/catalog_admin.h"
 #include "instances/instance_registry.h"
@@ -286,6 +287,23 @@ TEST(Physical_Backup, starts_the_server_again_when_the_offline_backup_fails)
   EXPECT_FALSE(server.running());
   EXPECT_EQ(1u, bench.starts());
   bench.log.expect(LM_ERROR, "Failed to get backup info head");
+}
+
+TEST(Physical_Backup, leaves_the_server_alone_when_the_pool_is_not_mounted)
+{
+  Physical_Bench bench;
+  bench.set_isql("NOARCHIVELOG");
+  const Fake_Server server(bench.dir, "wait_file " + (bench.dir / "shutdown"));
+  std::vector<int> alerts;
+  {
+    const Unmounted unmounted(bench.pool_dir);
+    EXPECT_EQ(JOB_STATE_ERROR, bench.run(bench.backup_fields(), &alerts));
+  }
+  EXPECT_EQ(std::vector<int>{13}, alerts);
+  bench.log.expect(LM_ERROR, "Failed to connect to storage: cannot use the pool directory " + bench.pool_dir);
+  EXPECT_TRUE(server.running());
+  EXPECT_TRUE(bench.rows().empty());
+  bench.back_up();
 }
 
 TEST(Physical_Backup, counts_a_server_that_is_not_running_as_stopped)

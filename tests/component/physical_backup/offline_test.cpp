@@ -1,5 +1,7 @@
 #include "support/physical_bench.h"
 
+#include "base/scope_guard.h"
+#include "storage/directory_back_end.h"
 #include "support/fake_tool.h"
 
 #include <gtest/gtest.h>
@@ -14,6 +16,16 @@ namespace
 typedef std::vector<int> Codes;
 
 const unsigned FAST = 100;
+
+class Refusing_Back_End : public kestrel::Directory_Back_End
+{
+public:
+  bool connect(const std::string&, const Client_IO_Base::Options&, std::string& error) override
+  {
+    error = "it refuses";
+    return false;
+  }
+};
 
 /// An instance without archive logging, whose server ends when it is asked to and whose start command looks
 /// around: the FIFO must still be there, and brcmd must be gone.
@@ -111,7 +123,9 @@ TEST(Physical_Offline, the_server_is_started_again_when_the_storage_refuses)
 {
   Offline_Bench bench;
   bench.set_backup(bench.good_backup());
-  ASSERT_EQ(0, ::rename(bench.pool_dir.c_str(), (bench.pool_dir + ".away").c_str()));
+  // A pool that is not there is noticed before the server is stopped; this one is, and takes nothing.
+  kestrel::register_storage_back_end("", [] { return std::make_unique<Refusing_Back_End>(); });
+  const kestrel::Scope_Guard forget([] { kestrel::register_storage_back_end("", nullptr); });
   const Fake_Server server(bench.dir, bench.obedient_server());
   Codes alerts;
   EXPECT_EQ(JOB_STATE_ERROR, bench.run(bench.backup_fields(), &alerts));

@@ -6,6 +6,7 @@
 #include "oscar/restore_job_source.h"
 #include "storage/pool_registry.h"
 #include "support/fake_tool.h"
+#include "support/unmounted.h"
 
 #include <gtest/gtest.h>
 
@@ -161,6 +162,23 @@ TEST(Physical_Restore, does_not_stop_the_server_for_a_broken_chain)
   EXPECT_EQ(Codes{18}, alerts);
   bench.log.expect_exactly(LM_ERROR, "Invalid backup set size\n");
   EXPECT_TRUE(server.running());
+}
+
+TEST(Physical_Restore, leaves_the_server_alone_when_the_pool_is_not_mounted)
+{
+  Physical_Bench bench;
+  bench.back_up();
+  const Fake_Server server(bench.dir, "hang");
+  Codes alerts;
+  {
+    const Unmounted unmounted(bench.pool_dir);
+    EXPECT_EQ(JOB_STATE_ERROR, bench.run(bench.restore_fields("full-1"), &alerts));
+  }
+  EXPECT_EQ(Codes{13}, alerts);
+  bench.log.expect(LM_ERROR, "Failed to connect to storage: cannot use the pool directory " + bench.pool_dir);
+  EXPECT_TRUE(server.running());
+  EXPECT_EQ(0u, bench.starts());
+  EXPECT_EQ(JOB_STATE_COMPLETED, bench.run(bench.restore_fields("full-1")));
 }
 
 TEST(Physical_Restore, takes_the_pool_that_the_job_names)

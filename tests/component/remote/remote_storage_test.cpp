@@ -2,7 +2,9 @@
 
 #include "json/json_util.h"
 #include "storage/directory_back_end.h"
+#include "storage/pool_mark.h"
 #include "storage/side_file.h"
+#include "support/unmounted.h"
 
 #include <cerrno>
 #include <filesystem>
@@ -164,7 +166,26 @@ TEST_F(Remote_Storage, refuses_names_and_folders_that_lead_elsewhere)
     EXPECT_EQ(400, ask("POST", "uploads", std::string("{\"upload\":\"") + id + "\",\"pool\":\"" + pool_.pool_id +
                                               "\",\"folder\":\"source\",\"name\":\"n\",\"overwrite\":true}"))
         << id;
-  EXPECT_TRUE(names_in(pool_.storage_path).empty());
+  EXPECT_EQ(std::vector<std::string>{POOL_MARK}, names_in(pool_.storage_path));
+}
+
+TEST_F(Remote_Storage, refuses_a_pool_that_is_not_mounted)
+{
+  ASSERT_TRUE(store("f", "abc")) << error_;
+  {
+    const Unmounted unmounted(pool_.storage_path);
+    const auto told = [this] { return error_.find("mount the pool's file system") != std::string::npos; };
+    EXPECT_FALSE(store("g", "def"));
+    EXPECT_TRUE(told()) << error_;
+    EXPECT_EQ("", fetch("f"));
+    EXPECT_TRUE(told()) << error_;
+    EXPECT_FALSE(remove("f"));
+    EXPECT_TRUE(told()) << error_;
+    // Neither a missing file nor one that is gone: those of a connection made before are told the same.
+    for (const char* method : {"GET", "DELETE"})
+      EXPECT_EQ(507, ask(method, "storage/" + pool_.pool_id + "/source/f"));
+  }
+  EXPECT_EQ("abc", fetch("f")) << error_;
 }
 
 TEST_F(Remote_Storage, is_for_agents_only)

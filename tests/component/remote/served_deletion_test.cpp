@@ -3,6 +3,7 @@
 #include "catalog/backup_set.h"
 #include "server/recent_reads.h"
 #include "support/scoped_env.h"
+#include "support/unmounted.h"
 #include "json/json_util.h"
 
 #include <cerrno>
@@ -313,6 +314,21 @@ TEST_F(Served_Deletion, stays_inside_the_pool)
     EXPECT_TRUE(is_available("bad"));
     ASSERT_EQ(200, erase("bad", "admin", "?keep_file=1"));
   }
+}
+
+TEST_F(Served_Deletion, does_not_begin_in_a_pool_that_is_not_mounted)
+{
+  back_up("full");
+  {
+    const Unmounted unmounted(pool_.storage_path);
+    ASSERT_EQ(507, erase("full"));
+    EXPECT_NE(std::string::npos, message().find("mount the pool's file system")) << message();
+    EXPECT_TRUE(is_available("full"));
+    EXPECT_EQ("", reason("full"));
+  }
+  EXPECT_TRUE(has_file("full"));
+  EXPECT_EQ(200, erase("full"));
+  EXPECT_FALSE(has_file("full"));
 }
 
 TEST_F(Served_Deletion, waits_for_a_restore_of_the_chain)

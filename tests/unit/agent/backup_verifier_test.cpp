@@ -5,6 +5,7 @@
 #include "support/log_capture.h"
 #include "support/scoped_env.h"
 #include "support/temp_dir.h"
+#include "support/unmounted.h"
 
 #include <gtest/gtest.h>
 
@@ -149,6 +150,21 @@ TEST_F(Backup_Verifier, judges_nothing_in_a_pool_that_is_away)
   EXPECT_EQ(Outcome::unknown, probed());
   EXPECT_EQ(Outcome::unknown, verified());
   EXPECT_NE(std::string::npos, probe_.problem.find(pool_path_)) << probe_.problem;
+}
+
+TEST_F(Backup_Verifier, judges_nothing_in_the_empty_mount_point_of_a_pool)
+{
+  const std::string missing = path("B1") + ".gone";
+  EXPECT_FALSE(tells_nothing(pool_, missing, "")) << "a file is missing in a pool that is there";
+  {
+    const Unmounted unmounted(pool_path_);
+    EXPECT_EQ(Outcome::unknown, probed());
+    EXPECT_EQ(Outcome::unknown, verified());
+    for (const std::string& problem : {probe_.problem, verification_.problem})
+      EXPECT_EQ(0u, problem.find("pool main cannot be reached: cannot use the pool directory " + pool_path_)) << problem;
+    EXPECT_TRUE(tells_nothing(pool_, missing, "")) << "unmounted while it was verified";
+  }
+  EXPECT_EQ(Outcome::good, verified()) << verification_.problem;
 }
 
 TEST_F(Backup_Verifier, judges_nothing_in_a_pool_that_is_not_known)

@@ -158,8 +158,12 @@ TEST_F(Export_Verifier, does_not_judge_what_it_cannot_reach)
   backup.pool_uuid = "other";
   EXPECT_EQ(Outcome::unknown, verify(backup).outcome);
   EXPECT_EQ(Outcome::unknown, verify_export(entry(), nullptr, [] { return true; }).outcome);
+  pool_.marked = true;
+  Verification result = verify(entry());
+  EXPECT_EQ(Outcome::unknown, result.outcome);
+  EXPECT_NE(std::string::npos, result.problem.find("cannot be reached")) << result.problem;
   std::filesystem::rename(pool_.storage_path, root_ / "unmounted");
-  const Verification result = verify(entry());
+  result = verify(entry());
   EXPECT_EQ(Outcome::unknown, result.outcome);
   EXPECT_NE(std::string::npos, result.problem.find("is not there")) << result.problem;
 }
