@@ -6,6 +6,7 @@
 #include "component/server_hub/server_fixture.h"
 #include "oscar/backup_job_source.h"
 #include "oscar/restore_job_source.h"
+#include "storage/pool_mark.h"
 #include "support/fake_tool.h"
 
 #include <filesystem>
@@ -114,13 +115,13 @@ protected:
     EXPECT_EQ(0, status_of(reply)) << kestrel::write_json(reply);
     return list_of(reply, "rows").size();
   }
-  /// The files in the server's pool and of its unfinished uploads.
+  /// The files in the server's pool, but its mark, and of its unfinished uploads.
   std::set<std::string> kept() const
   {
     std::set<std::string> names;
     for (const std::string& folder : {pool_dir_, root_ / "var/opt/tarnvik/kestrel3/server/uploads"})
       for (const auto& entry : std::filesystem::recursive_directory_iterator(folder))
-        if (entry.is_regular_file())
+        if (entry.is_regular_file() && entry.path().filename() != kestrel::POOL_MARK)
           names.insert(entry.path());
     return names;
   }
