@@ -37,22 +37,25 @@ class Plain_Level
 {
 public:
   Plain_Level()
+      : ready_(context_ != nullptr &&
+               !ZSTD_isError(ZSTD_CCtx_setParameter(context_, ZSTD_c_compressionLevel, 1)) &&
+               !ZSTD_isError(ZSTD_CCtx_setParameter(context_, ZSTD_c_checksumFlag, 1)))
   {
-    ZSTD_CCtx_setParameter(context_, ZSTD_c_compressionLevel, 1);
-    ZSTD_CCtx_setParameter(context_, ZSTD_c_checksumFlag, 1);
   }
   ~Plain_Level() { ZSTD_freeCCtx(context_); }
   Plain_Level(const Plain_Level&) = delete;
   Plain_Level& operator=(const Plain_Level&) = delete;
 
+  /// The size of the frame; 0 when the library failed.
   size_t compress(const char* data, unsigned n, std::string& out)
   {
-    const size_t size = ZSTD_compress2(context_, &out[0], out.size(), data, n);
+    const size_t size = ready_ ? ZSTD_compress2(context_, &out[0], out.size(), data, n) : 0;
     return ZSTD_isError(size) ? 0 : size;
   }
 
 private:
-  ZSTD_CCtx* context_ = ZSTD_createCCtx();
+  ZSTD_CCtx* const context_ = ZSTD_createCCtx();
+  const bool ready_;
 };
 
 template <typename Compress> bool measure(const Compress& compress, Total& total)
